@@ -1,0 +1,1 @@
+// placeholder: the libusb-1.0 API over virtual adapters
