@@ -108,6 +108,86 @@ VARNEL_API bool USB_WaitResume(DevHandle DevHandle, int TimeOutMs);
 
 /* ===== Firmware image files ================================================================= */
 
+/* Motorola S-records, Intel HEX and address/value text become an array of contiguous segments;
+ * segments become a flat binary image. Pure data calls: no device, no lock, no thread.
+ * Addresses count in units of 1, 2 or 4 bytes; a segment covers StartAddr to
+ * StartAddr + DataLen / unit - 1. See docs/hexfile.md for the bounds below. */
+#pragma pack(push, 1)
+typedef struct HEXFILE_SEGMENT {
+  uint32_t StartAddr; /* in address units; 0xFFFFFFFF = unused entry */
+  uint32_t DataLen;   /* bytes */
+  uint8_t* pData;     /* malloc'ed by the converters, released by hexfile_free_data */
+} HEXFILE_SEGMENT;
+VARNEL_STATIC_ASSERT(sizeof(HEXFILE_SEGMENT) == 16, "HEXFILE_SEGMENT is 16 bytes");
+#pragma pack(pop)
+
+/* Longest line the converters accept, terminator excluded; a longer line fails the conversion. */
+#define VARNEL_HEXFILE_MAX_LINE 1024
+/* Largest file hexfile_load_file reads (64 MiB); larger files give -1 and touch no buffer byte. */
+#define VARNEL_HEXFILE_MAX_FILE (64 * 1024 * 1024)
+/* Largest image the image calls produce (1 GiB); a larger one gives 0 and writes nothing. */
+#define VARNEL_HEXFILE_MAX_IMAGE (1024 * 1024 * 1024)
+
+/* Reads the whole file into buffer (no terminator is added). Returns its size, or -1 if it cannot
+ * be opened or read or is larger than VARNEL_HEXFILE_MAX_FILE. */
+VARNEL_API int hexfile_load_file(const char* path, char* buffer);
+/* Converters: fill at most max_segments entries (all of them are reset first) and return the
+ * number of segments, or 0 on a checksum error, a malformed or overlong line, a bad text field,
+ * too many segments or a bad argument. Data already allocated stays in the array either way:
+ * release it with hexfile_free_data(segments, max_segments). */
+VARNEL_API int hexfile_convert_s19(const char* text, int32_t length, HEXFILE_SEGMENT* segments,
+                                   uint32_t max_segments, int8_t unit);
+VARNEL_API int hexfile_convert_ihx(const char* text, int32_t length, HEXFILE_SEGMENT* segments,
+                                   uint32_t max_segments, int8_t unit);
+VARNEL_API int hexfile_convert_txt(const char* text, int32_t length, HEXFILE_SEGMENT* segments,
+                                   uint32_t max_segments, int8_t unit);
+/* Frees every non-null pData and clears it (pData NULL, DataLen 0). Returns 0. */
+VARNEL_API int hexfile_free_data(HEXFILE_SEGMENT* segments, int32_t count);
+/* Sorts the segments by StartAddr in place and writes them to a file: gaps as 0xFF bytes when
+ * fill_gaps is non-zero, otherwise only the first contiguous run. Returns the bytes written, 0 on
+ * bad arguments or overlapping segments (no file is created), -1 if the file cannot be written. */
+VARNEL_API int hexfile_save_image(const char* path, HEXFILE_SEGMENT* segments, uint32_t count,
+                                  int8_t unit, int8_t fill_gaps);
+/* Sorts the segments in place and writes the image, gaps filled with fill_byte, to output, which
+ * must hold the whole image (VARNEL_hexfile_convert_image_n tells its size). Returns the bytes
+ * written, 0 on bad arguments or overlapping segments. */
+VARNEL_API int hexfile_convert_image(uint8_t* output, HEXFILE_SEGMENT* segments, int32_t count,
+                                     int8_t unit, int8_t fill_byte);
+
+/* Extensions with bounds the calls above cannot take. */
+
+/* Bounded file load: reads the file into buffer, which holds capacity bytes. Returns the size,
+ * -1 if the file cannot be opened or read, -2 if it is larger than capacity (the buffer may then
+ * hold its first capacity bytes). With buffer NULL only the size is returned (-2 above INT_MAX
+ * or for a file that cannot be sized without reading it past VARNEL_HEXFILE_MAX_FILE). */
+VARNEL_API int VARNEL_hexfile_load_file_n(const char* path, char* buffer, size_t capacity);
+/* Bounded hexfile_convert_image: sorts the segments in place; with output NULL returns the image
+ * size only; returns -2 (writing nothing) if the image is larger than capacity. */
+VARNEL_API int VARNEL_hexfile_convert_image_n(uint8_t* output, size_t capacity,
+                                              HEXFILE_SEGMENT* segments, int32_t count, int8_t unit,
+                                              int8_t fill_byte);
+
+/* Line check: goes through every line instead of stopping at the first bad one, for tools that
+ * report where a file is broken. Kinds of problem: */
+#define VARNEL_HEXFILE_S19 1
+#define VARNEL_HEXFILE_IHX 2
+#define VARNEL_HEXFILE_TXT 3
+#define VARNEL_HEXFILE_BAD_CHECKSUM 1 /* record checksum does not match */
+#define VARNEL_HEXFILE_MALFORMED 2    /* truncated record, bad hex digit, stray characters */
+#define VARNEL_HEXFILE_OVERLONG 3     /* line longer than VARNEL_HEXFILE_MAX_LINE */
+#define VARNEL_HEXFILE_BAD_FIELD 4    /* text line: missing or bad address/value field */
+#pragma pack(push, 1)
+typedef struct VARNEL_HEXFILE_PROBLEM {
+  uint32_t Line; /* 1-based line number */
+  int32_t Kind;  /* VARNEL_HEXFILE_BAD_CHECKSUM ... */
+} VARNEL_HEXFILE_PROBLEM;
+VARNEL_STATIC_ASSERT(sizeof(VARNEL_HEXFILE_PROBLEM) == 8, "VARNEL_HEXFILE_PROBLEM is 8 bytes");
+#pragma pack(pop)
+/* Returns the number of bad lines (storing the first max_problems of them), or -1 for a bad
+ * argument (unknown format, NULL text with a length, negative length). */
+VARNEL_API int VARNEL_hexfile_check(const char* text, int32_t length, int32_t format,
+                                    VARNEL_HEXFILE_PROBLEM* problems, uint32_t max_problems);
+
 /* ===== GPIO ================================================================================= */
 
 /* ===== Library extensions (settings outside the adapter families) =========================== */
