@@ -5,6 +5,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "varnel.h"
 
@@ -35,9 +36,15 @@ class LockRegistry {
     mutex->unlock();
   }
 
+  // The erased mutex may still be held by a thread that locked it before the cleanup; it is
+  // retired rather than destroyed, since destroying a held mutex is undefined. One small object
+  // per cleanup of a key that was ever locked.
   void erase(uint32_t handle, uint32_t channel) {
     std::lock_guard guard(guard_);
-    mutexes_.erase(key(handle, channel));
+    auto it = mutexes_.find(key(handle, channel));
+    if (it == mutexes_.end()) return;
+    if (it->second) retired_.push_back(std::move(it->second));
+    mutexes_.erase(it);
   }
 
  private:
@@ -47,16 +54,35 @@ class LockRegistry {
 
   std::mutex guard_;
   std::map<uint64_t, std::shared_ptr<std::recursive_mutex>> mutexes_;
+  std::vector<std::shared_ptr<std::recursive_mutex>> retired_;
 };
 
 // Function-local statics: usable from static constructors of other files and never destroyed
 // before a late unlock at process exit.
-LockRegistry& device_registry() { static auto* r = new LockRegistry; return *r; }
-LockRegistry& can_channel_registry() { static auto* r = new LockRegistry; return *r; }
-LockRegistry& can_data_registry() { static auto* r = new LockRegistry; return *r; }
-LockRegistry& lin_channel_registry() { static auto* r = new LockRegistry; return *r; }
-LockRegistry& pa_data_registry() { static auto* r = new LockRegistry; return *r; }
-LockRegistry& spi_slave_registry() { static auto* r = new LockRegistry; return *r; }
+LockRegistry& device_registry() {
+  static auto* r = new LockRegistry;
+  return *r;
+}
+LockRegistry& can_channel_registry() {
+  static auto* r = new LockRegistry;
+  return *r;
+}
+LockRegistry& can_data_registry() {
+  static auto* r = new LockRegistry;
+  return *r;
+}
+LockRegistry& lin_channel_registry() {
+  static auto* r = new LockRegistry;
+  return *r;
+}
+LockRegistry& pa_data_registry() {
+  static auto* r = new LockRegistry;
+  return *r;
+}
+LockRegistry& spi_slave_registry() {
+  static auto* r = new LockRegistry;
+  return *r;
+}
 
 }  // namespace
 
@@ -65,8 +91,12 @@ std::recursive_mutex& global_lock() {
   return *m;
 }
 
-DeviceLockGuard::DeviceLockGuard(uint32_t handle) : handle_(handle) { device_registry().acquire(handle, 0); }
-DeviceLockGuard::~DeviceLockGuard() { device_registry().release(handle_, 0); }
+DeviceLockGuard::DeviceLockGuard(uint32_t handle) : handle_(handle) {
+  device_registry().acquire(handle, 0);
+}
+DeviceLockGuard::~DeviceLockGuard() {
+  device_registry().release(handle_, 0);
+}
 
 }  // namespace varnel
 
@@ -77,20 +107,48 @@ using varnel::lin_channel_registry;
 using varnel::pa_data_registry;
 using varnel::spi_slave_registry;
 
-void lock(uint32_t handle) { device_registry().acquire(handle, 0); }
-void unlock(uint32_t handle) { device_registry().release(handle, 0); }
-void can_lock(uint32_t handle, uint32_t channel) { can_channel_registry().acquire(handle, channel); }
-void can_unlock(uint32_t handle, uint32_t channel) { can_channel_registry().release(handle, channel); }
-void can_data_lock(uint32_t handle, uint32_t channel) { can_data_registry().acquire(handle, channel); }
-void can_data_unlock(uint32_t handle, uint32_t channel) { can_data_registry().release(handle, channel); }
-void lin_lock(uint32_t handle, uint32_t channel) { lin_channel_registry().acquire(handle, channel); }
-void lin_unlock(uint32_t handle, uint32_t channel) { lin_channel_registry().release(handle, channel); }
-void pa_data_lock(uint32_t handle) { pa_data_registry().acquire(handle, 0); }
-void pa_data_unlock(uint32_t handle) { pa_data_registry().release(handle, 0); }
-void spi_slave_data_lock(uint32_t handle, uint32_t channel) { spi_slave_registry().acquire(handle, channel); }
-void spi_slave_data_unlock(uint32_t handle, uint32_t channel) { spi_slave_registry().release(handle, channel); }
-void lock_all() { varnel::global_lock().lock(); }
-void unlock_all() { varnel::global_lock().unlock(); }
+void lock(uint32_t handle) {
+  device_registry().acquire(handle, 0);
+}
+void unlock(uint32_t handle) {
+  device_registry().release(handle, 0);
+}
+void can_lock(uint32_t handle, uint32_t channel) {
+  can_channel_registry().acquire(handle, channel);
+}
+void can_unlock(uint32_t handle, uint32_t channel) {
+  can_channel_registry().release(handle, channel);
+}
+void can_data_lock(uint32_t handle, uint32_t channel) {
+  can_data_registry().acquire(handle, channel);
+}
+void can_data_unlock(uint32_t handle, uint32_t channel) {
+  can_data_registry().release(handle, channel);
+}
+void lin_lock(uint32_t handle, uint32_t channel) {
+  lin_channel_registry().acquire(handle, channel);
+}
+void lin_unlock(uint32_t handle, uint32_t channel) {
+  lin_channel_registry().release(handle, channel);
+}
+void pa_data_lock(uint32_t handle) {
+  pa_data_registry().acquire(handle, 0);
+}
+void pa_data_unlock(uint32_t handle) {
+  pa_data_registry().release(handle, 0);
+}
+void spi_slave_data_lock(uint32_t handle, uint32_t channel) {
+  spi_slave_registry().acquire(handle, channel);
+}
+void spi_slave_data_unlock(uint32_t handle, uint32_t channel) {
+  spi_slave_registry().release(handle, channel);
+}
+void lock_all() {
+  varnel::global_lock().lock();
+}
+void unlock_all() {
+  varnel::global_lock().unlock();
+}
 
 void lock_cleanup(uint32_t handle) {
   device_registry().erase(handle, 0);

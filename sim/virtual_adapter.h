@@ -1,0 +1,158 @@
+// The virtual adapter: a software model of the adapter firmware. It takes the bytes the host
+// writes, cuts them into command packets, hands each to the family handler registered for its
+// command code and queues the reply for the host to read. It records every packet it received and
+// can be told to misbehave (fault plan) so that tests see the library's error paths.
+//
+// The carrier (usbsim or the network daemon) moves bytes in and out; the adapter knows nothing of
+// USB or TCP.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <typeindex>
+#include <vector>
+
+namespace sim {
+
+struct Packet {
+  uint32_t command = 0;
+  std::vector<uint8_t> payload;
+};
+
+// The adapter's own time in microseconds. It runs with the host's monotonic clock from the
+// adapter's creation, and handlers that model slow operations advance it instead of sleeping.
+class DeviceClock {
+ public:
+  DeviceClock();
+  uint64_t now_us() const;
+  void advance_us(uint64_t us);
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+  std::atomic<uint64_t> offset_us_{0};
+};
+
+// What the next replies should do wrong. Each fault applies once, to the next reply produced.
+struct ReplyFault {
+  enum class Kind { kDrop, kLate, kShort, kOtherCommand, kAnnounceLength };
+  Kind kind = Kind::kDrop;
+  uint32_t value = 0;  // late: delay in ms; short: bytes kept; other command: the code;
+                       // announce length: the length written in the header (payload padded)
+};
+
+class FaultPlan {
+ public:
+  void next_reply(ReplyFault fault);
+  std::optional<ReplyFault> take();
+  void clear();
+
+ private:
+  std::mutex mutex_;
+  std::deque<ReplyFault> faults_;
+};
+
+class VirtualAdapter;
+// A family handler: returns the reply, or nothing when the firmware does not answer.
+using Handler = std::function<std::optional<Packet>(VirtualAdapter&, const Packet&)>;
+
+class VirtualAdapter {
+ public:
+  explicit VirtualAdapter(uint32_t handle);
+  ~VirtualAdapter();
+
+  uint32_t handle() const { return handle_; }
+  DeviceClock& clock() { return clock_; }
+  FaultPlan& faults() { return faults_; }
+
+  // Registers the handler for command codes first..last (later registrations win).
+  void on(uint32_t first, uint32_t last, Handler handler);
+
+  // Bytes written by the host on a command endpoint or the TCP stream. Complete packets are
+  // dispatched; a partial packet waits for the rest.
+  void receive(const uint8_t* data, size_t size);
+
+  // Reply bytes for the host. A read takes at most `max` bytes of the current segment (a reply's
+  // header and its payload are separate segments, as the firmware sends them); when nothing is
+  // queued it waits up to `timeout`. Returns the byte count, or -1 on time-out.
+  int read(uint8_t* out, size_t max, std::chrono::milliseconds timeout);
+  // Same, but for a byte stream (TCP): segments are not boundaries.
+  int read_stream(uint8_t* out, size_t max, std::chrono::milliseconds timeout);
+  bool has_pending_reply() const;
+
+  // Queues raw bytes for the IN side, outside any reply (continuous data streams).
+  void push_stream_data(std::vector<uint8_t> bytes);
+  // Queues a whole packet as if a handler had produced it (unsolicited data, tests).
+  void push_reply(const Packet& reply);
+
+  // Firmware reset (vendor request 0x60, or a USB reset): drops partial input and queued replies.
+  void reset();
+  uint32_t reset_count() const;
+
+  // Every packet received, in order.
+  std::vector<Packet> received() const;
+  void clear_received();
+  // Requests that arrived while an earlier reply had not yet been read: the host interleaved
+  // two transactions.
+  uint32_t order_violations() const;
+
+  // Per-family model state, created on first use: adapter.state<GpioModel>().
+  template <typename T>
+  T& state() {
+    std::lock_guard guard(state_mutex_);
+    auto& slot = family_state_[std::type_index(typeid(T))];
+    if (!slot) slot = std::make_shared<T>();
+    return *std::static_pointer_cast<T>(slot);
+  }
+
+ private:
+  struct Segment {
+    std::vector<uint8_t> bytes;
+    size_t taken = 0;
+    std::chrono::steady_clock::time_point ready_at;
+  };
+  void dispatch(const Packet& request);
+  void queue_reply(Packet reply, std::optional<ReplyFault> fault);
+  int read_impl(uint8_t* out, size_t max, std::chrono::milliseconds timeout, bool stream);
+
+  const uint32_t handle_;
+  DeviceClock clock_;
+  FaultPlan faults_;
+
+  std::mutex handlers_mutex_;
+  struct Route {
+    uint32_t first, last;
+    Handler handler;
+  };
+  std::vector<Route> routes_;
+
+  std::mutex input_mutex_;  // serialises receive(): packets are dispatched in arrival order
+  std::vector<uint8_t> partial_;
+
+  mutable std::mutex output_mutex_;
+  std::condition_variable output_ready_;
+  std::deque<Segment> segments_;
+  std::vector<Packet> received_;
+  uint32_t order_violations_ = 0;
+  uint32_t resets_ = 0;
+
+  std::mutex state_mutex_;
+  std::map<std::type_index, std::shared_ptr<void>> family_state_;
+};
+
+// Installs every family's handlers on a new adapter (sim/families/).
+void install_families(VirtualAdapter& adapter);
+
+// Helpers for handlers.
+Packet reply_with(uint32_t command, std::vector<uint8_t> payload = {});
+uint32_t be32(const std::vector<uint8_t>& bytes, size_t at);
+void append_be32(std::vector<uint8_t>& bytes, uint32_t value);
+
+}  // namespace sim

@@ -1,0 +1,528 @@
+// USB adapters: discovery, the device list, open/close/reset and reconnection, and the bulk and
+// control transfers the transport uses.
+//
+// The device list keeps the order of discovery, which is also the device index. An adapter is
+// known by the 32-bit identity it answers to vendor request 0x50 and found again by its location
+// path, so it keeps its handle across reconnects and port moves.
+#include "core/usb.h"
+
+#include <libusb.h>
+
+#include <algorithm>
+#include <cstring>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/bytes.h"
+#include "core/clock.h"
+#include "core/locks.h"
+#include "core/net.h"
+#include "varnel.h"
+
+namespace varnel {
+namespace {
+
+constexpr uint16_t kVendorId = 0x0483;
+constexpr uint16_t kProductIds[] = {31000, 31001};
+constexpr uint8_t kRequestIdentity = 0x50;
+constexpr uint8_t kRequestReset = 0x60;
+constexpr unsigned kControlTimeoutMs = 100;
+constexpr uint8_t kVendorOut = 0x41;  // vendor, interface, host to device
+constexpr uint8_t kVendorIn = 0xC1;
+constexpr int kMinReadTimeoutMs = 1000;
+
+struct UsbDeviceEntry {
+  libusb_device* device = nullptr;  // referenced while stored here
+  libusb_device_handle* device_handle = nullptr;
+  uint32_t handle = 0;
+  uint8_t opened = 0;
+  uint8_t bus_number = 0;
+  uint8_t device_address = 0;
+  uint8_t port_number = 0;
+  std::string location_path;
+};
+using EntryPtr = std::shared_ptr<UsbDeviceEntry>;
+
+// Library-wide USB state. Entries are shared so that a transfer running outside the list mutex
+// keeps its entry alive while a scan edits the list.
+struct UsbState {
+  bool usb_ready = false;
+  libusb_context* context = nullptr;
+  libusb_device** cached_list = nullptr;
+  ssize_t cached_count = 0;
+  std::list<EntryPtr> devices;
+  DevHandle scratch_handles[kMaxDevices] = {};
+};
+
+UsbState& state() {
+  static auto* s = new UsbState;  // lives until process exit, like the libusb context
+  return *s;
+}
+
+void set_device(UsbDeviceEntry& entry, libusb_device* device) {
+  if (device) libusb_ref_device(device);
+  if (entry.device) libusb_unref_device(entry.device);
+  entry.device = device;
+}
+
+void mark_closed(UsbDeviceEntry& entry) {
+  entry.opened = 0;
+  entry.device_handle = nullptr;
+}
+
+void close_handle(UsbDeviceEntry& entry) {
+  if (entry.device_handle) libusb_close(entry.device_handle);
+  mark_closed(entry);
+}
+
+void free_entry(UsbDeviceEntry& entry) {
+  if (entry.opened && entry.device_handle) libusb_release_interface(entry.device_handle, 0);
+  close_handle(entry);
+  set_device(entry, nullptr);
+}
+
+EntryPtr find_entry(uint32_t handle) {
+  std::lock_guard guard(device_list_mutex());
+  for (auto& entry : state().devices)
+    if (entry->handle == handle) return entry;
+  return nullptr;
+}
+
+EntryPtr find_entry_by_path(const std::string& path) {
+  std::lock_guard guard(device_list_mutex());
+  for (auto& entry : state().devices)
+    if (entry->location_path == path) return entry;
+  return nullptr;
+}
+
+void remove_entry(const EntryPtr& entry) {
+  std::lock_guard guard(device_list_mutex());
+  state().devices.remove(entry);
+}
+
+bool is_adapter(const libusb_device_descriptor& d) {
+  return d.idVendor == kVendorId && std::find(std::begin(kProductIds), std::end(kProductIds),
+                                              d.idProduct) != std::end(kProductIds);
+}
+
+// Port chain, then the bus number, then the port number again: "1.4.2.4" for bus 2 behind
+// ports 1 and 4. The repeated port number is kept so paths match those of earlier releases.
+bool location_path(libusb_device* device, std::string* path) {
+  uint8_t ports[16];
+  int count = libusb_get_port_numbers(device, ports, 16);
+  if (count <= 0) return false;
+  std::string text;
+  for (int i = 0; i < count; ++i) text += "." + std::to_string(ports[i]);
+  text += "." + std::to_string(libusb_get_bus_number(device));
+  text += "." + std::to_string(libusb_get_port_number(device));
+  *path = text.substr(1, 31);  // the field holds 31 characters and a terminator
+  return true;
+}
+
+bool read_identity(libusb_device_handle* dh, uint32_t* identity) {
+  if (!dh) return false;
+  unsigned char data[4];
+  int n =
+      libusb_control_transfer(dh, kVendorIn, kRequestIdentity, 0, 0, data, 4, kControlTimeoutMs);
+  if (n != 4) return false;
+  std::memcpy(identity, data, 4);  // stored as it arrives, in host byte order
+  return true;
+}
+
+// Identity read made under the adapter's own lock, so it never lands inside a transaction.
+bool read_identity_locked(uint32_t lock_handle, libusb_device_handle* dh, uint32_t* identity) {
+  DeviceLockGuard guard(lock_handle);
+  return read_identity(dh, identity);
+}
+
+// Creates the libusb context on first use; returns libusb's code when that fails.
+int library_start() {
+  auto& s = state();
+  if (s.usb_ready) return 0;
+  {
+    std::lock_guard guard(device_list_mutex());
+    s.devices.clear();
+  }
+  int rc = libusb_init(&s.context);
+  if (rc != 0) return rc;
+  libusb_set_option(s.context, LIBUSB_OPTION_LOG_LEVEL, LIBUSB_LOG_LEVEL_NONE);
+  s.usb_ready = true;
+  return 0;
+}
+
+bool refresh_device_list() {
+  auto& s = state();
+  if (s.cached_list) libusb_free_device_list(s.cached_list, 1);
+  s.cached_list = nullptr;
+  s.cached_count = libusb_get_device_list(s.context, &s.cached_list);
+  return s.cached_count >= 0;
+}
+
+// A known location: the adapter there is checked again; false when the entry must go.
+bool rescan_known_entry(UsbDeviceEntry& entry, libusb_device* device) {
+  uint32_t identity = 0;
+  if (entry.opened) {
+    set_device(entry, device);
+    if (read_identity_locked(entry.handle, entry.device_handle, &identity)) return true;
+    libusb_device_handle* dh = nullptr;
+    if (libusb_open(entry.device, &dh) != 0) return true;  // still counted as seen
+    DeviceLockGuard guard(entry.handle);
+    close_handle(entry);
+    entry.device_handle = dh;
+    // the entry stays open for the application, so its new handle gets the interface too
+    if (!read_identity(dh, &identity) || libusb_claim_interface(dh, 0) != 0) return false;
+    entry.opened = 1;
+    return true;
+  }
+  libusb_device_handle* dh = nullptr;
+  if (libusb_open(device, &dh) != 0) return false;
+  bool ok = read_identity_locked(entry.handle, dh, &identity);
+  libusb_close(dh);
+  return ok;
+}
+
+// A new location: the adapter is opened, asked for its identity and closed again. An adapter
+// already listed under that identity has moved: its entry takes the new device.
+EntryPtr scan_new_location(libusb_device* device, const std::string& path) {
+  auto entry = std::make_shared<UsbDeviceEntry>();
+  entry->bus_number = libusb_get_bus_number(device);
+  entry->device_address = libusb_get_device_address(device);
+  entry->port_number = libusb_get_port_number(device);
+  entry->location_path = path;
+  libusb_device_handle* dh = nullptr;
+  if (libusb_open(device, &dh) != 0 || !dh) return nullptr;
+  uint32_t identity = 0;
+  if (!read_identity(dh, &identity)) {
+    libusb_close(dh);
+    return nullptr;
+  }
+  EntryPtr existing = find_entry(identity);
+  if (existing) {
+    DeviceLockGuard guard(identity);
+    if (existing->opened && existing->device_handle) {
+      libusb_release_interface(existing->device_handle, 0);
+      libusb_close(existing->device_handle);
+      existing->opened = 0;
+    }
+    set_device(*existing, device);
+    existing->device_handle = dh;
+    existing->bus_number = entry->bus_number;
+    existing->device_address = entry->device_address;
+    existing->port_number = entry->port_number;
+    existing->location_path = path;
+    entry = existing;
+  } else {
+    entry->handle = identity;
+    set_device(*entry, device);
+    entry->device_handle = dh;
+    std::lock_guard guard(device_list_mutex());
+    state().devices.push_back(entry);
+  }
+  libusb_close(entry->device_handle);  // a scan does not keep the adapter open
+  entry->device_handle = nullptr;
+  return entry;
+}
+
+void scan_one_device(libusb_device* device, std::vector<uint32_t>& seen) {
+  libusb_device_descriptor descriptor;
+  if (libusb_get_device_descriptor(device, &descriptor) != 0) return;
+  std::string path;
+  if (!location_path(device, &path)) return;
+  if (!is_adapter(descriptor)) return;
+  if (EntryPtr entry = find_entry_by_path(path)) {
+    if (rescan_known_entry(*entry, device)) {
+      seen.push_back(entry->handle);
+    } else {
+      remove_entry(entry);
+      DeviceLockGuard guard(entry->handle);
+      free_entry(*entry);
+    }
+    return;
+  }
+  if (EntryPtr entry = scan_new_location(device, path)) seen.push_back(entry->handle);
+}
+
+void drop_unseen_entries(const std::vector<uint32_t>& seen) {
+  std::vector<EntryPtr> gone;
+  {
+    std::lock_guard guard(device_list_mutex());
+    auto& devices = state().devices;
+    for (auto it = devices.begin(); it != devices.end();) {
+      if (std::find(seen.begin(), seen.end(), (*it)->handle) == seen.end()) {
+        gone.push_back(*it);
+        it = devices.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (auto& entry : gone) {
+    DeviceLockGuard guard(entry->handle);
+    free_entry(*entry);
+  }
+}
+
+int list_handles(DevHandle* out) {
+  std::lock_guard guard(device_list_mutex());
+  int count = 0;
+  for (auto& entry : state().devices) {
+    if (count == kMaxDevices) break;  // the caller's array holds at most this many
+    out[count++] = entry->handle;
+  }
+  return count;
+}
+
+int scan_devices(DevHandle* out) {
+  std::lock_guard scan_guard(global_lock());
+  int rc = library_start();
+  if (rc != 0) return rc;
+  if (!refresh_device_list()) return int(state().cached_count);
+  std::vector<uint32_t> seen;
+  for (ssize_t i = 0; i < state().cached_count; ++i) scan_one_device(state().cached_list[i], seen);
+  drop_unseen_entries(seen);
+  return list_handles(out ? out : state().scratch_handles);
+}
+
+bool open_entry(uint32_t handle) {
+  EntryPtr entry = find_entry(handle);
+  if (!state().usb_ready || !entry || !entry->device) return false;
+  DeviceLockGuard guard(handle);
+  if (entry->opened && entry->device_handle) {
+    uint32_t identity = 0;
+    if (read_identity(entry->device_handle, &identity)) {
+      if (identity != entry->handle) {  // another adapter now sits at this location
+        mark_closed(*entry);
+        return false;
+      }
+    } else {
+      close_handle(*entry);
+      libusb_device_handle* dh = nullptr;
+      if (libusb_open(entry->device, &dh) != 0 || !dh) {
+        mark_closed(*entry);
+        return false;
+      }
+      entry->device_handle = dh;
+    }
+  } else {
+    libusb_device_handle* dh = nullptr;
+    if (libusb_open(entry->device, &dh) != 0 || !dh) {
+      mark_closed(*entry);
+      return false;
+    }
+    entry->device_handle = dh;
+  }
+  if (libusb_claim_interface(entry->device_handle, 0) != 0) {
+    close_handle(*entry);
+    return false;
+  }
+  entry->opened = 1;
+  return true;
+}
+
+bool reconnect_usb(uint32_t handle) {
+  auto& s = state();
+  EntryPtr entry = find_entry(handle);
+  if (!s.usb_ready || !entry) return false;
+  if (!s.cached_list && !refresh_device_list()) return false;
+  bool present = false;
+  for (ssize_t i = 0; i < s.cached_count && !present; ++i) {
+    libusb_device_descriptor descriptor;
+    std::string path;
+    libusb_device* device = s.cached_list[i];
+    present = libusb_get_device_descriptor(device, &descriptor) == 0 && is_adapter(descriptor) &&
+              location_path(device, &path) && path == entry->location_path;
+  }
+  if (!present) return false;
+  if (entry->device_handle) close_handle(*entry);
+  libusb_device_handle* dh = nullptr;
+  if (!entry->device || libusb_open(entry->device, &dh) != 0 || !dh) return false;
+  entry->device_handle = dh;
+  if (libusb_claim_interface(dh, 0) != 0) return false;
+  entry->opened = 1;
+  return true;
+}
+
+// The open device handle of an adapter, or null when it is unknown or not open.
+EntryPtr open_entry_for_transfer(uint32_t handle) {
+  if (!state().usb_ready) return nullptr;
+  EntryPtr entry = find_entry(handle);
+  if (!entry || !entry->device || !entry->device_handle) return nullptr;
+  return entry;
+}
+
+int max_packet_size(const EntryPtr& entry) {
+  return libusb_get_device_speed(entry->device) == LIBUSB_SPEED_HIGH ? 512 : 64;
+}
+
+bool bulk_in_exact(libusb_device_handle* dh, uint8_t* data, int size, int timeout_ms) {
+  int transferred = 0;
+  int rc = libusb_bulk_transfer(dh, kEndpointIn, data, size, &transferred, unsigned(timeout_ms));
+  return rc == 0 && transferred == size;
+}
+
+}  // namespace
+
+std::mutex& device_list_mutex() {
+  static auto* m = new std::mutex;
+  return *m;
+}
+
+int usb_list_position_locked(uint32_t handle) {
+  int position = 0;
+  for (auto& entry : state().devices) {
+    if (entry->handle == handle) return position;
+    ++position;
+  }
+  return -1;
+}
+
+int usb_write_packet(uint32_t handle, unsigned char endpoint, const uint8_t* data, int size,
+                     int timeout_ms) {
+  EntryPtr entry = open_entry_for_transfer(handle);
+  if (!entry) return -2;
+  libusb_device_handle* dh = entry->device_handle;
+  int transferred = 0;
+  int rc = libusb_bulk_transfer(dh, endpoint, const_cast<uint8_t*>(data), size, &transferred,
+                                unsigned(timeout_ms));
+  if (rc != 0 || transferred != size) {
+    libusb_reset_device(dh);
+    return -2;
+  }
+  // A transfer that fills its last packet exactly needs a zero-length packet to end it.
+  if (size % max_packet_size(entry) == 0) {
+    rc = libusb_bulk_transfer(dh, endpoint, const_cast<uint8_t*>(data), 0, &transferred,
+                              unsigned(timeout_ms));
+    if (rc != 0) {
+      libusb_reset_device(dh);
+      return -2;
+    }
+  }
+  return 0;
+}
+
+int usb_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
+  const uint32_t expected = reply.command;
+  EntryPtr entry = open_entry_for_transfer(handle);
+  if (!entry) {
+    reply.payload = nullptr;
+    return -3;
+  }
+  libusb_device_handle* dh = entry->device_handle;
+  const int timeout = std::max(timeout_ms, kMinReadTimeoutMs);
+  uint8_t header[8];
+  if (!bulk_in_exact(dh, header, 8, timeout)) {
+    reply.payload = nullptr;
+    return -3;
+  }
+  reply.command = get_be32(header);
+  reply.length = int32_t(get_be32(header + 4));
+  if (reply.length <= 0) return 0;
+  if (reply.length > kUsbReplyLimit) reply.length = kUsbReplyLimit;
+  std::unique_ptr<uint8_t[]> scratch;
+  for (int32_t offset = 0; offset < reply.length;) {
+    if (reply.command != expected) return -3;
+    const int32_t chunk = std::min(kUsbReplyChunk, reply.length - offset);
+    // Bytes beyond the caller's buffer are read into scratch and dropped.
+    const bool fits = reply.payload && offset + chunk <= reply.capacity;
+    if (!fits && !scratch) scratch.reset(new uint8_t[kUsbReplyChunk]);
+    uint8_t* target = fits ? reply.payload + offset : scratch.get();
+    if (!bulk_in_exact(dh, target, chunk, timeout)) return -3;
+    if (!fits && reply.payload && offset < reply.capacity)
+      std::memcpy(reply.payload + offset, target, size_t(reply.capacity - offset));
+    offset += chunk;
+  }
+  return 0;
+}
+
+int usb_control_out(uint32_t handle, uint8_t request, int timeout_ms) {
+  EntryPtr entry = open_entry_for_transfer(handle);
+  if (!entry) return -1;
+  int rc = libusb_control_transfer(entry->device_handle, kVendorOut, request, 0, 0, nullptr, 0,
+                                   unsigned(timeout_ms));
+  if (rc < 0) {
+    libusb_reset_device(entry->device_handle);
+    return -2;
+  }
+  return 0;
+}
+
+std::string usb_location_path(uint32_t handle) {
+  EntryPtr entry = find_entry(handle);
+  return entry ? entry->location_path : std::string();
+}
+
+libusb_context* usb_context() {
+  return state().context;
+}
+
+libusb_device_handle* usb_device_handle(uint32_t handle) {
+  EntryPtr entry = open_entry_for_transfer(handle);
+  return entry && entry->opened ? entry->device_handle : nullptr;
+}
+
+bool reconnect_device(uint32_t handle) {
+  if ((handle & 0xFF000001u) == 0x55000000u) return net_reconnect(handle);
+  return reconnect_usb(handle);
+}
+
+}  // namespace varnel
+
+using namespace varnel;
+
+int USB_ScanDevice(DevHandle* pDevHandle) {
+  try {
+    return scan_devices(pDevHandle);
+  } catch (...) {
+    return LIBUSB_ERROR_OTHER;
+  }
+}
+
+bool USB_OpenDevice(DevHandle handle) {
+  try {
+    library_start();
+    EntryPtr entry = find_entry(handle);
+    if (entry && entry->device) return open_entry(handle);
+    DevHandle found[kMaxDevices];
+    int count = scan_devices(found);
+    if (count <= 0 || std::find(found, found + count, handle) == found + count) return false;
+    return open_entry(handle);
+  } catch (...) {
+    return false;
+  }
+}
+
+bool USB_CloseDevice(DevHandle handle) {
+  EntryPtr entry = find_entry(handle);
+  if (!state().usb_ready || !entry || !entry->device || !entry->device_handle) return false;
+  DeviceLockGuard guard(handle);
+  if (!entry->device_handle) return false;
+  libusb_release_interface(entry->device_handle, 0);
+  close_handle(*entry);
+  return true;
+}
+
+bool USB_ResetDevice(DevHandle handle) {
+  DeviceLockGuard guard(handle);
+  return usb_control_out(handle, kRequestReset, kControlTimeoutMs) == 0;
+}
+
+bool USB_RetryConnect(DevHandle handle) {
+  std::lock_guard scan_guard(global_lock());
+  DeviceLockGuard guard(handle);
+  return reconnect_device(handle);
+}
+
+bool USB_WaitResume(DevHandle handle, int TimeOutMs) {
+  const uint64_t start = monotonic_ns();
+  while (true) {
+    {
+      std::lock_guard scan_guard(global_lock());
+      DeviceLockGuard guard(handle);
+      if (reconnect_device(handle)) return true;
+    }
+    sleep_for_ms(100);
+    if (elapsed_ms_since(start) >= TimeOutMs) return false;
+  }
+}

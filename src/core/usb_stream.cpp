@@ -1,0 +1,83 @@
+#include "core/usb_stream.h"
+
+#include <libusb.h>
+#include <sys/time.h>
+
+#include "core/usb.h"
+
+namespace varnel {
+
+BulkInStream::BulkInStream(uint32_t handle, Options options, DataCallback on_data)
+    : handle_(handle), options_(options), on_data_(std::move(on_data)) {}
+
+BulkInStream::~BulkInStream() {
+  stop();
+}
+
+bool BulkInStream::start() {
+  libusb_device_handle* dh = usb_device_handle(handle_);
+  if (!dh || options_.buffer_size <= 0) {
+    stop_ = ended_ = true;
+    return false;
+  }
+  transfer_ = libusb_alloc_transfer(0);
+  buffer_ = new unsigned char[size_t(options_.buffer_size)];
+  libusb_fill_bulk_transfer(transfer_, dh, kEndpointIn, buffer_, options_.buffer_size,
+                            &BulkInStream::on_transfer_done, this, 0);
+  in_flight_ = true;
+  if (libusb_submit_transfer(transfer_) != 0) {
+    in_flight_ = false;
+    libusb_free_transfer(transfer_);
+    transfer_ = nullptr;
+    delete[] buffer_;
+    buffer_ = nullptr;
+    stop_ = ended_ = true;
+    return false;
+  }
+  worker_ = std::thread([this] { pump(); });
+  return true;
+}
+
+void BulkInStream::on_transfer_done(libusb_transfer* transfer) {
+  auto* self = static_cast<BulkInStream*>(transfer->user_data);
+  switch (transfer->status) {
+    case LIBUSB_TRANSFER_COMPLETED:
+      if (self->on_data_) self->on_data_(transfer->buffer, transfer->actual_length);
+      if (!self->stop_ && libusb_submit_transfer(transfer) == 0) return;
+      break;
+    case LIBUSB_TRANSFER_STALL:      // the firmware stalls the pipe when it goes away
+    case LIBUSB_TRANSFER_NO_DEVICE:  // unplugged
+      self->stop_ = true;
+      self->ended_ = true;
+      break;
+    default:  // cancelled, timed out, error: the stream ends without resubmission
+      break;
+  }
+  self->in_flight_ = false;
+}
+
+void BulkInStream::pump() {
+  timeval tv{options_.pump_timeout_ms / 1000, (options_.pump_timeout_ms % 1000) * 1000};
+  while (!stop_ && in_flight_) libusb_handle_events_timeout(usb_context(), &tv);
+}
+
+void BulkInStream::pump_for(int passes, int pass_ms) {
+  timeval tv{0, pass_ms * 1000};
+  for (int i = 0; i < passes && in_flight_; ++i) libusb_handle_events_timeout(usb_context(), &tv);
+}
+
+void BulkInStream::stop() {
+  stop_ = true;
+  if (worker_.joinable()) worker_.join();
+  if (!transfer_) return;
+  pump_for(options_.drain_passes, options_.drain_pass_ms);
+  if (in_flight_) libusb_cancel_transfer(transfer_);
+  pump_for(options_.drain_passes, options_.drain_pass_ms);
+  libusb_free_transfer(transfer_);
+  transfer_ = nullptr;
+  delete[] buffer_;
+  buffer_ = nullptr;
+  ended_ = true;
+}
+
+}  // namespace varnel
