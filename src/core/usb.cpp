@@ -293,7 +293,7 @@ bool open_entry(uint32_t handle) {
     uint32_t identity = 0;
     if (read_identity(entry->device_handle, &identity)) {
       if (identity != entry->handle) {  // another adapter now sits at this location
-        mark_closed(*entry);
+        close_handle(*entry);  // closed, not just forgotten: the handle would leak
         return false;
       }
     } else {
