@@ -106,6 +106,58 @@ VARNEL_API bool USB_WaitResume(DevHandle DevHandle, int TimeOutMs);
 
 /* ===== DBC database files =================================================================== */
 
+/* A DBC handle is the address of a database loaded by DBC_ParserFile; 0 means none. Databases
+ * live until the process ends. A handle this library did not issue counts as null (-4).
+ *
+ * Names and texts are copied with their terminating zero into caller memory. Every name, text
+ * and value description comes from one file line of at most 8191 characters, so a buffer of
+ * VARNEL_DBC_TEXT_MAX bytes is always enough (also for the "%f %s" text of DBC_GetSignalValueStr).
+ *
+ * Status codes: -4 null handle (or null name/output pointer), -5 index out of range or no such
+ * message, -6 multiplexed signal not selected by the last frame, -7 no message of that name,
+ * -9 no such message or signal. No call takes a lock: use one database from one thread at a time. */
+#define VARNEL_DBC_TEXT_MAX 8704
+typedef uint64_t DBC_HANDLE;
+
+/* Loads a DBC file; needs an open device handle. 0 if the device is not open or the file cannot
+ * be read or parsed. Every call creates a new database. */
+VARNEL_API DBC_HANDLE DBC_ParserFile(DevHandle DevHandle, const char* pDBCFileName);
+VARNEL_API int DBC_GetMsgQuantity(DBC_HANDLE DBCHandle);
+VARNEL_API int DBC_GetMsgName(DBC_HANDLE DBCHandle, int index, char* pMsgName);
+/* Compares the low 29 bits: finds an extended message with or without bit 31 in MsgID. */
+VARNEL_API int DBC_GetMsgNameByID(DBC_HANDLE DBCHandle, uint32_t MsgID, char* pMsgName);
+/* The stored identifier; bit 31 set (a negative result) for an extended identifier. */
+VARNEL_API int DBC_GetMsgIDByName(DBC_HANDLE DBCHandle, const char* pMsgName);
+VARNEL_API int DBC_GetMsgSignalQuantity(DBC_HANDLE DBCHandle, const char* pMsgName);
+VARNEL_API int DBC_GetMsgSignalName(DBC_HANDLE DBCHandle, const char* pMsgName, uint32_t index,
+                                    char* pSignalName);
+/* The transmitter as the file writes it (a line without ';' keeps its line feed). */
+VARNEL_API int DBC_GetMsgPublisher(DBC_HANDLE DBCHandle, const char* pMsgName, char* pPublisher);
+VARNEL_API int DBC_SetSignalValue(DBC_HANDLE DBCHandle, const char* pMsgName,
+                                  const char* pSignalName, double Value);
+VARNEL_API int DBC_GetSignalValue(DBC_HANDLE DBCHandle, const char* pMsgName,
+                                  const char* pSignalName, double* pValue);
+/* The description from the value table, "<n>-123456" when it has none for the value, or
+ * "%f %s" (value and unit) for a signal without a value table. */
+VARNEL_API int DBC_GetSignalValueStr(DBC_HANDLE DBCHandle, const char* pMsgName,
+                                     const char* pSignalName, char* pValueStr);
+VARNEL_API int DBC_SyncCANMsgToValue(DBC_HANDLE DBCHandle, const CAN_MSG* pCANMsg, int MsgLen);
+VARNEL_API int DBC_SyncCANFDMsgToValue(DBC_HANDLE DBCHandle, const CANFD_MSG* pCANFDMsg,
+                                       int MsgLen);
+VARNEL_API int DBC_SyncValueToCANMsg(DBC_HANDLE DBCHandle, const char* pMsgName, CAN_MSG* pCANMsg);
+VARNEL_API int DBC_SyncValueToCANFDMsg(DBC_HANDLE DBCHandle, const char* pMsgName,
+                                       CANFD_MSG* pCANFDMsg);
+
+/* Extensions for tools without an adapter: load a file without the device check, list a
+ * database, and decode a frame into one line ("Name(0x123): Sig=1.5 unit ...") without touching
+ * the database's signal values. MsgID carries bit 31 for an extended identifier. The text
+ * calls write at most Size bytes (zero-terminated, cut if needed) and return the full length,
+ * or -4 (handle), -5 (no message with that identifier), -7 (bad argument). */
+VARNEL_API DBC_HANDLE VARNEL_DbcLoadFile(const char* pDBCFileName);
+VARNEL_API int VARNEL_DbcDescribe(DBC_HANDLE DBCHandle, char* pText, int Size);
+VARNEL_API int VARNEL_DbcFormatFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const uint8_t* pData,
+                                     int DataLen, char* pText, int Size);
+
 /* ===== Firmware image files ================================================================= */
 
 /* Motorola S-records, Intel HEX and address/value text become an array of contiguous segments;

@@ -1,0 +1,49 @@
+// The signal codec: raw bits in and out of a payload, raw <-> physical values, and the text of a
+// decoded frame. Pure functions over a prepared Signal; the database state (raw values, stored
+// payloads) is the caller's business.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "files/dbc_parser.h"
+
+namespace varnel::dbc {
+
+// 2^length - 1 as an unsigned 64-bit value, all ones from 64 bits on.
+constexpr uint64_t bit_mask(uint32_t length) {
+  return length >= 64 ? ~uint64_t(0) : (uint64_t(1) << length) - 1;
+}
+
+// Works out the signal's mask and bit runs (called by the loader for every signal).
+void prepare_codec(Signal& s);
+
+// The raw value from a payload of `size` bytes; bits beyond the payload read as zero.
+uint64_t extract(const Signal& s, const uint8_t* payload, size_t size);
+// Writes the low `length` bits of raw into the payload; bits beyond `size` bytes are dropped.
+void insert(const Signal& s, uint64_t raw, uint8_t* payload, size_t size);
+
+// The physical value of raw (raw already cut to the signal's mask).
+double physical_from_raw(const Signal& s, uint64_t raw);
+// The raw value for a physical value: clamped to the range, scaled and rounded half away from
+// zero; returns `current` for a value type the codec does not know.
+uint64_t raw_from_physical(const Signal& s, double value, uint64_t current);
+
+// Rounds half away from zero and wraps modulo 2^64 (so negative values come out in two's
+// complement and 2^63 and above convert exactly); NaN and infinities give 0.
+uint64_t wrap_to_u64(double v);
+
+// Value-table text of a physical value: the description, or "<n>-123456" when the table has no
+// entry for the value truncated to an integer.
+std::string value_table_text(const Signal& s, double physical);
+
+// Is a multiplexed signal selected by the frame? Plain signals and multiplexors always are.
+bool signal_active(const Message& m, const Signal& s, const uint8_t* payload, size_t size);
+
+// One line for a frame decoded without touching the database state, for dumps and the CLI:
+//   Name(0x123): Sig1=12.5 km/h Sig2=On ...
+// Only the signals the multiplexor selects appear.
+std::string format_decoded(const Message& m, const uint8_t* payload, size_t size);
+
+}  // namespace varnel::dbc

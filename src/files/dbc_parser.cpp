@@ -1,0 +1,504 @@
+// The DBC loader: a main pass over every line but BA_, an attribute pass over the BA_ lines,
+// then the attribute resolution (cycle times, frame formats, bit-rate switch).
+#include "files/dbc_parser.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "files/dbc_codec.h"
+
+namespace varnel::dbc {
+
+namespace {
+
+// C-library conversions on a token (std::string is zero-terminated, so they stop where the
+// token ends). Numbers that do not parse read as 0.
+unsigned long to_ulong0(const std::string& s) {
+  return std::strtoul(s.c_str(), nullptr, 0);
+}
+double to_double(const std::string& s) {
+  return std::strtod(s.c_str(), nullptr);
+}
+long long to_llong(const std::string& s) {
+  return std::strtoll(s.c_str(), nullptr, 10);
+}
+int to_int(const std::string& s) {
+  long v = std::strtol(s.c_str(), nullptr, 10);
+  return int(std::clamp<long>(v, INT_MIN, INT_MAX));
+}
+
+std::string without(std::string s, std::string_view chars) {
+  s.erase(std::remove_if(s.begin(), s.end(),
+                         [&](char c) { return chars.find(c) != std::string_view::npos; }),
+          s.end());
+  return s;
+}
+
+std::vector<std::string> split_at(std::string_view s, std::string_view separators) {
+  std::vector<std::string> parts;
+  size_t begin = 0;
+  for (size_t i = 0; i <= s.size(); ++i) {
+    if (i == s.size() || separators.find(s[i]) != std::string_view::npos) {
+      parts.emplace_back(s.substr(begin, i - begin));
+      begin = i + 1;
+    }
+  }
+  return parts;
+}
+
+std::string join(const std::vector<std::string>& tokens, size_t from, std::string_view glue) {
+  std::string text;
+  for (size_t i = from; i < tokens.size(); ++i) {
+    if (i > from) text += glue;
+    text += tokens[i];
+  }
+  return text;
+}
+
+const std::string& token_or_empty(const std::vector<std::string>& t, size_t i) {
+  static const std::string empty;
+  return i < t.size() ? t[i] : empty;
+}
+
+// A comment is the rest of the line with every ';' and double quote taken out.
+std::string comment_text(const std::vector<std::string>& t, size_t from) {
+  return without(join(t, from, " "), ";\"");
+}
+
+bool contains(std::string_view s, char c) {
+  return s.find(c) != std::string_view::npos;
+}
+
+class Loader {
+ public:
+  explicit Loader(Database& db) : db_(db) {}
+
+  bool main_line(std::vector<std::string>& t);
+  void attribute_line(const std::vector<std::string>& t);
+  void resolve();
+
+ private:
+  bool message(std::vector<std::string>& t);
+  void signal(const std::vector<std::string>& t);
+  void comment(const std::vector<std::string>& t);
+  void value_table(const std::vector<std::string>& t);
+  void value_type(const std::vector<std::string>& t);
+  void attribute_definition(const std::vector<std::string>& t);
+  void attribute_default(const std::vector<std::string>& t);
+  Attribute* definition(const std::string& name);
+
+  Database& db_;
+  // Definitions by name (first one wins), for the attribute lines.
+  std::unordered_map<std::string, size_t> definitions_;
+};
+
+bool Loader::main_line(std::vector<std::string>& t) {
+  const std::string& kind = t[0];
+  if (kind == "BO_") return message(t);
+  if (kind == "SG_") signal(t);
+  if (kind == "CM_") comment(t);
+  if (kind == "VAL_") value_table(t);
+  if (kind == "SIG_VALTYPE_") value_type(t);
+  if (kind == "BA_DEF_") attribute_definition(t);
+  if (kind == "BA_DEF_DEF_") attribute_default(t);
+  return true;
+}
+
+bool Loader::message(std::vector<std::string>& t) {
+  if (t.size() < 4) return true;
+  unsigned long id = to_ulong0(t[1]);
+  // Both the file's own convention (bit 31 already set) and a bare 29-bit number end up
+  // flagged as extended.
+  if (id > 2047) id |= 0x80000000ul;
+  std::string name = t[2];
+  if (!contains(name, ':') && contains(t[3], ':')) t.erase(t.begin() + 3);
+  name = without(std::move(name), ":");
+  // DLC at 3, transmitter at 4: a line that runs out before the transmitter is not a message
+  // we can represent, and the whole load fails rather than guess.
+  if (t.size() < 5) return false;
+  if (name.empty()) return true;
+  Message& m = db_.messages.emplace_back();
+  m.name = std::move(name);
+  m.id = uint32_t(id);
+  m.dlc = uint8_t(to_ulong0(t[3]));
+  m.transmitter = t[4];
+  return true;
+}
+
+void Loader::signal(const std::vector<std::string>& t) {
+  if (t.size() < 7 || db_.messages.empty()) return;
+  Signal s;
+  s.name = without(t[1], ":");
+  size_t i = 2;
+  if (contains(t[2], 'M')) {
+    s.multiplex_indicator = kMultiplexor;
+    ++i;
+  } else if (contains(t[2], 'm')) {
+    s.multiplex_indicator = kMultiplexed;
+    s.multiplex_value = uint16_t(to_ulong0(without(t[2], "m:")));
+    ++i;
+  }
+  // The colon stands alone or is glued to the name, the multiplex token or the position.
+  if (t[i] == ":") ++i;
+  std::string position = token_or_empty(t, i++);
+  if (!position.empty() && position[0] == ':') position.erase(0, 1);
+
+  std::vector<std::string> pos = split_at(position, "|@");
+  s.start_bit = uint16_t(to_ulong0(pos[0]));
+  if (pos.size() > 1) s.length = uint16_t(to_ulong0(pos[1]));
+  const std::string order = pos.size() > 2 ? pos[2] : std::string();
+  if (contains(order, '0')) s.byte_order = kMotorola;
+  if (contains(order, '1')) s.byte_order = kIntel;
+  if (contains(order, '+')) s.is_signed = 0;
+  if (contains(order, '-')) s.is_signed = 1;
+  if (s.byte_order == kMotorola) s.start_bit = motorola_lsb_start(s.start_bit, s.length);
+
+  std::vector<std::string> scale = split_at(without(token_or_empty(t, i++), "()"), ",");
+  s.factor = to_double(scale[0]);
+  s.offset = scale.size() > 1 ? to_double(scale[1]) : 0.0;
+
+  std::vector<std::string> range = split_at(without(token_or_empty(t, i++), "[]"), "|");
+  s.minimum = to_double(range[0]);
+  s.maximum = range.size() > 1 ? to_double(range[1]) : 0.0;
+  if (s.minimum == s.maximum) {
+    // A zero-width range (usually [0|0]) stands for the whole range of the bit length.
+    s.minimum = s.offset;
+    s.maximum = double(bit_mask(s.length)) * s.factor + s.offset;
+  }
+
+  // The unit runs until the token that closes its quotes; inner blanks collapse to one.
+  std::string unit;
+  int quotes = 0;
+  for (bool first = true; i < t.size() && (first || quotes < 2); first = false, ++i) {
+    if (!first) unit += ' ';
+    unit += t[i];
+    quotes += int(std::count(t[i].begin(), t[i].end(), '"'));
+  }
+  s.unit = without(std::move(unit), "\"");
+
+  const std::string receivers = join(t, i, " ");
+  if (!receivers.empty()) s.receivers = split_at(receivers, ",");
+
+  if (s.name.empty()) return;
+  db_.messages.back().signals.push_back(std::move(s));
+}
+
+void Loader::comment(const std::vector<std::string>& t) {
+  if (t.size() < 3) return;
+  const uint32_t id = uint32_t(to_ulong0(t[2]));
+  if (t[1] == "BO_") {
+    for (Message& m : db_.messages) {
+      if (m.id == id) {
+        m.comment = comment_text(t, 3);
+        return;
+      }
+    }
+  } else if (t[1] == "SG_" && t.size() >= 4) {
+    auto text = std::make_shared<const std::string>(comment_text(t, 4));
+    for (Message& m : db_.messages) {
+      if (m.id != id) continue;
+      for (Signal& s : m.signals) {
+        if (s.name == t[3]) s.comment = text;
+      }
+    }
+  }
+}
+
+void Loader::value_table(const std::vector<std::string>& t) {
+  if (t.size() < 3) return;
+  const uint32_t id = uint32_t(to_ulong0(t[1]));
+  const std::string text = join(t, 3, " ");
+  std::map<int32_t, std::string> table;
+  std::string number, description;
+  bool quoted = false;
+  for (char c : text) {
+    if (c == '"') {
+      if (quoted) {
+        // Read as unsigned long and stored as i32, so "-1" gives -1.
+        table[int32_t(uint32_t(to_ulong0(number)))] = description;
+        number.clear();
+        description.clear();
+      }
+      quoted = !quoted;
+    } else {
+      (quoted ? description : number) += c;
+    }
+  }
+  for (Message& m : db_.messages) {
+    if (m.id != id) continue;
+    if (Signal* s = m.find_signal(t[2])) {
+      s->value_table = std::move(table);
+      return;
+    }
+  }
+}
+
+void Loader::value_type(const std::vector<std::string>& t) {
+  if (t.size() < 3) return;
+  const uint32_t id = uint32_t(to_ulong0(t[1]));
+  std::vector<std::string> parts = split_at(without(join(t, 2, ""), ";"), ":");
+  const unsigned long number = parts.size() > 1 ? to_ulong0(parts[1]) : 0;
+  const uint32_t type = (number == 1 || number == 2) ? uint32_t(number) : kInteger;
+  for (Message& m : db_.messages) {
+    if (m.id != id) continue;
+    if (Signal* s = m.find_signal(parts[0])) s->value_type = type;
+  }
+}
+
+void Loader::attribute_definition(const std::vector<std::string>& t) {
+  const bool typed = t.size() > 1 && (t[1] == "BO_" || t[1] == "SG_" || t[1] == "BU_");
+  size_t i = typed ? 2 : 1;
+  auto shape = std::make_shared<AttributeShape>();
+  shape->object_type.assign(typed ? t[1].c_str() : " ");
+  if (i + 1 >= t.size()) return;
+  shape->name = without(t[i], "\"");
+  shape->value_type = t[i + 1];
+  i += 2;
+  if (shape->value_type == "ENUM") {
+    // Only one token: a list written with blanks after its commas is cut at the first blank.
+    shape->enum_values = split_at(without(token_or_empty(t, i), "\";"), ",");
+  } else if (shape->value_type == "FLOAT" || shape->value_type == "INT" ||
+             shape->value_type == "HEX") {
+    shape->minimum = to_double(token_or_empty(t, i));
+    shape->maximum = to_double(token_or_empty(t, i + 1));
+  }
+  if (definitions_.count(shape->name)) return;
+  definitions_.emplace(shape->name, db_.attribute_definitions.size());
+  db_.attribute_definitions.push_back(Attribute{std::move(shape), std::string()});
+}
+
+Attribute* Loader::definition(const std::string& name) {
+  auto it = definitions_.find(name);
+  return it == definitions_.end() ? nullptr : &db_.attribute_definitions[it->second];
+}
+
+void Loader::attribute_default(const std::vector<std::string>& t) {
+  if (t.size() < 3) return;
+  if (Attribute* def = definition(without(t[1], "\""))) def->value = without(t[2], "\"");
+}
+
+void Loader::attribute_line(const std::vector<std::string>& t) {
+  if (t.size() < 3 || t[0] != "BA_") return;
+  const Attribute* def = definition(without(t[1], "\""));
+  if (!def) return;
+  if (t[2] == "BO_" && t.size() >= 5) {
+    if (Message* m = db_.find_message_by_id(uint32_t(to_ulong0(t[3])))) {
+      m->attributes.push_back(Attribute{def->shape, t[4]});
+    }
+  } else if (t[2] == "SG_" && t.size() >= 6) {
+    Message* m = db_.find_message_by_id(uint32_t(to_ulong0(t[3])));
+    Signal* s = m ? m->find_signal(t[4]) : nullptr;
+    if (!s) return;
+    s->attributes.push_back(Attribute{def->shape, t[5]});
+    // Whatever the attribute, its value becomes the signal's start value.
+    s->raw_value = uint64_t(to_llong(t[5]));
+  }
+}
+
+// atof(value) truncated toward zero into a u32; values a u32 cannot hold wrap like a 64-bit
+// integer would, and what not even that can hold reads as 0.
+uint32_t cycle_time_of(const std::string& value) {
+  const double v = std::trunc(to_double(value));
+  if (!(v > -9.2e18 && v < 9.2e18)) return 0;
+  return uint32_t(int64_t(v));
+}
+
+void Loader::resolve() {
+  const Attribute* brs_default = definition("CANFD_BRS");
+  uint8_t brs = (brs_default && brs_default->value == "1") ? 1 : 0;
+  for (Message& m : db_.messages) {
+    // The bit-rate switch carries over: a message without its own CANFD_BRS takes the setting
+    // of the last message that had one.
+    for (const Attribute& a : m.attributes) {
+      if (a.name() == "CANFD_BRS") brs = a.value == "1" ? 1 : 0;
+    }
+    for (const Attribute& a : m.attributes) {
+      const std::string& type = a.value_type();
+      if (a.name() == "GenMsgCycleTime" && (type == "INT" || type == "FLOAT" || type == "HEX")) {
+        m.cycle_time = cycle_time_of(a.value);
+      } else if (a.name() == "VFrameFormat" && type == "ENUM") {
+        const int i = to_int(a.value);
+        const auto& names = a.shape->enum_values;
+        if (i < 0 || size_t(i) >= names.size()) continue;
+        const std::string& format = names[size_t(i)];
+        if (format == "StandardCAN") {
+          m.id &= ~0x80000000u, m.fd = 0, m.brs = 0;
+        } else if (format == "ExtendedCAN" || format == "J1939PG") {
+          m.id |= 0x80000000u, m.fd = 0, m.brs = 0;
+        } else if (format == "StandardCAN_FD") {
+          m.id &= ~0x80000000u, m.fd = 1, m.brs = brs;
+        } else if (format == "ExtendedCAN_FD") {
+          m.id |= 0x80000000u, m.fd = 1, m.brs = brs;
+        }
+      }
+    }
+  }
+}
+
+void build_message_index(Message& m) {
+  m.signal_index.clear();
+  for (size_t i = 0; i < m.signals.size(); ++i) m.signal_index.emplace(m.signals[i].name, i);
+}
+
+void build_indexes(Database& db) {
+  db.name_index.clear();
+  db.id_index.clear();
+  db.id29_index.clear();
+  for (size_t i = 0; i < db.messages.size(); ++i) {
+    Message& m = db.messages[i];
+    build_message_index(m);
+    db.name_index.emplace(m.name, i);
+    db.id_index.emplace(m.id, i);
+    db.id29_index.emplace(m.id & 0x1FFFFFFFu, i);
+    m.multiplexor = -1;
+    for (size_t k = 0; k < m.signals.size(); ++k) {
+      Signal& s = m.signals[k];
+      if (m.multiplexor < 0 && s.multiplex_indicator == kMultiplexor) m.multiplexor = int(k);
+      prepare_codec(s);
+    }
+  }
+}
+
+}  // namespace
+
+const std::string& Signal::comment_text() const {
+  static const std::string empty;
+  return comment ? *comment : empty;
+}
+
+Signal* Message::find_signal(std::string_view signal_name) {
+  if (!signal_index.empty() || signals.empty()) {
+    auto it = signal_index.find(std::string(signal_name));
+    return it == signal_index.end() ? nullptr : &signals[it->second];
+  }
+  // While loading, before the index exists.
+  for (Signal& s : signals) {
+    if (s.name == signal_name) return &s;
+  }
+  return nullptr;
+}
+
+const Signal* Message::find_signal(std::string_view signal_name) const {
+  return const_cast<Message*>(this)->find_signal(signal_name);
+}
+
+Message* Database::find_message(std::string_view name) {
+  auto it = name_index.find(std::string(name));
+  return it == name_index.end() ? nullptr : &messages[it->second];
+}
+
+Message* Database::find_message_by_id(uint32_t id) {
+  if (id_index.empty()) {
+    for (Message& m : messages) {
+      if (m.id == id) return &m;
+    }
+    return nullptr;
+  }
+  auto it = id_index.find(id);
+  return it == id_index.end() ? nullptr : &messages[it->second];
+}
+
+Message* Database::find_message_by_id29(uint32_t id) {
+  auto it = id29_index.find(id & 0x1FFFFFFFu);
+  return it == id29_index.end() ? nullptr : &messages[it->second];
+}
+
+Signal* Database::find_signal(std::string_view message_name, std::string_view signal_name) {
+  Message* m = find_message(message_name);
+  return m ? m->find_signal(signal_name) : nullptr;
+}
+
+uint16_t motorola_lsb_start(uint32_t file_start_bit, uint16_t length) {
+  // Walk from the most significant bit down the sawtooth numbering: within a byte the bit
+  // number falls, and below bit 0 of a byte comes bit 7 of the next byte (+16 from bit -1+8).
+  int64_t p = int64_t(file_start_bit) + 1;
+  for (uint32_t i = 0; i < length; ++i) {
+    p -= 1;
+    if (p % 8 == 0 && i + 1 < length) p += 16;
+  }
+  return uint16_t(p);
+}
+
+std::vector<std::string_view> split_lines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t take = std::min(kMaxLineChars, text.size() - pos);
+    const size_t nl = text.substr(pos, take).find('\n');
+    if (nl != std::string_view::npos) take = nl + 1;
+    std::string_view line = text.substr(pos, take);
+    // The line is a C string from here on: a zero byte ends it.
+    const size_t zero = line.find('\0');
+    if (zero != std::string_view::npos) line = line.substr(0, zero);
+    lines.push_back(line);
+    pos += take;
+  }
+  return lines;
+}
+
+std::vector<std::string> tokenize(std::string_view line) {
+  std::string text;
+  text.reserve(line.size());
+  for (size_t i = 0; i < line.size(); ++i) {
+    if (line[i] == ';' && i + 1 < line.size() && line[i + 1] == '\n') {
+      ++i;  // ";\n" goes; so a line ending in ';' loses its line feed with it
+      continue;
+    }
+    text += line[i];
+  }
+  std::vector<std::string> tokens;
+  size_t i = 0;
+  while (i < text.size()) {
+    while (i < text.size() && text[i] == ' ') ++i;
+    const size_t begin = i;
+    while (i < text.size() && text[i] != ' ') ++i;
+    if (i > begin) tokens.emplace_back(text, begin, i - begin);
+  }
+  return tokens;
+}
+
+std::unique_ptr<Database> parse(std::string_view text) {
+  auto db = std::make_unique<Database>();
+  Loader loader(*db);
+  const std::vector<std::string_view> lines = split_lines(text);
+  for (std::string_view line : lines) {
+    std::vector<std::string> t = tokenize(line);
+    if (t.empty() || t[0] == "BA_") continue;
+    if (!loader.main_line(t)) return nullptr;
+  }
+  for (std::string_view line : lines) {
+    if (line.size() < 3 || line.find("BA_") == std::string_view::npos) continue;
+    loader.attribute_line(tokenize(line));
+  }
+  loader.resolve();
+  build_indexes(*db);
+  return db;
+}
+
+std::unique_ptr<Database> load_file(const char* path) {
+  if (!path) return nullptr;
+  std::FILE* f = std::fopen(path, "rb");
+  if (!f) return nullptr;
+  std::string text;
+  char buffer[65536];
+  size_t n;
+  bool too_big = false;
+  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) {
+    if (text.size() + n > kMaxFileBytes) {
+      too_big = true;
+      break;
+    }
+    text.append(buffer, n);
+  }
+  const bool failed = std::ferror(f) != 0;
+  std::fclose(f);
+  if (failed || too_big) return nullptr;
+  return parse(text);
+}
+
+}  // namespace varnel::dbc
