@@ -61,10 +61,11 @@ std::string hex(const Bytes& bytes) {
   return s;
 }
 
-// One S-record of type 1-3 (address of type+1 bytes) with its checksum.
+// One S-record with its checksum.
 std::string srec(int type, uint32_t address, const Bytes& data) {
   Bytes body;
-  int address_bytes = type == 0 || type == 9 ? 2 : type == 8 ? 3 : type == 7 ? 4 : type + 1;
+  // S0, S5 and S9 carry 2 address bytes, S8 three, S7 four; S1-S3 type + 1
+  int address_bytes = type >= 1 && type <= 3 ? type + 1 : type == 8 ? 3 : type == 7 ? 4 : 2;
   body.push_back(static_cast<uint8_t>(address_bytes + data.size() + 1));
   for (int i = address_bytes - 1; i >= 0; --i)
     body.push_back(static_cast<uint8_t>(address >> 8 * i));
@@ -498,10 +499,11 @@ TEST(HexfileImage, RefusesOverlapsBadArgumentsAndSmallBuffers) {
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(hexfile_save_image("/nonexistent-dir/x.bin", image.data(), 2, 1, 1), -1);
 
-  Bytes small(4, 0xEE);
-  EXPECT_EQ(VARNEL_hexfile_convert_image_n(small.data(), 4, image.data(), 2, 1, 0), -2);
-  EXPECT_EQ(small, Bytes(4, 0xEE));
-  EXPECT_EQ(VARNEL_hexfile_convert_image_n(small.data(), 5, image.data(), 2, 1, 0), 5);
+  Bytes buffer(5, 0xEE);
+  EXPECT_EQ(VARNEL_hexfile_convert_image_n(buffer.data(), 4, image.data(), 2, 1, 0), -2);
+  EXPECT_EQ(buffer, Bytes(5, 0xEE));
+  EXPECT_EQ(VARNEL_hexfile_convert_image_n(buffer.data(), 5, image.data(), 2, 1, 0), 5);
+  EXPECT_EQ(buffer, (Bytes{1, 2, 0, 0, 3}));
 
   // 4 GiB of gap: beyond the image bound, refused before writing
   Image huge_image{{0, {1}}, {0xFFFFFFF0, {2}}};
