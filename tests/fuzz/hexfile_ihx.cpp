@@ -1,0 +1,6 @@
+// libFuzzer target: hexfile_convert_ihx on arbitrary text.
+#include "hexfile_fuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  return varnel_fuzz::fuzz_converter(hexfile_convert_ihx, VARNEL_HEXFILE_IHX, data, size);
+}
