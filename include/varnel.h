@@ -98,6 +98,60 @@ VARNEL_API bool USB_WaitResume(DevHandle DevHandle, int TimeOutMs);
 
 /* ===== Device information and housekeeping ================================================== */
 
+/* The 88-byte device information record, copied from the adapter as it lies (little-endian
+ * words). Layout of the virtual adapter's firmware; see docs/virtual-adapter.md. */
+#pragma pack(push, 1)
+typedef struct DEVICE_INFO {
+  char FirmwareName[32];    /* NUL-padded text */
+  char BuildDate[32];       /* firmware build date and time, NUL-padded text */
+  uint32_t HardwareVersion; /* bytes 64..67 */
+  uint32_t FirmwareVersion; /* bytes 68..71 */
+  uint32_t SerialNumber[3]; /* bytes 72..83 */
+  uint32_t FunctionsLength; /* bytes 84..87: length of the function string */
+} DEVICE_INFO;
+VARNEL_STATIC_ASSERT(sizeof(DEVICE_INFO) == 88, "DEVICE_INFO is 88 bytes");
+#pragma pack(pop)
+
+/* Buffer sizes the calls below fill at most. */
+#define VARNEL_DEV_FUNCTION_STRING_SIZE 201 /* 200 characters and the NUL */
+#define VARNEL_DEV_HARDWARE_INFO_SIZE 64
+#define VARNEL_DEV_TIMESTAMP_SIZE 8         /* DEV_GetTimestamp stores at most 8 bytes */
+#define VARNEL_DEV_IP_ADDR_SIZE 16          /* DEV_SetIPAddr sends, DEV_GetIPAddr stores 16 */
+#define VARNEL_DEV_BUILD_TIME_SIZE 20       /* "YYYY-MM-DD HH:MM:SS" and the NUL */
+#define VARNEL_DEV_USER_DATA_SIZE 20480     /* the user-data area in the adapter's flash */
+
+/* Fills *pDevInfo with the first 88 bytes of the adapter's answer and, when pFunctionString is
+ * not NULL, the function string (buffer of VARNEL_DEV_FUNCTION_STRING_SIZE; false for a string
+ * longer than 200 characters, after the record has been filled). */
+VARNEL_API bool DEV_GetDeviceInfo(DevHandle DevHandle, DEVICE_INFO* pDevInfo,
+                                  char* pFunctionString);
+/* 64 bytes; false unless exactly 64 came and the first is neither 0 nor 255. */
+VARNEL_API bool DEV_GetHardwareInfo(DevHandle DevHandle, uint8_t* pHardwareInfo);
+/* User data: offsets are multiples of 4; a write takes at most VARNEL_DEV_USER_DATA_SIZE bytes.
+ * A read stores at most DataLen bytes (fewer when the area ends first). */
+VARNEL_API bool DEV_EraseUserData(DevHandle DevHandle);
+VARNEL_API bool DEV_EraseUserDataSector(DevHandle DevHandle, uint32_t Sector);
+VARNEL_API bool DEV_WriteUserData(DevHandle DevHandle, int32_t OffsetAddr, const uint8_t* pWriteData,
+                                  int32_t DataLen);
+VARNEL_API bool DEV_ReadUserData(DevHandle DevHandle, uint32_t OffsetAddr, uint8_t* pReadData,
+                                 uint32_t DataLen);
+VARNEL_API bool DEV_SetPowerLevel(DevHandle DevHandle, uint8_t PowerLevel);
+/* The timer chosen by TimerIndex (virtual adapter: 0 microseconds, 1 milliseconds, 8 bytes
+ * big-endian) into pTimestamp, at most VARNEL_DEV_TIMESTAMP_SIZE bytes. */
+VARNEL_API bool DEV_GetTimestamp(DevHandle DevHandle, uint8_t TimerIndex, uint8_t* pTimestamp);
+/* The device time in milliseconds (sent big-endian by the adapter); 0 when the command could
+ * not be written, -1 when the reply could not be read. */
+VARNEL_API int64_t DEV_GetTimestampMs(DevHandle DevHandle);
+VARNEL_API bool DEV_ResetTimestamp(DevHandle DevHandle);
+/* Sends the host wall clock (ms since 1970, 8 bytes in host byte order) and records it as the
+ * device's last, and on the first call also first, correction time. */
+VARNEL_API bool DEV_CorrectionTimestamp(DevHandle DevHandle);
+/* pIPAddr: VARNEL_DEV_IP_ADDR_SIZE bytes of address text (sent as they lie) / received. */
+VARNEL_API bool DEV_SetIPAddr(DevHandle DevHandle, const char* pIPAddr);
+VARNEL_API bool DEV_GetIPAddr(DevHandle DevHandle, char* pIPAddr);
+/* The library's build time as "YYYY-MM-DD HH:MM:SS" (VARNEL_DEV_BUILD_TIME_SIZE bytes). */
+VARNEL_API bool DEV_GetDllBuildTime(char* pBuildTime);
+
 /* ===== Logging and timing =================================================================== */
 
 /* ===== CAN ================================================================================== */

@@ -3,6 +3,12 @@
 
 namespace sim {
 
-void install_families(VirtualAdapter&) {}
+void install_device(VirtualAdapter& adapter);
+void install_gpio(VirtualAdapter& adapter);
+
+void install_families(VirtualAdapter& adapter) {
+  install_device(adapter);
+  install_gpio(adapter);
+}
 
 }  // namespace sim

@@ -50,7 +50,10 @@ TransactionResult transact(uint32_t handle, uint32_t command, std::span<const ui
   CommandPacket in{command, 0, reply.empty() ? nullptr : reply.data(), int32_t(reply.size())};
   {
     ScopedTransactionLock guard(handle, options.lock);
-    result.send_result = send_command(handle, out, kDefaultTimeoutMs);
+    result.send_result =
+        options.endpoint_flag < 0
+            ? send_command(handle, out, options.write_timeout_ms)
+            : send_command_on_endpoint(handle, uint32_t(options.endpoint_flag), out);
     if (result.send_result == 0)
       result.read_result = read_reply(handle, in, options.read_timeout_ms);
   }

@@ -35,6 +35,10 @@ struct TransactionResult {
 struct TransactionOptions {
   int read_timeout_ms = kDefaultTimeoutMs;
   TransactionLock lock = {};
+  int write_timeout_ms = kDefaultTimeoutMs;
+  // 0 or 1: write with send_command_on_endpoint and this endpoint flag (bit 0 chooses USB OUT
+  // endpoint 0x02; no index check, no TCP connect on demand). -1: the ordinary send_command.
+  int endpoint_flag = -1;
 };
 
 // Sends `request` as command `command` and reads its reply into `reply` (bounded by its size).

@@ -1,0 +1,246 @@
+// DEV_ calls: device and hardware information, the user-data flash, power level, the device time
+// base and the IP settings. Each is one transaction (two for the device information with its
+// function string).
+#include "core/device.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "core/bytes.h"
+#include "core/clock.h"
+#include "core/locks.h"
+#include "core/transaction.h"
+#include "varnel.h"
+
+namespace varnel {
+namespace {
+
+constexpr int32_t kUserDataLimit = VARNEL_DEV_USER_DATA_SIZE;
+constexpr int32_t kFunctionStringMax = VARNEL_DEV_FUNCTION_STRING_SIZE - 1;
+
+// Written under the device's lock; the mutex only keeps concurrent readers of other devices'
+// entries well defined.
+std::mutex correction_mutex;
+std::array<CorrectionTimes, kMaxDevices> corrections;
+
+// Replies the caller does not look at still have to land somewhere: over TCP a reply with a
+// payload but no buffer counts as failed.
+std::span<uint8_t> scratch_reply(std::array<uint8_t, 64>& buffer) {
+  return {buffer.data(), buffer.size()};
+}
+
+bool transaction_done(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
+                      int read_timeout_ms = kDefaultTimeoutMs) {
+  std::array<uint8_t, 64> ignored{};
+  TransactionOptions options;
+  options.read_timeout_ms = read_timeout_ms;
+  return transact(handle, command, request, scratch_reply(ignored), options).ok();
+}
+
+bool acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
+                  int read_timeout_ms) {
+  std::array<uint8_t, 64> ignored{};
+  TransactionOptions options;
+  options.read_timeout_ms = read_timeout_ms;
+  return transact(handle, command, request, scratch_reply(ignored), options).expect_length(0) == 0;
+}
+
+int month_number(const char* name) {
+  static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  for (int i = 0; i < 12; ++i)
+    if (std::strcmp(name, kMonths[i]) == 0) return i + 1;
+  return 0;
+}
+
+}  // namespace
+
+CorrectionTimes correction_times(int index) {
+  if (index < 0 || index >= kMaxDevices) return {};
+  std::lock_guard guard(correction_mutex);
+  return corrections[size_t(index)];
+}
+
+}  // namespace varnel
+
+using namespace varnel;
+
+VARNEL_API bool DEV_GetDeviceInfo(DevHandle handle, DEVICE_INFO* pDevInfo, char* pFunctionString) {
+  try {
+    if (!pDevInfo) return false;
+    // The record is the first 88 bytes of a reply that may be longer; a shorter one leaves the
+    // rest of the record zero.
+    std::vector<uint8_t> reply(1024, 0);
+    auto info = transact(handle, 0x0100, {}, reply);
+    if (!info.ok() || info.reply_length < 1 || info.reply_command != 0x0100) return false;
+    std::memcpy(pDevInfo, reply.data(), sizeof(DEVICE_INFO));
+    if (!pFunctionString) return true;
+
+    auto* out = reinterpret_cast<uint8_t*>(pFunctionString);
+    auto functions = transact(handle, 0x0106, {}, {out, size_t(kFunctionStringMax)});
+    if (!functions.ok() || functions.reply_command != 0x0106 ||
+        functions.reply_length > kFunctionStringMax)
+      return false;
+    pFunctionString[functions.reply_length > 0 ? functions.reply_length : 0] = '\0';
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_GetHardwareInfo(DevHandle handle, uint8_t* pHardwareInfo) {
+  try {
+    if (!pHardwareInfo) return false;
+    TransactionOptions options;
+    options.read_timeout_ms = 100;
+    options.write_timeout_ms = 100;
+    auto result =
+        transact(handle, 0x010D, {}, {pHardwareInfo, VARNEL_DEV_HARDWARE_INFO_SIZE}, options);
+    return result.expect_length(VARNEL_DEV_HARDWARE_INFO_SIZE) == 0 && pHardwareInfo[0] != 0 &&
+           pHardwareInfo[0] != 0xFF;
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_EraseUserData(DevHandle handle) {
+  try {
+    return acknowledged(handle, 0x0109, {}, 15000);
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_EraseUserDataSector(DevHandle handle, uint32_t Sector) {
+  try {
+    uint8_t request[4];
+    put_be32(request, Sector);
+    return acknowledged(handle, 0x010E, request, 5000);
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_WriteUserData(DevHandle handle, int32_t OffsetAddr, const uint8_t* pWriteData,
+                                  int32_t DataLen) {
+  try {
+    if (OffsetAddr % 4 != 0 || DataLen > kUserDataLimit || DataLen < 0) return false;
+    if (DataLen > 0 && !pWriteData) return false;
+    PayloadWriter request;
+    request.u32(uint32_t(OffsetAddr)).raw(pWriteData, size_t(DataLen));
+    return acknowledged(handle, 0x0107, request.bytes(), 5000);
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_ReadUserData(DevHandle handle, uint32_t OffsetAddr, uint8_t* pReadData,
+                                 uint32_t DataLen) {
+  try {
+    if (OffsetAddr % 4 != 0 || (DataLen > 0 && !pReadData)) return false;
+    PayloadWriter request;
+    request.u32(OffsetAddr).u32(DataLen);
+    // The reply goes straight into the caller's buffer, bounded by the count it asked for.
+    const size_t capacity = std::min<uint32_t>(DataLen, uint32_t(INT32_MAX));
+    std::array<uint8_t, 64> empty{};
+    std::span<uint8_t> reply =
+        capacity ? std::span<uint8_t>(pReadData, capacity) : scratch_reply(empty);
+    return transact(handle, 0x0108, request.bytes(), reply).ok();
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_SetPowerLevel(DevHandle handle, uint8_t PowerLevel) {
+  try {
+    return transaction_done(handle, 0x0010, {&PowerLevel, 1});
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_GetTimestamp(DevHandle handle, uint8_t TimerIndex, uint8_t* pTimestamp) {
+  try {
+    if (!pTimestamp) return false;
+    return transact(handle, 0x0011, {&TimerIndex, 1}, {pTimestamp, VARNEL_DEV_TIMESTAMP_SIZE}).ok();
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API int64_t DEV_GetTimestampMs(DevHandle handle) {
+  try {
+    uint8_t reply[8] = {};
+    auto result = transact(handle, 0x0015, {}, reply);
+    if (result.send_result != 0) return 0;
+    if (result.read_result != 0 || result.reply_length != 8) return -1;
+    uint64_t value = 0;
+    for (uint8_t b : reply) value = (value << 8) | b;
+    return int64_t(value);
+  } catch (...) {
+    return -1;
+  }
+}
+
+VARNEL_API bool DEV_ResetTimestamp(DevHandle handle) {
+  try {
+    return transaction_done(handle, 0x0012, {});
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
+  try {
+    const int index = device_index(handle);
+    if (index < 0 || index >= kMaxDevices) return false;
+    DeviceLockGuard guard(handle);
+    uint64_t now = wall_clock_ms();
+    {
+      std::lock_guard times_guard(correction_mutex);
+      auto& times = corrections[size_t(index)];
+      times.last_ms = now;
+      if (times.first_ms == 0) times.first_ms = now;
+    }
+    // Sent as it lies in host memory: the firmware takes the host's byte order here.
+    uint8_t request[8];
+    std::memcpy(request, &now, sizeof request);
+    return transaction_done(handle, 0x0014, request);
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_SetIPAddr(DevHandle handle, const char* pIPAddr) {
+  try {
+    if (!pIPAddr) return false;
+    return transaction_done(handle, 0x0016,
+                            {reinterpret_cast<const uint8_t*>(pIPAddr), VARNEL_DEV_IP_ADDR_SIZE});
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_GetIPAddr(DevHandle handle, char* pIPAddr) {
+  try {
+    if (!pIPAddr) return false;
+    return transact(handle, 0x0017, {},
+                    {reinterpret_cast<uint8_t*>(pIPAddr), VARNEL_DEV_IP_ADDR_SIZE})
+        .ok();
+  } catch (...) {
+    return false;
+  }
+}
+
+VARNEL_API bool DEV_GetDllBuildTime(char* pBuildTime) {
+  if (!pBuildTime) return true;
+  char month[4] = {};
+  int day = 0, year = 0;
+  std::sscanf(__DATE__, "%3s %d %d", month, &day, &year);
+  std::snprintf(pBuildTime, VARNEL_DEV_BUILD_TIME_SIZE, "%04d-%02d-%02d %s", year,
+                month_number(month), day, __TIME__);
+  return true;
+}

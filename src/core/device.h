@@ -1,0 +1,17 @@
+// Device housekeeping state the library keeps per device index: the host times of the first and
+// the last time-stamp correction.
+#pragma once
+
+#include <cstdint>
+
+namespace varnel {
+
+struct CorrectionTimes {
+  uint64_t first_ms = 0;  // wall clock ms since 1970; 0 until the first correction
+  uint64_t last_ms = 0;
+};
+
+// Times of the device at `index` (0..59); zeros for an index out of range.
+CorrectionTimes correction_times(int index);
+
+}  // namespace varnel
