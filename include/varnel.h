@@ -154,6 +154,24 @@ VARNEL_API bool DEV_GetDllBuildTime(char* pBuildTime);
 
 /* ===== Logging and timing =================================================================== */
 
+/* Does nothing; kept so that applications written for it link. */
+VARNEL_API void DEBUG_SetHandle(void);
+/* Opens path for appending (created if missing) as the process-wide log file. 0 when open, -1
+ * otherwise (NULL path, missing directory, no permission). A log opened earlier is closed first.
+ * The library writes nothing to it: applications use it to switch their own logging on and off.
+ * Not guarded: start and stop the log from one thread. */
+VARNEL_API int DEBUG_StartLogToFile(const char* path);
+/* Closes the log file if one is open. Always 0. */
+VARNEL_API int DEBUG_StopLog(void);
+/* Busy-wait on the monotonic high-resolution counter until strictly more than Us microseconds
+ * have passed (0 or less: until the counter has moved). Never yields the CPU. */
+VARNEL_API void delay_us(int32_t Us);
+/* As delay_us for Ms x 1000 microseconds, the product taken in 32 bits: values above 2,147,483 ms
+ * wrap (2,147,484 returns at once, 4,294,968 waits 704 us). Use sleep_ms for long waits. */
+VARNEL_API void delay_ms(uint32_t Ms);
+/* Yields the thread for Ms milliseconds. */
+VARNEL_API void sleep_ms(uint32_t Ms);
+
 /* ===== CAN ================================================================================== */
 
 /* ===== CAN FD =============================================================================== */
@@ -295,6 +313,27 @@ VARNEL_API int VARNEL_hexfile_check(const char* text, int32_t length, int32_t fo
                                     VARNEL_HEXFILE_PROBLEM* problems, uint32_t max_problems);
 
 /* ===== GPIO ================================================================================= */
+
+/* Bit n of a pin mask selects pin n; only the selected pins change. Values read or written use the
+ * same layout (1 = high). The library keeps no GPIO state and checks no argument: the adapter
+ * refuses what it cannot do, which shows as -4. Pull modes are the adapter's (the virtual adapter:
+ * VARNEL_GPIO_PULL_NONE/UP/DOWN).
+ * Results: 0 success, -2 the command could not be written, -4 no reply, or a reply of another
+ * length than expected (none for the set/write/pulse calls, 4 bytes for GPIO_Read). */
+#define VARNEL_GPIO_PULL_NONE 0
+#define VARNEL_GPIO_PULL_UP 1
+#define VARNEL_GPIO_PULL_DOWN 2
+VARNEL_API int GPIO_SetInput(DevHandle DevHandle, uint32_t PinMask, uint8_t PuPd);
+VARNEL_API int GPIO_SetOutput(DevHandle DevHandle, uint32_t PinMask, uint8_t PuPd);
+VARNEL_API int GPIO_SetOpenDrain(DevHandle DevHandle, uint32_t PinMask, uint8_t PuPd);
+VARNEL_API int GPIO_Write(DevHandle DevHandle, uint32_t PinMask, uint32_t PinValue);
+/* *pPinValue is written only on success (may be NULL: the value is then dropped). */
+VARNEL_API int GPIO_Read(DevHandle DevHandle, uint32_t PinMask, uint32_t* pPinValue);
+/* Emits PulseNum pulses of PulseWidthUs high time every PeriodUs on the selected pins. A period
+ * not above the width becomes width + 1. Blocks until the adapter replies after the last pulse:
+ * the read time-out is (period x count, 32-bit wrapping) / 1000 + 3000 ms. */
+VARNEL_API int GPIO_SendPulses(DevHandle DevHandle, uint32_t PinMask, uint32_t PulseWidthUs,
+                               uint32_t PeriodUs, int32_t PulseNum);
 
 /* ===== Library extensions (settings outside the adapter families) =========================== */
 

@@ -1,0 +1,103 @@
+// The log file switch and the busy-wait delays.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "core/delay.h"
+#include "varnel.h"
+
+namespace {
+
+std::string temp_path(const char* name) {
+  return testing::TempDir() + "varnel_" + std::to_string(getpid()) + "_" + name;
+}
+
+std::string contents(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+double elapsed_ms(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+}  // namespace
+
+TEST(DebugLog, StartReportsWhetherTheFileOpened) {
+  const std::string existing = temp_path("log_existing.txt");
+  std::ofstream(existing) << "earlier lines\n";
+  struct Case {
+    const char* name;
+    const char* path;
+    int result;
+  } cases[] = {
+      {"missing directory", "/nonexistent-varnel-dir/sub/log.txt", -1},
+      {"null path", nullptr, -1},
+      {"a directory", "/", -1},
+      {"existing file", existing.c_str(), 0},
+  };
+  for (auto& c : cases) {
+    EXPECT_EQ(DEBUG_StartLogToFile(c.path), c.result) << c.name;
+    EXPECT_EQ(DEBUG_StopLog(), 0) << c.name;
+  }
+  // Opened for appending: what the file held stays.
+  EXPECT_EQ(contents(existing), "earlier lines\n");
+  std::remove(existing.c_str());
+}
+
+TEST(DebugLog, CreatesTheFileAndStopsWithOrWithoutALog) {
+  DEBUG_SetHandle();
+  EXPECT_EQ(DEBUG_StopLog(), 0);  // nothing open
+  const std::string path = temp_path("log_new.txt");
+  std::remove(path.c_str());
+  ASSERT_EQ(DEBUG_StartLogToFile(path.c_str()), 0);
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  ASSERT_EQ(DEBUG_StartLogToFile(path.c_str()), 0);  // a second start replaces the first
+  EXPECT_EQ(DEBUG_StopLog(), 0);
+  EXPECT_EQ(DEBUG_StopLog(), 0);
+  std::remove(path.c_str());
+}
+
+TEST(Delay, MillisecondsBecomeMicrosecondsIn32Bits) {
+  struct Case {
+    uint32_t ms;
+    int64_t us;
+  } cases[] = {
+      {0, 0},
+      {1, 1000},
+      {2147483, 2147483000},
+      {2147484, -2147483296},  // past INT32_MAX: negative, no wait
+      {4294968, 704},          // wraps past 2^32
+      {4294967295u, -1000},
+  };
+  for (auto c : cases) EXPECT_EQ(varnel::delay_ms_as_us(c.ms), c.us) << c.ms;
+}
+
+TEST(Delay, ZeroOrNegativeWaitsForOneCounterTick) {
+  for (int32_t us : {0, -1, -1000000}) EXPECT_GT(varnel::spin_for_us(us), 0) << us;
+  auto start = std::chrono::steady_clock::now();
+  delay_us(0);
+  delay_ms(2147484);  // wrapped negative
+  delay_ms(4294968);  // wrapped to 704 us
+  EXPECT_LT(elapsed_ms(start), 1000.0);
+}
+
+TEST(Delay, WaitsAtLeastTheAskedTime) {
+  auto start = std::chrono::steady_clock::now();
+  delay_us(3000);
+  EXPECT_GE(elapsed_ms(start), 3.0);
+  start = std::chrono::steady_clock::now();
+  delay_ms(2);
+  EXPECT_GE(elapsed_ms(start), 2.0);
+  start = std::chrono::steady_clock::now();
+  sleep_ms(2);
+  EXPECT_GE(elapsed_ms(start), 2.0);
+}
