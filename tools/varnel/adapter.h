@@ -1,0 +1,25 @@
+// What the device commands share: reading a handle argument, opening and closing an adapter.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <string>
+
+namespace varnel_cli {
+
+// "0x12345678" (or decimal) to a handle; false for anything else.
+bool parse_handle(const std::string& text, uint32_t& handle);
+// A CLI11 check that rejects what parse_handle rejects (a usage error, exit 2).
+CLI::Validator handle_validator();
+// The same for any 32-bit number (masks, pin values, times): hex with 0x, or decimal.
+CLI::Validator u32_validator(const std::string& name);
+
+std::string handle_text(uint32_t handle);
+// "USB" or "network", and the controller the handle's kind brings.
+std::string handle_kind(uint32_t handle);
+
+// Scans and opens the adapter; prints why not on stderr and returns false.
+bool open_adapter(uint32_t handle);
+void close_adapter(uint32_t handle);
+
+}  // namespace varnel_cli

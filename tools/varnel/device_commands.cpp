@@ -1,0 +1,102 @@
+// `varnel scan` and `varnel info`: which adapters there are, and what one of them says it is.
+//   varnel scan [--net LOCAL_IP]
+//   varnel info HANDLE
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "adapter.h"
+#include "command_group.h"
+#include "sim_mode.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+namespace {
+
+struct DeviceOptions {
+  std::string net_local_ip;
+  std::string handle;
+};
+
+void run_scan(const DeviceOptions& options) {
+  if (!options.net_local_ip.empty()) {
+    std::fprintf(stderr, "scan --net: network adapters are not supported by this build yet\n");
+    exit_code() = 1;
+    return;
+  }
+  if (!prepare_adapters()) {
+    exit_code() = 1;
+    return;
+  }
+  std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
+  int count = USB_ScanDevice(handles.data());
+  if (count < 0) {
+    std::fprintf(stderr, "scan: USB enumeration failed (libusb error %d)\n", count);
+    exit_code() = 1;
+    return;
+  }
+  std::printf("%d adapter(s) on USB\n", count);
+  for (int i = 0; i < count; ++i) {
+    DevHandle h = handles[size_t(i)];
+    std::printf("  %s  %s\n", handle_text(h).c_str(), handle_kind(h).c_str());
+  }
+}
+
+std::string text_field(const char* field, size_t size) {
+  size_t length = 0;
+  while (length < size && field[length]) ++length;
+  return std::string(field, length);
+}
+
+// Prints the adapter's identity; false when it could not be read.
+bool print_info(uint32_t handle) {
+  DEVICE_INFO info{};
+  char functions[VARNEL_DEV_FUNCTION_STRING_SIZE] = {};
+  if (!DEV_GetDeviceInfo(handle, &info, functions)) {
+    std::fprintf(stderr, "adapter %s: the device information could not be read\n",
+                 handle_text(handle).c_str());
+    return false;
+  }
+  std::printf("adapter %s (%s)\n", handle_text(handle).c_str(), handle_kind(handle).c_str());
+  std::printf("  firmware:          %s\n",
+              text_field(info.FirmwareName, sizeof info.FirmwareName).c_str());
+  std::printf("  firmware version:  0x%08X\n", info.FirmwareVersion);
+  std::printf("  hardware version:  0x%08X\n", info.HardwareVersion);
+  std::printf("  serial number:     %08X-%08X-%08X\n", info.SerialNumber[0], info.SerialNumber[1],
+              info.SerialNumber[2]);
+  std::printf("  functions:         %s\n", functions);
+  std::printf("  firmware built:    %s\n",
+              text_field(info.BuildDate, sizeof info.BuildDate).c_str());
+  return true;
+}
+
+void run_info(const DeviceOptions& options) {
+  uint32_t handle = 0;
+  parse_handle(options.handle, handle);  // checked by the validator
+  if (!prepare_adapters() || !open_adapter(handle)) {
+    exit_code() = 1;
+    return;
+  }
+  if (!print_info(handle)) exit_code() = 1;
+  close_adapter(handle);
+}
+
+void add_device_commands(CLI::App& app) {
+  auto options = std::make_shared<DeviceOptions>();
+  CLI::App* scan = app.add_subcommand("scan", "list the adapters on USB (or the network)");
+  scan->add_option("--net", options->net_local_ip,
+                   "look for network adapters from this local IPv4 address");
+  scan->callback([options] { run_scan(*options); });
+
+  CLI::App* info = app.add_subcommand("info", "firmware, versions and serial number of an adapter");
+  info->add_option("HANDLE", options->handle, "adapter handle, e.g. 0x12345678")
+      ->required()
+      ->check(handle_validator());
+  info->callback([options] { run_info(*options); });
+}
+
+VARNEL_COMMAND_GROUP(add_device_commands)
+
+}  // namespace
+}  // namespace varnel_cli

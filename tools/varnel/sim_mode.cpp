@@ -1,0 +1,111 @@
+// --sim: re-executes the tool with the usbsim loaded in place of libusb.
+#include "sim_mode.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "command_group.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+namespace {
+
+// Set in the environment of the re-executed tool, so that it does not start over again.
+constexpr const char* kSimActiveVariable = "VARNEL_SIM_ACTIVE";
+
+bool& sim_requested() {
+  static bool requested = false;
+  return requested;
+}
+
+std::string executable_path() {
+  char path[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) return {};
+  return std::string(path, size_t(n));
+}
+
+// The arguments this process was started with, as the kernel keeps them.
+std::vector<std::string> own_arguments() {
+  std::ifstream in("/proc/self/cmdline", std::ios::binary);
+  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<std::string> args;
+  for (size_t start = 0; start < all.size();) {
+    size_t end = all.find('\0', start);
+    if (end == std::string::npos) end = all.size();
+    args.push_back(all.substr(start, end - start));
+    start = end + 1;
+  }
+  return args;
+}
+
+bool reexecute_on_sim() {
+  const std::string directory = usbsim_directory();
+  const std::string library = directory + "/libusb-1.0.so.0";
+  struct stat info {};
+  if (directory.empty() || stat(library.c_str(), &info) != 0) {
+    std::fprintf(stderr,
+                 "varnel: the virtual adapter is not available: %s not found (build the usbsim "
+                 "target)\n",
+                 library.c_str());
+    return false;
+  }
+  std::string path = directory;
+  if (const char* old = std::getenv("LD_LIBRARY_PATH"); old && *old) path += std::string(":") + old;
+  setenv("LD_LIBRARY_PATH", path.c_str(), 1);
+  setenv("VARNEL_USBSIM_ADAPTERS", kDefaultSimAdapters, 0);  // the caller's choice wins
+  setenv(kSimActiveVariable, "1", 1);
+
+  std::vector<std::string> args = own_arguments();
+  std::vector<char*> argv;
+  for (auto& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  std::fflush(nullptr);
+  const std::string self = executable_path();
+  execv(self.c_str(), argv.data());
+  std::fprintf(stderr, "varnel: cannot start on the virtual adapter: %s\n", std::strerror(errno));
+  return false;
+}
+
+void add_sim_flag(CLI::App& app) {
+  app.add_flag("--sim", sim_requested(),
+               "run against the virtual adapter (used anyway when no adapter is found)");
+}
+
+}  // namespace
+
+bool running_on_sim() {
+  const char* active = std::getenv(kSimActiveVariable);
+  return active && *active == '1';
+}
+
+std::string usbsim_directory() {
+  const std::string self = executable_path();
+  const size_t slash = self.rfind('/');
+  if (slash == std::string::npos) return {};
+  // <build>/bin/varnel -> <build>/usbsim
+  return self.substr(0, slash) + "/../usbsim";
+}
+
+bool prepare_adapters(bool always_sim) {
+  if (running_on_sim()) return true;
+  if (!always_sim && !sim_requested()) {
+    if (USB_ScanDevice(nullptr) > 0) return true;
+    std::fprintf(stderr, "varnel: no adapter found; running against the virtual adapter (--sim)\n");
+  }
+  return reexecute_on_sim();
+}
+
+VARNEL_COMMAND_GROUP(add_sim_flag)
+
+}  // namespace varnel_cli
