@@ -1,0 +1,149 @@
+// The `varnel` tool as a user runs it: the built binary against the virtual adapter, its output
+// compared with golden text, usage errors and the demo's exit code.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+namespace {
+
+struct ToolRun {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Runs the tool with `args` in a clean environment: no usbsim preloaded, no adapters chosen.
+ToolRun varnel(const std::string& args) {
+  const std::string err_path =
+      testing::TempDir() + "varnel_cli_err_" + std::to_string(getpid()) + ".txt";
+  const std::string command =
+      "env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS -u "
+      "VARNEL_SIM_ACTIVE " VARNEL_BINARY_DIR "/bin/varnel " +
+      args + " 2>" + err_path;
+  ToolRun run;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return run;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, n);
+  int status = pclose(pipe);
+  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.err = read_file(err_path);
+  std::remove(err_path.c_str());
+  return run;
+}
+
+std::string golden(const std::string& name) {
+  return read_file(VARNEL_SOURCE_DIR "/tests/cli/golden/" + name);
+}
+
+}  // namespace
+
+TEST(VarnelCli, OutputMatchesGoldenText) {
+  struct Case {
+    const char* args;
+    const char* golden;
+    int exit_code;
+  } cases[] = {
+      {"--sim scan", "scan.txt", 0},
+      {"--sim info 0x12345678", "info.txt", 0},
+      {"--sim gpio 0x12345678 set 0x3F output write 0x0F 0x05 read 0x3F", "gpio_write_read.txt", 0},
+      {"--sim gpio 0x12345678 set 0x30 input --pull up read 0x30", "gpio_pull_up.txt", 0},
+      {"--sim gpio 0x12345678 set 0x3 output pulse 0x3 --width 100 --period 100 --count 3",
+       "gpio_pulse.txt", 0},
+  };
+  for (auto& c : cases) {
+    ToolRun run = varnel(c.args);
+    // The virtual firmware carries its build date: the only line that changes between builds.
+    std::string out = std::regex_replace(run.out, std::regex("(firmware built: +).*"), "$1<date>");
+    EXPECT_EQ(run.exit_code, c.exit_code) << c.args << "\n" << run.err;
+    EXPECT_EQ(out, golden(c.golden)) << c.args;
+    EXPECT_EQ(run.err, "") << c.args;
+  }
+}
+
+TEST(VarnelCli, FailedCallsAreReportedInWords) {
+  struct Case {
+    const char* args;
+    const char* message;
+  } cases[] = {
+      {"--sim gpio 0x12345678 read 0x10000",
+       "gpio read: -4 (the reply could not be read, had the wrong length or reported failure)\n"},
+      {"--sim gpio 0x12345678 pulse 0x1",  // pin 0 is still an input
+       "gpio pulse: -4 (the reply could not be read, had the wrong length or reported failure)\n"},
+      {"--sim gpio 0x0BADF00D read 0x1",
+       "adapter 0x0BADF00D: not found (2 adapter(s) on USB; see `varnel scan`)\n"},
+      {"--sim info 0x99",
+       "adapter 0x00000099: not found (2 adapter(s) on USB; see `varnel scan`)\n"},
+  };
+  for (auto& c : cases) {
+    ToolRun run = varnel(c.args);
+    EXPECT_EQ(run.exit_code, 1) << c.args;
+    EXPECT_EQ(run.err, c.message) << c.args;
+  }
+}
+
+TEST(VarnelCli, LaterStepsOfAGpioLineStopAfterAFailure) {
+  ToolRun run = varnel("--sim gpio 0x12345678 read 0x10000 write 0x1 0x1");
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.out, "");  // the write did not run
+}
+
+TEST(VarnelCli, BadArgumentsExitTwoWithUsage) {
+  const char* cases[] = {
+      "",
+      "frobnicate",
+      "info",
+      "info not-a-handle",
+      "info 0x123456789",
+      "gpio 0x12345678",
+      "gpio zz read 0x1",
+      "gpio 0x12345678 read",
+      "gpio 0x12345678 read -1",
+      "gpio 0x12345678 set 0x1 sideways",
+      "gpio 0x12345678 set 0x1 output --pull maybe",
+      "gpio 0x12345678 write 0x1",
+      "gpio 0x12345678 pulse 0x1 --count -5",
+      "scan --bogus",
+  };
+  for (const char* args : cases) {
+    ToolRun run = varnel(args);
+    EXPECT_EQ(run.exit_code, 2) << "'" << args << "'";
+    EXPECT_NE(run.err.find("--help"), std::string::npos) << "'" << args << "'\n" << run.err;
+    EXPECT_EQ(run.out, "") << "'" << args << "'";
+  }
+}
+
+TEST(VarnelCli, WithoutAnAdapterFallsBackToTheVirtualOneAndSaysSo) {
+  // This machine has no USB adapter, so a plain scan must run on the virtual adapter.
+  ToolRun run = varnel("scan");
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, golden("scan.txt"));
+  EXPECT_NE(run.err.find("no adapter found; running against the virtual adapter"),
+            std::string::npos)
+      << run.err;
+}
+
+TEST(VarnelCli, DemoPassesEveryStep) {
+  ToolRun run = varnel("demo");
+  EXPECT_EQ(run.exit_code, 0) << run.out << run.err;
+  std::smatch summary;
+  ASSERT_TRUE(
+      std::regex_search(run.out, summary, std::regex("\ndemo: (\\d+)/(\\d+) steps passed\n$")))
+      << run.out;
+  EXPECT_EQ(summary[1], summary[2]);
+  EXPECT_EQ(run.out.find("FAILED"), std::string::npos) << run.out;
+}
