@@ -373,7 +373,7 @@ const std::string& Signal::comment_text() const {
 
 Signal* Message::find_signal(std::string_view signal_name) {
   if (!signal_index.empty() || signals.empty()) {
-    auto it = signal_index.find(std::string(signal_name));
+    auto it = signal_index.find(signal_name);
     return it == signal_index.end() ? nullptr : &signals[it->second];
   }
   // While loading, before the index exists.
@@ -388,7 +388,7 @@ const Signal* Message::find_signal(std::string_view signal_name) const {
 }
 
 Message* Database::find_message(std::string_view name) {
-  auto it = name_index.find(std::string(name));
+  auto it = name_index.find(name);
   return it == name_index.end() ? nullptr : &messages[it->second];
 }
 

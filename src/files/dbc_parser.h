@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -47,6 +48,13 @@ struct BitRun {
   uint8_t count;
   uint16_t raw_shift;  // 64 and more: bits beyond the raw value, written as zeros
 };
+
+// Hash maps keyed by name that can be searched with a string_view, without building a string.
+struct TextHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+using NameIndex = std::unordered_map<std::string, size_t, TextHash, std::equal_to<>>;
 
 enum : uint32_t { kMotorola = 0, kIntel = 1 };
 enum : uint32_t { kPlainSignal = 0, kMultiplexed = 1, kMultiplexor = 2 };
@@ -97,7 +105,7 @@ struct Message {
 
   // Derived at load: index of the first multiplexor signal, or -1; first signal per name.
   int multiplexor = -1;
-  std::unordered_map<std::string, size_t> signal_index;
+  NameIndex signal_index;
 
   Signal* find_signal(std::string_view signal_name);
   const Signal* find_signal(std::string_view signal_name) const;
@@ -114,7 +122,7 @@ struct Database {
   Message* find_message_by_id29(uint32_t id);  // low 29 bits only
   Signal* find_signal(std::string_view message_name, std::string_view signal_name);
 
-  std::unordered_map<std::string, size_t> name_index;
+  NameIndex name_index;
   std::unordered_map<uint32_t, size_t> id_index;
   std::unordered_map<uint32_t, size_t> id29_index;
 };

@@ -51,6 +51,18 @@ uint64_t register_database(std::unique_ptr<Database> db) {
   return handle;
 }
 
+void forget_database(uint64_t handle) {
+  Registry& r = registry();
+  std::lock_guard guard(r.mutex);
+  if (!r.handles.erase(handle)) return;
+  for (auto it = r.databases.begin(); it != r.databases.end(); ++it) {
+    if (uint64_t(reinterpret_cast<uintptr_t>(it->get())) == handle) {
+      r.databases.erase(it);
+      return;
+    }
+  }
+}
+
 Database* database(uint64_t handle) {
   if (handle == 0) return nullptr;
   Registry& r = registry();

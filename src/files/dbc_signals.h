@@ -14,6 +14,9 @@ namespace varnel::dbc {
 // Takes ownership of a loaded database and returns its handle (0 for null). Databases are never
 // released.
 uint64_t register_database(std::unique_ptr<Database> db);
+// Drops a database and its handle; only for the fuzz targets, which load without end (the
+// exported calls never release a database).
+void forget_database(uint64_t handle);
 // The database of a handle this library issued, else null.
 Database* database(uint64_t handle);
 
