@@ -96,6 +96,21 @@ VARNEL_API bool USB_WaitResume(DevHandle DevHandle, int TimeOutMs);
 
 /* ===== Network adapters ===================================================================== */
 
+/* Adapters on the local /24 network: a UDP probe to its broadcast address (port 1025) finds them,
+ * each is then reached over TCP (port 8000). Adapters found stay listed for the process's life.
+ *
+ * NET_ScanDevice probes for TimeOutMs (clamped to 200..10000 ms) and fills pDevHandle, which must
+ * hold VARNEL_MAX_DEVICES handles, with every adapter listed so far. Returns their number, -1 for a
+ * NULL argument or a bad address (also 0.0.0.0 and 255.255.255.255), -3 no UDP socket, -4 the
+ * probe could not be sent, 1 when the UDP socket could not be closed. */
+VARNEL_API int NET_ScanDevice(const char* pLocalIP, uint32_t* pDevHandle, int TimeOutMs);
+/* Opens the TCP connection of a scanned adapter (false for one never scanned). Transactions also
+ * connect on demand. */
+VARNEL_API bool NET_ConnectDevice(DevHandle DevHandle);
+/* Takes the connection down (false when there was none). A transaction running on it in another
+ * thread finishes first; the socket closes when it is done. */
+VARNEL_API bool NET_DisconnectDevice(DevHandle DevHandle);
+
 /* ===== Device information and housekeeping ================================================== */
 
 /* The 88-byte device information record, copied from the adapter as it lies (little-endian
@@ -336,5 +351,10 @@ VARNEL_API int GPIO_SendPulses(DevHandle DevHandle, uint32_t PinMask, uint32_t P
                                uint32_t PeriodUs, int32_t PulseNum);
 
 /* ===== Library extensions (settings outside the adapter families) =========================== */
+
+/* Ports of the network carrier: the discovery probe's and the adapters' TCP port. 0 restores the
+ * default (1025, 8000). Before the first call the environment variables VARNEL_NET_DISCOVERY_PORT
+ * and VARNEL_NET_TCP_PORT are read. Always 0. */
+VARNEL_API int VARNEL_SetNetPorts(uint16_t DiscoveryPort, uint16_t TcpPort);
 
 #endif /* VARNEL_H */

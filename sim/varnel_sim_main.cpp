@@ -1,0 +1,103 @@
+// varnel-sim: serves virtual adapters on the loopback network, as network adapters are reached.
+//
+//   varnel-sim [--adapter HANDLE]... [--count N] [--first-address 127.0.0.2]
+//              [--discovery-port 1025] [--tcp-port 8000] [--host-order]
+//
+// Each adapter gets its own address (127.0.0.2, .3, ...) with a TCP server; one UDP socket on
+// 127.0.0.255 answers the discovery probe for all of them. The handle's top byte is the adapter
+// kind (0x55 or 0x56 with bit 0 clear for a network adapter). SIGINT/SIGTERM stop it cleanly.
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "sim/net_server.h"
+
+namespace {
+
+volatile std::sig_atomic_t stop_requested = 0;
+void on_signal(int) {
+  stop_requested = 1;
+}
+
+void usage() {
+  std::fprintf(stderr,
+               "usage: varnel-sim [--adapter HANDLE]... [--count N] [--first-address ADDR]\n"
+               "                  [--discovery-port PORT] [--tcp-port PORT] [--host-order]\n");
+}
+
+bool parse_number(const char* text, unsigned long max, unsigned long* out) {
+  char* end = nullptr;
+  errno = 0;
+  unsigned long value = std::strtoul(text, &end, 0);
+  if (errno || !*text || *end || value > max) return false;
+  *out = value;
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<uint32_t> handles;
+  unsigned long count = 0;
+  sim::NetPorts ports;
+  sim::NetServerOptions options;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    const bool has_value = i + 1 < argc;
+    unsigned long value = 0;
+    if (arg == "--adapter" && has_value && parse_number(argv[i + 1], 0xFFFFFFFFul, &value)) {
+      handles.push_back(uint32_t(value));
+    } else if (arg == "--count" && has_value && parse_number(argv[i + 1], 250, &value)) {
+      count = value;
+    } else if (arg == "--discovery-port" && has_value && parse_number(argv[i + 1], 65535, &value)) {
+      ports.discovery = uint16_t(value);
+    } else if (arg == "--tcp-port" && has_value && parse_number(argv[i + 1], 65535, &value)) {
+      ports.tcp = uint16_t(value);
+    } else if (arg == "--first-address" && has_value) {
+      options.first_address = argv[i + 1];
+    } else if (arg == "--host-order") {
+      options.replies_in_host_order = true;
+      continue;
+    } else if (arg == "--help" || arg == "-h") {
+      usage();
+      return 0;
+    } else {
+      usage();
+      return 2;
+    }
+    ++i;
+  }
+  // --count adds network adapters 0x55000010, 0x55000020, ... after the listed ones
+  for (unsigned long n = 0; n < count; ++n) handles.push_back(0x55000010u + 0x10u * uint32_t(n));
+  if (handles.empty()) handles.push_back(0x55000010u);
+
+  std::vector<std::shared_ptr<sim::VirtualAdapter>> adapters;
+  for (uint32_t handle : handles) adapters.push_back(std::make_shared<sim::VirtualAdapter>(handle));
+  sim::NetServer server(adapters, ports, options);
+
+  struct sigaction action {};
+  action.sa_handler = on_signal;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+
+  if (!server.start()) {
+    std::fprintf(stderr, "varnel-sim: %s\n", server.error().c_str());
+    return 1;
+  }
+  std::printf("varnel-sim: discovery on %s:%u, TCP port %u\n", options.discovery_address.c_str(),
+              server.discovery_port(), server.tcp_port());
+  for (size_t i = 0; i < adapters.size(); ++i)
+    std::printf("  adapter 0x%08X at %s\n", adapters[i]->handle(), server.address_of(i).c_str());
+  std::fflush(stdout);
+  while (!stop_requested) pause();
+  server.stop();
+  std::printf("varnel-sim: stopped\n");
+  return 0;
+}
