@@ -189,7 +189,116 @@ VARNEL_API void sleep_ms(uint32_t Ms);
 
 /* ===== CAN ================================================================================== */
 
+/* Channels 0 and 1. Adapters whose handle has the top nibble 0x5 carry a CAN FD controller: on
+ * them every CAN_ call is carried out by the matching CANFD_ call with the records converted
+ * (time stamps: CAN FD units are ten times finer than classic ones, see docs/can.md). */
+#pragma pack(push, 1)
+typedef struct CAN_INIT_CONFIG {
+  uint32_t Prescaler;        /* only the low 16 bits reach the device */
+  uint8_t Sjw;               /* time quanta, 1-based; 0 counts as 1 */
+  uint8_t Bs1;               /* propagation + phase 1, time quanta */
+  uint8_t Bs2;               /* phase 2, time quanta */
+  uint8_t Mode;              /* bits 0-1 operating mode (0 normal), bit 7 device option */
+  uint8_t ControllerOption1; /* bit 0 only */
+  uint8_t ControllerOption2;
+  uint8_t ControllerOption3;
+  uint8_t ControllerOption4;
+} CAN_INIT_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(CAN_INIT_CONFIG) == 12, "CAN_INIT_CONFIG is 12 bytes");
+
+typedef struct CAN_STATUS {
+  uint32_t ControllerStatus; /* the controller's status word */
+  uint32_t ErrorStatus;      /* error status word E */
+  uint8_t RxErrorCounter;    /* E bits 24-31 */
+  uint8_t TxErrorCounter;    /* E bits 16-23 */
+  uint8_t LastErrorCode;     /* (E >> 4) & 7 */
+  uint8_t ErrorFlags;        /* E & 7: bit 0 warning, bit 1 passive, bit 2 bus off */
+} CAN_STATUS;
+VARNEL_STATIC_ASSERT(sizeof(CAN_STATUS) == 12, "CAN_STATUS is 12 bytes");
+#pragma pack(pop)
+
+/* Receive queues hold at most this many records per channel; the oldest is dropped first. A
+ * CAN_GetMsg buffer must hold this many records. */
+#define VARNEL_CAN_QUEUE_SIZE 50000
+
+/* 0, or -4 when the bit rate is not a row of the handle's table (no search, exact rates only). */
+VARNEL_API int CAN_GetCANSpeedArg(DevHandle DevHandle, CAN_INIT_CONFIG* pInitConfig,
+                                  uint32_t SpeedBps);
+VARNEL_API int CAN_Init(DevHandle DevHandle, uint8_t CANIndex, CAN_INIT_CONFIG* pInitConfig);
+VARNEL_API int CAN_Init2(DevHandle DevHandle, uint8_t CANIndex, uint32_t SpeedBps);
+/* Returns the frames the device accepted; rewrites Flags in the caller's array (bit 7 and the
+ * channel in bits 5-6). */
+VARNEL_API int CAN_SendMsg(DevHandle DevHandle, uint8_t CANIndex, CAN_MSG* pCanSendMsg,
+                           uint32_t SendMsgNum);
+/* TimeStamp of each record: microseconds the device keeps between this frame and the next. */
+VARNEL_API int CAN_SendMsgWithTime(DevHandle DevHandle, uint8_t CANIndex, CAN_MSG* pCanSendMsg,
+                                   uint32_t SendMsgNum);
+/* Returns when the device has put the frames on the bus: the frames sent. */
+VARNEL_API int CAN_SendMsgSynch(DevHandle DevHandle, uint8_t CANIndex, CAN_MSG* pCanSendMsg,
+                                uint32_t SendMsgNum);
+/* Moves every queued record (up to VARNEL_CAN_QUEUE_SIZE) into pCanGetMsg. Without the poller it
+ * first fetches what waits in the device. */
+VARNEL_API int CAN_GetMsg(DevHandle DevHandle, uint8_t CANIndex, CAN_MSG* pCanGetMsg);
+VARNEL_API int CAN_GetMsgWithSize(DevHandle DevHandle, uint8_t CANIndex, CAN_MSG* pCanGetMsg,
+                                  int32_t BufferSize);
+VARNEL_API int CAN_ClearMsg(DevHandle DevHandle, uint8_t CANIndex);
+/* The receive poller: one thread per adapter fetching polled channels every 10 ms. */
+VARNEL_API int CAN_StartGetMsg(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CAN_StopGetMsg(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CAN_GetStatus(DevHandle DevHandle, uint8_t CANIndex, CAN_STATUS* pCANStatus);
+VARNEL_API int CAN_Stop(DevHandle DevHandle, uint8_t CANIndex);
+/* Start time: host wall-clock milliseconds at device time 0. -4 for a bad index or channel. */
+VARNEL_API int64_t CAN_GetStartTime(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CAN_ResetStartTime(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CAN_SetStartTime(DevHandle DevHandle, uint8_t CANIndex, uint64_t StartTime);
+/* Bus time of the frame in microseconds (stuffed bit length with the CRC, no interframe space). */
+VARNEL_API int CAN_GetMsgSendTimeUs(const CAN_MSG* pCanMsg, int32_t SpeedBps);
+
 /* ===== CAN FD =============================================================================== */
+
+#pragma pack(push, 1)
+typedef struct CANFD_INIT_CONFIG {
+  uint8_t Mode;         /* 0 normal; other values passed to the device */
+  uint8_t Option;       /* option byte (1 from the tables) */
+  uint8_t FrameFormat;  /* 3 from the CAN FD tables, 1 from the classic-only ones */
+  uint8_t DeviceOption; /* device option byte */
+  uint8_t NomPrescaler; /* arbitration phase */
+  uint8_t NomSeg1;
+  uint8_t NomSeg2;
+  uint8_t NomSjw;
+  uint8_t DataPrescaler; /* data phase; 0 when the adapter has no data table */
+  uint8_t DataSeg1;
+  uint8_t DataSeg2;
+  uint8_t DataSjw;
+  uint8_t DelayCompensation; /* 5 for data rates of 8 Mbit/s and more, else 0 */
+  uint8_t Reserved[7];
+} CANFD_INIT_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(CANFD_INIT_CONFIG) == 20, "CANFD_INIT_CONFIG is 20 bytes");
+#pragma pack(pop)
+
+/* Records with Id VARNEL_CANFD_EVENT_ID are device events: Data[0..7] carry the event. */
+#define VARNEL_CANFD_EVENT_ID 0xFFFFFFFFu
+
+VARNEL_API int CANFD_GetCANSpeedArg(DevHandle DevHandle, CANFD_INIT_CONFIG* pInitConfig,
+                                    uint32_t SpeedBpsNBT, uint32_t SpeedBpsDBT);
+VARNEL_API int CANFD_Init(DevHandle DevHandle, uint8_t CANIndex, CANFD_INIT_CONFIG* pInitConfig);
+VARNEL_API int CANFD_Init2(DevHandle DevHandle, uint8_t CANIndex, uint32_t SpeedBpsNBT,
+                           uint32_t SpeedBpsDBT, uint8_t DeviceOption, uint8_t Option);
+/* Time-out 1000 ms + the sum of the records' TimeStamp values (ms each frame may take). */
+VARNEL_API int CANFD_SendMsg(DevHandle DevHandle, uint8_t CANIndex, CANFD_MSG* pCanSendMsg,
+                             uint32_t SendMsgNum);
+VARNEL_API int CANFD_SendMsgTimeout(DevHandle DevHandle, uint8_t CANIndex,
+                                    CANFD_MSG* pCanSendMsg, uint32_t SendMsgNum,
+                                    uint32_t TimeOutMs);
+VARNEL_API int CANFD_GetMsg(DevHandle DevHandle, uint8_t CANIndex, CANFD_MSG* pCanGetMsg,
+                            int32_t BufferSize);
+VARNEL_API int CANFD_ClearMsg(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CANFD_StartGetMsg(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CANFD_StopGetMsg(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CANFD_Stop(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int64_t CANFD_GetStartTime(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CANFD_ResetStartTime(DevHandle DevHandle, uint8_t CANIndex);
+VARNEL_API int CANFD_SetStartTime(DevHandle DevHandle, uint8_t CANIndex, uint64_t StartTime);
 
 /* ===== DBC database files =================================================================== */
 

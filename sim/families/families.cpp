@@ -5,10 +5,14 @@ namespace sim {
 
 void install_device(VirtualAdapter& adapter);
 void install_gpio(VirtualAdapter& adapter);
+void install_can(VirtualAdapter& adapter);
+void install_canfd(VirtualAdapter& adapter);
 
 void install_families(VirtualAdapter& adapter) {
   install_device(adapter);
   install_gpio(adapter);
+  install_can(adapter);
+  install_canfd(adapter);
 }
 
 }  // namespace sim

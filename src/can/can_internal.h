@@ -1,0 +1,63 @@
+// Pieces the CAN files share: the exported calls' exception guard, the receive steps and their
+// pollers.
+#pragma once
+
+#include <cstdint>
+
+#include "can/can_state.h"
+
+namespace varnel::can {
+
+// Nothing is thrown across the C interface: a failure inside becomes `fallback`.
+template <typename F>
+auto guarded(int fallback, F&& body) noexcept -> decltype(body()) {
+  try {
+    return body();
+  } catch (...) {
+    return decltype(body())(fallback);
+  }
+}
+
+// One fetch of the channel's frames into its two queues; 0, -2 not sent, -4 not read.
+int classic_poller_step(uint32_t handle, int device, uint8_t channel);
+int fd_poller_step(uint32_t handle, int device, uint8_t channel);
+Pollers& classic_pollers();
+Pollers& fd_pollers();
+
+// Channel bit rates derived from the last CAN FD init record (0 when none).
+struct FdRates {
+  uint32_t nominal = 0;
+  uint32_t data = 0;
+};
+FdRates fd_rates(uint32_t handle, int device, uint8_t channel);
+
+// Command codes.
+enum : uint32_t {
+  kDeviceTime = 0x0015,
+  kCanInit = 0x0C00,
+  kCanSend = 0x0C02,
+  kCanFetch = 0x0C03,
+  kCanStatus = 0x0C04,
+  kCanStop = 0x0C09,
+  kCanSendSynch = 0x0C0A,
+  kCanSynchPoll = 0x0C0B,
+  kCanSendTimed = 0x0C0C,
+  kFdInit = 0x4000,
+  kFdSend = 0x4002,
+  kFdFetch = 0x4003,
+  kFdStatus = 0x4005,
+  kFdSendAbort = 0x4009,
+  kFdSendPoll = 0x400A,
+  kFdStop = 0x400C,
+};
+
+constexpr size_t kClassicChunk = 500;
+constexpr size_t kSynchChunk = 250;
+constexpr size_t kFdChunk = 128;
+constexpr size_t kClassicFetchBytes = 100000;
+constexpr size_t kClassicFetchLimit = 5000;  // a larger fetch is garbage and dropped whole
+constexpr size_t kFdFetchBytes = 380000;
+constexpr size_t kFdFetchLimit = 5000;
+constexpr size_t kFdClassicRead = 2000;  // classic reads on CAN FD adapters take at most this
+
+}  // namespace varnel::can

@@ -1,0 +1,128 @@
+// The classic receive path: the poller step that fetches a channel's frames into its two queues,
+// the poller thread, and the calls that drain the application queue.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "can/can_internal.h"
+#include "core/transaction.h"
+
+using namespace varnel;
+using namespace varnel::can;
+
+namespace varnel::can {
+
+int classic_poller_step(uint32_t handle, int device, uint8_t channel) {
+  if (device < 0 || device > kMaxDeviceIndex || channel >= kChannels) return 0;
+  thread_local std::vector<uint8_t> buffer(kClassicFetchBytes);
+  thread_local std::vector<CAN_MSG> records(kClassicFetchLimit);
+  const auto r = transact(handle, kCanFetch, {&channel, 1}, buffer);
+  if (r.send_result != 0) return -2;
+  if (r.read_result != 0) return -4;
+  const size_t n = size_t(std::max(0, r.reply_length)) / sizeof(CAN_MSG);
+  ClassicChannel& state = classic_channel(device, channel);
+  if (n > kClassicFetchLimit) {  // more than a fetch can hold: garbage, dropped whole
+    state.fetches_dropped += n;
+    return 0;
+  }
+  std::memcpy(records.data(), buffer.data(), n * sizeof(CAN_MSG));
+  for (size_t i = 0; i < n; ++i)
+    records[i].Flags = uint8_t((records[i].Flags & 0x9F) | ((channel & 3) << 5));
+  DataLock lock(handle, channel);
+  state.application.append(records.data(), n);
+  state.diagnostic.append(records.data(), n);
+  return 0;
+}
+
+Pollers& classic_pollers() {
+  static Pollers pollers(
+      [](int device, int channel) -> std::atomic<uint8_t>& {
+        return classic_channel(device, channel).receive;
+      },
+      classic_poller_step);
+  return pollers;
+}
+
+}  // namespace varnel::can
+
+namespace {
+
+// CAN FD adapters: reads through CANFD_GetMsg and converts.
+int read_through_fd(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capacity) {
+  thread_local std::vector<CANFD_MSG> scratch(kFdFetchLimit);  // the 380000-byte area
+  const int n =
+      CANFD_GetMsg(handle, channel, scratch.data(), int32_t(std::min(capacity, scratch.size())));
+  for (int i = 0; i < n; ++i) out[i] = to_can(scratch[size_t(i)]);
+  return n;
+}
+
+// Pulls once when the channel is not polled, then drains up to `capacity` records.
+int read_classic(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capacity,
+                 bool report_fetch_error) {
+  const int device = channel_device(handle, channel);
+  if (device < 0) return -4;
+  ClassicChannel& state = classic_channel(device, channel);
+  if (!state.receive) {
+    const int r = classic_poller_step(handle, device, channel);
+    if (r < 0 && report_fetch_error) return r;
+  }
+  DataLock lock(handle, channel);
+  return int(state.application.take(out, capacity));
+}
+
+}  // namespace
+
+int CAN_GetMsg(DevHandle handle, uint8_t channel, CAN_MSG* out) {
+  return guarded(-4, [&] {
+    if (!out) return -7;
+    if (is_fd_adapter(handle)) return read_through_fd(handle, channel, out, kFdClassicRead);
+    return read_classic(handle, channel, out, kQueueLimit, false);
+  });
+}
+
+int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* out, int32_t capacity) {
+  return guarded(-4, [&] {
+    if (!out || capacity < 0) return -7;
+    channel &= 1;
+    if (is_fd_adapter(handle)) return read_through_fd(handle, channel, out, size_t(capacity));
+    return read_classic(handle, channel, out, size_t(capacity), true);
+  });
+}
+
+int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    if (is_fd_adapter(handle)) return CANFD_ClearMsg(handle, channel);
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    ClassicChannel& state = classic_channel(device, channel);
+    {
+      DataLock lock(handle, channel);
+      state.application.clear();
+    }
+    if (!state.receive) {
+      // frames already waiting in the device are dropped too
+      thread_local std::vector<CAN_MSG> scratch(204800 / sizeof(CAN_MSG));
+      read_classic(handle, channel, scratch.data(), scratch.size(), false);
+    }
+    return 0;
+  });
+}
+
+int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    if (is_fd_adapter(handle)) return CANFD_StartGetMsg(handle, channel);
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    DataLock lock(handle, channel);
+    return classic_pollers().start(handle, device, channel);
+  });
+}
+
+int CAN_StopGetMsg(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    if (is_fd_adapter(handle)) return CANFD_StopGetMsg(handle, channel);
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    return classic_pollers().stop(device, channel) ? 0 : -4;
+  });
+}

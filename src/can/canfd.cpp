@@ -1,0 +1,265 @@
+// The CAN FD channel of adapters whose handle has the top nibble 0x5: init, the chunked send
+// with completion polls, the receive poller over the device record format, stop and start times.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "can/can_bitrate.h"
+#include "can/can_internal.h"
+#include "core/bytes.h"
+#include "core/clock.h"
+#include "core/transaction.h"
+
+using namespace varnel;
+using namespace varnel::can;
+
+namespace varnel::can {
+
+FdRates fd_rates(uint32_t handle, int device, uint8_t channel) {
+  FdChannel& state = fd_channel(device, channel);
+  std::lock_guard guard(state.init_mutex);
+  FdRates rates;
+  if (!state.initialised) return rates;
+  const uint32_t clock = fd_controller_clock(handle);
+  const CANFD_INIT_CONFIG& c = state.init;
+  if (c.NomPrescaler)
+    rates.nominal = clock / (uint32_t(c.NomSeg2 + 1 + c.NomSeg1) * c.NomPrescaler);
+  if (c.DataPrescaler)
+    rates.data = clock / (uint32_t(c.DataSeg2 + 1 + c.DataSeg1) * c.DataPrescaler);
+  return rates;
+}
+
+int fd_poller_step(uint32_t handle, int device, uint8_t channel) {
+  if (device < 0 || device > kMaxDeviceIndex || channel >= kChannels) return 0;
+  thread_local std::vector<uint8_t> area(kFdFetchBytes);
+  thread_local std::vector<CANFD_MSG> records(kFdFetchLimit);
+  FdChannel& state = fd_channel(device, channel);
+  const auto r = transact(handle, kFdFetch, {&channel, 1}, area);
+  if (r.send_result != 0 || r.read_result != 0) {
+    state.receive = 0;
+    return r.send_result != 0 ? -2 : -4;
+  }
+  const size_t stored = std::min<size_t>(size_t(std::max(0, r.reply_length)), area.size());
+  const size_t n =
+      decode_fd_records({area.data(), stored}, channel, records.data(), records.size());
+  DataLock lock(handle, channel);
+  state.application.append(records.data(), n);
+  state.diagnostic.append(records.data(), n);
+  return 0;
+}
+
+Pollers& fd_pollers() {
+  static Pollers pollers(
+      [](int device, int channel) -> std::atomic<uint8_t>& {
+        return fd_channel(device, channel).receive;
+      },
+      fd_poller_step);
+  return pollers;
+}
+
+}  // namespace varnel::can
+
+namespace {
+
+int status_result(const TransactionResult& r) {
+  if (r.send_result != 0) return -2;
+  if (r.read_result != 0 || r.reply_length > 0) return -4;
+  return 0;
+}
+
+void busy_wait_us(uint64_t us) {
+  const uint64_t start = monotonic_ns();
+  while (monotonic_ns() - start < us * 1000) {
+  }
+}
+
+// Waits for the device to put the chunk on the bus. Returns the frames of the chunk that went
+// out, or -2/-4; `expired` tells that the time-out ran out (the frames then are those the
+// abort command confirms).
+int await_chunk(uint32_t handle, uint8_t channel, uint64_t start_ns, double limit_ms,
+                bool& expired) {
+  uint8_t state[4] = {};
+  for (;;) {
+    const auto r = transact(handle, kFdSendPoll, {&channel, 1}, state);
+    if (r.send_result != 0) return -2;
+    if (r.read_result != 0 || r.reply_length != 4) return -4;
+    if (state[3] != 0 || state[2] >= state[0]) return state[2];
+    if (elapsed_ms_since(start_ns) >= limit_ms) break;
+  }
+  expired = true;
+  thread_local std::vector<uint8_t> confirmed(kFdChunk * 12);
+  const auto r = transact(handle, kFdSendAbort, {&channel, 1}, confirmed);
+  if (r.send_result != 0) return -2;
+  if (r.read_result != 0) return -4;
+  return r.reply_length / 12;
+}
+
+}  // namespace
+
+int CANFD_GetCANSpeedArg(DevHandle handle, CANFD_INIT_CONFIG* config, uint32_t nominal,
+                         uint32_t data) {
+  if (!config) return -7;
+  return fd_speed_arg(handle, nominal, data, *config);
+}
+
+int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
+  return guarded(-4, [&] {
+    if (!config) return -7;
+    const uint8_t ch = channel & 1;
+    uint8_t payload[1 + sizeof(CANFD_INIT_CONFIG)];
+    payload[0] = ch;
+    std::memcpy(payload + 1, config, sizeof(CANFD_INIT_CONFIG));
+    const int r = status_result(transact(handle, kFdInit, payload, {}));
+    if (r != 0) return r;
+    const int device = device_index(handle);
+    if (device >= 0 && device <= kMaxDeviceIndex) {
+      FdChannel& state = fd_channel(device, ch);
+      {
+        std::lock_guard guard(state.init_mutex);
+        state.init = *config;
+        state.initialised = true;
+      }
+      if (state.start_time == 0) state.start_time = read_start_time(handle);
+      state.receive = 0;
+    }
+    return 0;
+  });
+}
+
+int CANFD_Init2(DevHandle handle, uint8_t channel, uint32_t nominal, uint32_t data,
+                uint8_t device_option, uint8_t option) {
+  CANFD_INIT_CONFIG config{};
+  const int r = CANFD_GetCANSpeedArg(handle, &config, nominal, data);
+  if (r != 0) return r;
+  config.DeviceOption = device_option;
+  config.Option = option;
+  return CANFD_Init(handle, channel, &config);
+}
+
+int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count,
+                         uint32_t timeout_ms) {
+  return guarded(-4, [&] {
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    const FdRates rates = fd_rates(handle, device, channel);
+    if (count == 0) return 0;
+    if (!msgs) return -7;
+    thread_local std::vector<uint8_t> payload(1 + kFdChunk * sizeof(CANFD_MSG));
+    int sent = 0;
+    for (uint32_t at = 0; at < count;) {
+      const size_t n = std::min<size_t>(kFdChunk, count - at);
+      payload[0] = channel;
+      size_t size = 1;
+      uint64_t us = 0;
+      for (size_t i = 0; i < n; ++i) {
+        CANFD_MSG& msg = msgs[at + i];
+        if (msg.DataLen > 8) msg.Flags |= 0x04;
+        size += encode_fd_record(msg, uint8_t(i), payload.data() + size);
+        us += fd_frame_time_us(msg, rates.nominal, rates.data);
+      }
+      TransactionOptions options;
+      options.lock = {TransactionLock::Kind::kCanChannel, channel};
+      options.endpoint_flag = 0;
+      uint8_t accepted[4] = {};
+      const uint64_t start = monotonic_ns();
+      const auto r = transact(handle, kFdSend, {payload.data(), size}, accepted, options);
+      if (r.send_result != 0) return -2;
+      if (r.read_result != 0) return -4;
+      if (us > 1000) busy_wait_us(us);
+      bool expired = false;
+      const int done = await_chunk(handle, channel, start,
+                                   std::max<double>(timeout_ms, double(us) / 1000.0), expired);
+      if (done < 0) return done;
+      sent += done;
+      if (expired) return sent;
+      at += uint32_t(n);
+    }
+    return sent;
+  });
+}
+
+int CANFD_SendMsg(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count) {
+  uint64_t timeout = 1000;
+  if (msgs)
+    for (uint32_t i = 0; i < count; ++i) timeout += msgs[i].TimeStamp;
+  return CANFD_SendMsgTimeout(handle, channel, msgs, count,
+                              uint32_t(std::min<uint64_t>(timeout, UINT32_MAX)));
+}
+
+int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capacity) {
+  return guarded(-4, [&] {
+    if (!out || capacity < 0) return -7;
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    FdChannel& state = fd_channel(device, channel);
+    if (!state.receive) {
+      const int r = fd_poller_step(handle, device, channel);
+      if (r < 0) return r;
+    }
+    DataLock lock(handle, channel);
+    return int(state.application.take(out, size_t(capacity)));
+  });
+}
+
+int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    FdChannel& state = fd_channel(device, channel);
+    // pull first, so frames waiting in the device are dropped with the queue
+    if (!state.receive) fd_poller_step(handle, device, channel);
+    DataLock lock(handle, channel);
+    state.application.clear();
+    return 0;
+  });
+}
+
+int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    DataLock lock(handle, channel);
+    return fd_pollers().start(handle, device, channel);
+  });
+}
+
+int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    return fd_pollers().stop(device, channel) ? 0 : -4;
+  });
+}
+
+int CANFD_Stop(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    const int device = channel_device(handle, channel);
+    if (device >= 0) fd_pollers().stop(device, channel);
+    const int r = status_result(transact(handle, kFdStop, {&channel, 1}, {}));
+    if (r != 0) return r;
+    CANFD_ClearMsg(handle, channel);
+    return 0;
+  });
+}
+
+int64_t CANFD_GetStartTime(DevHandle handle, uint8_t channel) {
+  const int device = channel_device(handle, channel);
+  if (device < 0) return -4;
+  return int64_t(fd_channel(device, channel).start_time.load());
+}
+
+int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
+  return guarded(-4, [&] {
+    const int device = channel_device(handle, channel);
+    if (device < 0) return -4;
+    fd_channel(device, channel).start_time = read_start_time(handle);
+    return 0;
+  });
+}
+
+int CANFD_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
+  const int device = channel_device(handle, channel);
+  if (device < 0) return -4;
+  fd_channel(device, channel).start_time = start_time;
+  return 0;
+}

@@ -1,0 +1,76 @@
+// Fixture for the CAN tests: a fresh virtual CAN bus per test, the host's CAN tables emptied,
+// and helpers to read back the packets of one command.
+#pragma once
+
+#include <vector>
+
+#include "can/can_state.h"
+#include "sim/bus/can_bus.h"
+#include "sim/families/can.h"
+#include "support/sim_fixture.h"
+
+namespace testing_support {
+
+class CanTest : public SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    bus_ = std::make_shared<sim::CanBus>();
+    sim::set_default_can_bus(bus_);
+    reset_host_tables();
+  }
+  void TearDown() override {
+    for (uint32_t handle : opened_)
+      for (uint8_t ch = 0; ch < 2; ++ch) {
+        CAN_StopGetMsg(handle, ch);
+        CANFD_StopGetMsg(handle, ch);
+      }
+    reset_host_tables();
+    SimTest::TearDown();
+    sim::set_default_can_bus(nullptr);
+  }
+
+  std::shared_ptr<sim::VirtualAdapter> open(uint32_t handle) {
+    opened_.push_back(handle);
+    return plug_and_open(handle);
+  }
+
+  static void reset_host_tables() {
+    for (int device = 0; device < 4; ++device)
+      for (int ch = 0; ch < 2; ++ch) {
+        auto& c = varnel::can::classic_channel(device, ch);
+        c.receive = 0;
+        c.application.clear();
+        c.diagnostic.clear();
+        c.bitrate = 0;
+        c.start_time = 0;
+        auto& f = varnel::can::fd_channel(device, ch);
+        f.receive = 0;
+        f.application.clear();
+        f.diagnostic.clear();
+        f.initialised = false;
+        f.start_time = 0;
+      }
+  }
+
+  static std::vector<sim::Packet> packets(sim::VirtualAdapter& adapter, uint32_t command) {
+    std::vector<sim::Packet> out;
+    for (auto& p : adapter.received())
+      if (p.command == command) out.push_back(p);
+    return out;
+  }
+
+  std::shared_ptr<sim::CanBus> bus_;
+  std::vector<uint32_t> opened_;
+};
+
+inline CAN_MSG can_msg(uint32_t id, std::vector<uint8_t> data, uint8_t extended = 0) {
+  CAN_MSG msg{};
+  msg.Id = id;
+  msg.Extended = extended;
+  msg.DataLen = uint8_t(data.size());
+  for (size_t i = 0; i < data.size() && i < 8; ++i) msg.Data[i] = data[i];
+  return msg;
+}
+
+}  // namespace testing_support
