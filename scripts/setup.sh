@@ -13,6 +13,9 @@ for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 
+# npm fetches the second DBC oracle; a machine may have Node.js from elsewhere already.
+command -v npm >/dev/null 2>&1 || missing+=(nodejs npm)
+
 if ((${#missing[@]})); then
   echo "setup: installing ${missing[*]}"
   sudo_cmd=""
