@@ -38,7 +38,7 @@ int bound_socket(int type, in_addr_t address, uint16_t port, std::string* error)
   at.sin_port = htons(port);
   at.sin_addr.s_addr = address;
   if (::bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 ||
-      (type == SOCK_STREAM && ::listen(fd, 16) != 0)) {
+      (type == SOCK_STREAM && ::listen(fd, SOMAXCONN) != 0)) {
     char text[INET_ADDRSTRLEN] = {};
     ::inet_ntop(AF_INET, &at.sin_addr, text, sizeof text);
     *error = std::string("bind ") + text + ":" + std::to_string(port) + ": " + std::strerror(errno);
