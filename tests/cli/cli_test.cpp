@@ -84,6 +84,7 @@ TEST(VarnelCli, FailedCallsAreReportedInWords) {
        "gpio read: -4 (the reply could not be read, had the wrong length or reported failure)\n"},
       {"--sim gpio 0x12345678 pulse 0x1",  // pin 0 is still an input
        "gpio pulse: -4 (the reply could not be read, had the wrong length or reported failure)\n"},
+      {"scan --net 1.2.3", "scan --net 1.2.3: -1 (not a usable local IPv4 address)\n"},
       {"--sim gpio 0x0BADF00D read 0x1",
        "adapter 0x0BADF00D: not found (2 adapter(s) on USB; see `varnel scan`)\n"},
       {"--sim info 0x99",

@@ -8,6 +8,7 @@
 
 #include "adapter.h"
 #include "command_group.h"
+#include "result_text.h"
 #include "sim_mode.h"
 #include "varnel.h"
 
@@ -19,10 +20,32 @@ struct DeviceOptions {
   std::string handle;
 };
 
+constexpr ResultMeaning kNetScanResults[] = {
+    {-1, "not a usable local IPv4 address"},
+    {-3, "no UDP socket could be opened"},
+    {-4, "the discovery probe could not be sent"},
+};
+
+// Probes the local /24 network from `local_ip` (one second) and lists what answered.
+void run_net_scan(const std::string& local_ip) {
+  std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
+  int count = NET_ScanDevice(local_ip.c_str(), handles.data(), 1000);
+  if (count < 0) {
+    std::fprintf(stderr, "scan --net %s: %s\n", local_ip.c_str(),
+                 describe_result(count, kNetScanResults).c_str());
+    exit_code() = 1;
+    return;
+  }
+  std::printf("%d adapter(s) on the network of %s\n", count, local_ip.c_str());
+  for (int i = 0; i < count; ++i) {
+    DevHandle h = handles[size_t(i)];
+    std::printf("  %s  %s\n", handle_text(h).c_str(), handle_kind(h).c_str());
+  }
+}
+
 void run_scan(const DeviceOptions& options) {
   if (!options.net_local_ip.empty()) {
-    std::fprintf(stderr, "scan --net: network adapters are not supported by this build yet\n");
-    exit_code() = 1;
+    run_net_scan(options.net_local_ip);
     return;
   }
   if (!prepare_adapters()) {
