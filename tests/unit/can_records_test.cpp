@@ -249,3 +249,55 @@ TEST(CanQueue, DropsOldestAcrossTheWrapAndCountsThem) {
   ASSERT_EQ(queue.take(out, 8), 5u);
   EXPECT_EQ(out[0], 3);
 }
+
+#include "can/can_text.h"
+
+TEST(CanText, ParsesCanUtilsFrameSyntax) {
+  struct Case {
+    const char* text;
+    bool ok;
+    uint32_t id;
+    uint8_t len, flags;
+  } cases[] = {
+      {"123#DEADBEEF", true, 0x123, 4, 0},
+      {"1ABCDEF0#01.02", true, 0x80000000u | 0x1ABCDEF0, 2, 0},
+      {"123#R", true, 0x40000123, 0, 0},
+      {"123#R4", true, 0x40000123, 4, 0},
+      {"7FF#", true, 0x7FF, 0, 0},
+      {"123##1"
+       "000102030405060708090A0B",
+       true, 0x123, 12, 0x05},
+      {"800#00", false, 0, 0, 0},                  // 3 digits are 11 bits
+      {"123#112233445566778899", false, 0, 0, 0},  // 9 bytes without FD
+      {"123##0"
+       "00112233445566778899",
+       false, 0, 0, 0},  // 10 bytes is no CAN FD size
+      {"123#ABC", false, 0, 0, 0},
+      {"#00", false, 0, 0, 0},
+      {"12G#00", false, 0, 0, 0},
+  };
+  for (auto& c : cases) {
+    auto msg = varnel::can_text::parse_frame(c.text);
+    ASSERT_EQ(msg.has_value(), c.ok) << c.text;
+    if (!c.ok) continue;
+    EXPECT_EQ(msg->Id, c.id) << c.text;
+    EXPECT_EQ(msg->DataLen, c.len) << c.text;
+    EXPECT_EQ(msg->Flags, c.flags) << c.text;
+  }
+}
+
+TEST(CanText, FormatsCandumpAndLogLines) {
+  auto msg = *varnel::can_text::parse_frame("123#DEADBEEF");
+  EXPECT_EQ(varnel::can_text::candump_line("can0", msg), "  can0  123   [4]  DE AD BE EF");
+  EXPECT_EQ(varnel::can_text::candump_log_line("can0", msg, 1700000000123456ull),
+            "(1700000000.123456) can0 123#DEADBEEF");
+  auto ext = *varnel::can_text::parse_frame("1ABCDEF0#R");
+  EXPECT_EQ(varnel::can_text::candump_line("can1", ext), "  can1  1ABCDEF0   [0]  remote request");
+  EXPECT_EQ(varnel::can_text::candump_log_line("can1", ext, 5), "(0.000005) can1 1ABCDEF0#R");
+  auto fd = *varnel::can_text::parse_frame(
+      "123##1"
+      "000102030405060708090A0B");
+  EXPECT_EQ(varnel::can_text::candump_log_line("can0", fd, 0),
+            "(0.000000) can0 123##1000102030405060708090A0B");
+  EXPECT_EQ(varnel::can_text::candump_line("can0", fd).substr(0, 18), "  can0  123   [12]");
+}

@@ -1,0 +1,252 @@
+// varnel can send HANDLE:CH FRAME...   frames in can-utils syntax (123#DEADBEEF, 123##1..., 123#R)
+// varnel can dump HANDLE:CH [-L] [-n N] [-t S]   candump-like lines with host time stamps
+// varnel can gen  HANDLE:CH [-n N] [-g MS] [-I ID] [--len N] [--fd]   cangen-like traffic
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "adapter.h"
+#include "can/can_text.h"
+#include "command_group.h"
+#include "result_text.h"
+#include "sim_mode.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+namespace {
+
+struct CanTarget {
+  std::string text;  // HANDLE:CH
+  uint32_t handle = 0;
+  uint8_t channel = 0;
+  uint32_t bitrate = 500000;
+  uint32_t data_bitrate = 2000000;
+};
+
+bool is_fd_adapter(uint32_t handle) {
+  return (handle & 0xF0000000u) == 0x50000000u;
+}
+
+bool parse_target(CanTarget& target) {
+  const size_t colon = target.text.rfind(':');
+  const std::string handle = target.text.substr(0, colon);
+  if (!parse_handle(handle, target.handle)) return false;
+  if (colon == std::string::npos) return true;
+  const std::string channel = target.text.substr(colon + 1);
+  if (channel != "0" && channel != "1") return false;
+  target.channel = uint8_t(channel[0] - '0');
+  return true;
+}
+
+CLI::Validator target_validator() {
+  return CLI::Validator(
+      [](std::string& text) {
+        CanTarget t;
+        t.text = text;
+        return parse_target(t) ? std::string() : "expected HANDLE:CH with CH 0 or 1, got " + text;
+      },
+      "HANDLE:CH");
+}
+
+std::string interface_name(const CanTarget& t) {
+  return "can" + std::to_string(t.channel);
+}
+
+uint64_t host_us() {
+  return uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::system_clock::now().time_since_epoch())
+                      .count());
+}
+
+bool fail(const char* call, int rc) {
+  std::fprintf(stderr, "%s: %s\n", call, result_text(rc));
+  exit_code() = 1;
+  return false;
+}
+
+bool open_channel(CanTarget& t) {
+  if (!parse_target(t) || !prepare_adapters() || !open_adapter(t.handle)) {
+    exit_code() = 1;
+    return false;
+  }
+  const int rc = is_fd_adapter(t.handle)
+                     ? CANFD_Init2(t.handle, t.channel, t.bitrate, t.data_bitrate, 1, 1)
+                     : CAN_Init2(t.handle, t.channel, t.bitrate);
+  if (rc != 0) return fail(is_fd_adapter(t.handle) ? "CANFD_Init2" : "CAN_Init2", rc);
+  return true;
+}
+
+CAN_MSG to_classic(const CANFD_MSG& fd) {
+  CAN_MSG msg{};
+  msg.Id = fd.Id & 0x1FFFFFFFu;
+  msg.Extended = (fd.Id >> 31) & 1;
+  msg.Flags = (fd.Id >> 30) & 1;
+  msg.DataLen = fd.DataLen > 8 ? 8 : fd.DataLen;
+  std::memcpy(msg.Data, fd.Data, 8);
+  return msg;
+}
+
+CANFD_MSG from_classic(const CAN_MSG& msg) {
+  CANFD_MSG fd{};
+  fd.Id = msg.Id | (msg.Extended & 1 ? 0x80000000u : 0) | (msg.Flags & 1 ? 0x40000000u : 0);
+  fd.DataLen = msg.DataLen;
+  std::memcpy(fd.Data, msg.Data, 8);
+  return fd;
+}
+
+bool send_frames(const CanTarget& t, std::vector<CANFD_MSG>& frames) {
+  if (is_fd_adapter(t.handle)) {
+    const int rc = CANFD_SendMsg(t.handle, t.channel, frames.data(), uint32_t(frames.size()));
+    if (rc >= 0 && rc < int(frames.size())) {
+      std::fprintf(stderr, "CANFD_SendMsg: %d of %zu frames went out (no node acknowledged?)\n", rc,
+                   frames.size());
+      exit_code() = 1;
+      return false;
+    }
+    return rc == int(frames.size()) || fail("CANFD_SendMsg", rc);
+  }
+  std::vector<CAN_MSG> msgs;
+  for (auto& f : frames) {
+    if (f.Flags & 0x04) {
+      std::fprintf(stderr, "this adapter has no CAN FD controller\n");
+      exit_code() = 1;
+      return false;
+    }
+    msgs.push_back(to_classic(f));
+  }
+  const int rc = CAN_SendMsg(t.handle, t.channel, msgs.data(), uint32_t(msgs.size()));
+  return rc == int(msgs.size()) || fail("CAN_SendMsg", rc < 0 ? rc : -4);
+}
+
+void run_send(CanTarget t, const std::vector<std::string>& texts) {
+  std::vector<CANFD_MSG> frames;
+  for (auto& text : texts) {
+    auto frame = varnel::can_text::parse_frame(text);
+    if (!frame) {
+      std::fprintf(stderr, "not a frame: %s (use 123#DEADBEEF, 123#R, 123##1...)\n", text.c_str());
+      exit_code() = 2;
+      return;
+    }
+    frames.push_back(*frame);
+  }
+  if (!open_channel(t)) return;
+  if (send_frames(t, frames))
+    for (auto& f : frames)
+      std::printf("%s\n", varnel::can_text::candump_line(interface_name(t), f).c_str());
+  close_adapter(t.handle);
+}
+
+void run_dump(CanTarget t, bool log_format, int count, double seconds) {
+  if (!open_channel(t)) return;
+  const bool fd = is_fd_adapter(t.handle);
+  std::vector<CAN_MSG> classic(fd ? 0 : VARNEL_CAN_QUEUE_SIZE);
+  std::vector<CANFD_MSG> frames(fd ? 5000 : 0);
+  fd ? CANFD_StartGetMsg(t.handle, t.channel) : CAN_StartGetMsg(t.handle, t.channel);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  int shown = 0;
+  while ((count <= 0 || shown < count) &&
+         (seconds <= 0 || std::chrono::steady_clock::now() < end)) {
+    int n = fd ? CANFD_GetMsg(t.handle, t.channel, frames.data(), int32_t(frames.size()))
+               : CAN_GetMsg(t.handle, t.channel, classic.data());
+    if (n < 0) {
+      fail(fd ? "CANFD_GetMsg" : "CAN_GetMsg", n);
+      break;
+    }
+    if (n == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      continue;
+    }
+    const uint64_t now = host_us();
+    for (int i = 0; i < n && (count <= 0 || shown < count); ++i, ++shown) {
+      const CANFD_MSG f = fd ? frames[size_t(i)] : from_classic(classic[size_t(i)]);
+      if (log_format) {
+        std::printf("%s\n", varnel::can_text::candump_log_line(interface_name(t), f, now).c_str());
+      } else {
+        std::printf("(%llu.%06llu) %s\n", (unsigned long long)(now / 1000000),
+                    (unsigned long long)(now % 1000000),
+                    varnel::can_text::candump_line(interface_name(t), f).c_str());
+      }
+    }
+    std::fflush(stdout);
+  }
+  fd ? CANFD_StopGetMsg(t.handle, t.channel) : CAN_StopGetMsg(t.handle, t.channel);
+  close_adapter(t.handle);
+}
+
+void run_gen(CanTarget t, int count, int gap_ms, std::string id_text, int len, bool fd) {
+  if (!open_channel(t)) return;
+  uint32_t fixed_id = 0;
+  const bool random_id = id_text.empty();
+  if (!random_id) parse_handle("0x" + id_text, fixed_id);
+  uint32_t seed = 12345;
+  auto next = [&] { return seed = seed * 1103515245u + 12345u; };
+  for (int i = 0; count <= 0 || i < count; ++i) {
+    CANFD_MSG f{};
+    f.Id = random_id ? (next() >> 8) & 0x7FF : fixed_id;
+    if (f.Id > 0x7FF) f.Id |= 0x80000000u;
+    f.DataLen = uint8_t(len >= 0 ? len : (next() >> 16) % 9);
+    if (fd) f.Flags = 0x05;
+    for (int b = 0; b < f.DataLen; ++b) f.Data[b] = uint8_t(next() >> 16);
+    std::vector<CANFD_MSG> one{f};
+    if (!send_frames(t, one)) break;
+    std::printf("%s\n", varnel::can_text::candump_line(interface_name(t), f).c_str());
+    if (gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(gap_ms));
+  }
+  close_adapter(t.handle);
+}
+
+void add_can_commands(CLI::App& app) {
+  CLI::App* can = app.add_subcommand("can", "CAN and CAN FD: send, dump and generate frames");
+  can->require_subcommand(1);
+  auto add_target = [](CLI::App* command, std::shared_ptr<CanTarget> t) {
+    command->add_option("TARGET", t->text, "adapter handle and channel, e.g. 0x12345678:0")
+        ->required()
+        ->check(target_validator());
+    command->add_option("-b,--bitrate", t->bitrate, "nominal bit rate (default 500000)");
+    command->add_option("--data-bitrate", t->data_bitrate,
+                        "CAN FD data bit rate (default 2000000)");
+  };
+
+  auto send_target = std::make_shared<CanTarget>();
+  auto frames = std::make_shared<std::vector<std::string>>();
+  CLI::App* send = can->add_subcommand("send", "send frames: 123#DEADBEEF, 1ABCDEF0#R, 123##1...");
+  add_target(send, send_target);
+  send->add_option("FRAME", *frames, "frames in can-utils syntax")->required();
+  send->callback([send_target, frames] { run_send(*send_target, *frames); });
+
+  auto dump_target = std::make_shared<CanTarget>();
+  auto log_format = std::make_shared<bool>(false);
+  auto dump_count = std::make_shared<int>(0);
+  auto seconds = std::make_shared<double>(0);
+  CLI::App* dump = can->add_subcommand("dump", "print received frames as candump does");
+  add_target(dump, dump_target);
+  dump->add_flag("-L,--log", *log_format, "candump log format: (time) can0 123#DEADBEEF");
+  dump->add_option("-n,--count", *dump_count, "stop after N frames");
+  dump->add_option("-t,--time", *seconds, "stop after S seconds");
+  dump->callback([=] { run_dump(*dump_target, *log_format, *dump_count, *seconds); });
+
+  auto gen_target = std::make_shared<CanTarget>();
+  auto gen_count = std::make_shared<int>(10);
+  auto gap = std::make_shared<int>(200);
+  auto id = std::make_shared<std::string>();
+  auto len = std::make_shared<int>(-1);
+  auto fd = std::make_shared<bool>(false);
+  CLI::App* gen = can->add_subcommand("gen", "generate frames as cangen does");
+  add_target(gen, gen_target);
+  gen->add_option("-n,--count", *gen_count, "frames to send (0: until interrupted)");
+  gen->add_option("-g,--gap", *gap, "milliseconds between frames");
+  gen->add_option("-I,--id", *id, "fixed identifier in hex (random 11-bit otherwise)");
+  gen->add_option("--len", *len, "fixed data length");
+  gen->add_flag("--fd", *fd, "CAN FD frames with bit-rate switch");
+  gen->callback([=] { run_gen(*gen_target, *gen_count, *gap, *id, *len, *fd); });
+}
+
+}  // namespace
+
+VARNEL_COMMAND_GROUP(add_can_commands)
+
+}  // namespace varnel_cli
