@@ -245,9 +245,8 @@ void NetServer::accept_loop(Slot& slot) {
 
 void NetServer::reader_loop(Slot& slot, std::shared_ptr<Connection> connection) {
   std::vector<uint8_t> buffer(kStreamChunk);
+  // A plain blocking receive: stop() and drop_connections() shut the socket down to end it.
   while (running_) {
-    pollfd p[2] = {{connection->fd, POLLIN, 0}, {wake_fd_[0], POLLIN, 0}};
-    if (::poll(p, 2, -1) <= 0 || (p[1].revents & POLLIN)) continue;
     ssize_t n = ::recv(connection->fd, buffer.data(), buffer.size(), 0);
     if (n <= 0) break;
     {
@@ -265,20 +264,21 @@ void NetServer::reader_loop(Slot& slot, std::shared_ptr<Connection> connection) 
 }
 
 void NetServer::writer_loop(Slot& slot) {
-  uint8_t none[1];
+  // Replies that were not ready when their request came (late replies, data the adapter queues
+  // on its own) are sent from here. It looks every millisecond instead of waiting on the
+  // adapter's queue, so that the common reply, sent by the reader, wakes no second thread.
   while (running_) {
-    // Waits for a reply that is due (late replies, data queued outside a request) without
-    // taking it, then sends under the slot's mutex so replies keep their order.
-    if (slot.adapter->read_stream(none, 0, std::chrono::milliseconds(50)) < 0) continue;
-    flush_replies(slot, std::chrono::milliseconds(0));
-    std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (slot.adapter->has_pending_reply()) flush_replies(slot, std::chrono::milliseconds(0));
   }
 }
 
 void NetServer::flush_replies(Slot& slot, std::chrono::milliseconds wait) {
   thread_local std::vector<uint8_t> buffer(kStreamChunk);
   std::lock_guard guard(slot.mutex);
-  while (true) {
+  // Asking the adapter only while something is queued: a read that finds nothing sleeps on a
+  // timer, which would add tens of microseconds to every reply.
+  while (slot.adapter->has_pending_reply()) {
     int n = slot.adapter->read_stream(buffer.data(), buffer.size(), wait);
     if (n <= 0) return;
     if (slot.current) send_all(slot.current->fd, buffer.data(), size_t(n));

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -28,6 +29,7 @@ constexpr int kSocketTimeoutMs = 3000;
 constexpr int kConnectTimeoutMs = 3000;
 constexpr int kReceiveBuffer = 64512;
 constexpr int kHeaderRetryMs = 20;
+constexpr uint64_t kIdleCheckNs = 100'000;  // 100 us
 
 class Socket {
  public:
@@ -36,6 +38,14 @@ class Socket {
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
   int fd() const { return fd_; }
+  // Whether the stream has to be checked before the next request. The check costs a system
+  // call, so back-to-back transactions (within 100 us of the last use) skip it: a peer that went
+  // away in that gap shows up as a failed reply instead, and the next transaction reconnects.
+  bool idle_since_last_use() {
+    const uint64_t now = monotonic_ns();
+    return now - last_use_ns_.exchange(now, std::memory_order_relaxed) > kIdleCheckNs;
+  }
+  void touch() { last_use_ns_.store(monotonic_ns(), std::memory_order_relaxed); }
   // The receive time-out is set only when a reply wants another one than the last.
   void set_receive_timeout(int ms) {
     if (ms == receive_timeout_ms_) return;
@@ -47,6 +57,7 @@ class Socket {
  private:
   int fd_;
   int receive_timeout_ms_ = kSocketTimeoutMs;
+  std::atomic<uint64_t> last_use_ns_{0};
 };
 using SocketPtr = std::shared_ptr<Socket>;
 
@@ -223,7 +234,7 @@ bool net_reconnect(uint32_t handle) {
 
 int net_write_packet(uint32_t handle, const uint8_t* data, int size, bool connect_on_demand) {
   SocketPtr socket = take_reference(handle);
-  if (socket && !stream_usable(socket->fd())) {
+  if (socket && socket->idle_since_last_use() && !stream_usable(socket->fd())) {
     disconnect_socket(handle, socket);
     socket.reset();
   }
@@ -286,6 +297,7 @@ int net_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
     disconnect_socket(handle, socket);
     return -3;
   }
+  socket->touch();
   return 0;
 }
 
