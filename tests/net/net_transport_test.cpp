@@ -229,3 +229,12 @@ TEST_F(NetTransport, DeviceCallsOverTcp) {
   EXPECT_EQ(back, data);
   EXPECT_TRUE(DEV_CorrectionTimestamp(kHandle));
 }
+
+TEST_F(NetTransport, HeaderReceiveIsTriedOnceMoreAfterATimeOut) {
+  auto daemon = start();
+  ASSERT_GE(DEV_GetTimestampMs(kHandle), 0);
+  // the first receive gives up after 3 s; the second one, 20 ms later, gets the reply
+  daemon->adapters[0]->faults().next_reply({ReplyFault::Kind::kLate, 3300});
+  EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
+  EXPECT_EQ(daemon->server->connections_accepted(), 1u);
+}
