@@ -21,7 +21,7 @@ CAN_MSG classic(uint32_t id, uint8_t extended, std::vector<uint8_t> data, uint8_
   msg.Extended = extended;
   msg.Flags = flags;
   msg.DataLen = uint8_t(data.size());
-  std::memcpy(msg.Data, data.data(), std::min<size_t>(data.size(), 8));
+  if (!data.empty()) std::memcpy(msg.Data, data.data(), std::min<size_t>(data.size(), 8));
   return msg;
 }
 
