@@ -92,8 +92,8 @@ int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count
     payload[0] = channel;
     const uint64_t us = prepare_chunk(msgs + at, n, channel, bitrate, payload.data() + 1);
     uint8_t reply[4] = {};
-    const auto r = transact(handle, kCanSend, {payload.data(), 1 + n * sizeof(CAN_MSG)}, reply,
-                            send_lock(channel, int(kDefaultTimeoutMs + us / 1000)));
+    const auto r = send_transaction(handle, kCanSend, {payload.data(), 1 + n * sizeof(CAN_MSG)},
+                                    reply, send_lock(channel, int(kDefaultTimeoutMs + us / 1000)));
     if (r.send_result != 0) return -2;
     if (r.read_result != 0 || r.reply_length != 4) return -4;
     total += int(get_be32(reply));
@@ -119,8 +119,9 @@ int send_timed_classic(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, ui
       std::memcpy(payload.data() + 1 + i * sizeof(CAN_MSG), &copy, sizeof(CAN_MSG));
     }
     uint8_t reply[4] = {};
-    const auto r = transact(handle, kCanSendTimed, {payload.data(), 1 + n * sizeof(CAN_MSG)}, reply,
-                            send_lock(channel, int(kDefaultTimeoutMs + gaps_us / 1000)));
+    const auto r =
+        send_transaction(handle, kCanSendTimed, {payload.data(), 1 + n * sizeof(CAN_MSG)}, reply,
+                         send_lock(channel, int(kDefaultTimeoutMs + gaps_us / 1000)));
     if (r.send_result != 0) return -2;
     if (r.read_result != 0 || r.reply_length != 4) return -4;
     total += int(get_be32(reply));
@@ -145,8 +146,8 @@ int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t
     auto options = send_lock(channel, kDefaultTimeoutMs);
     options.endpoint_flag = 1;
     uint8_t accepted[4] = {};
-    const auto r = transact(handle, kCanSendSynch, {payload.data(), 12 + n * sizeof(CAN_MSG)},
-                            accepted, options);
+    const auto r = send_transaction(handle, kCanSendSynch,
+                                    {payload.data(), 12 + n * sizeof(CAN_MSG)}, accepted, options);
     if (r.send_result != 0) return -2;
     if (r.read_result != 0) return -4;
     const uint64_t start = monotonic_ns();

@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "can/can_state.h"
+#include "core/locks.h"
+#include "core/transaction.h"
 
 namespace varnel::can {
 
@@ -23,6 +25,17 @@ int classic_poller_step(uint32_t handle, int device, uint8_t channel);
 int fd_poller_step(uint32_t handle, int device, uint8_t channel);
 Pollers& classic_pollers();
 Pollers& fd_pollers();
+
+// A send transaction: under the channel's CAN send lock (can_lock), and also under the device
+// lock, because the poller's fetches share the adapter's one command pipe: a fetch written between
+// a send and its reply takes the send's reply and the stream falls out of step.
+inline TransactionResult send_transaction(uint32_t handle, uint32_t command,
+                                          std::span<const uint8_t> request,
+                                          std::span<uint8_t> reply, TransactionOptions options) {
+  DeviceLockGuard device(handle);
+  options.lock = {TransactionLock::Kind::kCanChannel, options.lock.channel};
+  return transact(handle, command, request, reply, options);
+}
 
 // Channel bit rates derived from the last CAN FD init record (0 when none).
 struct FdRates {

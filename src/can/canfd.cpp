@@ -162,7 +162,7 @@ int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uin
       options.endpoint_flag = 0;
       uint8_t accepted[4] = {};
       const uint64_t start = monotonic_ns();
-      const auto r = transact(handle, kFdSend, {payload.data(), size}, accepted, options);
+      const auto r = send_transaction(handle, kFdSend, {payload.data(), size}, accepted, options);
       if (r.send_result != 0) return -2;
       if (r.read_result != 0) return -4;
       if (us > 1000) busy_wait_us(us);
