@@ -140,7 +140,21 @@ void run_send(CanTarget t, const std::vector<std::string>& texts) {
   close_adapter(t.handle);
 }
 
-void run_dump(CanTarget t, bool log_format, int count, double seconds) {
+// The decoded signals of a frame, when a database knows its identifier.
+void print_decoded(DBC_HANDLE db, const CANFD_MSG& f) {
+  if (!db) return;
+  char text[VARNEL_DBC_TEXT_MAX];
+  if (VARNEL_DbcFormatFrame(db, f.Id & ~0x40000000u, f.Data, f.DataLen, text, sizeof text) >= 0)
+    std::printf("  %s\n", text);
+}
+
+void run_dump(CanTarget t, bool log_format, int count, double seconds, const std::string& dbc) {
+  DBC_HANDLE db = 0;
+  if (!dbc.empty() && !(db = VARNEL_DbcLoadFile(dbc.c_str()))) {
+    std::fprintf(stderr, "can dump: cannot load the database %s\n", dbc.c_str());
+    varnel_cli::exit_code() = 1;
+    return;
+  }
   if (!open_channel(t)) return;
   const bool fd = is_fd_adapter(t.handle);
   std::vector<CAN_MSG> classic(fd ? 0 : VARNEL_CAN_QUEUE_SIZE);
@@ -170,6 +184,7 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds) {
                     (unsigned long long)(now % 1000000),
                     varnel::can_text::candump_line(interface_name(t), f).c_str());
       }
+      print_decoded(db, f);
     }
     std::fflush(stdout);
   }
@@ -227,7 +242,9 @@ void add_can_commands(CLI::App& app) {
   dump->add_flag("-L,--log", *log_format, "candump log format: (time) can0 123#DEADBEEF");
   dump->add_option("-n,--count", *dump_count, "stop after N frames");
   dump->add_option("-t,--time", *seconds, "stop after S seconds");
-  dump->callback([=] { run_dump(*dump_target, *log_format, *dump_count, *seconds); });
+  auto dbc_file = std::make_shared<std::string>();
+  dump->add_option("--dbc", *dbc_file, "decode frames with this DBC database");
+  dump->callback([=] { run_dump(*dump_target, *log_format, *dump_count, *seconds, *dbc_file); });
 
   auto gen_target = std::make_shared<CanTarget>();
   auto gen_count = std::make_shared<int>(10);
