@@ -81,19 +81,22 @@ int send_through_fd(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t co
   return sent;
 }
 
-int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
-  const uint32_t bitrate = classic_channel(device, channel).bitrate;
+// Sends `count` records as chunks of 500 behind a channel byte; the device answers each chunk with
+// the number it accepted. fill(at, n, out) writes records at..at+n-1 and returns the time they
+// keep the bus busy in microseconds, which stretches the reply time-out.
+template <typename FillChunk>
+int send_in_chunks(uint32_t handle, uint8_t channel, uint32_t command, uint32_t count,
+                   FillChunk fill) {
   thread_local std::vector<uint8_t> payload(1 + kClassicChunk * sizeof(CAN_MSG));
   int total = 0;
   for (uint32_t at = 0; at < count;) {
     const size_t n = std::min<size_t>(kClassicChunk, count - at);
     payload[0] = channel;
-    const uint64_t us = prepare_chunk(msgs + at, n, channel, bitrate, payload.data() + 1);
+    const uint64_t busy_us = fill(at, n, payload.data() + 1);
     uint8_t reply[4] = {};
-    const auto r = send_transaction(handle, kCanSend, {payload.data(), 1 + n * sizeof(CAN_MSG)},
-                                    reply, send_lock(channel, int(kDefaultTimeoutMs + us / 1000)));
+    const auto r =
+        send_transaction(handle, command, {payload.data(), 1 + n * sizeof(CAN_MSG)}, reply,
+                         send_lock(channel, int(kDefaultTimeoutMs + busy_us / 1000)));
     if (r.send_result != 0) return -2;
     if (r.read_result != 0 || r.reply_length != 4) return -4;
     total += int(get_be32(reply));
@@ -102,32 +105,30 @@ int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count
   return total;
 }
 
+int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
+  const int device = channel_device(handle, channel);
+  if (device < 0) return -4;
+  const uint32_t bitrate = classic_channel(device, channel).bitrate;
+  return send_in_chunks(handle, channel, kCanSend, count, [&](uint32_t at, size_t n, uint8_t* out) {
+    return prepare_chunk(msgs + at, n, channel, bitrate, out);
+  });
+}
+
 int send_timed_classic(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, uint32_t count) {
   if (channel_device(handle, channel) < 0) return -4;
-  thread_local std::vector<uint8_t> payload(1 + kClassicChunk * sizeof(CAN_MSG));
-  int total = 0;
-  for (uint32_t at = 0; at < count;) {
-    const size_t n = std::min<size_t>(kClassicChunk, count - at);
-    payload[0] = channel;
-    uint64_t gaps_us = 0;
-    for (size_t i = 0; i < n; ++i) {
-      const CAN_MSG& msg = msgs[at + i];
-      CAN_MSG copy = outgoing_copy(msg, msg.Flags & 1);
-      copy.TimeStamp = msg.TimeStamp;  // the gap the device keeps after this frame, in us
-      copy.DataLen = std::min<uint8_t>(msg.DataLen, 8);
-      gaps_us += msg.TimeStamp;
-      std::memcpy(payload.data() + 1 + i * sizeof(CAN_MSG), &copy, sizeof(CAN_MSG));
-    }
-    uint8_t reply[4] = {};
-    const auto r =
-        send_transaction(handle, kCanSendTimed, {payload.data(), 1 + n * sizeof(CAN_MSG)}, reply,
-                         send_lock(channel, int(kDefaultTimeoutMs + gaps_us / 1000)));
-    if (r.send_result != 0) return -2;
-    if (r.read_result != 0 || r.reply_length != 4) return -4;
-    total += int(get_be32(reply));
-    at += uint32_t(n);
-  }
-  return total;
+  return send_in_chunks(handle, channel, kCanSendTimed, count,
+                        [&](uint32_t at, size_t n, uint8_t* out) {
+                          uint64_t gaps_us = 0;
+                          for (size_t i = 0; i < n; ++i) {
+                            const CAN_MSG& msg = msgs[at + i];
+                            CAN_MSG copy = outgoing_copy(msg, msg.Flags & 1);
+                            copy.TimeStamp = msg.TimeStamp;  // the gap kept after it, in us
+                            copy.DataLen = std::min<uint8_t>(msg.DataLen, 8);
+                            gaps_us += msg.TimeStamp;
+                            std::memcpy(out + i * sizeof(CAN_MSG), &copy, sizeof(CAN_MSG));
+                          }
+                          return gaps_us;
+                        });
 }
 
 int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {

@@ -5,20 +5,11 @@
 #include <cstdint>
 
 #include "can/can_state.h"
+#include "core/c_boundary.h"
 #include "core/locks.h"
 #include "core/transaction.h"
 
 namespace varnel::can {
-
-// Nothing is thrown across the C interface: a failure inside becomes `fallback`.
-template <typename F>
-auto guarded(int fallback, F&& body) noexcept -> decltype(body()) {
-  try {
-    return body();
-  } catch (...) {
-    return decltype(body())(fallback);
-  }
-}
 
 // One fetch of the channel's frames into its two queues; 0, -2 not sent, -4 not read.
 int classic_poller_step(uint32_t handle, int device, uint8_t channel);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/bytes.h"
+#include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/locks.h"
 #include "core/transaction.h"
@@ -69,7 +70,7 @@ CorrectionTimes correction_times(int index) {
 using namespace varnel;
 
 VARNEL_API bool DEV_GetDeviceInfo(DevHandle handle, DEVICE_INFO* pDevInfo, char* pFunctionString) {
-  try {
+  return varnel::guarded(false, [&] {
     if (!pDevInfo) return false;
     // The record is the first 88 bytes of a reply that may be longer; a shorter one leaves the
     // rest of the record zero.
@@ -86,13 +87,11 @@ VARNEL_API bool DEV_GetDeviceInfo(DevHandle handle, DEVICE_INFO* pDevInfo, char*
       return false;
     pFunctionString[functions.reply_length > 0 ? functions.reply_length : 0] = '\0';
     return true;
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_GetHardwareInfo(DevHandle handle, uint8_t* pHardwareInfo) {
-  try {
+  return varnel::guarded(false, [&] {
     if (!pHardwareInfo) return false;
     TransactionOptions options;
     options.read_timeout_ms = 100;
@@ -101,45 +100,35 @@ VARNEL_API bool DEV_GetHardwareInfo(DevHandle handle, uint8_t* pHardwareInfo) {
         transact(handle, 0x010D, {}, {pHardwareInfo, VARNEL_DEV_HARDWARE_INFO_SIZE}, options);
     return result.expect_length(VARNEL_DEV_HARDWARE_INFO_SIZE) == 0 && pHardwareInfo[0] != 0 &&
            pHardwareInfo[0] != 0xFF;
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_EraseUserData(DevHandle handle) {
-  try {
-    return acknowledged(handle, 0x0109, {}, 15000);
-  } catch (...) {
-    return false;
-  }
+  return varnel::guarded(false, [&] { return acknowledged(handle, 0x0109, {}, 15000); });
 }
 
 VARNEL_API bool DEV_EraseUserDataSector(DevHandle handle, uint32_t Sector) {
-  try {
+  return varnel::guarded(false, [&] {
     uint8_t request[4];
     put_be32(request, Sector);
     return acknowledged(handle, 0x010E, request, 5000);
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_WriteUserData(DevHandle handle, int32_t OffsetAddr, const uint8_t* pWriteData,
                                   int32_t DataLen) {
-  try {
+  return varnel::guarded(false, [&] {
     if (OffsetAddr % 4 != 0 || DataLen > kUserDataLimit || DataLen < 0) return false;
     if (DataLen > 0 && !pWriteData) return false;
     PayloadWriter request;
     request.u32(uint32_t(OffsetAddr)).raw(pWriteData, size_t(DataLen));
     return acknowledged(handle, 0x0107, request.bytes(), 5000);
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_ReadUserData(DevHandle handle, uint32_t OffsetAddr, uint8_t* pReadData,
                                  uint32_t DataLen) {
-  try {
+  return varnel::guarded(false, [&] {
     if (OffsetAddr % 4 != 0 || (DataLen > 0 && !pReadData)) return false;
     PayloadWriter request;
     request.u32(OffsetAddr).u32(DataLen);
@@ -149,30 +138,22 @@ VARNEL_API bool DEV_ReadUserData(DevHandle handle, uint32_t OffsetAddr, uint8_t*
     std::span<uint8_t> reply =
         capacity ? std::span<uint8_t>(pReadData, capacity) : scratch_reply(empty);
     return transact(handle, 0x0108, request.bytes(), reply).ok();
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_SetPowerLevel(DevHandle handle, uint8_t PowerLevel) {
-  try {
-    return transaction_done(handle, 0x0010, {&PowerLevel, 1});
-  } catch (...) {
-    return false;
-  }
+  return varnel::guarded(false, [&] { return transaction_done(handle, 0x0010, {&PowerLevel, 1}); });
 }
 
 VARNEL_API bool DEV_GetTimestamp(DevHandle handle, uint8_t TimerIndex, uint8_t* pTimestamp) {
-  try {
+  return varnel::guarded(false, [&] {
     if (!pTimestamp) return false;
     return transact(handle, 0x0011, {&TimerIndex, 1}, {pTimestamp, VARNEL_DEV_TIMESTAMP_SIZE}).ok();
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API int64_t DEV_GetTimestampMs(DevHandle handle) {
-  try {
+  return varnel::guarded(-1, [&]() -> int64_t {
     uint8_t reply[8] = {};
     auto result = transact(handle, 0x0015, {}, reply);
     if (result.send_result != 0) return 0;
@@ -180,21 +161,15 @@ VARNEL_API int64_t DEV_GetTimestampMs(DevHandle handle) {
     uint64_t value = 0;
     for (uint8_t b : reply) value = (value << 8) | b;
     return int64_t(value);
-  } catch (...) {
-    return -1;
-  }
+  });
 }
 
 VARNEL_API bool DEV_ResetTimestamp(DevHandle handle) {
-  try {
-    return transaction_done(handle, 0x0012, {});
-  } catch (...) {
-    return false;
-  }
+  return varnel::guarded(false, [&] { return transaction_done(handle, 0x0012, {}); });
 }
 
 VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
-  try {
+  return varnel::guarded(false, [&] {
     const int index = device_index(handle);
     if (index < 0 || index >= kMaxDevices) return false;
     DeviceLockGuard guard(handle);
@@ -209,30 +184,24 @@ VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
     uint8_t request[8];
     std::memcpy(request, &now, sizeof request);
     return transaction_done(handle, 0x0014, request);
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_SetIPAddr(DevHandle handle, const char* pIPAddr) {
-  try {
+  return varnel::guarded(false, [&] {
     if (!pIPAddr) return false;
     return transaction_done(handle, 0x0016,
                             {reinterpret_cast<const uint8_t*>(pIPAddr), VARNEL_DEV_IP_ADDR_SIZE});
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_GetIPAddr(DevHandle handle, char* pIPAddr) {
-  try {
+  return varnel::guarded(false, [&] {
     if (!pIPAddr) return false;
     return transact(handle, 0x0017, {},
                     {reinterpret_cast<uint8_t*>(pIPAddr), VARNEL_DEV_IP_ADDR_SIZE})
         .ok();
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 VARNEL_API bool DEV_GetDllBuildTime(char* pBuildTime) {

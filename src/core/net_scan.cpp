@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "core/bytes.h"
+#include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/net.h"
 #include "varnel.h"
@@ -121,7 +122,7 @@ int net_scan_duration_ms(int timeout_ms) {
 using namespace varnel;
 
 VARNEL_API int NET_ScanDevice(const char* pLocalIP, uint32_t* pDevHandle, int TimeOutMs) {
-  try {
+  return varnel::guarded(-1, [&] {
     if (!pLocalIP || !pDevHandle) return -1;
     sockaddr_in destination{};
     if (!net_scan_destination(pLocalIP, &destination)) return -1;
@@ -154,9 +155,7 @@ VARNEL_API int NET_ScanDevice(const char* pLocalIP, uint32_t* pDevHandle, int Ti
     const size_t count = std::min(handles.size(), size_t(kMaxDevices));
     std::copy_n(handles.begin(), count, pDevHandle);
     return int(count);
-  } catch (...) {
-    return -1;
-  }
+  });
 }
 
 VARNEL_API int VARNEL_SetNetPorts(uint16_t DiscoveryPort, uint16_t TcpPort) {

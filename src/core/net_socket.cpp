@@ -18,6 +18,7 @@
 #include <mutex>
 
 #include "core/bytes.h"
+#include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/net.h"
 #include "varnel.h"
@@ -312,17 +313,9 @@ void net_forget_all() {
 using namespace varnel;
 
 VARNEL_API bool NET_ConnectDevice(uint32_t handle) {
-  try {
-    return net_connect(handle) == 0;
-  } catch (...) {
-    return false;
-  }
+  return varnel::guarded(false, [&] { return net_connect(handle) == 0; });
 }
 
 VARNEL_API bool NET_DisconnectDevice(uint32_t handle) {
-  try {
-    return net_disconnect(handle) == 0;
-  } catch (...) {
-    return false;
-  }
+  return varnel::guarded(false, [&] { return net_disconnect(handle) == 0; });
 }

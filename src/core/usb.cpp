@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/bytes.h"
+#include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/locks.h"
 #include "core/net.h"
@@ -293,7 +294,7 @@ bool open_entry(uint32_t handle) {
     uint32_t identity = 0;
     if (read_identity(entry->device_handle, &identity)) {
       if (identity != entry->handle) {  // another adapter now sits at this location
-        close_handle(*entry);  // closed, not just forgotten: the handle would leak
+        close_handle(*entry);           // closed, not just forgotten: the handle would leak
         return false;
       }
     } else {
@@ -472,15 +473,11 @@ bool reconnect_device(uint32_t handle) {
 using namespace varnel;
 
 int USB_ScanDevice(DevHandle* pDevHandle) {
-  try {
-    return scan_devices(pDevHandle);
-  } catch (...) {
-    return LIBUSB_ERROR_OTHER;
-  }
+  return varnel::guarded(LIBUSB_ERROR_OTHER, [&] { return scan_devices(pDevHandle); });
 }
 
 bool USB_OpenDevice(DevHandle handle) {
-  try {
+  return varnel::guarded(false, [&] {
     library_start();
     EntryPtr entry = find_entry(handle);
     if (entry && entry->device) return open_entry(handle);
@@ -488,9 +485,7 @@ bool USB_OpenDevice(DevHandle handle) {
     int count = scan_devices(found);
     if (count <= 0 || std::find(found, found + count, handle) == found + count) return false;
     return open_entry(handle);
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 bool USB_CloseDevice(DevHandle handle) {

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <unordered_set>
 
+#include "core/c_boundary.h"
 #include "core/transport.h"
 #include "files/dbc_codec.h"
 #include "varnel.h"
@@ -93,16 +94,6 @@ using namespace varnel::dbc;
 
 namespace {
 
-// Nothing is thrown across the interface: an allocation failure becomes the call's -4.
-template <typename F>
-int guarded(F&& f) {
-  try {
-    return f();
-  } catch (...) {
-    return -4;
-  }
-}
-
 Message* message_named(Database* db, const char* name) {
   return (db && name) ? db->find_message(name) : nullptr;
 }
@@ -123,23 +114,17 @@ int get_value(uint64_t handle, const char* message_name, const char* signal_name
 }  // namespace
 
 uint64_t DBC_ParserFile(DevHandle dev_handle, const char* file_name) {
-  try {
+  return varnel::guarded(0, [&]() -> uint64_t {
     if (varnel::device_index(dev_handle) < 0 || !file_name) return 0;
     std::FILE* f = std::fopen(file_name, "rb");
     if (!f) return 0;
     std::fclose(f);
     return register_database(load_file(file_name));
-  } catch (...) {
-    return 0;
-  }
+  });
 }
 
 uint64_t VARNEL_DbcLoadFile(const char* file_name) {
-  try {
-    return register_database(load_file(file_name));
-  } catch (...) {
-    return 0;
-  }
+  return varnel::guarded(0, [&] { return register_database(load_file(file_name)); });
 }
 
 int DBC_GetMsgQuantity(uint64_t dbc) {
@@ -217,7 +202,7 @@ int DBC_GetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_na
 
 int DBC_GetSignalValueStr(uint64_t dbc, const char* msg_name, const char* signal_name,
                           char* value_str) {
-  return guarded([&] {
+  return varnel::guarded(-4, [&] {
     double v = 0;
     const int ret = get_value(dbc, msg_name, signal_name, &v);
     if (ret != 0) return ret;
@@ -297,7 +282,7 @@ int DBC_SyncValueToCANFDMsg(uint64_t dbc, const char* msg_name, CANFD_MSG* msg) 
 
 int VARNEL_DbcFormatFrame(uint64_t dbc, uint32_t id, const uint8_t* data, int length, char* text,
                           int size) {
-  return guarded([&] {
+  return varnel::guarded(-4, [&] {
     Database* db = database(dbc);
     if (!db) return -4;
     if (length < 0 || (length > 0 && !data) || size < 0 || (size > 0 && !text)) return -7;
@@ -312,7 +297,7 @@ int VARNEL_DbcFormatFrame(uint64_t dbc, uint32_t id, const uint8_t* data, int le
 }
 
 int VARNEL_DbcDescribe(uint64_t dbc, char* text, int size) {
-  return guarded([&] {
+  return varnel::guarded(-4, [&] {
     Database* db = database(dbc);
     if (!db) return -4;
     if (size < 0 || (size > 0 && !text)) return -7;

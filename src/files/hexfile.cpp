@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "core/c_boundary.h"
 #include "varnel.h"
 
 namespace varnel {
@@ -492,15 +493,6 @@ int file_size_by_reading(const char* path) {
     if (total > VARNEL_HEXFILE_MAX_FILE) return -2;
   }
   return std::ferror(file.get()) ? -1 : static_cast<int>(total);
-}
-
-template <class F>
-int guarded(int on_exception, F&& body) {
-  try {
-    return body();
-  } catch (...) {
-    return on_exception;
-  }
 }
 
 }  // namespace

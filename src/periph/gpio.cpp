@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "core/bytes.h"
+#include "core/c_boundary.h"
 #include "core/transaction.h"
 #include "varnel.h"
 
@@ -61,42 +62,28 @@ uint32_t corrected_pulse_period(uint32_t width_us, uint32_t period_us) {
 }  // namespace varnel
 
 VARNEL_API int GPIO_SetInput(DevHandle handle, uint32_t mask, uint8_t pull) {
-  try {
-    return set_mode(handle, kSetInput, mask, pull);
-  } catch (...) {
-    return -4;
-  }
+  return varnel::guarded(-4, [&] { return set_mode(handle, kSetInput, mask, pull); });
 }
 
 VARNEL_API int GPIO_SetOutput(DevHandle handle, uint32_t mask, uint8_t pull) {
-  try {
-    return set_mode(handle, kSetOutput, mask, pull);
-  } catch (...) {
-    return -4;
-  }
+  return varnel::guarded(-4, [&] { return set_mode(handle, kSetOutput, mask, pull); });
 }
 
 VARNEL_API int GPIO_SetOpenDrain(DevHandle handle, uint32_t mask, uint8_t pull) {
-  try {
-    return set_mode(handle, kSetOpenDrain, mask, pull);
-  } catch (...) {
-    return -4;
-  }
+  return varnel::guarded(-4, [&] { return set_mode(handle, kSetOpenDrain, mask, pull); });
 }
 
 VARNEL_API int GPIO_Write(DevHandle handle, uint32_t mask, uint32_t values) {
-  try {
+  return varnel::guarded(-4, [&] {
     std::array<uint8_t, 8> payload{};
     varnel::put_be32(payload.data(), mask);
     varnel::put_be32(payload.data() + 4, values);
     return acknowledged(handle, kWrite, payload);
-  } catch (...) {
-    return -4;
-  }
+  });
 }
 
 VARNEL_API int GPIO_Read(DevHandle handle, uint32_t mask, uint32_t* values) {
-  try {
+  return varnel::guarded(-4, [&] {
     std::array<uint8_t, 4> request{};
     varnel::put_be32(request.data(), mask);
     std::array<uint8_t, 4> reply{};
@@ -105,20 +92,16 @@ VARNEL_API int GPIO_Read(DevHandle handle, uint32_t mask, uint32_t* values) {
     if (rc != 0) return rc;
     if (values) *values = varnel::get_be32(reply.data());
     return 0;
-  } catch (...) {
-    return -4;
-  }
+  });
 }
 
 VARNEL_API int GPIO_SendPulses(DevHandle handle, uint32_t mask, uint32_t width_us,
                                uint32_t period_us, int32_t count) {
-  try {
+  return varnel::guarded(-4, [&] {
     uint32_t period = varnel::corrected_pulse_period(width_us, period_us);
     varnel::PayloadWriter payload;
     payload.u32(mask).u32(width_us).u32(period).u32(static_cast<uint32_t>(count));
     return acknowledged(handle, kSendPulses, payload.bytes(),
                         varnel::pulse_read_timeout_ms(period, count));
-  } catch (...) {
-    return -4;
-  }
+  });
 }
