@@ -27,14 +27,15 @@ inline std::string read_file(const std::string& path) {
 }
 
 // Runs the tool with `args` (a shell command tail: redirections work) in a clean environment: no
-// usbsim preloaded, no adapters or virtual bus traffic chosen.
-inline ToolRun varnel(const std::string& args) {
+// usbsim preloaded, no adapters or virtual bus traffic chosen; `environment` ("NAME=value ...")
+// adds variables.
+inline ToolRun varnel(const std::string& args, const std::string& environment = "") {
   const std::string err_path =
       testing::TempDir() + "varnel_cli_err_" + std::to_string(getpid()) + ".txt";
   const std::string command =
       "env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS -u VARNEL_SIM_ACTIVE "
-      "-u VARNEL_SIM_CAN_PEER -u VARNEL_SIM_CAN_TRAFFIC " VARNEL_BINARY_DIR "/bin/varnel " +
-      args + " 2>" + err_path;
+      "-u VARNEL_SIM_CAN_PEER -u VARNEL_SIM_CAN_TRAFFIC " +
+      environment + " " VARNEL_BINARY_DIR "/bin/varnel " + args + " 2>" + err_path;
   ToolRun run;
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return run;

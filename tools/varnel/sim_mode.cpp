@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "adapter.h"
 #include "command_group.h"
 #include "sim/bus/can_scene_text.h"
 #include "varnel.h"
@@ -153,6 +154,16 @@ bool running_on_sim() {
   return active && *active == '1';
 }
 
+std::string sibling_program(const std::string& name) {
+  const std::string self = executable_path();
+  const size_t slash = self.rfind('/');
+  return slash == std::string::npos ? name : self.substr(0, slash + 1) + name;
+}
+
+void export_sim_can_scene() {
+  export_can_scene(sim_can_scene());
+}
+
 std::string usbsim_directory() {
   const std::string self = executable_path();
   const size_t slash = self.rfind('/');
@@ -163,6 +174,8 @@ std::string usbsim_directory() {
 
 bool prepare_adapters(bool always_sim) {
   if (running_on_sim()) return true;
+  // with --net the adapters are on the network; USB is not looked at
+  if (!always_sim && !sim_requested() && !network_local_ip().empty()) return true;
   if (!always_sim && !sim_requested()) {
     if (USB_ScanDevice(nullptr) > 0) return true;
     std::fprintf(stderr, "varnel: no adapter found; running against the virtual adapter (--sim)\n");
