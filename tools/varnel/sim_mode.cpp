@@ -157,7 +157,7 @@ bool running_on_sim() {
 std::string sibling_program(const std::string& name) {
   const std::string self = executable_path();
   const size_t slash = self.rfind('/');
-  return slash == std::string::npos ? name : self.substr(0, slash + 1) + name;
+  return slash == std::string::npos ? std::string() : self.substr(0, slash + 1) + name;
 }
 
 void export_sim_can_scene() {
@@ -165,11 +165,7 @@ void export_sim_can_scene() {
 }
 
 std::string usbsim_directory() {
-  const std::string self = executable_path();
-  const size_t slash = self.rfind('/');
-  if (slash == std::string::npos) return {};
-  // <build>/bin/varnel -> <build>/usbsim
-  return self.substr(0, slash) + "/../usbsim";
+  return sibling_program("../usbsim");  // <build>/bin/varnel -> <build>/usbsim
 }
 
 bool prepare_adapters(bool always_sim) {
