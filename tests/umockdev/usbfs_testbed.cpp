@@ -55,6 +55,17 @@ struct Node {
   std::map<UMockdevIoctlClient*, ClientUrbs> clients;
   std::vector<Transfer> transfers;
   Counters counters;
+  std::deque<std::pair<uint8_t, int>> faults;  // endpoint, URB status
+
+  // The status the next URB on `endpoint` fails with, or 0.
+  int take_fault(uint8_t endpoint) {
+    auto it =
+        std::find_if(faults.begin(), faults.end(), [&](auto& f) { return f.first == endpoint; });
+    if (it == faults.end()) return 0;
+    const int status = it->second;
+    faults.erase(it);
+    return status;
+  }
 };
 
 struct Testbed {
@@ -256,6 +267,10 @@ int submit(Node& node, ClientUrbs& urbs, UMockdevIoctlData* arg) {
     urbs.in_flight.push_back(urb);
     return 0;
   }
+  if (const int status = node.take_fault(u->endpoint)) {
+    complete(node, urbs, urb, status, 0);
+    return 0;
+  }
   if (u->buffer_length > 0) node.adapter->receive(urb.buffer->data, size_t(u->buffer_length));
   complete(node, urbs, urb, 0, u->buffer_length);
   return 0;
@@ -278,6 +293,11 @@ void fill_in_urb(Node& node, ClientUrbs& urbs) {
   if (urbs.in_flight.empty()) return;
   Urb& urb = urbs.in_flight.front();
   const int length = urb.fields()->buffer_length;
+  if (const int status = node.take_fault(urb.fields()->endpoint)) {
+    Urb done = urb;
+    urbs.in_flight.pop_front();
+    return complete(node, urbs, done, status, 0);
+  }
   if (length == 0) {
     Urb done = urb;
     urbs.in_flight.pop_front();
@@ -463,6 +483,18 @@ void unplug_all() {
     for (auto& [handle, node] : bed().attached) handles.push_back(handle);
   }
   for (uint32_t handle : handles) unplug(handle);
+  // Hubs go too, deepest first, so that a later test may put an adapter where a hub was.
+  std::lock_guard setup_guard(bed().setup_mutex);
+  std::vector<std::string> hubs;
+  for (auto& [name, path] : bed().hubs)
+    if (name.rfind("usb", 0) != 0) hubs.push_back(path);
+  std::sort(hubs.begin(), hubs.end(), [](auto& a, auto& b) { return a.size() > b.size(); });
+  for (auto& path : hubs) {
+    const std::string syspath = "/sys" + path;
+    umockdev_testbed_uevent(bed().testbed, syspath.c_str(), "remove");
+    umockdev_testbed_remove_device(bed().testbed, syspath.c_str());
+  }
+  std::erase_if(bed().hubs, [](auto& hub) { return hub.first.rfind("usb", 0) != 0; });
 }
 
 std::shared_ptr<sim::VirtualAdapter> adapter(uint32_t handle) {
@@ -483,6 +515,11 @@ void clear_transfers(uint32_t handle) {
     node->transfers.clear();
     node->counters = {};
   }
+}
+
+void fail_next_urb(uint32_t handle, uint8_t endpoint, int status) {
+  std::lock_guard guard(bed().mutex);
+  if (auto node = find(handle)) node->faults.emplace_back(endpoint, status);
 }
 
 Counters counters(uint32_t handle) {

@@ -43,9 +43,12 @@ void unplug_all();
 std::shared_ptr<sim::VirtualAdapter> adapter(uint32_t handle);
 
 // Every URB that completed, in completion order: bulk transfers by endpoint, control transfers
-// by request code.
+// by request code. `result` is the URB's status: 0, or a negative errno (-ENOENT: discarded).
 std::vector<Transfer> transfers(uint32_t handle);
 void clear_transfers(uint32_t handle);
 Counters counters(uint32_t handle);
+// The next URB on `endpoint` completes with `status` (a negative errno, e.g. -EPIPE for a stall)
+// and moves no data.
+void fail_next_urb(uint32_t handle, uint8_t endpoint, int status);
 
 }  // namespace usbfs
