@@ -52,6 +52,7 @@ struct Node {
   std::string syspath;  // /sys/devices/...
   std::string devnode;  // /dev/bus/usb/BBB/DDD
   bool gone = false;
+  bool scatter_gather = true;
   std::map<UMockdevIoctlClient*, ClientUrbs> clients;
   std::vector<Transfer> transfers;
   Counters counters;
@@ -341,7 +342,8 @@ int handle(Node& node, UMockdevIoctlClient* client, unsigned long request, UMock
     case USBDEVFS_GET_CAPABILITIES: {
       UMockdevIoctlData* caps = resolve(arg, 0, sizeof(uint32_t));
       if (!caps) return EFAULT;
-      *reinterpret_cast<uint32_t*>(caps->data) = kCapabilities;
+      *reinterpret_cast<uint32_t*>(caps->data) =
+          kCapabilities | (node.scatter_gather ? USBDEVFS_CAP_BULK_SCATTER_GATHER : 0);
       g_object_unref(caps);
       return 0;
     }
@@ -349,6 +351,11 @@ int handle(Node& node, UMockdevIoctlClient* client, unsigned long request, UMock
       return interface_call(node, arg, &Counters::claims);
     case USBDEVFS_RELEASEINTERFACE:
       return interface_call(node, arg, &Counters::releases);
+    case USBDEVFS_DISCONNECT_CLAIM:  // how libusb claims again after a reset
+      return interface_call(node, arg, &Counters::claims);
+    case USBDEVFS_GETDRIVER:
+    case USBDEVFS_IOCTL:
+      return ENODATA;  // no kernel driver is bound to the adapter
     case USBDEVFS_RESET:
       ++node.counters.resets;
       node.adapter->reset();
@@ -423,9 +430,10 @@ void stop() {
   bed().testbed = nullptr;
 }
 
-std::shared_ptr<sim::VirtualAdapter> plug(uint32_t handle, const Port& port) {
+std::shared_ptr<sim::VirtualAdapter> plug(uint32_t handle, const Port& port, bool scatter_gather) {
   start();
   auto node = std::make_shared<Node>();
+  node->scatter_gather = scatter_gather;
   node->adapter = std::make_shared<sim::VirtualAdapter>(handle);
   std::lock_guard setup_guard(bed().setup_mutex);
   std::string path = ensure_hubs(port.bus, port.chain);

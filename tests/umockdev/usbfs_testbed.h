@@ -35,7 +35,10 @@ void stop();
 bool preload_active();
 
 // Adds the adapter's sysfs device (and the hubs of its port chain) and announces it to udev.
-std::shared_ptr<sim::VirtualAdapter> plug(uint32_t handle, const Port& port = {});
+// Its host controller does scatter-gather (libusb submits one URB per bulk transfer) or not
+// (libusb splits bulk transfers into 16 KiB URBs).
+std::shared_ptr<sim::VirtualAdapter> plug(uint32_t handle, const Port& port = {},
+                                          bool scatter_gather = true);
 // Every later ioctl on the adapter's open device nodes fails with ENODEV, as after a real
 // unplug, and the sysfs device goes away with a "remove" uevent.
 bool unplug(uint32_t handle);
