@@ -4,7 +4,9 @@
 
 #include <errno.h>
 
+#include <atomic>
 #include <chrono>
+#include <thread>
 
 #include "core/transaction.h"
 #include "usbfs_fixture.h"
@@ -181,4 +183,32 @@ TEST_F(UsbfsTransport, UnpluggedAdapterGivesMinus2OnWriteAndMinus3OnRead) {
   uint8_t buffer[4];
   CommandPacket reply{0x0101, 0, buffer, 4};
   EXPECT_EQ(varnel::read_reply(kHandle, reply, 100), -3);
+}
+
+// Synchronous transfers of several threads on two adapters meet in libusb's one event loop:
+// each thread must get its own replies.
+TEST_F(UsbfsTransport, ThreadsOnTwoAdaptersGetTheirOwnReplies) {
+  constexpr uint32_t kOther = 0x12345680;
+  auto first = plug_and_open(kHandle, {1, {1}});
+  auto second = plug_and_open(kOther, {1, {2}});
+  install_echo(*first);
+  install_echo(*second);
+  constexpr int kThreadsPerAdapter = 2, kRounds = 100;
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2 * kThreadsPerAdapter; ++t)
+    threads.emplace_back([&, t] {
+      const uint32_t handle = t % 2 ? kOther : kHandle;
+      for (int i = 0; i < kRounds; ++i) {
+        std::vector<uint8_t> payload(size_t(1 + (i * 37) % 700), uint8_t(t * 60 + i % 60));
+        std::vector<uint8_t> reply(payload.size());
+        auto result = varnel::transact(handle, 0x0102, payload, reply);
+        if (!result.ok() || result.reply_length != int(payload.size()) || reply != payload)
+          ++mismatches;
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
+  EXPECT_EQ(first->order_violations(), 0u);
+  EXPECT_EQ(second->order_violations(), 0u);
 }

@@ -336,8 +336,12 @@ int interface_call(Node& node, UMockdevIoctlData* arg, int Counters::*counter) {
 }
 
 int handle(Node& node, UMockdevIoctlClient* client, unsigned long request, UMockdevIoctlData* arg) {
-  if (node.gone) return ENODEV;
   ClientUrbs& urbs = node.clients[client];
+  if (node.gone) {
+    // URBs killed by the unplug are still reaped, then the device node only says ENODEV.
+    const bool reaping = request == USBDEVFS_REAPURB || request == USBDEVFS_REAPURBNDELAY;
+    return reaping && !urbs.completed.empty() ? reap(node, urbs, arg) : ENODEV;
+  }
   switch (request) {
     case USBDEVFS_GET_CAPABILITIES: {
       UMockdevIoctlData* caps = resolve(arg, 0, sizeof(uint32_t));
@@ -476,6 +480,15 @@ bool unplug(uint32_t handle) {
     node = find(handle);
     if (!node) return false;
     node->gone = true;
+    // The host controller gives back every URB in flight with -ESHUTDOWN, as when the
+    // adapter's port goes dead.
+    for (auto& [client, urbs] : node->clients) {
+      while (!urbs.in_flight.empty()) {
+        Urb urb = urbs.in_flight.front();
+        urbs.in_flight.pop_front();
+        complete(*node, urbs, urb, -ESHUTDOWN, 0);
+      }
+    }
     bed().attached.erase(handle);
   }
   std::lock_guard setup_guard(bed().setup_mutex);
