@@ -28,10 +28,10 @@ def fail(message):
     raise AssertionError(message)
 
 
-def start_server(varnel):
+def start_server(varnel, *options):
     env = {k: v for k, v in os.environ.items()
            if k not in ("LD_LIBRARY_PATH", "VARNEL_USBSIM_ADAPTERS", "VARNEL_SIM_ACTIVE")}
-    proc = subprocess.Popen([varnel, "--sim", "socketcand", "--port", "0"], env=env,
+    proc = subprocess.Popen([varnel, "--sim", "socketcand", "--port", "0", *options], env=env,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     deadline = time.time() + 20
     while time.time() < deadline:
@@ -166,6 +166,36 @@ def malformed_commands(port):
     client.close()
 
 
+def beacon(varnel):
+    """With --beacon the server broadcasts where it listens and its buses to UDP port 42000."""
+    receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    receiver.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    receiver.bind(("", 42000))
+    proc, port = start_server(varnel, "--beacon")
+    try:
+        deadline = time.time() + WAIT
+        url = f"<URL>can://127.0.0.1:{port}</URL>".encode()
+        while True:  # other hosts' beacons may come first
+            ready, _, _ = select.select([receiver], [], [], max(0, deadline - time.time()))
+            if not ready:
+                fail("no beacon within %.0f s" % WAIT)
+            text = receiver.recv(4096)
+            if url in text:
+                break
+        if not re.fullmatch(rb'<CANBeacon name="[^"]*" type="SocketCAN" description="[^"]*">\n'
+                            + re.escape(url) + rb'\n(<Bus name="can[0-3]"/>\n){4}</CANBeacon>',
+                            text):
+            fail(f"beacon: {text!r}")
+        proc.send_signal(signal.SIGTERM)
+        if proc.wait(timeout=15) != 0:
+            fail("beacon server: exit code " + str(proc.returncode))
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+        receiver.close()
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--varnel", required=True)
@@ -231,6 +261,7 @@ def main():
         if proc.poll() is None:
             proc.kill()
             proc.wait()
+    beacon(args.varnel)
     print("socketcand interop: python-can and the raw client agree with the bridge")
 
 

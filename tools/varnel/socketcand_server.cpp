@@ -40,6 +40,24 @@ bool set_non_blocking(int fd) {
   return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
+// The address clients should connect to: the listening one, or for 0.0.0.0 the one this host
+// sends broadcasts from.
+std::string advertised_address(const std::string& listen_address, int udp_fd) {
+  if (listen_address != "0.0.0.0") return listen_address;
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(kBeaconPort);
+  to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+  sockaddr_in local{};
+  socklen_t length = sizeof local;
+  char text[INET_ADDRSTRLEN] = {};
+  if (connect(udp_fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0 ||
+      getsockname(udp_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0 ||
+      !inet_ntop(AF_INET, &local.sin_addr, text, sizeof text))
+    return listen_address;
+  return text;
+}
+
 }  // namespace
 
 Server::Server(ServerOptions options, std::vector<ChannelId> aliases)
@@ -277,7 +295,8 @@ void Server::send_beacon() {
   gethostname(host, sizeof host - 1);
   std::vector<std::string> buses;
   for (size_t i = 0; i < aliases_.size(); ++i) buses.push_back("can" + std::to_string(i));
-  const std::string url = "can://" + options_.listen_address + ":" + std::to_string(port_);
+  const std::string url = "can://" + advertised_address(options_.listen_address, beacon_fd_) + ":" +
+                          std::to_string(port_);
   const std::string text = format_beacon(host, url, buses);
   sockaddr_in to{};
   to.sin_family = AF_INET;
