@@ -196,13 +196,19 @@ def beacon(varnel):
         receiver.close()
 
 
+def on_alarm(signum, frame):
+    raise AssertionError("the test did not finish within 90 s")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--varnel", required=True)
     args = parser.parse_args()
     # python-can's client logs every partial read as a warning.
     logging.getLogger("can.interfaces.socketcand").setLevel(logging.ERROR)
-    signal.alarm(90)  # never hang, whatever goes wrong
+    # Never hang, whatever goes wrong; raising (rather than dying) lets the servers be killed.
+    signal.signal(signal.SIGALRM, on_alarm)
+    signal.alarm(90)
     socket.setdefaulttimeout(WAIT)  # python-can's client reads its handshake without one
 
     proc, port = start_server(args.varnel)

@@ -18,15 +18,20 @@ namespace {
 
 constexpr int kWaitMs = 5000;
 
+// Killed when a failed assertion leaves the test early, so no server outlives it.
 struct ServerProcess {
   pid_t pid = -1;
   int port = 0;
+  ~ServerProcess() {
+    if (pid <= 0) return;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
 };
 
-ServerProcess start_server() {
+void start_server(ServerProcess& server) {
   int out[2];
-  if (pipe(out) != 0) return {};
-  ServerProcess server;
+  if (pipe(out) != 0) return;
   server.pid = fork();
   if (server.pid == 0) {
     dup2(out[1], 1);
@@ -49,7 +54,6 @@ ServerProcess start_server() {
   std::smatch match;
   if (std::regex_search(text, match, std::regex("listening on 127\\.0\\.0\\.1:(\\d+)")))
     server.port = std::stoi(match[1]);
-  return server;
 }
 
 int connect_to(int port) {
@@ -82,19 +86,22 @@ void send_text(int fd, const std::string& text) {
   ASSERT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), ssize_t(text.size()));
 }
 
-int wait_exit(pid_t pid) {
+// The exit code; -2 when the process did not end in time (the guard kills it).
+int wait_exit(ServerProcess& server) {
   for (int i = 0; i < kWaitMs / 10; ++i) {
     int status = 0;
-    if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (waitpid(server.pid, &status, WNOHANG) == server.pid) {
+      server.pid = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
     usleep(10000);
   }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
   return -2;
 }
 
 TEST(SocketcandServer, SurvivesHostileBytesAndStopsOnSigterm) {
-  const ServerProcess server = start_server();
+  ServerProcess server;
+  start_server(server);
   ASSERT_GT(server.pid, 0);
   ASSERT_GT(server.port, 0) << "the server did not print its port";
 
@@ -138,7 +145,7 @@ TEST(SocketcandServer, SurvivesHostileBytesAndStopsOnSigterm) {
       << frames;
 
   ASSERT_EQ(kill(server.pid, SIGTERM), 0);
-  EXPECT_EQ(wait_exit(server.pid), 0);
+  EXPECT_EQ(wait_exit(server), 0);
   close(a);
   close(b);
 }
