@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "result_text.h"
+
 namespace varnel_cli::socketcand {
 namespace {
 
@@ -50,16 +52,26 @@ CanChannel::~CanChannel() {
   fd_ ? CANFD_StopGetMsg(id_.handle, id_.channel) : CAN_StopGetMsg(id_.handle, id_.channel);
 }
 
-int CanChannel::open(uint32_t bitrate, uint32_t data_bitrate, std::string& failed_call) {
+int CanChannel::open(uint32_t bitrate, uint32_t data_bitrate, std::string& why) {
+  // Only the rates of the adapter kind's table are accepted; say so rather than the bare -4.
+  CAN_INIT_CONFIG classic{};
+  CANFD_INIT_CONFIG fd{};
+  if ((fd_ ? CANFD_GetCANSpeedArg(id_.handle, &fd, bitrate, data_bitrate)
+           : CAN_GetCANSpeedArg(id_.handle, &classic, bitrate)) != 0) {
+    why = fd_ ? "bit rates " + std::to_string(bitrate) + "/" + std::to_string(data_bitrate)
+              : "bit rate " + std::to_string(bitrate);
+    why += " not in the adapter's table";
+    return -4;
+  }
   int rc = fd_ ? CANFD_Init2(id_.handle, id_.channel, bitrate, data_bitrate, 1, 1)
                : CAN_Init2(id_.handle, id_.channel, bitrate);
   if (rc != 0) {
-    failed_call = fd_ ? "CANFD_Init2" : "CAN_Init2";
+    why = std::string(fd_ ? "CANFD_Init2: " : "CAN_Init2: ") + describe_result(rc);
     return rc;
   }
   rc = fd_ ? CANFD_StartGetMsg(id_.handle, id_.channel) : CAN_StartGetMsg(id_.handle, id_.channel);
   if (rc != 0) {
-    failed_call = fd_ ? "CANFD_StartGetMsg" : "CAN_StartGetMsg";
+    why = std::string(fd_ ? "CANFD_StartGetMsg: " : "CAN_StartGetMsg: ") + describe_result(rc);
     return rc;
   }
   receiving_ = true;

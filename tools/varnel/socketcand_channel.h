@@ -37,8 +37,8 @@ class CanChannel {
   CanChannel& operator=(const CanChannel&) = delete;
 
   // Initialises the channel (CAN FD adapters at both rates) and starts the library's receive
-  // poller. 0, or the library's code with the failing call in `failed_call`.
-  int open(uint32_t bitrate, uint32_t data_bitrate, std::string& failed_call);
+  // poller. 0, or the library's code with what failed in `why`.
+  int open(uint32_t bitrate, uint32_t data_bitrate, std::string& why);
 
   // 1 when the frame went out; 0 when the device sent nothing (no node acknowledged); negative:
   // the library's code. A CAN FD frame on a classic channel is -4 without a transaction.

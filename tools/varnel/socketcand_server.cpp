@@ -225,9 +225,8 @@ void Server::open_bus(Client& client, const std::string& name) {
       return;
     }
     auto channel = std::make_unique<CanChannel>(id);
-    const int rc = channel->open(options_.bitrate, options_.data_bitrate, why);
-    if (rc != 0) {
-      client.out += format_error(why + " " + describe_result(rc));
+    if (channel->open(options_.bitrate, options_.data_bitrate, why) != 0) {
+      client.out += format_error(why);
       return;
     }
     found = channels_.emplace(id, std::move(channel)).first;
