@@ -4,7 +4,7 @@ import threading
 from dataclasses import dataclass
 
 from ._library import lib
-from .errors import check, check_bool
+from .errors import VarnelError, check, check_bool
 from .records import DEVICE_INFO, FUNCTION_STRING_SIZE, MAX_DEVICES, GPIO_PULL_NONE
 
 # Opens per handle in this process. Two python-can buses on the channels of one adapter each hold
@@ -33,6 +33,19 @@ class DeviceInfo:
     firmware_version: int
     serial_number: tuple
     functions: tuple  # family names from the function string, e.g. ("CAN", "CANFD", "GPIO")
+
+
+def _u32(value):
+    # ctypes would silently cut a larger number to 32 bits
+    if not 0 <= value <= 0xFFFFFFFF:
+        raise ValueError(f"{value} does not fit 32 bits")
+    return value
+
+
+def _u8(value):
+    if not 0 <= value <= 0xFF:
+        raise ValueError(f"{value} does not fit 8 bits")
+    return value
 
 
 def _text(raw):
@@ -81,7 +94,14 @@ class Adapter:
     def __exit__(self, *exc):
         self.close()
 
+    def _require_open(self, call):
+        # The library's write retry reconnects a closed USB device on its own; a call through a
+        # closed Adapter would leave the device open with nobody to close it.
+        if not self.is_open:
+            raise VarnelError(-1, call)
+
     def info(self):
+        self._require_open("DEV_GetDeviceInfo")
         record = DEVICE_INFO()
         functions = ctypes.create_string_buffer(FUNCTION_STRING_SIZE)
         ok = lib().DEV_GetDeviceInfo(self.handle, ctypes.byref(record), functions)
@@ -99,28 +119,33 @@ class Adapter:
     # GPIO: bit n of a mask is pin n; only the selected pins change. The adapter refuses what it
     # cannot do (a pin it lacks, an unknown pull mode), which raises VarnelError -4.
 
+    def _gpio(self, call, *args):
+        self._require_open(call)
+        return check(getattr(lib(), call)(self.handle, *args), call)
+
     def gpio_set_input(self, mask, pull=GPIO_PULL_NONE):
-        check(lib().GPIO_SetInput(self.handle, mask, pull), "GPIO_SetInput")
+        self._gpio("GPIO_SetInput", _u32(mask), _u8(pull))
 
     def gpio_set_output(self, mask, pull=GPIO_PULL_NONE):
-        check(lib().GPIO_SetOutput(self.handle, mask, pull), "GPIO_SetOutput")
+        self._gpio("GPIO_SetOutput", _u32(mask), _u8(pull))
 
     def gpio_set_open_drain(self, mask, pull=GPIO_PULL_NONE):
-        check(lib().GPIO_SetOpenDrain(self.handle, mask, pull), "GPIO_SetOpenDrain")
+        self._gpio("GPIO_SetOpenDrain", _u32(mask), _u8(pull))
 
     def gpio_write(self, mask, value):
-        check(lib().GPIO_Write(self.handle, mask, value), "GPIO_Write")
+        self._gpio("GPIO_Write", _u32(mask), _u32(value))
 
     def gpio_read(self, mask):
         """The levels of the selected pins (1 = high), other bits 0."""
         value = ctypes.c_uint32()
-        check(lib().GPIO_Read(self.handle, mask, ctypes.byref(value)), "GPIO_Read")
+        self._gpio("GPIO_Read", _u32(mask), ctypes.byref(value))
         return value.value
 
     def gpio_pulses(self, mask, width_us, period_us, count):
         """Blocks until the adapter has sent `count` pulses."""
-        check(lib().GPIO_SendPulses(self.handle, mask, width_us, period_us, count),
-              "GPIO_SendPulses")
+        if not -(1 << 31) <= count < (1 << 31):
+            raise ValueError(f"pulse count {count} does not fit 32 bits")
+        self._gpio("GPIO_SendPulses", _u32(mask), _u32(width_us), _u32(period_us), count)
 
     def can(self, channel, bitrate=500000, data_bitrate=None, fd=None):
         """Initialises a CAN channel and starts receiving; see varnel.channel.CanChannel."""

@@ -84,11 +84,12 @@ class VarnelBus(can.BusABC):
         except VarnelError as error:
             raise can.CanOperationError(str(error), error_code=error.code) from error
         except (ValueError, TypeError) as error:
-            raise can.CanOperationError(f"cannot send {msg}: {error}",
+            raise can.CanOperationError(f"frame 0x{msg.arbitration_id:X}: {error}",
                                         error_code=BAD_ARGUMENT) from error
         if sent != 1:
-            raise can.CanOperationError(f"{msg} did not go out (did any node acknowledge it?)",
-                                        error_code=sent)
+            raise can.CanOperationError(
+                f"frame 0x{msg.arbitration_id:X} did not go out (did any node acknowledge it?)",
+                error_code=sent)
 
     def _message_of(self, frame):
         return can.Message(
@@ -123,10 +124,10 @@ class VarnelBus(can.BusABC):
             self._pending.extend(frames)
 
     def shutdown(self):
+        # both closes do nothing the second time; send/recv after this raise -5
         if self._channel is not None:
             self._channel.close()
-            self._channel = None
-            self._adapter.close()
+        self._adapter.close()
         super().shutdown()
 
     @staticmethod

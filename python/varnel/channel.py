@@ -137,6 +137,7 @@ class CanChannel:
     def __init__(self, adapter, channel, bitrate=500000, data_bitrate=None, fd=None):
         if channel not in (0, 1):
             raise ValueError(f"CAN channel {channel!r}: the adapters have channels 0 and 1")
+        adapter._require_open("CANFD_Init2" if adapter.is_fd else "CAN_Init2")
         self.adapter = adapter
         self.handle = adapter.handle
         self.channel = channel
@@ -164,6 +165,8 @@ class CanChannel:
 
     def send(self, frames):
         """Sends the frames in order; returns how many went out (the library's count)."""
+        if not self._started:
+            raise VarnelError(-5, "CANFD_SendMsg" if self.fd_controller else "CAN_SendMsg")
         frames = list(frames)
         for frame in frames:
             _check_frame(frame, self.fd_controller)
@@ -196,7 +199,7 @@ class CanChannel:
         """Frames received so far, oldest first; waits up to `timeout` seconds (None: without end)
         for the first one. An empty list when none came in time."""
         if not self._started:
-            raise VarnelError(-5, "CAN receive")
+            raise VarnelError(-5, "CANFD_GetMsg" if self.fd_controller else "CAN_GetMsgWithSize")
         deadline = None if timeout is None else time.monotonic() + max(0.0, timeout)
         while True:
             frames = self._drain()

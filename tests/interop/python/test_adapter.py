@@ -1,0 +1,93 @@
+"""The Pythonic layer against the virtual adapters 0x12345678 (CAN) and 0x53000001 (CAN FD)."""
+import unittest
+
+import varnel
+
+CLASSIC, FD = 0x12345678, 0x53000001
+
+
+class Adapters(unittest.TestCase):
+    def test_scan_lists_the_plugged_adapters_in_port_order(self):
+        self.assertEqual(varnel.scan(), [CLASSIC, FD])
+
+    def test_info_decodes_the_device_record(self):
+        for handle in (CLASSIC, FD):
+            with self.subTest(handle=hex(handle)), varnel.Adapter(handle) as adapter:
+                info = adapter.info()
+                self.assertEqual(info.firmware_name, "VARNEL virtual adapter")
+                self.assertEqual(info.hardware_version, 0x00020001)
+                self.assertEqual(info.firmware_version, 0x01050020)
+                self.assertEqual(info.serial_number, (handle, 0x56524E4C, handle ^ 0xFFFFFFFF))
+                self.assertIn("CANFD", info.functions)
+                self.assertIn("GPIO", info.functions)
+                self.assertEqual(adapter.is_fd, handle == FD)
+
+    def test_unknown_handle_does_not_open(self):
+        with self.assertRaises(varnel.VarnelError) as caught:
+            varnel.Adapter(0x0BADBEEF).open()
+        self.assertEqual((caught.exception.code, caught.exception.call), (-1, "USB_OpenDevice"))
+
+    def test_handle_must_be_a_32_bit_number(self):
+        for bad in (-1, 1 << 32, "0x12345678", None):
+            with self.subTest(handle=bad), self.assertRaises(ValueError):
+                varnel.Adapter(bad)
+
+    def test_adapter_stays_open_until_its_last_user_closes(self):
+        first, second = varnel.Adapter(CLASSIC).open(), varnel.Adapter(CLASSIC).open()
+        first.close()
+        first.close()  # a second close of the same object changes nothing
+        self.assertEqual(second.info().serial_number[0], CLASSIC)
+        second.close()
+        # the library would reopen the device behind a closed object: refused before the call
+        for call, action in (("DEV_GetDeviceInfo", first.info),
+                             ("GPIO_Read", lambda: second.gpio_read(1))):
+            with self.subTest(call=call), self.assertRaises(varnel.VarnelError) as caught:
+                action()
+            self.assertEqual((caught.exception.code, caught.exception.call), (-1, call))
+
+
+class Gpio(unittest.TestCase):
+    def setUp(self):
+        self.adapter = varnel.Adapter(CLASSIC).open()
+        self.addCleanup(self.adapter.close)
+
+    def test_levels_follow_mode_latch_and_pull(self):
+        a = self.adapter
+        a.gpio_set_output(0x000F)
+        a.gpio_write(0x000F, 0b0101)
+        a.gpio_set_input(0x0030, varnel.GPIO_PULL_UP)
+        a.gpio_set_input(0x00C0, varnel.GPIO_PULL_DOWN)
+        a.gpio_set_open_drain(0x0300, varnel.GPIO_PULL_UP)
+        a.gpio_write(0x0300, 0b10 << 8)  # pin 8 pulled low, pin 9 let go (reads its pull)
+        self.assertEqual(a.gpio_read(0x03FF), 0b10_0011_0101)
+        self.assertEqual(a.gpio_read(0x0002), 0)  # only the masked pins are reported
+
+    def test_refusals_raise_with_the_call_and_code(self):
+        cases = [
+            ("GPIO_SetInput", lambda: self.adapter.gpio_set_input(1, 7)),  # unknown pull mode
+            ("GPIO_SetOutput", lambda: self.adapter.gpio_set_output(1 << 16)),  # no pin 16
+            ("GPIO_SendPulses", lambda: self.adapter.gpio_pulses(1 << 12, 10, 20, 3)),  # input pin
+        ]
+        for call, action in cases:
+            with self.subTest(call=call), self.assertRaises(varnel.VarnelError) as caught:
+                action()
+            self.assertEqual((caught.exception.code, caught.exception.call), (-4, call))
+            self.assertIn("reported failure", str(caught.exception))
+
+    def test_values_beyond_the_argument_width_are_refused_not_cut(self):
+        cases = [lambda: self.adapter.gpio_write(1 << 32, 0), lambda: self.adapter.gpio_read(-1),
+                 lambda: self.adapter.gpio_set_input(1, 256),
+                 lambda: self.adapter.gpio_pulses(1, 1, 2, 1 << 31)]
+        for i, action in enumerate(cases):
+            with self.subTest(case=i), self.assertRaises(ValueError):
+                action()
+
+    def test_pulses_end_low(self):
+        self.adapter.gpio_set_output(1 << 11)
+        self.adapter.gpio_write(1 << 11, 1 << 11)
+        self.adapter.gpio_pulses(1 << 11, 100, 1000, 5)
+        self.assertEqual(self.adapter.gpio_read(1 << 11), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
