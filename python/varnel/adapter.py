@@ -3,7 +3,7 @@ import ctypes
 import threading
 from dataclasses import dataclass
 
-from ._library import lib
+from .library import lib
 from .errors import VarnelError, check, check_bool
 from .records import DEVICE_INFO, FUNCTION_STRING_SIZE, MAX_DEVICES, GPIO_PULL_NONE
 

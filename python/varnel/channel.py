@@ -4,7 +4,7 @@ import ctypes
 import time
 from dataclasses import dataclass
 
-from ._library import lib
+from .library import lib
 from .errors import VarnelError, check
 from .records import CAN_MSG, CANFD_EVENT_ID, CANFD_MSG
 

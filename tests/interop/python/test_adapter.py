@@ -46,6 +46,36 @@ class Adapters(unittest.TestCase):
             self.assertEqual((caught.exception.code, caught.exception.call), (-1, call))
 
 
+class Channels(unittest.TestCase):
+    def test_frames_cross_between_the_channels_of_one_adapter(self):
+        with varnel.Adapter(CLASSIC) as adapter:
+            with adapter.can(0, bitrate=250000) as tx, adapter.can(1, bitrate=250000) as rx:
+                sent = [varnel.Frame(id=0x7E0, data=b"\x02\x10\x03"),
+                        varnel.Frame(id=0x18DB33F1, extended=True, remote=True, dlc=8)]
+                self.assertEqual(tx.send(sent), 2)
+                got = []
+                while len(got) < 2:
+                    batch = rx.receive(timeout=2.0)
+                    self.assertTrue(batch)
+                    got += batch
+                for frame in got:
+                    frame.timestamp = 0.0
+                self.assertEqual(got, [varnel.Frame(id=0x7E0, data=b"\x02\x10\x03", channel=1),
+                                       varnel.Frame(id=0x18DB33F1, extended=True, remote=True,
+                                                    dlc=8, channel=1)])
+            with self.assertRaises(varnel.VarnelError) as caught:
+                rx.receive()
+            self.assertEqual((caught.exception.code, caught.exception.call),
+                             (-5, "CAN_GetMsgWithSize"))
+
+    def test_channel_numbers_beyond_one_are_refused_before_the_library(self):
+        # CANFD_Init2 keeps only bit 0 of the channel: 2 would silently become channel 0
+        with varnel.Adapter(FD) as adapter:
+            for channel in (2, -1, 256):
+                with self.subTest(channel=channel), self.assertRaises(ValueError):
+                    adapter.can(channel)
+
+
 class Gpio(unittest.TestCase):
     def setUp(self):
         self.adapter = varnel.Adapter(CLASSIC).open()

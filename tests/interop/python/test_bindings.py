@@ -8,7 +8,7 @@ import sys
 import unittest
 
 import varnel
-from varnel import _library, records
+from varnel import library, records
 
 SOURCE_DIR = os.environ["VARNEL_SOURCE_DIR"]
 
@@ -60,7 +60,7 @@ class LibraryLookup(unittest.TestCase):
                               text=True, timeout=20)
 
     def test_environment_variable_comes_first(self):
-        self.assertEqual(_library.candidates()[0], os.environ["VARNEL_LIBRARY"])
+        self.assertEqual(library.candidates()[0], os.environ["VARNEL_LIBRARY"])
 
     def test_missing_library_named_by_the_environment_is_an_error_not_a_fallback(self):
         result = self.run_python("import varnel; varnel.scan()", VARNEL_LIBRARY="/nonexistent.so")
@@ -70,7 +70,7 @@ class LibraryLookup(unittest.TestCase):
 
     def test_build_tree_next_to_the_package_is_found_without_the_variable(self):
         env = {k: v for k, v in os.environ.items() if k != "VARNEL_LIBRARY"}
-        code = "from varnel import _library; print(_library.candidates()[0])"
+        code = "from varnel import library; print(library.candidates()[0])"
         result = subprocess.run([sys.executable, "-c", code], env=env, capture_output=True,
                                 text=True, timeout=20)
         found = result.stdout.strip()

@@ -5,7 +5,7 @@ import unittest
 import can
 
 from buses import FD, RECV_TIMEOUT, assert_stamped_now, expected, fields, open_pair
-from varnel._library import lib
+from varnel.library import lib
 
 FD_CONFIG = {"bitrate": 1000000, "fd": True, "data_bitrate": 4000000}
 
