@@ -83,7 +83,8 @@ def to_can_msg(frame, record):
 
 def to_canfd_msg(frame, record):
     """Fills a CAN FD record (zeroed by the caller) from a checked frame."""
-    record.Id = frame.id | (0x80000000 if frame.extended else 0) | (0x40000000 if frame.remote else 0)
+    record.Id = (frame.id | (0x80000000 if frame.extended else 0)
+                 | (0x40000000 if frame.remote else 0))
     record.Flags = (0x04 if frame.fd else 0) | (0x01 if frame.brs else 0)
     if frame.remote:
         record.DataLen = frame.dlc

@@ -13,7 +13,7 @@ import threading
 
 from .records import CAN_MSG, CAN_STATUS, CANFD_MSG, DEVICE_INFO
 
-_u8, _u32, _i32, _i64, _u64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64, ctypes.c_uint64
+_u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
 
 # name: (restype, argtypes). Handles are DevHandle (uint32_t), channels uint8_t.

@@ -32,7 +32,8 @@ class CANFD_MSG(ctypes.Structure):
     _fields_ = [
         ("Id", ctypes.c_uint32),
         ("DataLen", ctypes.c_uint8),
-        ("Flags", ctypes.c_uint8),  # bit 0 bit-rate switch, bit 2 FD format, bit 5 channel, bit 7 echo
+        # bit 0 bit-rate switch, bit 2 FD format, bit 5 channel, bit 7 echo
+        ("Flags", ctypes.c_uint8),
         ("__Res", ctypes.c_uint8),
         ("TimeStampHigh", ctypes.c_uint8),
         ("TimeStamp", ctypes.c_uint32),  # units of 1 us, bits 0-31; on send: allowed delay in ms

@@ -1,7 +1,5 @@
 """Helpers of the python-can tests: pairs of buses on the two channels of one virtual adapter
 (the virtual CAN bus connects channels that run at the same bit rate)."""
-import time
-
 import can
 
 CLASSIC, FD = 0x12345678, 0x53000001
@@ -44,11 +42,3 @@ def assert_stamped_now(test, msg, before, after):
     test.assertGreater(msg.timestamp, before - 0.5)
     test.assertLess(msg.timestamp, after + 0.5)
 
-
-def drain(bus):
-    while bus.recv(0.05) is not None:
-        pass
-
-
-def wall_clock():
-    return time.time()

@@ -27,11 +27,6 @@ class Adapters(unittest.TestCase):
             varnel.Adapter(0x0BADBEEF).open()
         self.assertEqual((caught.exception.code, caught.exception.call), (-1, "USB_OpenDevice"))
 
-    def test_handle_must_be_a_32_bit_number(self):
-        for bad in (-1, 1 << 32, "0x12345678", None):
-            with self.subTest(handle=bad), self.assertRaises(ValueError):
-                varnel.Adapter(bad)
-
     def test_adapter_stays_open_until_its_last_user_closes(self):
         first, second = varnel.Adapter(CLASSIC).open(), varnel.Adapter(CLASSIC).open()
         first.close()
@@ -111,12 +106,6 @@ class Gpio(unittest.TestCase):
         for i, action in enumerate(cases):
             with self.subTest(case=i), self.assertRaises(ValueError):
                 action()
-
-    def test_pulses_end_low(self):
-        self.adapter.gpio_set_output(1 << 11)
-        self.adapter.gpio_write(1 << 11, 1 << 11)
-        self.adapter.gpio_pulses(1 << 11, 100, 1000, 5)
-        self.assertEqual(self.adapter.gpio_read(1 << 11), 0)
 
 
 if __name__ == "__main__":

@@ -3,12 +3,14 @@ them out, the result-code words of the command-line tool, where the library is f
 import ctypes
 import os
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
 import unittest
 
 import varnel
-from varnel import library, records
+from varnel import records
 
 SOURCE_DIR = os.environ["VARNEL_SOURCE_DIR"]
 
@@ -47,10 +49,6 @@ class ResultWords(unittest.TestCase):
         fallbacks = re.findall(r'"(success \(a count\))"\s*:\s*"(unknown result code)"', source)
         self.assertEqual(fallbacks, [(varnel.result_text(3), varnel.result_text(-99))])
 
-    def test_error_carries_code_call_and_words(self):
-        error = varnel.VarnelError(-5, "CAN_GetMsg")
-        self.assertEqual((error.code, error.call), (-5, "CAN_GetMsg"))
-        self.assertEqual(str(error), "CAN_GetMsg: -5 (the channel is not initialised)")
 
 
 class LibraryLookup(unittest.TestCase):
@@ -58,9 +56,6 @@ class LibraryLookup(unittest.TestCase):
         environment = dict(os.environ, **env)
         return subprocess.run([sys.executable, "-c", code], env=environment, capture_output=True,
                               text=True, timeout=20)
-
-    def test_environment_variable_comes_first(self):
-        self.assertEqual(library.candidates()[0], os.environ["VARNEL_LIBRARY"])
 
     def test_missing_library_named_by_the_environment_is_an_error_not_a_fallback(self):
         result = self.run_python("import varnel; varnel.scan()", VARNEL_LIBRARY="/nonexistent.so")
@@ -84,6 +79,29 @@ class LibraryLookup(unittest.TestCase):
             self.assertIn(f"Version: {varnel.__version__}\n", f.read())
         with open(os.path.join(python_dir, "pyproject.toml")) as f:
             self.assertIn(f'version = "{varnel.__version__}"', f.read())
+
+
+class PipInstall(unittest.TestCase):
+    def test_installed_copy_registers_the_python_can_interface(self):
+        # offline: Debian's setuptools builds it, nothing is fetched
+        with tempfile.TemporaryDirectory() as work:
+            source = os.path.join(work, "source")  # a copy: the build writes beside its sources
+            shutil.copytree(os.path.join(SOURCE_DIR, "python"), source,
+                            ignore=shutil.ignore_patterns("__pycache__", "*.egg-info", "build"))
+            target = os.path.join(work, "site")
+            subprocess.run([sys.executable, "-m", "pip", "install", "--quiet", "--no-deps",
+                            "--no-index", "--no-build-isolation", "--target", target, source],
+                           check=True, capture_output=True, timeout=120)
+            env = dict(os.environ, PYTHONPATH=target)
+            code = ("import can, varnel; print(varnel.__file__); "
+                    "bus = can.Bus(interface='varnel', channel='0x12345678:0'); "
+                    "print(bus.channel_info); bus.shutdown()")
+            result = subprocess.run([sys.executable, "-c", code], env=env, capture_output=True,
+                                    text=True, timeout=30)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertEqual(result.stdout.splitlines(),
+                             [os.path.join(target, "varnel", "__init__.py"),
+                              "VARNEL 0x12345678:0 (CAN, 500000 bit/s)"])
 
 
 if __name__ == "__main__":
