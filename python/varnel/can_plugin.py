@@ -66,7 +66,7 @@ class VarnelBus(can.BusABC):
         except VarnelError as error:
             self._adapter.close()
             raise can.CanInitializationError(str(error), error_code=error.code) from error
-        except ValueError as error:
+        except (ValueError, TypeError) as error:
             self._adapter.close()
             raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
         except OSError as error:  # the library itself could not be loaded

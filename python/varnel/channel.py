@@ -54,6 +54,13 @@ def padded_fd_length(length):
     raise ValueError(f"{length} data bytes: a CAN FD frame carries at most 64")
 
 
+def _bit_rate(value):
+    # ctypes would cut a negative or oversized rate to 32 bits without a word
+    if not isinstance(value, int) or not 0 < value <= 0xFFFFFFFF:
+        raise ValueError(f"bit rate {value!r}: expected a positive number of bit/s")
+    return value
+
+
 def _check_frame(frame, fd_controller):
     limit = 0x1FFFFFFF if frame.extended else 0x7FF
     if not 0 <= frame.id <= limit:
@@ -146,8 +153,8 @@ class CanChannel:
         if fd and not self.fd_controller:
             raise ValueError(f"adapter 0x{self.handle:08X} has no CAN FD controller")
         self.fd = self.fd_controller if fd is None else bool(fd)
-        self.bitrate = int(bitrate)
-        self.data_bitrate = int(data_bitrate or (2000000 if self.fd else bitrate))
+        self.bitrate = _bit_rate(bitrate)
+        self.data_bitrate = _bit_rate(data_bitrate or (2000000 if self.fd else bitrate))
         self._started = False
         self._init()
 

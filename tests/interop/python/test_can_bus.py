@@ -107,6 +107,7 @@ class BusErrors(unittest.TestCase):
             ("0x12345678:-1", {}, -7),
             ("0x12345678:0", {"fd": True}, -7),  # no CAN FD controller
             ("0x12345678:0", {"bitrate": 123456}, -4),  # not a rate of the adapter's table
+            ("0x12345678:0", {"bitrate": -500000}, -7),  # would wrap to 32 bits in ctypes
             ("0x53000001:0", {"fd": True, "data_bitrate": 3333333}, -4),
         ]
         for channel, config, code in cases:
