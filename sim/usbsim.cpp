@@ -3,7 +3,8 @@
 // code runs unchanged against it.
 //
 // VARNEL_USBSIM_ADAPTERS (comma-separated handles, e.g. "0x12345678,0x53000001") plugs adapters
-// at start-up, on bus 1 ports 1, 2, ... so that tools can run against it without a test harness.
+// at start-up, on bus 1 ports 1, 2, ... so that tools can run against it without a test harness;
+// VARNEL_SIM_CAN_PEER / VARNEL_SIM_CAN_TRAFFIC put a node on the virtual CAN bus (can_scene.h).
 #include "sim/usbsim.h"
 
 #include <libusb.h>
@@ -19,6 +20,8 @@
 #include <optional>
 #include <string>
 #include <thread>
+
+#include "sim/bus/can_scene.h"
 
 struct libusb_context {
   int unused = 0;
@@ -150,6 +153,7 @@ int bulk_in(libusb_device* device, unsigned char endpoint, unsigned char* data, 
 }
 
 void plug_from_environment() {
+  sim::start_can_scene_from_environment();
   const char* list = std::getenv("VARNEL_USBSIM_ADAPTERS");
   if (!list) return;
   std::string text = list;

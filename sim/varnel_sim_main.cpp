@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/bus/can_scene.h"
 #include "sim/net_server.h"
 
 namespace {
@@ -87,6 +88,7 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
 
+  sim::start_can_scene_from_environment();
   if (!server.start()) {
     std::fprintf(stderr, "varnel-sim: %s\n", server.error().c_str());
     return 1;

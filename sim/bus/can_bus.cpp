@@ -347,8 +347,16 @@ void CanPeer::run_due(CanBus& bus, uint64_t now_us) {
 bool CanPeer::deliver(const CanFrame& frame, uint64_t, const CanBitTiming& timing) {
   if (timing.nominal_bps != timing_.nominal_bps) return false;
   std::lock_guard guard(received_mutex_);
+  // dropping the older half at once keeps the cost per frame constant
+  if (received_limit_ && received_.size() >= received_limit_)
+    received_.erase(received_.begin(), received_.begin() + ptrdiff_t(received_.size() / 2));
   received_.push_back(frame);
   return true;
+}
+
+void CanPeer::set_received_limit(size_t frames) {
+  std::lock_guard guard(received_mutex_);
+  received_limit_ = frames;
 }
 
 std::vector<CanFrame> CanPeer::received() const {

@@ -163,6 +163,8 @@ class CanPeer : public CanNode, public std::enable_shared_from_this<CanPeer> {
 
   std::vector<CanFrame> received() const;
   size_t received_count() const;
+  // Keeps at most about `frames` of the latest received frames (0: all of them).
+  void set_received_limit(size_t frames);
 
   bool deliver(const CanFrame& frame, uint64_t end_us, const CanBitTiming& timing) override;
   void run_due(CanBus& bus, uint64_t now_us) override;
@@ -184,6 +186,7 @@ class CanPeer : public CanNode, public std::enable_shared_from_this<CanPeer> {
   std::vector<Periodic> periodic_;
   mutable std::mutex received_mutex_;
   std::vector<CanFrame> received_;
+  size_t received_limit_ = 0;
 };
 
 }  // namespace sim

@@ -1,56 +1,10 @@
 // The `varnel` tool as a user runs it: the built binary against the virtual adapter, its output
 // compared with golden text, usage errors and the demo's exit code.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "cli_support.h"
 
-#include <cstdio>
-#include <fstream>
-#include <regex>
-#include <sstream>
-#include <string>
-
-namespace {
-
-struct ToolRun {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Runs the tool with `args` in a clean environment: no usbsim preloaded, no adapters chosen.
-ToolRun varnel(const std::string& args) {
-  const std::string err_path =
-      testing::TempDir() + "varnel_cli_err_" + std::to_string(getpid()) + ".txt";
-  const std::string command =
-      "env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS -u "
-      "VARNEL_SIM_ACTIVE " VARNEL_BINARY_DIR "/bin/varnel " +
-      args + " 2>" + err_path;
-  ToolRun run;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, n);
-  int status = pclose(pipe);
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.err = read_file(err_path);
-  std::remove(err_path.c_str());
-  return run;
-}
-
-std::string golden(const std::string& name) {
-  return read_file(VARNEL_SOURCE_DIR "/tests/cli/golden/" + name);
-}
-
-}  // namespace
+using cli_test::golden;
+using cli_test::ToolRun;
+using cli_test::varnel;
 
 TEST(VarnelCli, OutputMatchesGoldenText) {
   struct Case {

@@ -5,9 +5,71 @@
 #include <cstdlib>
 #include <vector>
 
+#include "command_group.h"
 #include "varnel.h"
 
 namespace varnel_cli {
+namespace {
+
+// How long an open waits for network adapters to answer the probe: they answer at once, and the
+// scan always runs its whole time-out.
+constexpr int kOpenScanMs = 500;
+
+std::string& local_ip_option() {
+  static std::string ip;
+  return ip;
+}
+
+void add_net_option(CLI::App& app) {
+  app.add_option("--net", local_ip_option(),
+                 "reach network adapters through this local IPv4 address (scan, info, gpio, can)");
+}
+
+bool open_usb_adapter(uint32_t handle) {
+  std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
+  int count = USB_ScanDevice(handles.data());
+  bool known = false;
+  for (int i = 0; i < count; ++i) known = known || handles[size_t(i)] == handle;
+  if (!known) {
+    std::fprintf(stderr, "adapter %s: not found (%d adapter(s) on USB; see `varnel scan`)\n",
+                 handle_text(handle).c_str(), count < 0 ? 0 : count);
+    return false;
+  }
+  if (!USB_OpenDevice(handle)) {
+    std::fprintf(stderr, "adapter %s: cannot be opened\n", handle_text(handle).c_str());
+    return false;
+  }
+  return true;
+}
+
+bool open_network_adapter(uint32_t handle) {
+  const std::string& ip = network_local_ip();
+  if (ip.empty()) {
+    std::fprintf(stderr,
+                 "adapter %s: a network adapter; give --net LOCAL_IP, the local address on its "
+                 "network\n",
+                 handle_text(handle).c_str());
+    return false;
+  }
+  std::vector<uint32_t> handles(VARNEL_MAX_DEVICES);
+  const int count = NET_ScanDevice(ip.c_str(), handles.data(), kOpenScanMs);
+  bool known = false;
+  for (int i = 0; i < count; ++i) known = known || handles[size_t(i)] == handle;
+  if (!known) {
+    std::fprintf(stderr,
+                 "adapter %s: not found (%d adapter(s) on the network of %s; see `varnel --net "
+                 "%s scan`)\n",
+                 handle_text(handle).c_str(), count < 0 ? 0 : count, ip.c_str(), ip.c_str());
+    return false;
+  }
+  if (!NET_ConnectDevice(handle)) {
+    std::fprintf(stderr, "adapter %s: no TCP connection\n", handle_text(handle).c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
 
 bool parse_handle(const std::string& text, uint32_t& handle) {
   if (text.empty() || text[0] == '-' || text[0] == '+') return false;
@@ -46,31 +108,31 @@ std::string handle_text(uint32_t handle) {
 }
 
 std::string handle_kind(uint32_t handle) {
-  const uint32_t top = handle & 0xFF000001u;
-  std::string carrier = (top == 0x55000000u || top == 0x56000000u) ? "network" : "USB";
+  std::string carrier = is_network_handle(handle) ? "network" : "USB";
   // Adapters whose handle has the top nibble 0x5 carry a CAN FD controller.
   return carrier + ((handle >> 28) == 0x5 ? ", CAN FD" : ", CAN");
 }
 
+bool is_network_handle(uint32_t handle) {
+  const uint32_t top = handle & 0xFF000001u;
+  return top == 0x55000000u || top == 0x56000000u;
+}
+
+const std::string& network_local_ip() {
+  return local_ip_option();
+}
+
 bool open_adapter(uint32_t handle) {
-  std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
-  int count = USB_ScanDevice(handles.data());
-  bool known = false;
-  for (int i = 0; i < count; ++i) known = known || handles[size_t(i)] == handle;
-  if (!known) {
-    std::fprintf(stderr, "adapter %s: not found (%d adapter(s) on USB; see `varnel scan`)\n",
-                 handle_text(handle).c_str(), count < 0 ? 0 : count);
-    return false;
-  }
-  if (!USB_OpenDevice(handle)) {
-    std::fprintf(stderr, "adapter %s: cannot be opened\n", handle_text(handle).c_str());
-    return false;
-  }
-  return true;
+  return is_network_handle(handle) ? open_network_adapter(handle) : open_usb_adapter(handle);
 }
 
 void close_adapter(uint32_t handle) {
-  USB_CloseDevice(handle);
+  if (is_network_handle(handle))
+    NET_DisconnectDevice(handle);
+  else
+    USB_CloseDevice(handle);
 }
+
+VARNEL_COMMAND_GROUP(add_net_option)
 
 }  // namespace varnel_cli

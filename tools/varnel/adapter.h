@@ -18,7 +18,15 @@ std::string handle_text(uint32_t handle);
 // "USB" or "network", and the controller the handle's kind brings.
 std::string handle_kind(uint32_t handle);
 
-// Scans and opens the adapter; prints why not on stderr and returns false.
+// Handles 0x55.../0x56... with bit 0 clear are network adapters.
+bool is_network_handle(uint32_t handle);
+
+// The local IPv4 address given with the global --net option: device commands then find network
+// adapters by a discovery probe from it. Empty without the option.
+const std::string& network_local_ip();
+
+// Scans (USB, or the network for a network handle) and opens the adapter; prints why not on
+// stderr and returns false.
 bool open_adapter(uint32_t handle);
 void close_adapter(uint32_t handle);
 

@@ -62,6 +62,29 @@ uint64_t host_us() {
                       .count());
 }
 
+// Host time of a received frame in µs: the channel's start time (host ms at device time 0) plus
+// the record's 40-bit device time stamp, which counts 10 µs on classic adapters and 1 µs on CAN FD
+// ones. Frames fetched together thus keep the spacing they had on the bus.
+struct FrameClock {
+  int64_t start_ms = 0;
+  unsigned us_per_tick = 1;
+
+  uint64_t host_us(uint8_t high, uint32_t low) const {
+    const uint64_t ticks = uint64_t(high) << 32 | low;
+    return uint64_t(start_ms) * 1000 + ticks * us_per_tick;
+  }
+};
+
+FrameClock frame_clock(const CanTarget& t, bool fd) {
+  FrameClock clock;
+  clock.start_ms =
+      fd ? CANFD_GetStartTime(t.handle, t.channel) : CAN_GetStartTime(t.handle, t.channel);
+  clock.us_per_tick = fd ? 1 : 10;
+  // without a start time (an old adapter), fall back to the time of arrival at the host
+  if (clock.start_ms <= 0) clock.start_ms = int64_t(host_us() / 1000);
+  return clock;
+}
+
 bool fail(const char* call, int rc) {
   std::fprintf(stderr, "%s: %s\n", call, result_text(rc));
   exit_code() = 1;
@@ -94,6 +117,8 @@ CANFD_MSG from_classic(const CAN_MSG& msg) {
   CANFD_MSG fd{};
   fd.Id = msg.Id | (msg.Extended & 1 ? 0x80000000u : 0) | (msg.Flags & 1 ? 0x40000000u : 0);
   fd.DataLen = msg.DataLen;
+  fd.TimeStamp = msg.TimeStamp;  // still in the classic unit
+  fd.TimeStampHigh = msg.TimeStampHigh;
   std::memcpy(fd.Data, msg.Data, 8);
   return fd;
 }
@@ -160,6 +185,7 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
   std::vector<CAN_MSG> classic(fd ? 0 : VARNEL_CAN_QUEUE_SIZE);
   std::vector<CANFD_MSG> frames(fd ? 5000 : 0);
   fd ? CANFD_StartGetMsg(t.handle, t.channel) : CAN_StartGetMsg(t.handle, t.channel);
+  const FrameClock clock = frame_clock(t, fd);
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   int shown = 0;
   while ((count <= 0 || shown < count) &&
@@ -174,9 +200,9 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       continue;
     }
-    const uint64_t now = host_us();
     for (int i = 0; i < n && (count <= 0 || shown < count); ++i, ++shown) {
       const CANFD_MSG f = fd ? frames[size_t(i)] : from_classic(classic[size_t(i)]);
+      const uint64_t now = clock.host_us(f.TimeStampHigh, f.TimeStamp);
       if (log_format) {
         std::printf("%s\n", varnel::can_text::candump_log_line(interface_name(t), f, now).c_str());
       } else {

@@ -33,7 +33,12 @@ int fail(const std::string& what) {
 
 DBC_HANDLE load(const std::string& file) {
   DBC_HANDLE h = VARNEL_DbcLoadFile(file.c_str());
-  if (!h) fail("cannot load " + file);
+  if (!h) {
+    fail("cannot load " + file);
+  } else if (DBC_GetMsgQuantity(h) == 0) {
+    // the parser skips every line it does not know, so any text file loads
+    std::fprintf(stderr, "varnel dbc: warning: %s defines no messages\n", file.c_str());
+  }
   return h;
 }
 

@@ -44,8 +44,10 @@ void run_net_scan(const std::string& local_ip) {
 }
 
 void run_scan(const DeviceOptions& options) {
-  if (!options.net_local_ip.empty()) {
-    run_net_scan(options.net_local_ip);
+  const std::string& local_ip =
+      options.net_local_ip.empty() ? network_local_ip() : options.net_local_ip;
+  if (!local_ip.empty()) {
+    run_net_scan(local_ip);
     return;
   }
   if (!prepare_adapters()) {

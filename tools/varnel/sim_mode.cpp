@@ -14,7 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "adapter.h"
 #include "command_group.h"
+#include "sim/bus/can_scene_text.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -26,6 +28,22 @@ constexpr const char* kSimActiveVariable = "VARNEL_SIM_ACTIVE";
 bool& sim_requested() {
   static bool requested = false;
   return requested;
+}
+
+// The node on the virtual CAN bus: its bit timing and the frames it sends periodically. Unless
+// told otherwise it only acknowledges, at the CLI's default bit rates, so that a lone adapter's
+// frames go out as they would on a bench with one other node. "none" leaves the bus empty.
+constexpr const char* kDefaultPeerTiming = "500000/2000000";
+constexpr const char* kNoPeer = "none";
+
+struct SimCanScene {
+  std::string timing;  // empty: VARNEL_SIM_CAN_PEER or the default
+  std::string traffic;
+};
+
+SimCanScene& sim_can_scene() {
+  static SimCanScene scene;
+  return scene;
 }
 
 std::string executable_path() {
@@ -49,6 +67,17 @@ std::vector<std::string> own_arguments() {
   return args;
 }
 
+void export_can_scene(const SimCanScene& scene) {
+  if (scene.timing == kNoPeer) {
+    unsetenv("VARNEL_SIM_CAN_PEER");
+    unsetenv("VARNEL_SIM_CAN_TRAFFIC");
+    return;
+  }
+  if (!scene.timing.empty()) setenv("VARNEL_SIM_CAN_PEER", scene.timing.c_str(), 1);
+  setenv("VARNEL_SIM_CAN_PEER", kDefaultPeerTiming, 0);
+  if (!scene.traffic.empty()) setenv("VARNEL_SIM_CAN_TRAFFIC", scene.traffic.c_str(), 1);
+}
+
 bool reexecute_on_sim() {
   const std::string directory = usbsim_directory();
   const std::string library = directory + "/libusb-1.0.so.0";
@@ -64,6 +93,7 @@ bool reexecute_on_sim() {
   if (const char* old = std::getenv("LD_LIBRARY_PATH"); old && *old) path += std::string(":") + old;
   setenv("LD_LIBRARY_PATH", path.c_str(), 1);
   setenv("VARNEL_USBSIM_ADAPTERS", kDefaultSimAdapters, 0);  // the caller's choice wins
+  export_can_scene(sim_can_scene());
   setenv(kSimActiveVariable, "1", 1);
 
   std::vector<std::string> args = own_arguments();
@@ -77,9 +107,44 @@ bool reexecute_on_sim() {
   return false;
 }
 
+CLI::Validator timing_validator() {
+  return CLI::Validator(
+      [](std::string& text) {
+        return text == kNoPeer || sim::scene_text::parse_timing(text)
+                   ? std::string()
+                   : "expected BITRATE, BITRATE/DATABITRATE or none";
+      },
+      "BITRATE[/DATA]");
+}
+
+CLI::Validator traffic_validator() {
+  return CLI::Validator(
+      [](std::string& text) {
+        std::string bad;
+        return sim::scene_text::parse_traffic(text, &bad)
+                   ? std::string()
+                   : "not a frame with a period: '" + bad + "' (use 123#DEADBEEF@100)";
+      },
+      "ID#DATA@MS,...");
+}
+
 void add_sim_flag(CLI::App& app) {
   app.add_flag("--sim", sim_requested(),
                "run against the virtual adapter (used anyway when no adapter is found)");
+  auto* peer = app.add_option("--sim-can-peer", sim_can_scene().timing,
+                              "bit timing of the acknowledging node on the virtual CAN bus "
+                              "(default 500000/2000000; none: no node)")
+                   ->check(timing_validator());
+  app.add_option("--sim-traffic", sim_can_scene().traffic,
+                 "frames that node sends, each with its period in ms: 123#DEADBEEF@100,...")
+      ->check(traffic_validator());
+  app.parse_complete_callback([peer] {
+    if (peer->count() && sim_can_scene().timing == kNoPeer && !sim_can_scene().traffic.empty())
+      throw CLI::ValidationError("--sim-traffic",
+                                 "needs a node on the bus, not --sim-can-peer none");
+    // naming the virtual bus's traffic only makes sense on the virtual adapter
+    if (!sim_can_scene().traffic.empty() || peer->count()) sim_requested() = true;
+  });
 }
 
 }  // namespace
@@ -89,16 +154,24 @@ bool running_on_sim() {
   return active && *active == '1';
 }
 
-std::string usbsim_directory() {
+std::string sibling_program(const std::string& name) {
   const std::string self = executable_path();
   const size_t slash = self.rfind('/');
-  if (slash == std::string::npos) return {};
-  // <build>/bin/varnel -> <build>/usbsim
-  return self.substr(0, slash) + "/../usbsim";
+  return slash == std::string::npos ? std::string() : self.substr(0, slash + 1) + name;
+}
+
+void export_sim_can_scene() {
+  export_can_scene(sim_can_scene());
+}
+
+std::string usbsim_directory() {
+  return sibling_program("../usbsim");  // <build>/bin/varnel -> <build>/usbsim
 }
 
 bool prepare_adapters(bool always_sim) {
   if (running_on_sim()) return true;
+  // with --net the adapters are on the network; USB is not looked at
+  if (!always_sim && !sim_requested() && !network_local_ip().empty()) return true;
   if (!always_sim && !sim_requested()) {
     if (USB_ScanDevice(nullptr) > 0) return true;
     std::fprintf(stderr, "varnel: no adapter found; running against the virtual adapter (--sim)\n");

@@ -22,4 +22,11 @@ bool prepare_adapters(bool always_sim = false);
 // The directory holding the usbsim's libusb-1.0.so.0, found relative to the executable.
 std::string usbsim_directory();
 
+// The path of another program built beside this one (e.g. "varnel-sim").
+std::string sibling_program(const std::string& name);
+
+// Puts the virtual CAN bus scene (--sim-can-peer, --sim-traffic) into the environment, where the
+// usbsim and varnel-sim read it.
+void export_sim_can_scene();
+
 }  // namespace varnel_cli

@@ -1,0 +1,66 @@
+#include "sim/bus/can_scene.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "sim/bus/can_scene_text.h"
+
+namespace sim {
+namespace {
+
+constexpr const char* kDefaultTiming = "500000/2000000";
+// The scene's peer acknowledges for as long as the process runs; it keeps only the latest frames
+// it received so that a bus under endless traffic does not grow without bound.
+constexpr size_t kSceneReceivedLimit = 10000;
+
+CanFrame bus_frame(const CANFD_MSG& msg) {
+  CanFrame frame;
+  frame.extended = (msg.Id & 0x80000000u) != 0;
+  frame.remote = (msg.Id & 0x40000000u) != 0;
+  frame.id = msg.Id & 0x1FFFFFFFu;
+  frame.fd = (msg.Flags & 0x04) != 0;
+  frame.brs = frame.fd && (msg.Flags & 0x01) != 0;
+  frame.len = msg.DataLen;
+  std::memcpy(frame.data.data(), msg.Data, msg.DataLen);
+  return frame;
+}
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+}  // namespace
+
+std::shared_ptr<CanPeer> start_can_scene(const std::string& timing_text,
+                                         const std::string& traffic_text,
+                                         const std::shared_ptr<CanBus>& bus, std::string* error) {
+  if (timing_text.empty() && traffic_text.empty()) return nullptr;
+  const auto timing = scene_text::parse_timing(timing_text.empty() ? kDefaultTiming : timing_text);
+  if (!timing) {
+    *error = "bad bit timing '" + timing_text + "' (use 500000 or 500000/2000000)";
+    return nullptr;
+  }
+  std::string bad_item;
+  const auto traffic = scene_text::parse_traffic(traffic_text, &bad_item);
+  if (!traffic) {
+    *error = "bad traffic item '" + bad_item + "' (use ID#DATA@MS, e.g. 123#DEADBEEF@100)";
+    return nullptr;
+  }
+  auto peer = CanPeer::create(bus, {timing->nominal_bps, timing->data_bps});
+  peer->set_received_limit(kSceneReceivedLimit);
+  for (const auto& item : *traffic)
+    peer->add_periodic(bus_frame(item.frame), uint64_t(item.period_ms) * 1000);
+  return peer;
+}
+
+void start_can_scene_from_environment() {
+  static std::shared_ptr<CanPeer> scene;
+  std::string error;
+  scene = start_can_scene(environment("VARNEL_SIM_CAN_PEER"), environment("VARNEL_SIM_CAN_TRAFFIC"),
+                          default_can_bus(), &error);
+  if (!error.empty()) std::fprintf(stderr, "virtual CAN bus: %s\n", error.c_str());
+}
+
+}  // namespace sim

@@ -1,0 +1,81 @@
+// The text form of a CAN scene on the virtual bus: a node's bit timing and the frames it sends
+// periodically. Header-only, so that the CLI can check what a user typed before it starts the
+// virtual adapter with it.
+//   timing   "500000" or "500000/2000000" (nominal / data bit rate)
+//   traffic  "123#11223344@100,18FEF100##1AABB@20": can-utils frames, each with its period in ms
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "src/can/can_text.h"
+
+namespace sim::scene_text {
+
+struct Timing {
+  uint32_t nominal_bps = 0;
+  uint32_t data_bps = 0;
+};
+
+struct PeriodicFrame {
+  CANFD_MSG frame{};
+  uint32_t period_ms = 0;
+};
+
+// A decimal number in [1, max], the whole text.
+inline std::optional<uint32_t> parse_positive(const std::string& text, uint32_t max) {
+  if (text.empty() || text.size() > 10) return std::nullopt;
+  uint64_t value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    value = value * 10 + uint64_t(c - '0');
+  }
+  if (value == 0 || value > max) return std::nullopt;
+  return uint32_t(value);
+}
+
+inline std::optional<Timing> parse_timing(const std::string& text) {
+  constexpr uint32_t kMaxBps = 16000000;
+  const size_t slash = text.find('/');
+  auto nominal = parse_positive(text.substr(0, slash), kMaxBps);
+  if (!nominal) return std::nullopt;
+  Timing timing{*nominal, 0};
+  if (slash != std::string::npos) {
+    auto data = parse_positive(text.substr(slash + 1), kMaxBps);
+    if (!data) return std::nullopt;
+    timing.data_bps = *data;
+  }
+  return timing;
+}
+
+// Parses the traffic list; on failure `bad_item` (when given) holds the item that did not parse.
+inline std::optional<std::vector<PeriodicFrame>> parse_traffic(const std::string& text,
+                                                               std::string* bad_item = nullptr) {
+  constexpr uint32_t kMaxPeriodMs = 3600000;
+  std::vector<PeriodicFrame> traffic;
+  for (size_t start = 0; start <= text.size();) {
+    size_t end = text.find(',', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    start = end + 1;
+    if (item.empty()) continue;
+    const size_t at = item.rfind('@');
+    std::optional<CANFD_MSG> frame;
+    std::optional<uint32_t> period;
+    if (at != std::string::npos) {
+      frame = varnel::can_text::parse_frame(item.substr(0, at));
+      period = parse_positive(item.substr(at + 1), kMaxPeriodMs);
+    }
+    if (!frame || !period) {
+      if (bad_item) *bad_item = item;
+      return std::nullopt;
+    }
+    traffic.push_back({*frame, *period});
+  }
+  return traffic;
+}
+
+}  // namespace sim::scene_text

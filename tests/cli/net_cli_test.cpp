@@ -1,0 +1,100 @@
+// Network adapters from the tool: `varnel sim` serves them, `--net LOCAL_IP` reaches them.
+#include <signal.h>
+
+#include <cstdio>
+#include <regex>
+
+#include "cli_support.h"
+
+using namespace cli_test;
+
+namespace {
+
+// `varnel sim` in the background on ports of its own choosing, with one CAN FD network adapter
+// and traffic on its virtual CAN bus.
+class NetCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    daemon_ = fork();
+    if (daemon_ == 0) {
+      dup2(fds[1], 1);
+      close(fds[0]);
+      close(fds[1]);
+      execl(VARNEL_BINARY_DIR "/bin/varnel", "varnel", "--sim-traffic", "321#CAFE@20", "sim",
+            "--adapter", "0x55000140", "--discovery-port", "0", "--tcp-port", "0",
+            "--first-address", "127.0.0.40", nullptr);
+      _exit(127);
+    }
+    close(fds[1]);
+    out_ = fdopen(fds[0], "r");
+    char line[256];
+    unsigned discovery = 0, tcp = 0;
+    ASSERT_TRUE(out_ && fgets(line, sizeof line, out_));
+    ASSERT_EQ(
+        sscanf(line, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp), 2)
+        << line;
+    ports_ = "VARNEL_NET_DISCOVERY_PORT=" + std::to_string(discovery) +
+             " VARNEL_NET_TCP_PORT=" + std::to_string(tcp);
+  }
+  void TearDown() override {
+    if (daemon_ > 0) {
+      kill(daemon_, SIGTERM);
+      int status = 0;
+      waitpid(daemon_, &status, 0);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    if (out_) fclose(out_);
+  }
+  ToolRun on_network(const std::string& args) { return varnel("--net 127.0.0.1 " + args, ports_); }
+
+  pid_t daemon_ = -1;
+  FILE* out_ = nullptr;
+  std::string ports_;
+};
+
+}  // namespace
+
+TEST_F(NetCli, DeviceCommandsReachNetworkAdapters) {
+  struct Case {
+    const char* args;
+    const char* out;  // a regular expression
+  } cases[] = {
+      {"scan", "1 adapter\\(s\\) on the network of 127.0.0.1\n  0x55000140  network, CAN FD\n"},
+      {"info 0x55000140",
+       "adapter 0x55000140 \\(network, CAN FD\\)\n  firmware: +VARNEL virtual adapter\n(.*\n)*"},
+      {"gpio 0x55000140 set 0x3 output write 0x3 0x2 read 0x3",
+       "(.*\n){2}pins 0x00000003 read 0x00000002 \\(pin 0 low, pin 1 high\\)\n"},
+      // the scene's node acknowledges, so the frame goes out
+      {"can send 0x55000140:1 123##1112233445566778899AABBCC",
+       "  can1  123   \\[12\\]  11 22 33 44 55 66 77 88 99 AA BB CC\n"},
+      {"can dump 0x55000140:0 -n 2 -L", "(\\(\\d+\\.\\d{6}\\) can0 321#CAFE\n){2}"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = on_network(c.args);
+    EXPECT_EQ(run.exit_code, 0) << c.args << "\n" << run.err;
+    EXPECT_TRUE(std::regex_match(run.out, std::regex(c.out))) << c.args << "\n" << run.out;
+    EXPECT_EQ(run.err, "") << c.args;
+  }
+}
+
+TEST_F(NetCli, NetworkHandlesNeedTheNetOptionAndAnAnswer) {
+  struct Case {
+    std::string args;
+    const char* err;
+  } cases[] = {
+      {"--net 127.0.0.1 info 0x55000150",
+       "adapter 0x55000150: not found (1 adapter(s) on the network of 127.0.0.1; see `varnel "
+       "--net 127.0.0.1 scan`)\n"},
+      {"--sim gpio 0x55000140 read 0x1",
+       "adapter 0x55000140: a network adapter; give --net LOCAL_IP, the local address on its "
+       "network\n"},
+      {"--net 1.2.3 scan", "scan --net 1.2.3: -1 (not a usable local IPv4 address)\n"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(c.args, ports_);
+    EXPECT_EQ(run.exit_code, 1) << c.args;
+    EXPECT_EQ(run.err, c.err) << c.args;
+  }
+}
