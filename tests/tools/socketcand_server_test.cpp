@@ -124,7 +124,8 @@ TEST(SocketcandServer, SurvivesHostileBytesAndStopsOnSigterm) {
       {"<<<>< echo >",
        "< error missing > after a command >< error missing > after a command >"
        "< error empty command >< echo >"},
-      {"< open 0x11111111:0 >< echo >", "< error adapter 0x11111111 not found >< echo >"},
+      {"< open 0x11111111:0 >< echo >",
+       "< error adapter 0x11111111 not found or not opened (see the server's log) >< echo >"},
       {"< open can0 >< rawmode >", "< ok >< ok >"},
       {"< send 123 C 1 2 3 4 5 6 7 8 9 a b c >< echo >",
        "< error CAN FD frame on a classic CAN channel >< echo >"},

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "adapter.h"
 #include "result_text.h"
 
 namespace varnel_cli::socketcand {
@@ -38,7 +39,13 @@ std::string channel_text(ChannelId id) {
 
 std::vector<ChannelId> scan_aliases() {
   std::vector<ChannelId> aliases;
-  for (uint32_t handle : usb_handles()) {
+  std::vector<uint32_t> handles = usb_handles();
+  if (!network_local_ip().empty()) {
+    std::vector<uint32_t> network(VARNEL_MAX_DEVICES);
+    const int count = NET_ScanDevice(network_local_ip().c_str(), network.data(), 500);
+    handles.insert(handles.end(), network.begin(), network.begin() + std::max(count, 0));
+  }
+  for (uint32_t handle : handles) {
     aliases.push_back({handle, 0});
     aliases.push_back({handle, 1});
   }
@@ -150,20 +157,12 @@ int CanChannel::receive_fd(std::vector<TimedFrame>& out) {
 }
 
 AdapterSet::~AdapterSet() {
-  for (uint32_t handle : open_) USB_CloseDevice(handle);
+  for (uint32_t handle : open_) close_adapter(handle);
 }
 
-bool AdapterSet::open(uint32_t handle, std::string& why) {
+bool AdapterSet::open(uint32_t handle) {
   if (open_.count(handle)) return true;
-  const auto handles = usb_handles();
-  if (std::find(handles.begin(), handles.end(), handle) == handles.end()) {
-    why = "adapter " + channel_text({handle, 0}).substr(0, 10) + " not found";
-    return false;
-  }
-  if (!USB_OpenDevice(handle)) {
-    why = "adapter " + channel_text({handle, 0}).substr(0, 10) + " cannot be opened";
-    return false;
-  }
+  if (!open_adapter(handle)) return false;  // it said why on stderr
   open_.insert(handle);
   return true;
 }

@@ -21,7 +21,8 @@ struct ChannelId {
 
 std::string channel_text(ChannelId id);  // "0x12345678:0"
 
-// canN is channel N % 2 of the (N / 2)-th adapter found when the server started.
+// canN is channel N % 2 of the (N / 2)-th adapter found when the server started: the USB ones,
+// then with --net those that answer the discovery probe.
 std::vector<ChannelId> scan_aliases();
 
 struct TimedFrame {
@@ -67,8 +68,8 @@ class CanChannel {
 class AdapterSet {
  public:
   ~AdapterSet();
-  // False (with the reason) when the adapter is not on USB or cannot be opened.
-  bool open(uint32_t handle, std::string& why);
+  // False, having said why on stderr, when the adapter is not found or cannot be opened.
+  bool open(uint32_t handle);
 
  private:
   std::set<uint32_t> open_;

@@ -219,11 +219,12 @@ void Server::open_bus(Client& client, const std::string& name) {
       bus->alias ? aliases_[bus->alias_index] : ChannelId{bus->handle, bus->channel};
   auto found = channels_.find(id);
   if (found == channels_.end()) {
-    std::string why;
-    if (!adapters_.open(id.handle, why)) {
-      client.out += format_error(why);
+    if (!adapters_.open(id.handle)) {
+      client.out += format_error("adapter " + channel_text(id).substr(0, 10) +
+                                 " not found or not opened (see the server's log)");
       return;
     }
+    std::string why;
     auto channel = std::make_unique<CanChannel>(id);
     if (channel->open(options_.bitrate, options_.data_bitrate, why) != 0) {
       client.out += format_error(why);
