@@ -4,8 +4,9 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ pkg-config clang libclang-rt-14-dev
-  libusb-1.0-0-dev umockdev libumockdev-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-  python3 python3-can python3-canmatrix binutils srecord iproute2
+  libusb-1.0-0-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  python3 python3-can python3-canmatrix python3-pip python3-setuptools binutils srecord iproute2
+  umockdev libumockdev-dev
 )
 
 missing=()

@@ -313,11 +313,12 @@ bool CanPeer::send(const CanFrame& frame) {
 }
 
 void CanPeer::add_periodic(const CanFrame& frame, uint64_t period_us, uint64_t count,
-                           bool stamp_counter) {
+                           bool stamp_counter, bool from_first_fetch) {
   auto bus = bus_.lock();
   if (!bus || period_us == 0) return;
   std::lock_guard guard(schedule_mutex_);
-  periodic_.push_back({frame, period_us, bus->now_us() + period_us, count, stamp_counter});
+  periodic_.push_back(
+      {frame, period_us, bus->now_us() + period_us, count, stamp_counter, from_first_fetch});
 }
 
 void CanPeer::clear_periodic() {
@@ -327,6 +328,11 @@ void CanPeer::clear_periodic() {
 
 void CanPeer::run_due(CanBus& bus, uint64_t now_us) {
   std::lock_guard guard(schedule_mutex_);
+  for (auto& p : periodic_)
+    if (p.waiting_for_fetch) {
+      p.next_us = now_us + p.period_us;
+      p.waiting_for_fetch = false;
+    }
   // earliest first across the schedule, so frames go out in bus-time order
   for (size_t budget = 100000; budget > 0; --budget) {
     Periodic* next = nullptr;

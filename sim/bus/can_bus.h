@@ -157,8 +157,10 @@ class CanPeer : public CanNode, public std::enable_shared_from_this<CanPeer> {
   bool send(const CanFrame& frame);
   // Sends `frame` every `period_us` of bus time from now, `count` times (0: forever). With
   // `stamp_counter` the first four data bytes carry a running counter (little-endian).
+  // With `from_first_fetch` the schedule starts at the first fetch of a controller instead
+  // (a node that starts talking once somebody listens: repeatable wherever a tool starts).
   void add_periodic(const CanFrame& frame, uint64_t period_us, uint64_t count = 0,
-                    bool stamp_counter = false);
+                    bool stamp_counter = false, bool from_first_fetch = false);
   void clear_periodic();
 
   std::vector<CanFrame> received() const;
@@ -178,6 +180,7 @@ class CanPeer : public CanNode, public std::enable_shared_from_this<CanPeer> {
     uint64_t next_us;
     uint64_t remaining;  // 0: forever
     bool stamp;
+    bool waiting_for_fetch;
     uint32_t counter = 0;
   };
   std::weak_ptr<CanBus> bus_;

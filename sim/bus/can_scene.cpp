@@ -51,7 +51,8 @@ std::shared_ptr<CanPeer> start_can_scene(const std::string& timing_text,
   auto peer = CanPeer::create(bus, {timing->nominal_bps, timing->data_bps});
   peer->set_received_limit(kSceneReceivedLimit);
   for (const auto& item : *traffic)
-    peer->add_periodic(bus_frame(item.frame), uint64_t(item.period_ms) * 1000);
+    peer->add_periodic(bus_frame(item.frame), uint64_t(item.period_ms) * 1000, 0, false,
+                       /*from_first_fetch=*/true);
   return peer;
 }
 

@@ -1,0 +1,24 @@
+"""VARNEL adapters from Python, over libvarnel.so with ctypes.
+
+    import varnel
+    for handle in varnel.scan():
+        with varnel.Adapter(handle) as adapter:
+            print(adapter.info())
+
+The python-can interface is varnel.can_plugin.VarnelBus (interface name "varnel"). The low
+level: varnel.lib() is the loaded libvarnel.so with the prototypes of the wrapped calls, and
+varnel.records holds the records they take.
+"""
+from .adapter import Adapter, DeviceInfo, is_fd_adapter, scan
+from .channel import CanChannel, Frame
+from . import records
+from .errors import RESULT_TEXT, VarnelError, result_text
+from .library import lib
+from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
+
+__version__ = "0.1.0"
+__all__ = [
+    "Adapter", "CanChannel", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
+    "GPIO_PULL_UP", "RESULT_TEXT", "VarnelError", "is_fd_adapter", "lib", "records", "result_text",
+    "scan",
+]

@@ -1,0 +1,140 @@
+"""python-can interface: can.Bus(interface="varnel", channel="0x12345678:0", bitrate=500000).
+
+The channel text is the adapter's handle (hexadecimal with 0x, or decimal) and the channel
+number, 0 or 1. CAN FD adapters (handle top nibble 0x5) also take fd=True and data_bitrate=.
+Library errors become can.CanInitializationError / can.CanOperationError whose error_code is
+the library's result code (-7 for arguments this module refuses before calling the library).
+"""
+import collections
+import time
+
+import can
+
+from .adapter import Adapter, is_fd_adapter, scan
+from .channel import CanChannel, Frame
+from .errors import VarnelError
+
+BAD_ARGUMENT = -7
+
+
+def parse_channel(channel):
+    """(handle, channel number) from "0x12345678:0"; ValueError for anything else."""
+    if not isinstance(channel, str) or channel.count(":") != 1:
+        raise ValueError(f"channel {channel!r}: expected \"HANDLE:CHANNEL\", e.g. \"0x12345678:0\"")
+    handle_text, number_text = (part.strip() for part in channel.split(":"))
+    try:
+        handle = int(handle_text, 0)
+        number = int(number_text, 10)
+    except ValueError:
+        raise ValueError(f"channel {channel!r}: expected \"HANDLE:CHANNEL\", e.g. \"0x12345678:0\"")
+    if not 0 <= handle <= 0xFFFFFFFF:
+        raise ValueError(f"channel {channel!r}: the handle is a 32-bit number")
+    if number not in (0, 1):
+        raise ValueError(f"channel {channel!r}: the adapters have CAN channels 0 and 1")
+    return handle, number
+
+
+def _frame_of(msg):
+    if msg.is_error_frame:
+        raise ValueError("error frames cannot be sent")
+    return Frame(id=msg.arbitration_id, data=bytes(msg.data or b""), extended=msg.is_extended_id,
+                 remote=msg.is_remote_frame, fd=msg.is_fd, brs=msg.bitrate_switch, dlc=msg.dlc)
+
+
+class VarnelBus(can.BusABC):
+    """One CAN or CAN FD channel of a VARNEL adapter.
+
+    Frames the adapter reports back after sending them (CAN FD adapters do) are dropped unless
+    receive_own_messages=True, where they come with is_rx=False. Device events of CAN FD adapters
+    (error state changes) arrive as error frames with the event's 8 bytes as data."""
+
+    def __init__(self, channel, can_filters=None, bitrate=500000, fd=False, data_bitrate=None,
+                 receive_own_messages=False, **kwargs):
+        try:
+            handle, number = parse_channel(channel)
+        except ValueError as error:
+            raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
+        self.channel = f"0x{handle:08X}:{number}"
+        self._receive_own = bool(receive_own_messages)
+        self._pending = collections.deque()
+        self._adapter = Adapter(handle)
+        self._channel = None
+        try:
+            self._adapter.open()
+            self._channel = CanChannel(self._adapter, number, bitrate, data_bitrate=data_bitrate,
+                                       fd=bool(fd))
+        except VarnelError as error:
+            self._adapter.close()
+            raise can.CanInitializationError(str(error), error_code=error.code) from error
+        except (ValueError, TypeError) as error:
+            self._adapter.close()
+            raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
+        except OSError as error:  # the library itself could not be loaded
+            raise can.CanInterfaceNotImplementedError(str(error)) from error
+        kind = "CAN FD" if self._channel.fd else "CAN"
+        rates = f"{self._channel.bitrate} bit/s"
+        if self._channel.fd:
+            rates += f", data {self._channel.data_bitrate} bit/s"
+        self.channel_info = f"VARNEL {self.channel} ({kind}, {rates})"
+        super().__init__(channel=channel, can_filters=can_filters, **kwargs)
+
+    def send(self, msg, timeout=None):
+        try:
+            sent = self._channel.send([_frame_of(msg)])
+        except VarnelError as error:
+            raise can.CanOperationError(str(error), error_code=error.code) from error
+        except (ValueError, TypeError) as error:
+            raise can.CanOperationError(f"frame 0x{msg.arbitration_id:X}: {error}",
+                                        error_code=BAD_ARGUMENT) from error
+        if sent != 1:
+            raise can.CanOperationError(
+                f"frame 0x{msg.arbitration_id:X} did not go out (did any node acknowledge it?)",
+                error_code=sent)
+
+    def _message_of(self, frame):
+        return can.Message(
+            timestamp=frame.timestamp,
+            arbitration_id=0 if frame.event else frame.id,
+            is_extended_id=frame.extended,
+            is_remote_frame=frame.remote,
+            is_error_frame=frame.event,
+            channel=self.channel,
+            dlc=frame.dlc,
+            data=frame.data,
+            is_fd=frame.fd,
+            bitrate_switch=frame.brs,
+            is_rx=not frame.echo,
+        )
+
+    def _recv_internal(self, timeout):
+        deadline = None if timeout is None else time.monotonic() + timeout
+        while True:
+            while self._pending:
+                frame = self._pending.popleft()
+                if frame.echo and not self._receive_own:
+                    continue
+                return self._message_of(frame), False
+            left = None if deadline is None else max(0.0, deadline - time.monotonic())
+            try:
+                frames = self._channel.receive(left)
+            except VarnelError as error:
+                raise can.CanOperationError(str(error), error_code=error.code) from error
+            if not frames:
+                return None, False
+            self._pending.extend(frames)
+
+    def shutdown(self):
+        # both closes do nothing the second time; send/recv after this raise -5
+        if self._channel is not None:
+            self._channel.close()
+        self._adapter.close()
+        super().shutdown()
+
+    @staticmethod
+    def _detect_available_configs():
+        try:
+            handles = scan()
+        except (OSError, VarnelError):
+            return []
+        return [{"interface": "varnel", "channel": f"0x{h:08X}:{n}", "fd": is_fd_adapter(h)}
+                for h in handles for n in (0, 1)]

@@ -1,0 +1,241 @@
+"""A CAN or CAN FD channel of an open adapter: init, send, and receive through the library's
+receive poller (one thread per adapter that fetches every 10 ms into the channel's queue)."""
+import ctypes
+import time
+from dataclasses import dataclass
+
+from .library import lib
+from .errors import VarnelError, check
+from .records import CAN_MSG, CANFD_EVENT_ID, CANFD_MSG
+
+# CAN FD data lengths; a frame of another length goes out padded with zeros to the next one.
+FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
+# Records drained per library call; more wait in the library's queue for the next call.
+RECEIVE_BATCH = 1000
+# How often a blocking receive looks at the queue. The poller fills it every 10 ms.
+RECEIVE_POLL_S = 0.002
+
+# Option bytes passed to CANFD_Init2: the values the bit-rate tables carry (1 and 1).
+_FD_DEVICE_OPTION = 1
+_FD_OPTION = 1
+
+
+@dataclass
+class Frame:
+    """One CAN or CAN FD frame as a Python value.
+
+    `dlc` is the data length in bytes (for a remote frame, the length it asks for); `timestamp` is
+    host wall-clock seconds (time.time() scale) of the frame's end on the bus. `echo` marks a
+    frame this host sent that the adapter reports back; `event` a device event record (error
+    state change, data bytes 0-7) of a CAN FD adapter."""
+
+    id: int
+    data: bytes = b""
+    extended: bool = False
+    remote: bool = False
+    fd: bool = False
+    brs: bool = False
+    dlc: int = None
+    timestamp: float = 0.0
+    channel: int = 0
+    echo: bool = False
+    event: bool = False
+
+    def __post_init__(self):
+        self.data = bytes(self.data)
+        if self.dlc is None:
+            self.dlc = len(self.data)
+
+
+def padded_fd_length(length):
+    for valid in FD_LENGTHS:
+        if valid >= length:
+            return valid
+    raise ValueError(f"{length} data bytes: a CAN FD frame carries at most 64")
+
+
+def _bit_rate(value):
+    # ctypes would cut a negative or oversized rate to 32 bits without a word
+    if not isinstance(value, int) or not 0 < value <= 0xFFFFFFFF:
+        raise ValueError(f"bit rate {value!r}: expected a positive number of bit/s")
+    return value
+
+
+def _check_frame(frame, fd_controller):
+    limit = 0x1FFFFFFF if frame.extended else 0x7FF
+    if not 0 <= frame.id <= limit:
+        kind = "extended" if frame.extended else "standard"
+        raise ValueError(f"identifier 0x{frame.id:X} does not fit a {kind} frame")
+    if frame.fd and not fd_controller:
+        raise ValueError("a CAN FD frame needs an adapter with a CAN FD controller")
+    if frame.brs and not frame.fd:
+        raise ValueError("bit-rate switch is for CAN FD frames only")
+    if frame.remote and frame.fd:
+        raise ValueError("CAN FD has no remote frames")
+    if not frame.fd and len(frame.data) > 8:
+        raise ValueError(f"{len(frame.data)} data bytes: a classic frame carries at most 8")
+    if frame.remote and not 0 <= frame.dlc <= 8:
+        raise ValueError(f"remote frame asks for {frame.dlc} bytes; at most 8")
+
+
+def to_can_msg(frame, record):
+    """Fills a classic record (zeroed by the caller) from a checked frame."""
+    record.Id = frame.id
+    record.Extended = 1 if frame.extended else 0
+    record.Flags = 1 if frame.remote else 0
+    record.DataLen = frame.dlc if frame.remote else len(frame.data)
+    if not frame.remote:
+        ctypes.memmove(record.Data, frame.data, len(frame.data))
+
+
+def to_canfd_msg(frame, record):
+    """Fills a CAN FD record (zeroed by the caller) from a checked frame."""
+    record.Id = (frame.id | (0x80000000 if frame.extended else 0)
+                 | (0x40000000 if frame.remote else 0))
+    record.Flags = (0x04 if frame.fd else 0) | (0x01 if frame.brs else 0)
+    if frame.remote:
+        record.DataLen = frame.dlc
+    else:
+        record.DataLen = padded_fd_length(len(frame.data)) if frame.fd else len(frame.data)
+        ctypes.memmove(record.Data, frame.data, len(frame.data))
+
+
+def from_can_msg(record, start_ms):
+    stamp = (record.TimeStampHigh << 32) | record.TimeStamp  # units of 10 us
+    remote = bool(record.Flags & 0x01)
+    return Frame(
+        id=record.Id & 0x1FFFFFFF,
+        data=b"" if remote else bytes(record.Data[: min(record.DataLen, 8)]),
+        extended=bool(record.Extended & 1),
+        remote=remote,
+        dlc=record.DataLen,
+        timestamp=(start_ms + stamp / 100.0) / 1000.0,
+        channel=(record.Flags >> 5) & 3,
+        echo=bool(record.Flags & 0x80),
+    )
+
+
+def from_canfd_msg(record, start_ms):
+    stamp = (record.TimeStampHigh << 32) | record.TimeStamp  # units of 1 us
+    timestamp = (start_ms + stamp / 1000.0) / 1000.0
+    channel = (record.Flags >> 5) & 1
+    if record.Id == CANFD_EVENT_ID:
+        return Frame(id=CANFD_EVENT_ID, data=bytes(record.Data[:8]), timestamp=timestamp,
+                     channel=channel, event=True)
+    remote = bool(record.Id & 0x40000000)
+    length = min(record.DataLen, 64)
+    return Frame(
+        id=record.Id & 0x1FFFFFFF,
+        data=b"" if remote else bytes(record.Data[:length]),
+        extended=bool(record.Id & 0x80000000),
+        remote=remote,
+        fd=bool(record.Flags & 0x04),
+        brs=bool(record.Flags & 0x01),
+        dlc=length,
+        timestamp=timestamp,
+        channel=channel,
+        echo=bool(record.Flags & 0x80),
+    )
+
+
+class CanChannel:
+    """A started channel. On CAN FD adapters every frame goes through the CAN FD calls (classic
+    frames too, with the FD format bit clear); elsewhere through the classic calls."""
+
+    def __init__(self, adapter, channel, bitrate=500000, data_bitrate=None, fd=None):
+        if channel not in (0, 1):
+            raise ValueError(f"CAN channel {channel!r}: the adapters have channels 0 and 1")
+        adapter._require_open("CANFD_Init2" if adapter.is_fd else "CAN_Init2")
+        self.adapter = adapter
+        self.handle = adapter.handle
+        self.channel = channel
+        self.fd_controller = adapter.is_fd
+        if fd and not self.fd_controller:
+            raise ValueError(f"adapter 0x{self.handle:08X} has no CAN FD controller")
+        self.fd = self.fd_controller if fd is None else bool(fd)
+        self.bitrate = _bit_rate(bitrate)
+        self.data_bitrate = _bit_rate(data_bitrate or (2000000 if self.fd else bitrate))
+        self._started = False
+        self._init()
+
+    def _init(self):
+        library, h, ch = lib(), self.handle, self.channel
+        if self.fd_controller:
+            check(library.CANFD_Init2(h, ch, self.bitrate, self.data_bitrate, _FD_DEVICE_OPTION,
+                                      _FD_OPTION), "CANFD_Init2")
+            check(library.CANFD_StartGetMsg(h, ch), "CANFD_StartGetMsg")
+            self._buffer = (CANFD_MSG * RECEIVE_BATCH)()
+        else:
+            check(library.CAN_Init2(h, ch, self.bitrate), "CAN_Init2")
+            check(library.CAN_StartGetMsg(h, ch), "CAN_StartGetMsg")
+            self._buffer = (CAN_MSG * RECEIVE_BATCH)()
+        self._started = True
+
+    def send(self, frames):
+        """Sends the frames in order; returns how many went out (the library's count)."""
+        if not self._started:
+            raise VarnelError(-5, "CANFD_SendMsg" if self.fd_controller else "CAN_SendMsg")
+        frames = list(frames)
+        for frame in frames:
+            _check_frame(frame, self.fd_controller)
+        if not frames:
+            return 0
+        if self.fd_controller:
+            records = (CANFD_MSG * len(frames))()
+            for frame, record in zip(frames, records):
+                to_canfd_msg(frame, record)
+            result = lib().CANFD_SendMsg(self.handle, self.channel, records, len(frames))
+            return check(result, "CANFD_SendMsg")
+        records = (CAN_MSG * len(frames))()
+        for frame, record in zip(frames, records):
+            to_can_msg(frame, record)
+        return check(lib().CAN_SendMsg(self.handle, self.channel, records, len(frames)),
+                     "CAN_SendMsg")
+
+    def _drain(self):
+        library, h, ch = lib(), self.handle, self.channel
+        if self.fd_controller:
+            count = check(library.CANFD_GetMsg(h, ch, self._buffer, RECEIVE_BATCH), "CANFD_GetMsg")
+            start_ms = library.CANFD_GetStartTime(h, ch)
+            return [from_canfd_msg(self._buffer[i], start_ms) for i in range(count)]
+        count = check(library.CAN_GetMsgWithSize(h, ch, self._buffer, RECEIVE_BATCH),
+                      "CAN_GetMsgWithSize")
+        start_ms = library.CAN_GetStartTime(h, ch)
+        return [from_can_msg(self._buffer[i], start_ms) for i in range(count)]
+
+    def receive(self, timeout=0.0):
+        """Frames received so far, oldest first; waits up to `timeout` seconds (None: without end)
+        for the first one. An empty list when none came in time."""
+        if not self._started:
+            raise VarnelError(-5, "CANFD_GetMsg" if self.fd_controller else "CAN_GetMsgWithSize")
+        deadline = None if timeout is None else time.monotonic() + max(0.0, timeout)
+        while True:
+            frames = self._drain()
+            if frames:
+                return frames
+            if deadline is not None:
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return []
+                time.sleep(min(RECEIVE_POLL_S, left))
+            else:
+                time.sleep(RECEIVE_POLL_S)
+
+    def close(self):
+        """Stops receiving and takes the controller off the bus."""
+        if not self._started:
+            return
+        self._started = False
+        library, h, ch = lib(), self.handle, self.channel
+        if self.fd_controller:
+            library.CANFD_StopGetMsg(h, ch)
+            library.CANFD_Stop(h, ch)
+        else:
+            library.CAN_StopGetMsg(h, ch)
+            library.CAN_Stop(h, ch)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()

@@ -1,0 +1,46 @@
+"""Result codes in words, and the exception raised for a failed call.
+
+The words are the ones the command-line tool prints (tools/varnel/result_text.cpp); a test keeps
+the two tables in step.
+"""
+
+RESULT_TEXT = {
+    0: "success",
+    -1: "unknown handle, or the adapter is not connected",
+    -2: "the command could not be written to the adapter",
+    -3: "the reply was missing, short or answered another command",
+    -4: "the reply could not be read, had the wrong length or reported failure",
+    -5: "the channel is not initialised",
+    -7: "bad index or argument",
+}
+
+
+def result_text(code):
+    """The meaning of a result code, as the command-line tool words it."""
+    if code in RESULT_TEXT:
+        return RESULT_TEXT[code]
+    return "success (a count)" if code > 0 else "unknown result code"
+
+
+class VarnelError(Exception):
+    """A library call returned a negative result (or false, see `check_bool`)."""
+
+    def __init__(self, code, call):
+        self.code = code
+        self.call = call
+        super().__init__(f"{call}: {code} ({result_text(code)})")
+
+
+def check(result, call):
+    """Returns a non-negative result; raises VarnelError for a negative one."""
+    if result < 0:
+        raise VarnelError(result, call)
+    return result
+
+
+def check_bool(ok, call, code):
+    """The USB_ and DEV_ calls answer true or false; a false is reported as `code`, the common
+    result code that says what went wrong (-1 for an adapter that cannot be reached, -4 for a
+    reply that could not be used)."""
+    if not ok:
+        raise VarnelError(code, call)

@@ -1,0 +1,71 @@
+"""The records of varnel.h that the wrapped calls use, laid out byte for byte (packed)."""
+import ctypes
+
+MAX_DEVICES = 60  # VARNEL_MAX_DEVICES: USB_ScanDevice fills this many handles at most
+FUNCTION_STRING_SIZE = 201  # VARNEL_DEV_FUNCTION_STRING_SIZE
+CANFD_EVENT_ID = 0xFFFFFFFF  # VARNEL_CANFD_EVENT_ID: a device event, not a frame
+
+GPIO_PULL_NONE = 0
+GPIO_PULL_UP = 1
+GPIO_PULL_DOWN = 2
+
+
+class CAN_MSG(ctypes.Structure):
+    """Classic CAN record, 20 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Id", ctypes.c_uint32),
+        ("TimeStamp", ctypes.c_uint32),  # units of 10 us, bits 0-31
+        ("Flags", ctypes.c_uint8),  # bit 0 remote, bits 5-6 channel, bit 7 sent by this host
+        ("Extended", ctypes.c_uint8),  # bit 0: 29-bit identifier
+        ("DataLen", ctypes.c_uint8),
+        ("Data", ctypes.c_uint8 * 8),
+        ("TimeStampHigh", ctypes.c_uint8),  # time stamp bits 32-39
+    ]
+
+
+class CANFD_MSG(ctypes.Structure):
+    """CAN FD record, 76 bytes. Id bit 31 extended, bit 30 remote."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Id", ctypes.c_uint32),
+        ("DataLen", ctypes.c_uint8),
+        # bit 0 bit-rate switch, bit 2 FD format, bit 5 channel, bit 7 echo
+        ("Flags", ctypes.c_uint8),
+        ("__Res", ctypes.c_uint8),
+        ("TimeStampHigh", ctypes.c_uint8),
+        ("TimeStamp", ctypes.c_uint32),  # units of 1 us, bits 0-31; on send: allowed delay in ms
+        ("Data", ctypes.c_uint8 * 64),
+    ]
+
+
+class DEVICE_INFO(ctypes.Structure):
+    """The adapter's 88-byte device information record."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("FirmwareName", ctypes.c_char * 32),
+        ("BuildDate", ctypes.c_char * 32),
+        ("HardwareVersion", ctypes.c_uint32),
+        ("FirmwareVersion", ctypes.c_uint32),
+        ("SerialNumber", ctypes.c_uint32 * 3),
+        ("FunctionsLength", ctypes.c_uint32),
+    ]
+
+
+class CAN_STATUS(ctypes.Structure):
+    _pack_ = 1
+    _fields_ = [
+        ("ControllerStatus", ctypes.c_uint32),
+        ("ErrorStatus", ctypes.c_uint32),
+        ("RxErrorCounter", ctypes.c_uint8),
+        ("TxErrorCounter", ctypes.c_uint8),
+        ("LastErrorCode", ctypes.c_uint8),
+        ("ErrorFlags", ctypes.c_uint8),  # bit 0 warning, bit 1 passive, bit 2 bus off
+    ]
+
+
+# Every record above, by its C name: the record-size test walks this list.
+RECORDS = {cls.__name__: cls for cls in (CAN_MSG, CANFD_MSG, DEVICE_INFO, CAN_STATUS)}

@@ -1,0 +1,46 @@
+/* Prints the size of every record the Python bindings mirror and the offset of each field, as
+ * a C compiler lays them out from varnel.h: "CAN_MSG 20" and "CAN_MSG.Data 11" lines. */
+#include <stddef.h>
+#include <stdio.h>
+
+#include "varnel.h"
+
+#define RECORD(type) printf("%s %zu\n", #type, sizeof(type))
+#define FIELD(type, field) printf("%s.%s %zu\n", #type, #field, offsetof(type, field))
+
+int main(void) {
+  RECORD(CAN_MSG);
+  FIELD(CAN_MSG, Id);
+  FIELD(CAN_MSG, TimeStamp);
+  FIELD(CAN_MSG, Flags);
+  FIELD(CAN_MSG, Extended);
+  FIELD(CAN_MSG, DataLen);
+  FIELD(CAN_MSG, Data);
+  FIELD(CAN_MSG, TimeStampHigh);
+
+  RECORD(CANFD_MSG);
+  FIELD(CANFD_MSG, Id);
+  FIELD(CANFD_MSG, DataLen);
+  FIELD(CANFD_MSG, Flags);
+  FIELD(CANFD_MSG, __Res);
+  FIELD(CANFD_MSG, TimeStampHigh);
+  FIELD(CANFD_MSG, TimeStamp);
+  FIELD(CANFD_MSG, Data);
+
+  RECORD(DEVICE_INFO);
+  FIELD(DEVICE_INFO, FirmwareName);
+  FIELD(DEVICE_INFO, BuildDate);
+  FIELD(DEVICE_INFO, HardwareVersion);
+  FIELD(DEVICE_INFO, FirmwareVersion);
+  FIELD(DEVICE_INFO, SerialNumber);
+  FIELD(DEVICE_INFO, FunctionsLength);
+
+  RECORD(CAN_STATUS);
+  FIELD(CAN_STATUS, ControllerStatus);
+  FIELD(CAN_STATUS, ErrorStatus);
+  FIELD(CAN_STATUS, RxErrorCounter);
+  FIELD(CAN_STATUS, TxErrorCounter);
+  FIELD(CAN_STATUS, LastErrorCode);
+  FIELD(CAN_STATUS, ErrorFlags);
+  return 0;
+}
