@@ -208,8 +208,11 @@ bool rescan_known_entry(UsbDeviceEntry& entry, libusb_device* device) {
   }
   libusb_device_handle* dh = nullptr;
   if (libusb_open(device, &dh) != 0) return false;
-  bool ok = read_identity(dh, &identity);
+  bool ok = read_identity(dh, &identity) && identity == entry.handle;
   libusb_close(dh);
+  // an adapter unplugged and plugged back at the same port is a new libusb device: the next
+  // open must use that one, not the old device that no longer answers
+  if (ok) set_device(entry, device);
   return ok;
 }
 
@@ -257,12 +260,12 @@ void scan_one_device(libusb_device* device, std::vector<uint32_t>& seen) {
   if (EntryPtr entry = find_entry_by_path(path)) {
     if (rescan_known_entry(*entry, device)) {
       seen.push_back(entry->handle);
-    } else {
-      remove_entry(entry);
-      DeviceLockGuard guard(entry->handle);
-      free_entry(*entry);
+      return;
     }
-    return;
+    remove_entry(entry);
+    DeviceLockGuard guard(entry->handle);
+    free_entry(*entry);
+    // whatever answers at this location now is looked at as a newcomer
   }
   if (EntryPtr entry = scan_new_location(device, path)) seen.push_back(entry->handle);
 }
