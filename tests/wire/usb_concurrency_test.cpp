@@ -22,6 +22,10 @@ void install_echo(sim::VirtualAdapter& adapter) {
   });
 }
 
+// Short writes queued by the disturbance: one at a time, since faults queued faster than the
+// transactions take them would pile up and fail every write.
+std::atomic<int> faults_queued{0};
+
 struct Disturbance {
   const char* name;
   std::function<void()> once;  // called in a loop while the transactions run
@@ -35,6 +39,7 @@ TEST_P(UsbConcurrency, OpenAdapterAnswersEveryTransaction) {
   auto adapter = plug_and_open(kHandle, {1, {1}});
   usbsim::plug(kOther, {1, {2}});  // a second adapter for the scans to look at
   install_echo(*adapter);
+  faults_queued = 0;  // the open above cleared the reset counter
   constexpr int kThreads = 2, kRounds = 150;
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
@@ -67,7 +72,11 @@ INSTANTIATE_TEST_SUITE_P(
                       // device list that the scan replaces
                       Disturbance{"FailedWritesAndScan",
                                   [] {
-                                    usbsim::short_next_transfer(kHandle, 0x01, 3);
+                                    // each short write is taken by one reset
+                                    if (usbsim::counters(kHandle).resets == faults_queued) {
+                                      usbsim::short_next_transfer(kHandle, 0x01, 3);
+                                      ++faults_queued;
+                                    }
                                     USB_ScanDevice(nullptr);
                                   }},
                       Disturbance{"ScanOtherAdapterOpenClose",
