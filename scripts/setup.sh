@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ pkg-config clang libclang-rt-14-dev
+  cmake ninja-build g++ libtsan2 pkg-config clang libclang-rt-14-dev
   libusb-1.0-0-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   python3 python3-can python3-canmatrix python3-pip python3-setuptools binutils srecord iproute2
   umockdev libumockdev-dev

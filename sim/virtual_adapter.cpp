@@ -21,7 +21,11 @@ std::vector<uint8_t> header_bytes(uint32_t command, uint32_t length) {
 DeviceClock::DeviceClock() : start_(std::chrono::steady_clock::now()) {}
 
 uint64_t DeviceClock::now_us() const {
-  auto elapsed = std::chrono::steady_clock::now() - start_;
+  return at_us(std::chrono::steady_clock::now());
+}
+
+uint64_t DeviceClock::at_us(std::chrono::steady_clock::time_point instant) const {
+  auto elapsed = instant - start_;
   return uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count()) +
          offset_us_.load();
 }

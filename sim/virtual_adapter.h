@@ -33,6 +33,9 @@ class DeviceClock {
  public:
   DeviceClock();
   uint64_t now_us() const;
+  // The time at a given instant of the host's clock, so that another clock read at the same
+  // instant gives a fixed offset to this one.
+  uint64_t at_us(std::chrono::steady_clock::time_point instant) const;
   void advance_us(uint64_t us);
 
  private:

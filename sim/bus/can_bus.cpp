@@ -44,7 +44,12 @@ uint64_t can_frame_duration_us(const CanFrame& frame, const CanBitTiming& timing
 CanBus::CanBus() : origin_ns_(monotonic_ns()) {}
 
 uint64_t CanBus::now_us() const {
-  return (monotonic_ns() - origin_ns_) / 1000 + advanced_us_.load();
+  return at_us(std::chrono::steady_clock::now());
+}
+
+uint64_t CanBus::at_us(std::chrono::steady_clock::time_point instant) const {
+  const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(instant.time_since_epoch());
+  return (uint64_t(ns.count()) - origin_ns_) / 1000 + advanced_us_.load();
 }
 
 void CanBus::advance_us(uint64_t us) {

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -49,6 +50,8 @@ class CanBus {
   CanBus();
   // Bus time in microseconds: the host's monotonic clock since the bus was made, plus advances.
   uint64_t now_us() const;
+  // Bus time at a given instant of the host's clock (see DeviceClock::at_us).
+  uint64_t at_us(std::chrono::steady_clock::time_point instant) const;
   void advance_us(uint64_t us);
 
   void attach(const std::shared_ptr<CanNode>& node);

@@ -5,6 +5,7 @@
 #include "sim/families/can.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include "sim/families/device.h"
@@ -158,9 +159,12 @@ std::shared_ptr<CanController> can_controller(VirtualAdapter& adapter, int chann
   return can_model(adapter).channels[size_t(channel)];
 }
 
+// Both clocks are read at one instant: read one after the other, the time between the reads
+// (long on a loaded host) would shift every time stamp by a different amount.
 uint64_t can_device_time_us(VirtualAdapter& adapter, const CanBus* bus, uint64_t end_us) {
-  const uint64_t device_now = device_time_us(adapter);
-  const uint64_t bus_now = bus ? bus->now_us() : end_us;
+  const auto instant = std::chrono::steady_clock::now();
+  const uint64_t device_now = device_time_us(adapter, instant);
+  const uint64_t bus_now = bus ? bus->at_us(instant) : end_us;
   if (end_us >= bus_now) return device_now + (end_us - bus_now);
   return device_now > bus_now - end_us ? device_now - (bus_now - end_us) : 0;
 }

@@ -140,8 +140,12 @@ std::optional<Packet> information(VirtualAdapter& adapter, const Packet& request
 }  // namespace
 
 uint64_t device_time_us(VirtualAdapter& adapter) {
+  return device_time_us(adapter, std::chrono::steady_clock::now());
+}
+
+uint64_t device_time_us(VirtualAdapter& adapter, std::chrono::steady_clock::time_point instant) {
   auto& model = adapter.state<DeviceModel>();
-  uint64_t now = adapter.clock().now_us();
+  uint64_t now = adapter.clock().at_us(instant);
   std::lock_guard guard(model.mutex);
   return now >= model.time_base_us ? now - model.time_base_us : 0;
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -33,8 +34,9 @@ struct DeviceModel {
   DeviceModel() { user_data.fill(0xFF); }
 };
 
-// Device time since the last time-base reset.
+// Device time since the last time-base reset (now, or at an instant of the host's clock).
 uint64_t device_time_us(VirtualAdapter& adapter);
+uint64_t device_time_us(VirtualAdapter& adapter, std::chrono::steady_clock::time_point instant);
 inline uint64_t device_time_ms(VirtualAdapter& adapter) {
   return device_time_us(adapter) / 1000;
 }

@@ -9,6 +9,7 @@
 #include <libusb.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <list>
 #include <memory>
@@ -46,13 +47,28 @@ struct UsbDeviceEntry {
 };
 using EntryPtr = std::shared_ptr<UsbDeviceEntry>;
 
+// One libusb device list, freed with its device references when its last reader lets go: a
+// reconnection walks the list on a transaction's thread while a scan may replace it.
+struct DeviceList {
+  libusb_device** devices = nullptr;
+  ssize_t count = 0;
+  DeviceList() = default;
+  DeviceList(const DeviceList&) = delete;
+  DeviceList& operator=(const DeviceList&) = delete;
+  ~DeviceList() {
+    if (devices) libusb_free_device_list(devices, 1);
+  }
+};
+using DeviceListPtr = std::shared_ptr<const DeviceList>;
+
 // Library-wide USB state. Entries are shared so that a transfer running outside the list mutex
-// keeps its entry alive while a scan edits the list.
+// keeps its entry alive while a scan edits the list. An entry's fields other than its handle
+// change only under its adapter's device lock.
 struct UsbState {
-  bool usb_ready = false;
+  std::atomic<bool> usb_ready{false};  // set once, under the global lock, after the context
   libusb_context* context = nullptr;
-  libusb_device** cached_list = nullptr;
-  ssize_t cached_count = 0;
+  std::mutex cached_list_mutex;  // innermost: guards only the pointer below
+  DeviceListPtr cached_list;
   std::list<EntryPtr> devices;
   DevHandle scratch_handles[kMaxDevices] = {};
 };
@@ -132,16 +148,12 @@ bool read_identity(libusb_device_handle* dh, uint32_t* identity) {
   return true;
 }
 
-// Identity read made under the adapter's own lock, so it never lands inside a transaction.
-bool read_identity_locked(uint32_t lock_handle, libusb_device_handle* dh, uint32_t* identity) {
-  DeviceLockGuard guard(lock_handle);
-  return read_identity(dh, identity);
-}
-
 // Creates the libusb context on first use; returns libusb's code when that fails.
 int library_start() {
   auto& s = state();
   if (s.usb_ready) return 0;
+  std::lock_guard start_guard(global_lock());
+  if (s.usb_ready) return 0;  // another thread started it while this one waited
   {
     std::lock_guard guard(device_list_mutex());
     s.devices.clear();
@@ -153,23 +165,40 @@ int library_start() {
   return 0;
 }
 
-bool refresh_device_list() {
+// Lists the devices again and keeps the list for reconnections. The list, or null with libusb's
+// code in *error.
+DeviceListPtr refresh_device_list(int* error = nullptr) {
   auto& s = state();
-  if (s.cached_list) libusb_free_device_list(s.cached_list, 1);
-  s.cached_list = nullptr;
-  s.cached_count = libusb_get_device_list(s.context, &s.cached_list);
-  return s.cached_count >= 0;
+  auto list = std::make_shared<DeviceList>();
+  list->count = libusb_get_device_list(s.context, &list->devices);
+  if (list->count < 0) {
+    if (error) *error = int(list->count);
+    list->devices = nullptr;
+    list = nullptr;
+  }
+  std::lock_guard guard(s.cached_list_mutex);
+  s.cached_list = list;
+  return list;
+}
+
+// The last list a scan made, or a new one when there is none.
+DeviceListPtr cached_device_list() {
+  {
+    std::lock_guard guard(state().cached_list_mutex);
+    if (state().cached_list) return state().cached_list;
+  }
+  return refresh_device_list();
 }
 
 // A known location: the adapter there is checked again; false when the entry must go.
 bool rescan_known_entry(UsbDeviceEntry& entry, libusb_device* device) {
   uint32_t identity = 0;
+  DeviceLockGuard guard(entry.handle);  // a transaction may be using the entry meanwhile
   if (entry.opened) {
     set_device(entry, device);
-    if (read_identity_locked(entry.handle, entry.device_handle, &identity)) return true;
+    if (read_identity(entry.device_handle, &identity)) return true;
     libusb_device_handle* dh = nullptr;
     if (libusb_open(entry.device, &dh) != 0) return true;  // still counted as seen
-    DeviceLockGuard guard(entry.handle);
     close_handle(entry);
     entry.device_handle = dh;
     // the entry stays open for the application, so its new handle gets the interface too
@@ -179,8 +208,11 @@ bool rescan_known_entry(UsbDeviceEntry& entry, libusb_device* device) {
   }
   libusb_device_handle* dh = nullptr;
   if (libusb_open(device, &dh) != 0) return false;
-  bool ok = read_identity_locked(entry.handle, dh, &identity);
+  bool ok = read_identity(dh, &identity) && identity == entry.handle;
   libusb_close(dh);
+  // an adapter unplugged and plugged back at the same port is a new libusb device: the next
+  // open must use that one, not the old device that no longer answers
+  if (ok) set_device(entry, device);
   return ok;
 }
 
@@ -199,30 +231,23 @@ EntryPtr scan_new_location(libusb_device* device, const std::string& path) {
     libusb_close(dh);
     return nullptr;
   }
-  EntryPtr existing = find_entry(identity);
-  if (existing) {
+  libusb_close(dh);  // a scan does not keep the adapter open
+  if (EntryPtr existing = find_entry(identity)) {
     DeviceLockGuard guard(identity);
-    if (existing->opened && existing->device_handle) {
+    if (existing->opened && existing->device_handle)
       libusb_release_interface(existing->device_handle, 0);
-      libusb_close(existing->device_handle);
-      existing->opened = 0;
-    }
+    close_handle(*existing);
     set_device(*existing, device);
-    existing->device_handle = dh;
     existing->bus_number = entry->bus_number;
     existing->device_address = entry->device_address;
     existing->port_number = entry->port_number;
     existing->location_path = path;
-    entry = existing;
-  } else {
-    entry->handle = identity;
-    set_device(*entry, device);
-    entry->device_handle = dh;
-    std::lock_guard guard(device_list_mutex());
-    state().devices.push_back(entry);
+    return existing;
   }
-  libusb_close(entry->device_handle);  // a scan does not keep the adapter open
-  entry->device_handle = nullptr;
+  entry->handle = identity;
+  set_device(*entry, device);
+  std::lock_guard guard(device_list_mutex());  // published complete: other threads see it now
+  state().devices.push_back(entry);
   return entry;
 }
 
@@ -235,12 +260,12 @@ void scan_one_device(libusb_device* device, std::vector<uint32_t>& seen) {
   if (EntryPtr entry = find_entry_by_path(path)) {
     if (rescan_known_entry(*entry, device)) {
       seen.push_back(entry->handle);
-    } else {
-      remove_entry(entry);
-      DeviceLockGuard guard(entry->handle);
-      free_entry(*entry);
+      return;
     }
-    return;
+    remove_entry(entry);
+    DeviceLockGuard guard(entry->handle);
+    free_entry(*entry);
+    // whatever answers at this location now is looked at as a newcomer
   }
   if (EntryPtr entry = scan_new_location(device, path)) seen.push_back(entry->handle);
 }
@@ -279,17 +304,19 @@ int scan_devices(DevHandle* out) {
   std::lock_guard scan_guard(global_lock());
   int rc = library_start();
   if (rc != 0) return rc;
-  if (!refresh_device_list()) return int(state().cached_count);
+  int error = 0;
+  DeviceListPtr list = refresh_device_list(&error);
+  if (!list) return error;
   std::vector<uint32_t> seen;
-  for (ssize_t i = 0; i < state().cached_count; ++i) scan_one_device(state().cached_list[i], seen);
+  for (ssize_t i = 0; i < list->count; ++i) scan_one_device(list->devices[i], seen);
   drop_unseen_entries(seen);
   return list_handles(out ? out : state().scratch_handles);
 }
 
 bool open_entry(uint32_t handle) {
+  DeviceLockGuard guard(handle);
   EntryPtr entry = find_entry(handle);
   if (!state().usb_ready || !entry || !entry->device) return false;
-  DeviceLockGuard guard(handle);
   if (entry->opened && entry->device_handle) {
     uint32_t identity = 0;
     if (read_identity(entry->device_handle, &identity)) {
@@ -322,16 +349,18 @@ bool open_entry(uint32_t handle) {
   return true;
 }
 
+// Called under the adapter's device lock (by the retry loop inside a transaction, or the resume
+// calls), so it must not take the global lock: it reads the scan's list through a reference.
 bool reconnect_usb(uint32_t handle) {
-  auto& s = state();
   EntryPtr entry = find_entry(handle);
-  if (!s.usb_ready || !entry) return false;
-  if (!s.cached_list && !refresh_device_list()) return false;
+  if (!state().usb_ready || !entry) return false;
+  DeviceListPtr list = cached_device_list();
+  if (!list) return false;
   bool present = false;
-  for (ssize_t i = 0; i < s.cached_count && !present; ++i) {
+  for (ssize_t i = 0; i < list->count && !present; ++i) {
     libusb_device_descriptor descriptor;
     std::string path;
-    libusb_device* device = s.cached_list[i];
+    libusb_device* device = list->devices[i];
     present = libusb_get_device_descriptor(device, &descriptor) == 0 && is_adapter(descriptor) &&
               location_path(device, &path) && path == entry->location_path;
   }
@@ -450,6 +479,7 @@ int usb_control_out(uint32_t handle, uint8_t request, int timeout_ms) {
 }
 
 std::string usb_location_path(uint32_t handle) {
+  DeviceLockGuard guard(handle);  // a scan may be moving the entry
   EntryPtr entry = find_entry(handle);
   return entry ? entry->location_path : std::string();
 }
@@ -459,6 +489,7 @@ libusb_context* usb_context() {
 }
 
 libusb_device_handle* usb_device_handle(uint32_t handle) {
+  DeviceLockGuard guard(handle);
   EntryPtr entry = open_entry_for_transfer(handle);
   return entry && entry->opened ? entry->device_handle : nullptr;
 }
@@ -489,10 +520,9 @@ bool USB_OpenDevice(DevHandle handle) {
 }
 
 bool USB_CloseDevice(DevHandle handle) {
+  DeviceLockGuard guard(handle);  // waits for a transaction on another thread to finish
   EntryPtr entry = find_entry(handle);
   if (!state().usb_ready || !entry || !entry->device || !entry->device_handle) return false;
-  DeviceLockGuard guard(handle);
-  if (!entry->device_handle) return false;
   libusb_release_interface(entry->device_handle, 0);
   close_handle(*entry);
   return true;

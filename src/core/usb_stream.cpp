@@ -43,7 +43,7 @@ void BulkInStream::on_transfer_done(libusb_transfer* transfer) {
   switch (transfer->status) {
     case LIBUSB_TRANSFER_COMPLETED:
       if (self->on_data_) self->on_data_(transfer->buffer, transfer->actual_length);
-      if (!self->stop_ && libusb_submit_transfer(transfer) == 0) return;
+      if (self->resubmit(transfer)) return;
       break;
     case LIBUSB_TRANSFER_STALL:      // the firmware stalls the pipe when it goes away
     case LIBUSB_TRANSFER_NO_DEVICE:  // unplugged
@@ -53,7 +53,15 @@ void BulkInStream::on_transfer_done(libusb_transfer* transfer) {
     default:  // cancelled, timed out, error: the stream ends without resubmission
       break;
   }
-  self->in_flight_ = false;
+  self->in_flight_ = false;  // last touch: stop() may free the stream once it sees this
+}
+
+// The callback may run on another stream's worker while stop() runs here: the check of the stop
+// flag and the resubmission happen under the mutex that stop() holds while it sets the flag and
+// cancels, so a transfer is never resubmitted after its cancel.
+bool BulkInStream::resubmit(libusb_transfer* transfer) {
+  std::lock_guard guard(submit_mutex_);
+  return !stop_ && libusb_submit_transfer(transfer) == 0;
 }
 
 void BulkInStream::pump() {
@@ -67,11 +75,17 @@ void BulkInStream::pump_for(int passes, int pass_ms) {
 }
 
 void BulkInStream::stop() {
-  stop_ = true;
+  {
+    std::lock_guard guard(submit_mutex_);
+    stop_ = true;
+  }
   if (worker_.joinable()) worker_.join();
   if (!transfer_) return;
   pump_for(options_.drain_passes, options_.drain_pass_ms);
-  if (in_flight_) libusb_cancel_transfer(transfer_);
+  {
+    std::lock_guard guard(submit_mutex_);
+    if (in_flight_) libusb_cancel_transfer(transfer_);
+  }
   pump_for(options_.drain_passes, options_.drain_pass_ms);
   libusb_free_transfer(transfer_);
   transfer_ = nullptr;

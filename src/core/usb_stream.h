@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <thread>
 
 struct libusb_transfer;
@@ -38,6 +39,7 @@ class BulkInStream {
 
  private:
   static void on_transfer_done(libusb_transfer* transfer);
+  bool resubmit(libusb_transfer* transfer);
   void pump();
   void pump_for(int passes, int pass_ms);
 
@@ -49,6 +51,7 @@ class BulkInStream {
   std::atomic<bool> stop_{false};
   std::atomic<bool> ended_{false};
   std::atomic<bool> in_flight_{false};
+  std::mutex submit_mutex_;  // orders a resubmission against stop()'s flag and cancel
   std::thread worker_;
 };
 

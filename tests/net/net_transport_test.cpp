@@ -2,9 +2,11 @@
 // reply limits, draining, reconnection after a daemon restart and reference counting.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "core/transaction.h"
 #include "core/transport.h"
@@ -237,4 +239,25 @@ TEST_F(NetTransport, HeaderReceiveIsTriedOnceMoreAfterATimeOut) {
   daemon->adapters[0]->faults().next_reply({ReplyFault::Kind::kLate, 3300});
   EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
   EXPECT_EQ(daemon->server->connections_accepted(), 1u);
+}
+
+// Scans refreshing the socket table on one thread while two threads run transactions on the same
+// adapter: a scan must not disturb a transaction in flight.
+TEST_F(NetTransport, ScanWhileTransactingFromTwoThreadsDisturbsNothing) {
+  auto daemon = start();
+  std::atomic<bool> done{false};
+  std::atomic<int> failures{0};
+  std::thread scanner([&] {
+    while (!done) net_support::scan();
+  });
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 2; ++t)
+    workers.emplace_back([&] {
+      for (int i = 0; i < 100; ++i)
+        if (DEV_GetTimestampMs(kHandle) < 0) ++failures;
+    });
+  for (auto& w : workers) w.join();
+  done = true;
+  scanner.join();
+  EXPECT_EQ(failures, 0);
 }

@@ -5,6 +5,7 @@
 #include <libusb.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -83,6 +84,22 @@ TEST_F(UsbDiscovery, ReopenRechecksIdentityAtTheLocation) {
   scan();  // the entry at that location reads the new identity
   EXPECT_FALSE(USB_OpenDevice(kFirst));
   EXPECT_FALSE(USB_CloseDevice(kFirst));  // the entry was marked closed
+}
+
+// A closed adapter's port changes hands between two scans: the adapter itself plugged back (a new
+// libusb device) or another adapter. One scan lists whoever is there now, and it opens.
+TEST_F(UsbDiscovery, ClosedAdaptersPortChangingHandsBetweenScansListsTheNewcomer) {
+  for (uint32_t newcomer : {kFirst, kSecond}) {
+    SCOPED_TRACE(newcomer);
+    usbsim::unplug_all();
+    scan();
+    usbsim::plug(kFirst, {1, {1}});
+    scan();
+    usbsim::unplug(kFirst);
+    usbsim::plug(newcomer, {1, {1}});
+    EXPECT_EQ(scan(), std::vector<DevHandle>{newcomer});
+    EXPECT_TRUE(USB_OpenDevice(newcomer));
+  }
 }
 
 TEST_F(UsbDiscovery, ResetSendsVendorRequest) {
@@ -167,4 +184,31 @@ TEST_F(UsbStream, DoesNotStartOnClosedAdapter) {
   varnel::BulkInStream stream(kFirst, {}, nullptr);
   EXPECT_FALSE(stream.start());
   EXPECT_TRUE(stream.ended());
+}
+
+// Two streams share the one libusb context, so either worker may complete the other's transfer
+// and run its callback. Stopping one while data flows on both must lose nothing the other
+// delivers and leave no transfer behind.
+TEST_F(UsbStream, TwoStreamsStartAndStopWhileTheOtherRuns) {
+  auto first = plug_and_open(kFirst, {1, {1}});
+  auto second = plug_and_open(kSecond, {1, {2}});
+  std::atomic<int> first_bytes{0}, second_bytes{0};
+  const varnel::BulkInStream::Options options{.buffer_size = 64, .pump_timeout_ms = 20};
+  varnel::BulkInStream steady(kSecond, options,
+                              [&](const uint8_t*, int size) { second_bytes += size; });
+  ASSERT_TRUE(steady.start());
+  for (int round = 0; round < 20; ++round) {
+    varnel::BulkInStream cycling(kFirst, options,
+                                 [&](const uint8_t*, int size) { first_bytes += size; });
+    ASSERT_TRUE(cycling.start());
+    first->push_stream_data(std::vector<uint8_t>(64, 1));
+    second->push_stream_data(std::vector<uint8_t>(64, 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));
+    cycling.stop();
+  }
+  for (int wait = 0; wait < 400 && second_bytes < 20 * 64; ++wait)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  steady.stop();
+  EXPECT_EQ(second_bytes, 20 * 64);
+  EXPECT_LE(first_bytes, 20 * 64);
 }
