@@ -74,6 +74,11 @@ void BulkInStream::pump_for(int passes, int pass_ms) {
   for (int i = 0; i < passes && in_flight_; ++i) libusb_handle_events_timeout(usb_context(), &tv);
 }
 
+namespace {
+constexpr int kCancelGraceMs = 1000;
+constexpr int kCancelGracePassMs = 10;
+}  // namespace
+
 void BulkInStream::stop() {
   {
     std::lock_guard guard(submit_mutex_);
@@ -87,6 +92,9 @@ void BulkInStream::stop() {
     if (in_flight_) libusb_cancel_transfer(transfer_);
   }
   pump_for(options_.drain_passes, options_.drain_pass_ms);
+  // A cancel that has not completed yet gets up to a second more: freeing a transfer libusb still
+  // holds is undefined, and its callback would touch this stream after it is gone.
+  pump_for(kCancelGraceMs / kCancelGracePassMs, kCancelGracePassMs);
   libusb_free_transfer(transfer_);
   transfer_ = nullptr;
   delete[] buffer_;

@@ -166,7 +166,9 @@ TEST(NetScanReplies, AcceptsBothByteOrdersAndNothingElse) {
     uint32_t handle = 0;
     EXPECT_EQ(varnel::net_parse_discovery_reply(c.bytes.data(), long(c.bytes.size()), &handle),
               c.valid);
-    if (c.valid) EXPECT_EQ(handle, c.handle);
+    if (c.valid) {
+      EXPECT_EQ(handle, c.handle);
+    }
   }
 }
 

@@ -65,7 +65,9 @@ TEST_F(Device, FunctionStringLengths) {
     EXPECT_EQ(DEV_GetDeviceInfo(kHandle, &info, functions.data()), c.ok) << c.length;
     // the record is filled before the function string is asked for
     EXPECT_EQ(info.FirmwareVersion, sim::kDefaultFirmwareVersion);
-    if (c.ok) EXPECT_EQ(std::strlen(functions.data()), c.length);
+    if (c.ok) {
+      EXPECT_EQ(std::strlen(functions.data()), c.length);
+    }
     // nothing beyond the documented buffer size is touched
     EXPECT_EQ(functions[VARNEL_DEV_FUNCTION_STRING_SIZE], 'x') << c.length;
   }
@@ -165,7 +167,9 @@ TEST_F(Device, CorrectionSendsHostTimeInHostOrderAndKeepsTheFirst) {
   std::memcpy(&on_wire, packet.payload.data(), 8);
   EXPECT_EQ(on_wire, first.last_ms);
   EXPECT_EQ(uint64_t(adapter->state<sim::DeviceModel>().last_correction_ms), first.last_ms);
-  if (before.first_ms == 0) EXPECT_EQ(first.first_ms, first.last_ms);
+  if (before.first_ms == 0) {
+    EXPECT_EQ(first.first_ms, first.last_ms);
+  }
 
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
   ASSERT_TRUE(DEV_CorrectionTimestamp(kHandle));

@@ -80,7 +80,9 @@ TEST_F(TransportWire, ZeroLengthPacketEndsTransfersThatFillTheLastPacket) {
     auto out = bulk_on(kHandle, 0x01);
     ASSERT_EQ(out.size(), c.transfers) << "speed " << c.speed << " payload " << c.payload;
     EXPECT_EQ(out[0].data.size(), size_t(c.payload + 8));
-    if (c.transfers == 2) EXPECT_EQ(out[1].requested, 0);
+    if (c.transfers == 2) {
+      EXPECT_EQ(out[1].requested, 0);
+    }
   }
 }
 
