@@ -11,6 +11,7 @@
 
 #include "adapter.h"
 #include "can/can_text.h"
+#include "can_time.h"
 #include "command_group.h"
 #include "result_text.h"
 #include "sim_mode.h"
@@ -62,16 +63,12 @@ uint64_t host_us() {
                       .count());
 }
 
-// Host time of a received frame in µs: the channel's start time (host ms at device time 0) plus
-// the record's 40-bit device time stamp, which counts 10 µs on classic adapters and 1 µs on CAN FD
-// ones. Frames fetched together thus keep the spacing they had on the bus.
+// Turns a record's device time stamp into host time (can_time.h).
 struct FrameClock {
   int64_t start_ms = 0;
-  unsigned us_per_tick = 1;
-
+  unsigned tick_us = kClassicTickUs;
   uint64_t host_us(uint8_t high, uint32_t low) const {
-    const uint64_t ticks = uint64_t(high) << 32 | low;
-    return uint64_t(start_ms) * 1000 + ticks * us_per_tick;
+    return frame_host_us(start_ms, high, low, tick_us);
   }
 };
 
@@ -79,7 +76,7 @@ FrameClock frame_clock(const CanTarget& t, bool fd) {
   FrameClock clock;
   clock.start_ms =
       fd ? CANFD_GetStartTime(t.handle, t.channel) : CAN_GetStartTime(t.handle, t.channel);
-  clock.us_per_tick = fd ? 1 : 10;
+  clock.tick_us = fd ? kFdTickUs : kClassicTickUs;
   // without a start time (an old adapter), fall back to the time of arrival at the host
   if (clock.start_ms <= 0) clock.start_ms = int64_t(host_us() / 1000);
   return clock;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "adapter.h"
+#include "can_time.h"
 #include "result_text.h"
 
 namespace varnel_cli::socketcand {
@@ -22,11 +23,6 @@ std::vector<uint32_t> usb_handles() {
   const int count = USB_ScanDevice(handles.data());
   handles.resize(size_t(std::max(count, 0)));
   return handles;
-}
-
-// Host microseconds of a device time stamp; `start_ms` is the host time at device time 0.
-uint64_t host_time_us(int64_t start_ms, uint64_t device_us) {
-  return uint64_t(std::max<int64_t>(start_ms, 0)) * 1000 + device_us;
 }
 
 }  // namespace
@@ -122,9 +118,7 @@ int CanChannel::receive_classic(std::vector<TimedFrame>& out) {
       timed.frame.extended = msg.Extended & 1;
       timed.frame.len = std::min<uint8_t>(msg.DataLen, 8);
       std::memcpy(timed.frame.data.data(), msg.Data, timed.frame.len);
-      // Classic time stamps count 10 µs.
-      const uint64_t ticks = uint64_t(msg.TimeStampHigh) << 32 | msg.TimeStamp;
-      timed.time_us = host_time_us(start_ms, ticks * 10);
+      timed.time_us = frame_host_us(start_ms, msg.TimeStampHigh, msg.TimeStamp, kClassicTickUs);
       out.push_back(timed);
     }
   } while (n == kBatch);
@@ -149,7 +143,7 @@ int CanChannel::receive_fd(std::vector<TimedFrame>& out) {
       timed.frame.len = std::min<uint8_t>(msg.DataLen, 64);
       std::memcpy(timed.frame.data.data(), msg.Data, timed.frame.len);
       // CAN FD time stamps count 1 µs.
-      timed.time_us = host_time_us(start_ms, uint64_t(msg.TimeStampHigh) << 32 | msg.TimeStamp);
+      timed.time_us = frame_host_us(start_ms, msg.TimeStampHigh, msg.TimeStamp, kFdTickUs);
       out.push_back(timed);
     }
   } while (n == kBatch);
