@@ -109,13 +109,16 @@ std::string handle_text(uint32_t handle) {
 
 std::string handle_kind(uint32_t handle) {
   std::string carrier = is_network_handle(handle) ? "network" : "USB";
-  // Adapters whose handle has the top nibble 0x5 carry a CAN FD controller.
-  return carrier + ((handle >> 28) == 0x5 ? ", CAN FD" : ", CAN");
+  return carrier + (is_fd_adapter(handle) ? ", CAN FD" : ", CAN");
 }
 
 bool is_network_handle(uint32_t handle) {
   const uint32_t top = handle & 0xFF000001u;
   return top == 0x55000000u || top == 0x56000000u;
+}
+
+bool is_fd_adapter(uint32_t handle) {
+  return (handle >> 28) == 0x5;
 }
 
 const std::string& network_local_ip() {

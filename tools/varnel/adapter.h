@@ -20,6 +20,8 @@ std::string handle_kind(uint32_t handle);
 
 // Handles 0x55.../0x56... with bit 0 clear are network adapters.
 bool is_network_handle(uint32_t handle);
+// Adapters whose handle has the top nibble 0x5 carry CAN FD controllers.
+bool is_fd_adapter(uint32_t handle);
 
 // The local IPv4 address given with the global --net option: device commands then find network
 // adapters by a discovery probe from it. Empty without the option.

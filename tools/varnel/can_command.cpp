@@ -28,10 +28,6 @@ struct CanTarget {
   uint32_t data_bitrate = 2000000;
 };
 
-bool is_fd_adapter(uint32_t handle) {
-  return (handle & 0xF0000000u) == 0x50000000u;
-}
-
 bool parse_target(CanTarget& target) {
   const size_t colon = target.text.rfind(':');
   const std::string handle = target.text.substr(0, colon);

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "can/can_text.h"
 #include "command_group.h"
 #include "varnel.h"
 
@@ -52,12 +53,6 @@ void run_info(const DbcOptions& o) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = char(std::tolower(static_cast<unsigned char>(c)));
-  return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
-}
-
 struct Frame {
   uint32_t id = 0;  // bit 31: extended
   std::vector<uint8_t> data;
@@ -67,12 +62,13 @@ bool parse_hex_bytes(const std::string& s, std::vector<uint8_t>& out) {
   std::string digits;
   for (char c : s) {
     if (c == ' ' || c == '.') continue;
-    if (hex_value(c) < 0) return false;
+    if (varnel::can_text::hex_digit(c) < 0) return false;
     digits += c;
   }
   if (digits.size() % 2) return false;
   for (size_t i = 0; i < digits.size(); i += 2) {
-    out.push_back(uint8_t(hex_value(digits[i]) * 16 + hex_value(digits[i + 1])));
+    out.push_back(uint8_t(varnel::can_text::hex_digit(digits[i]) * 16 +
+                          varnel::can_text::hex_digit(digits[i + 1])));
   }
   return out.size() <= 64;
 }
@@ -81,7 +77,7 @@ bool parse_id(const std::string& s, uint32_t& id) {
   if (s.empty() || s.size() > 8) return false;
   uint32_t v = 0;
   for (char c : s) {
-    const int d = hex_value(c);
+    const int d = varnel::can_text::hex_digit(c);
     if (d < 0) return false;
     v = v * 16 + uint32_t(d);
   }

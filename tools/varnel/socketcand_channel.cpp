@@ -14,10 +14,6 @@ namespace {
 // Records taken from the library's queue per call; the queue holds more, so receive() loops.
 constexpr int32_t kBatch = 1024;
 
-bool is_fd_adapter(uint32_t handle) {
-  return (handle >> 28) == 0x5;
-}
-
 std::vector<uint32_t> usb_handles() {
   std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
   const int count = USB_ScanDevice(handles.data());

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "src/can/can_text.h"
+
 namespace varnel_cli::socketcand {
 namespace {
 
@@ -9,19 +11,12 @@ bool is_space(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 // Hex digits only, at most `max_digits` of them.
 std::optional<uint32_t> parse_hex(std::string_view text, size_t max_digits) {
   if (text.empty() || text.size() > max_digits) return std::nullopt;
   uint32_t value = 0;
   for (char c : text) {
-    const int digit = hex_value(c);
+    const int digit = varnel::can_text::hex_digit(c);
     if (digit < 0) return std::nullopt;
     value = value << 4 | uint32_t(digit);
   }
