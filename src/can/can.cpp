@@ -15,24 +15,11 @@ using namespace varnel::can;
 
 namespace {
 
-// A status reply: a failed write gives -2, a failed read or a status above 0 gives -4.
-int status_result(const TransactionResult& r) {
-  if (r.send_result != 0) return -2;
-  if (r.read_result != 0 || r.reply_length > 0) return -4;
-  return 0;
-}
-
 TransactionOptions send_lock(uint8_t channel, int read_timeout_ms) {
   TransactionOptions options;
   options.read_timeout_ms = read_timeout_ms;
   options.lock = {TransactionLock::Kind::kCanChannel, channel};
   return options;
-}
-
-void busy_wait_us(uint64_t us) {
-  const uint64_t start = monotonic_ns();
-  while (monotonic_ns() - start < us * 1000) {
-  }
 }
 
 // The copy that goes out: time stamp 0, remote bit only, 29-bit identifier forced when the
@@ -226,7 +213,7 @@ int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* config) {
                                  quanta_register(config->Bs2),
                                  uint8_t(config->Prescaler >> 8),
                                  uint8_t(config->Prescaler)};
-    const int r = status_result(transact(handle, kCanInit, payload, {}));
+    const int r = transact(handle, kCanInit, payload, {}).acknowledged();
     if (r != 0) return r;
     if (tracked) {
       classic_channel(device, ch).start_time = read_start_time(handle);
@@ -307,7 +294,7 @@ int CAN_Stop(DevHandle handle, uint8_t channel) {
     if (is_fd_adapter(handle)) return CANFD_Stop(handle, channel);
     const int device = channel_device(handle, channel);
     if (device >= 0) classic_pollers().stop(device, channel);
-    const int r = status_result(transact(handle, kCanStop, {&channel, 1}, {}));
+    const int r = transact(handle, kCanStop, {&channel, 1}, {}).acknowledged();
     if (r != 0) return r;
     CAN_ClearMsg(handle, channel);
     return 0;

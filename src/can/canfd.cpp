@@ -61,18 +61,6 @@ Pollers& fd_pollers() {
 
 namespace {
 
-int status_result(const TransactionResult& r) {
-  if (r.send_result != 0) return -2;
-  if (r.read_result != 0 || r.reply_length > 0) return -4;
-  return 0;
-}
-
-void busy_wait_us(uint64_t us) {
-  const uint64_t start = monotonic_ns();
-  while (monotonic_ns() - start < us * 1000) {
-  }
-}
-
 // Waits for the device to put the chunk on the bus. Returns the frames of the chunk that went
 // out, or -2/-4; `expired` tells that the time-out ran out (the frames then are those the
 // abort command confirms).
@@ -109,7 +97,7 @@ int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
     uint8_t payload[1 + sizeof(CANFD_INIT_CONFIG)];
     payload[0] = ch;
     std::memcpy(payload + 1, config, sizeof(CANFD_INIT_CONFIG));
-    const int r = status_result(transact(handle, kFdInit, payload, {}));
+    const int r = transact(handle, kFdInit, payload, {}).acknowledged();
     if (r != 0) return r;
     const int device = device_index(handle);
     if (device >= 0 && device <= kMaxDeviceIndex) {
@@ -235,7 +223,7 @@ int CANFD_Stop(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     const int device = channel_device(handle, channel);
     if (device >= 0) fd_pollers().stop(device, channel);
-    const int r = status_result(transact(handle, kFdStop, {&channel, 1}, {}));
+    const int r = transact(handle, kFdStop, {&channel, 1}, {}).acknowledged();
     if (r != 0) return r;
     CANFD_ClearMsg(handle, channel);
     return 0;

@@ -29,4 +29,12 @@ inline void sleep_for_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
+// Spins on the counter: for pauses below the scheduler's granularity, where a sleep would
+// overshoot.
+inline void busy_wait_us(uint64_t us) {
+  const uint64_t start = monotonic_ns();
+  while (monotonic_ns() - start < us * 1000) {
+  }
+}
+
 }  // namespace varnel

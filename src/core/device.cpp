@@ -33,20 +33,22 @@ std::span<uint8_t> scratch_reply(std::array<uint8_t, 64>& buffer) {
   return {buffer.data(), buffer.size()};
 }
 
-bool transaction_done(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
-                      int read_timeout_ms = kDefaultTimeoutMs) {
-  std::array<uint8_t, 64> ignored{};
+TransactionOptions read_timeout(int read_timeout_ms) {
   TransactionOptions options;
   options.read_timeout_ms = read_timeout_ms;
-  return transact(handle, command, request, scratch_reply(ignored), options).ok();
+  return options;
 }
 
+// Calls whose reply is ignored: done when the write and the read were.
+bool transaction_done(uint32_t handle, uint32_t command, std::span<const uint8_t> request) {
+  return transact_ack(handle, command, request).ok();
+}
+
+// Calls that succeed on an empty reply only.
 bool acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
                   int read_timeout_ms) {
-  std::array<uint8_t, 64> ignored{};
-  TransactionOptions options;
-  options.read_timeout_ms = read_timeout_ms;
-  return transact(handle, command, request, scratch_reply(ignored), options).expect_length(0) == 0;
+  return transact_ack(handle, command, request, read_timeout(read_timeout_ms)).expect_length(0) ==
+         0;
 }
 
 int month_number(const char* name) {

@@ -1,5 +1,7 @@
 #include "core/transaction.h"
 
+#include <array>
+
 #include "varnel.h"
 
 namespace varnel {
@@ -63,6 +65,12 @@ TransactionResult transact(uint32_t handle, uint32_t command, std::span<const ui
   if (result.read_result == 0 && result.send_result == 0 && in.command != command)
     result.read_result = -3;
   return result;
+}
+
+TransactionResult transact_ack(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
+                               const TransactionOptions& options) {
+  std::array<uint8_t, 64> scratch{};
+  return transact(handle, command, request, scratch, options);
 }
 
 }  // namespace varnel

@@ -30,6 +30,13 @@ struct TransactionResult {
     if (read_result != 0 || reply_length != expected) return -4;
     return 0;
   }
+  // A reply that only acknowledges carries no payload; a payload is the adapter's refusal
+  // status. A failed write gives -2, a failed read or a refusal -4, else 0.
+  int acknowledged() const {
+    if (send_result != 0) return -2;
+    if (read_result != 0 || reply_length > 0) return -4;
+    return 0;
+  }
 };
 
 struct TransactionOptions {
@@ -44,5 +51,11 @@ struct TransactionOptions {
 // Sends `request` as command `command` and reads its reply into `reply` (bounded by its size).
 TransactionResult transact(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
                            std::span<uint8_t> reply, const TransactionOptions& options = {});
+
+// For requests whose reply only acknowledges: a refusal's payload is read into scratch space
+// (over TCP a payload with nowhere to go would count as a failed read) and never reaches the
+// caller's memory. Judge it with acknowledged() or expect_length(0).
+TransactionResult transact_ack(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
+                               const TransactionOptions& options = {});
 
 }  // namespace varnel

@@ -19,21 +19,11 @@ constexpr uint32_t kWrite = 0x0603;
 constexpr uint32_t kRead = 0x0604;
 constexpr uint32_t kSendPulses = 0x0806;  // lives in the PWM block of the firmware
 
-// An acknowledgement carries no payload; anything longer means the adapter refused.
-int judge_ack(const varnel::TransactionResult& result) {
-  if (result.send_result != 0) return -2;
-  if (result.read_result != 0 || result.reply_length > 0) return -4;
-  return 0;
-}
-
 int acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> request,
                  int read_timeout_ms = varnel::kDefaultTimeoutMs) {
-  // The reply lands in a scratch buffer of the request's size: a refusal with a payload is read
-  // off the carrier (and judged -4) without touching the caller's memory.
-  std::array<uint8_t, 16> reply{};
   varnel::TransactionOptions options;
   options.read_timeout_ms = read_timeout_ms;
-  return judge_ack(varnel::transact(handle, command, request, reply, options));
+  return varnel::transact_ack(handle, command, request, options).acknowledged();
 }
 
 int set_mode(uint32_t handle, uint32_t command, uint32_t mask, uint8_t pull) {
