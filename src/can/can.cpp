@@ -199,7 +199,7 @@ int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* config) {
     const uint8_t ch = channel & 1;
     const int device = device_index(handle);
     const bool tracked = device >= 0 && device <= kMaxDeviceIndex;
-    if (tracked) classic_channel(device, ch).receive = 0;
+    classic_pollers().clear(handle, ch);
     const uint8_t payload[13] = {ch,
                                  0,
                                  uint8_t(config->ControllerOption1 & 1),
@@ -292,8 +292,7 @@ int CAN_GetStatus(DevHandle handle, uint8_t channel, CAN_STATUS* status) {
 int CAN_Stop(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_Stop(handle, channel);
-    const int device = channel_device(handle, channel);
-    if (device >= 0) classic_pollers().stop(device, channel);
+    if (channel < kChannels) classic_pollers().stop(handle, channel);
     const int r = transact(handle, kCanStop, {&channel, 1}, {}).acknowledged();
     if (r != 0) return r;
     CAN_ClearMsg(handle, channel);

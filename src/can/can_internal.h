@@ -7,13 +7,16 @@
 #include "can/can_state.h"
 #include "core/c_boundary.h"
 #include "core/locks.h"
+#include "core/pollers.h"
+#include "core/result_codes.h"
 #include "core/transaction.h"
 
 namespace varnel::can {
 
-// One fetch of the channel's frames into its two queues; 0, -2 not sent, -4 not read.
-int classic_poller_step(uint32_t handle, int device, uint8_t channel);
-int fd_poller_step(uint32_t handle, int device, uint8_t channel);
+// One fetch of the channel's frames into its two queues, for the adapter's current device
+// index; 0, -1 the handle is gone, -2 not sent, -4 not read.
+int classic_poller_step(uint32_t handle, uint8_t channel);
+int fd_poller_step(uint32_t handle, uint8_t channel);
 Pollers& classic_pollers();
 Pollers& fd_pollers();
 
@@ -52,6 +55,7 @@ enum : uint32_t {
   kFdStatus = 0x4005,
   kFdSendAbort = 0x4009,
   kFdSendPoll = 0x400A,
+  kFdSendTimed = 0x400B,  // our firmware's timed send, the CAN FD twin of 0x0C0C
   kFdStop = 0x400C,
 };
 

@@ -12,13 +12,14 @@ using namespace varnel::can;
 
 namespace varnel::can {
 
-int classic_poller_step(uint32_t handle, int device, uint8_t channel) {
-  if (device < 0 || device > kMaxDeviceIndex || channel >= kChannels) return 0;
+int classic_poller_step(uint32_t handle, uint8_t channel) {
+  const int device = channel_device(handle, channel);
+  if (device < 0) return result::kUnknownHandle;
   thread_local std::vector<uint8_t> buffer(kClassicFetchBytes);
   thread_local std::vector<CAN_MSG> records(kClassicFetchLimit);
   const auto r = transact(handle, kCanFetch, {&channel, 1}, buffer);
-  if (r.send_result != 0) return -2;
-  if (r.read_result != 0) return -4;
+  if (r.send_result != 0) return result::kWriteFailed;
+  if (r.read_result != 0) return result::kReplyFailed;
   const size_t n = size_t(std::max(0, r.reply_length)) / sizeof(CAN_MSG);
   ClassicChannel& state = classic_channel(device, channel);
   if (n > kClassicFetchLimit) {  // more than a fetch can hold: garbage, dropped whole
@@ -29,17 +30,14 @@ int classic_poller_step(uint32_t handle, int device, uint8_t channel) {
   for (size_t i = 0; i < n; ++i)
     records[i].Flags = uint8_t((records[i].Flags & 0x9F) | ((channel & 3) << 5));
   DataLock lock(handle, channel);
+  adopt_queues(state, handle);
   state.application.append(records.data(), n);
   state.diagnostic.append(records.data(), n);
   return 0;
 }
 
 Pollers& classic_pollers() {
-  static Pollers pollers(
-      [](int device, int channel) -> std::atomic<uint8_t>& {
-        return classic_channel(device, channel).receive;
-      },
-      classic_poller_step);
+  static Pollers pollers(kChannels, classic_poller_step);
   return pollers;
 }
 
@@ -60,13 +58,14 @@ int read_through_fd(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capac
 int read_classic(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capacity,
                  bool report_fetch_error) {
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kReplyFailed;
   ClassicChannel& state = classic_channel(device, channel);
-  if (!state.receive) {
-    const int r = classic_poller_step(handle, device, channel);
+  if (!classic_pollers().polled(handle, channel)) {
+    const int r = classic_poller_step(handle, channel);
     if (r < 0 && report_fetch_error) return r;
   }
   DataLock lock(handle, channel);
+  adopt_queues(state, handle);
   return int(state.application.take(out, capacity));
 }
 
@@ -97,9 +96,10 @@ int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
     ClassicChannel& state = classic_channel(device, channel);
     {
       DataLock lock(handle, channel);
+      adopt_queues(state, handle);
       state.application.clear();
     }
-    if (!state.receive) {
+    if (!classic_pollers().polled(handle, channel)) {
       // frames already waiting in the device are dropped too
       thread_local std::vector<CAN_MSG> scratch(204800 / sizeof(CAN_MSG));
       read_classic(handle, channel, scratch.data(), scratch.size(), false);
@@ -111,18 +111,17 @@ int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
 int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_StartGetMsg(handle, channel);
-    const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (channel_device(handle, channel) < 0) return result::kReplyFailed;
     DataLock lock(handle, channel);
-    return classic_pollers().start(handle, device, channel);
+    return classic_pollers().start(handle, channel);
   });
 }
 
 int CAN_StopGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_StopGetMsg(handle, channel);
-    const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
-    return classic_pollers().stop(device, channel) ? 0 : -4;
+    // a handle that is gone may still have a poller to stop
+    if (channel >= kChannels) return result::kReplyFailed;
+    return classic_pollers().stop(handle, channel) ? result::kOk : result::kReplyFailed;
   });
 }

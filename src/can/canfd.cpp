@@ -29,31 +29,29 @@ FdRates fd_rates(uint32_t handle, int device, uint8_t channel) {
   return rates;
 }
 
-int fd_poller_step(uint32_t handle, int device, uint8_t channel) {
-  if (device < 0 || device > kMaxDeviceIndex || channel >= kChannels) return 0;
+int fd_poller_step(uint32_t handle, uint8_t channel) {
+  const int device = channel_device(handle, channel);
+  if (device < 0) return result::kUnknownHandle;
   thread_local std::vector<uint8_t> area(kFdFetchBytes);
   thread_local std::vector<CANFD_MSG> records(kFdFetchLimit);
   FdChannel& state = fd_channel(device, channel);
   const auto r = transact(handle, kFdFetch, {&channel, 1}, area);
   if (r.send_result != 0 || r.read_result != 0) {
-    state.receive = 0;
-    return r.send_result != 0 ? -2 : -4;
+    fd_pollers().clear(handle, channel);
+    return r.send_result != 0 ? result::kWriteFailed : result::kReplyFailed;
   }
   const size_t stored = std::min<size_t>(size_t(std::max(0, r.reply_length)), area.size());
   const size_t n =
       decode_fd_records({area.data(), stored}, channel, records.data(), records.size());
   DataLock lock(handle, channel);
+  adopt_queues(state, handle);
   state.application.append(records.data(), n);
   state.diagnostic.append(records.data(), n);
   return 0;
 }
 
 Pollers& fd_pollers() {
-  static Pollers pollers(
-      [](int device, int channel) -> std::atomic<uint8_t>& {
-        return fd_channel(device, channel).receive;
-      },
-      fd_poller_step);
+  static Pollers pollers(kChannels, fd_poller_step);
   return pollers;
 }
 
@@ -108,7 +106,7 @@ int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
         state.initialised = true;
       }
       if (state.start_time == 0) state.start_time = read_start_time(handle);
-      state.receive = 0;
+      fd_pollers().clear(handle, ch);
     }
     return 0;
   });
@@ -178,13 +176,14 @@ int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capa
   return guarded(-4, [&] {
     if (!out || capacity < 0) return -7;
     const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (device < 0) return result::kReplyFailed;
     FdChannel& state = fd_channel(device, channel);
-    if (!state.receive) {
-      const int r = fd_poller_step(handle, device, channel);
+    if (!fd_pollers().polled(handle, channel)) {
+      const int r = fd_poller_step(handle, channel);
       if (r < 0) return r;
     }
     DataLock lock(handle, channel);
+    adopt_queues(state, handle);
     return int(state.application.take(out, size_t(capacity)));
   });
 }
@@ -195,8 +194,9 @@ int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
     if (device < 0) return -4;
     FdChannel& state = fd_channel(device, channel);
     // pull first, so frames waiting in the device are dropped with the queue
-    if (!state.receive) fd_poller_step(handle, device, channel);
+    if (!fd_pollers().polled(handle, channel)) fd_poller_step(handle, channel);
     DataLock lock(handle, channel);
+    adopt_queues(state, handle);
     state.application.clear();
     return 0;
   });
@@ -204,25 +204,23 @@ int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
 
 int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
-    const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (channel_device(handle, channel) < 0) return result::kReplyFailed;
     DataLock lock(handle, channel);
-    return fd_pollers().start(handle, device, channel);
+    return fd_pollers().start(handle, channel);
   });
 }
 
 int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
-    const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
-    return fd_pollers().stop(device, channel) ? 0 : -4;
+    // a handle that is gone may still have a poller to stop
+    if (channel >= kChannels) return result::kReplyFailed;
+    return fd_pollers().stop(handle, channel) ? result::kOk : result::kReplyFailed;
   });
 }
 
 int CANFD_Stop(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
-    const int device = channel_device(handle, channel);
-    if (device >= 0) fd_pollers().stop(device, channel);
+    if (channel < kChannels) fd_pollers().stop(handle, channel);
     const int r = transact(handle, kFdStop, {&channel, 1}, {}).acknowledged();
     if (r != 0) return r;
     CANFD_ClearMsg(handle, channel);

@@ -56,7 +56,6 @@ class UsbfsFamilies : public UsbfsTest {
   static void reset_can_tables() {
     for (int ch = 0; ch < 2; ++ch) {
       auto& c = varnel::can::classic_channel(0, ch);
-      c.receive = 0;
       c.application.clear();
       c.diagnostic.clear();
       c.bitrate = 0;

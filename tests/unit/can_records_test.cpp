@@ -7,11 +7,12 @@
 #include <cstring>
 #include <vector>
 
-#include "can/can_queue.h"
 #include "core/bytes.h"
+#include "core/ring_queue.h"
 #include "varnel.h"
 
 using namespace varnel::can;
+using varnel::RingQueue;
 
 namespace {
 

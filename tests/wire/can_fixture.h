@@ -39,13 +39,11 @@ class CanTest : public SimTest {
     for (int device = 0; device < 4; ++device)
       for (int ch = 0; ch < 2; ++ch) {
         auto& c = varnel::can::classic_channel(device, ch);
-        c.receive = 0;
         c.application.clear();
         c.diagnostic.clear();
         c.bitrate = 0;
         c.start_time = 0;
         auto& f = varnel::can::fd_channel(device, ch);
-        f.receive = 0;
         f.application.clear();
         f.diagnostic.clear();
         f.initialised = false;

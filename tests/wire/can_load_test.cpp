@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "can/can_state.h"
+#include "can/can_internal.h"
 #include "core/clock.h"
 #include "wire/can_fixture.h"
 
@@ -92,7 +92,7 @@ TEST_F(CanLoad, PollerStartStopCyclesLeaveNoThreadBehind) {
   // a failing fetch ends the thread on its own; a new start brings it back
   ASSERT_EQ(CAN_StartGetMsg(kHandle, 0), 0);
   usbsim::unplug(kHandle);
-  for (int i = 0; i < 400 && varnel::can::classic_channel(0, 0).receive; ++i)
+  for (int i = 0; i < 400 && varnel::can::classic_pollers().polled(kHandle, 0); ++i)
     varnel::sleep_for_ms(10);
-  EXPECT_FALSE(varnel::can::classic_channel(0, 0).receive.load());
+  EXPECT_FALSE(varnel::can::classic_pollers().polled(kHandle, 0));
 }

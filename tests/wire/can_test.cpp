@@ -3,7 +3,7 @@
 #include <cstring>
 #include <thread>
 
-#include "can/can_state.h"
+#include "can/can_internal.h"
 #include "core/bytes.h"
 #include "core/clock.h"
 #include "wire/can_fixture.h"
@@ -323,7 +323,7 @@ TEST_F(CanWire, PollerDeliversPeriodicPeerFramesAndStops) {
   // time stamps (10 us units) follow the 1 ms period
   EXPECT_NEAR(double(in[49].TimeStamp - in[0].TimeStamp), 49 * 100.0, 49 * 5.0);
   EXPECT_EQ(CAN_StopGetMsg(kHandle, 0), 0);
-  EXPECT_FALSE(varnel::can::classic_channel(0, 0).receive.load());
+  EXPECT_FALSE(varnel::can::classic_pollers().polled(kHandle, 0));
 }
 
 TEST_F(CanWire, DifferentBitRatesDoNotTalkAndCountReceiveErrors) {

@@ -1,5 +1,6 @@
-// A bounded receive queue: a ring of at most `capacity` records that drops its oldest records
-// when full and counts them. The storage is allocated on the first append, once.
+// A bounded receive queue for the streaming families (CAN, CAN FD, and later LIN, the slave
+// streams and the ADC): a ring of at most `capacity` records that drops its oldest records when
+// full and counts them. The storage is allocated on the first append, once.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-namespace varnel::can {
+namespace varnel {
 
 template <typename Record>
 class RingQueue {
@@ -65,4 +66,4 @@ class RingQueue {
   uint64_t dropped_ = 0;
 };
 
-}  // namespace varnel::can
+}  // namespace varnel
