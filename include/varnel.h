@@ -37,11 +37,11 @@ typedef uint32_t DevHandle;
 
 /* Classic CAN message, 20 bytes. */
 typedef struct CAN_MSG {
-  uint32_t Id;           /* bits 0-28 identifier */
-  uint32_t TimeStamp;    /* device time stamp of a received frame; 0 in the copy that is sent */
-  uint8_t Flags;         /* bit0 remote, bits5-6 channel, bit7 transmitted by this host */
-  uint8_t Extended;      /* bit0: 29-bit identifier */
-  uint8_t DataLen;       /* 0-8 */
+  uint32_t Id;        /* bits 0-28 identifier */
+  uint32_t TimeStamp; /* device time stamp of a received frame; 0 in the copy that is sent */
+  uint8_t Flags;      /* bit0 remote, bits5-6 channel, bit7 transmitted by this host */
+  uint8_t Extended;   /* bit0: 29-bit identifier */
+  uint8_t DataLen;    /* 0-8 */
   uint8_t Data[8];
   uint8_t TimeStampHigh; /* time stamp bits 32-39 */
 } CAN_MSG;
@@ -130,10 +130,10 @@ VARNEL_STATIC_ASSERT(sizeof(DEVICE_INFO) == 88, "DEVICE_INFO is 88 bytes");
 /* Buffer sizes the calls below fill at most. */
 #define VARNEL_DEV_FUNCTION_STRING_SIZE 201 /* 200 characters and the NUL */
 #define VARNEL_DEV_HARDWARE_INFO_SIZE 64
-#define VARNEL_DEV_TIMESTAMP_SIZE 8         /* DEV_GetTimestamp stores at most 8 bytes */
-#define VARNEL_DEV_IP_ADDR_SIZE 16          /* DEV_SetIPAddr sends, DEV_GetIPAddr stores 16 */
-#define VARNEL_DEV_BUILD_TIME_SIZE 20       /* "YYYY-MM-DD HH:MM:SS" and the NUL */
-#define VARNEL_DEV_USER_DATA_SIZE 20480     /* the user-data area in the adapter's flash */
+#define VARNEL_DEV_TIMESTAMP_SIZE 8     /* DEV_GetTimestamp stores at most 8 bytes */
+#define VARNEL_DEV_IP_ADDR_SIZE 16      /* DEV_SetIPAddr sends, DEV_GetIPAddr stores 16 */
+#define VARNEL_DEV_BUILD_TIME_SIZE 20   /* "YYYY-MM-DD HH:MM:SS" and the NUL */
+#define VARNEL_DEV_USER_DATA_SIZE 20480 /* the user-data area in the adapter's flash */
 
 /* Fills *pDevInfo with the first 88 bytes of the adapter's answer and, when pFunctionString is
  * not NULL, the function string (buffer of VARNEL_DEV_FUNCTION_STRING_SIZE; false for a string
@@ -146,8 +146,8 @@ VARNEL_API bool DEV_GetHardwareInfo(DevHandle DevHandle, uint8_t* pHardwareInfo)
  * A read stores at most DataLen bytes (fewer when the area ends first). */
 VARNEL_API bool DEV_EraseUserData(DevHandle DevHandle);
 VARNEL_API bool DEV_EraseUserDataSector(DevHandle DevHandle, uint32_t Sector);
-VARNEL_API bool DEV_WriteUserData(DevHandle DevHandle, int32_t OffsetAddr, const uint8_t* pWriteData,
-                                  int32_t DataLen);
+VARNEL_API bool DEV_WriteUserData(DevHandle DevHandle, int32_t OffsetAddr,
+                                  const uint8_t* pWriteData, int32_t DataLen);
 VARNEL_API bool DEV_ReadUserData(DevHandle DevHandle, uint32_t OffsetAddr, uint8_t* pReadData,
                                  uint32_t DataLen);
 VARNEL_API bool DEV_SetPowerLevel(DevHandle DevHandle, uint8_t PowerLevel);
@@ -287,9 +287,8 @@ VARNEL_API int CANFD_Init2(DevHandle DevHandle, uint8_t CANIndex, uint32_t Speed
 /* Time-out 1000 ms + the sum of the records' TimeStamp values (ms each frame may take). */
 VARNEL_API int CANFD_SendMsg(DevHandle DevHandle, uint8_t CANIndex, CANFD_MSG* pCanSendMsg,
                              uint32_t SendMsgNum);
-VARNEL_API int CANFD_SendMsgTimeout(DevHandle DevHandle, uint8_t CANIndex,
-                                    CANFD_MSG* pCanSendMsg, uint32_t SendMsgNum,
-                                    uint32_t TimeOutMs);
+VARNEL_API int CANFD_SendMsgTimeout(DevHandle DevHandle, uint8_t CANIndex, CANFD_MSG* pCanSendMsg,
+                                    uint32_t SendMsgNum, uint32_t TimeOutMs);
 VARNEL_API int CANFD_GetMsg(DevHandle DevHandle, uint8_t CANIndex, CANFD_MSG* pCanGetMsg,
                             int32_t BufferSize);
 VARNEL_API int CANFD_ClearMsg(DevHandle DevHandle, uint8_t CANIndex);
@@ -299,6 +298,34 @@ VARNEL_API int CANFD_Stop(DevHandle DevHandle, uint8_t CANIndex);
 VARNEL_API int64_t CANFD_GetStartTime(DevHandle DevHandle, uint8_t CANIndex);
 VARNEL_API int CANFD_ResetStartTime(DevHandle DevHandle, uint8_t CANIndex);
 VARNEL_API int CANFD_SetStartTime(DevHandle DevHandle, uint8_t CANIndex, uint64_t StartTime);
+
+/* ----- CAN extensions: not part of the adapter's original interface (docs/can.md) ----------- */
+
+/* Timed CAN FD send, the twin of CAN_SendMsgWithTime (which CAN FD adapters route here): each
+ * record's TimeStamp is the gap in microseconds the device keeps after the frame before the next.
+ * The caller's records are left unchanged. Returns the frames the device accepted; -2; -4. */
+VARNEL_API int CANFD_SendMsgWithTime(DevHandle DevHandle, uint8_t CANIndex, CANFD_MSG* pCanSendMsg,
+                                     uint32_t SendMsgNum);
+
+/* What the receive path of one channel lost and why it stopped. On CAN FD adapters it reports
+ * the CAN FD queues and poller, which the CAN_ calls use there too. */
+#pragma pack(push, 1)
+typedef struct VARNEL_RECEIVE_STATS {
+  uint64_t ApplicationDropped; /* frames the full application queue dropped, oldest first */
+  uint64_t DiagnosticDropped;  /* the same for the diagnostic queue */
+  uint64_t FetchesDropped;     /* frames of fetches dropped whole as garbage (over 5000) */
+  int32_t PollerRunning;       /* 1 while the receive poller fetches this channel, else 0 */
+  int32_t PollerStopResult;    /* result of the fetch that stopped the poller; 0 if none did */
+  int32_t StatusResult;        /* CAN_GetStatus's result for Status (0, -2, -4) */
+  CAN_STATUS Status;           /* the controller's error state (zero when StatusResult < 0) */
+} VARNEL_RECEIVE_STATS;
+VARNEL_STATIC_ASSERT(sizeof(VARNEL_RECEIVE_STATS) == 48, "VARNEL_RECEIVE_STATS is 48 bytes");
+#pragma pack(pop)
+
+/* 0; -7 for a NULL record; -4 for channel over 1 or a handle without a device index. The
+ * record is filled whenever the result is 0, whatever StatusResult says. */
+VARNEL_API int VARNEL_CAN_GetReceiveStats(DevHandle DevHandle, uint8_t CANIndex,
+                                          VARNEL_RECEIVE_STATS* pStats);
 
 /* ===== DBC database files =================================================================== */
 
@@ -311,7 +338,8 @@ VARNEL_API int CANFD_SetStartTime(DevHandle DevHandle, uint8_t CANIndex, uint64_
  *
  * Status codes: -4 null handle (or null name/output pointer), -5 index out of range or no such
  * message, -6 multiplexed signal not selected by the last frame, -7 no message of that name,
- * -9 no such message or signal. No call takes a lock: use one database from one thread at a time. */
+ * -9 no such message or signal. No call takes a lock: use one database from one thread at a time.
+ */
 #define VARNEL_DBC_TEXT_MAX 8704
 typedef uint64_t DBC_HANDLE;
 

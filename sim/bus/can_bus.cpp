@@ -170,7 +170,8 @@ std::shared_ptr<CanBus> CanController::bus() const {
   return bus_;
 }
 
-bool CanController::send(const CanFrame& frame, uint8_t echo_index, uint64_t earliest_us) {
+bool CanController::send(const CanFrame& frame, uint8_t echo_index, uint64_t earliest_us,
+                         uint64_t* end_us) {
   std::shared_ptr<CanBus> bus;
   CanBitTiming timing;
   {
@@ -180,6 +181,7 @@ bool CanController::send(const CanFrame& frame, uint8_t echo_index, uint64_t ear
     timing = timing_;
   }
   const auto outcome = bus->transmit(this, frame, timing, earliest_us);
+  if (end_us) *end_us = outcome.end_us;
   std::lock_guard guard(mutex_);
   if (!outcome.acknowledged) {
     last_error_ = 3;  // acknowledgement error: nobody else listens at this rate

@@ -109,8 +109,10 @@ class CanController : public CanNode, public std::enable_shared_from_this<CanCon
   CanBitTiming timing() const;
   std::shared_ptr<CanBus> bus() const;
 
-  // Sends one frame from the host. Returns true when another node acknowledged it.
-  bool send(const CanFrame& frame, uint8_t echo_index = 0, uint64_t earliest_us = 0);
+  // Sends one frame from the host. Returns true when another node acknowledged it; `end_us`, when
+  // given, gets the bus time at which the frame ended.
+  bool send(const CanFrame& frame, uint8_t echo_index = 0, uint64_t earliest_us = 0,
+            uint64_t* end_us = nullptr);
   // Up to `max` records, oldest first.
   std::vector<CanRxRecord> take(size_t max);
   size_t pending() const;

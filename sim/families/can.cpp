@@ -79,11 +79,9 @@ std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request)
       uint64_t earliest = 0;
       for (size_t i = 0; i < n; ++i) {
         const uint8_t* record = in.data() + 1 + i * kRecord;
-        controller->send(frame_of(record), 0, earliest);
-        if (command == 0x0C0C) {
-          auto bus = controller->bus();
-          earliest = bus->now_us() + le32(record + 4);
-        }
+        uint64_t end_us = 0;
+        controller->send(frame_of(record), 0, earliest, &end_us);
+        if (command == 0x0C0C) earliest = end_us + le32(record + 4);
       }
       std::vector<uint8_t> out;
       append_be32(out, uint32_t(n));

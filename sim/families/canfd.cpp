@@ -130,6 +130,24 @@ std::optional<Packet> handle_canfd(VirtualAdapter& adapter, const Packet& reques
       model.chunks[channel] = std::move(chunk);
       return reply_with(command, out);
     }
+    case 0x400B: {  // timed send: word 2 of each record is the gap (us) kept after the frame
+      uint32_t accepted = 0;
+      uint64_t earliest = 0;
+      size_t at = 1;
+      CanFrame frame;
+      while (size_t used = parse_record(in.data() + at, in.size() - at, frame)) {
+        if (!controller->started()) break;
+        const uint32_t word1 = word_at(in.data() + at + 4);
+        uint64_t end_us = 0;
+        controller->send(frame, uint8_t((word1 >> 9) & 0x7F), earliest, &end_us);
+        earliest = end_us + word_at(in.data() + at + 8);
+        ++accepted;
+        at += used;
+      }
+      std::vector<uint8_t> out;
+      append_be32(out, accepted);
+      return reply_with(command, out);
+    }
     case 0x400A: {  // send progress: count, 0, sent, gave up
       std::lock_guard guard(model.mutex);
       const auto& chunk = model.chunks[channel];

@@ -68,6 +68,20 @@ int send_through_fd(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t co
   return sent;
 }
 
+// CAN FD adapters: the timed CAN FD send. The gaps stay microseconds: they are no time stamps,
+// so the tenfold scaling of the conversion does not apply to them.
+int send_timed_through_fd(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, uint32_t count) {
+  auto& fd = fd_scratch(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    fd[i] = to_canfd(msgs[i]);
+    fd[i].Flags = 0;
+    fd[i].DataLen = std::min<uint8_t>(msgs[i].DataLen, 8);
+    fd[i].TimeStamp = msgs[i].TimeStamp;
+    fd[i].TimeStampHigh = 0;
+  }
+  return CANFD_SendMsgWithTime(handle, channel, fd.data(), count);
+}
+
 // Sends `count` records as chunks of 500 behind a channel byte; the device answers each chunk with
 // the number it accepted. fill(at, n, out) writes records at..at+n-1 and returns the time they
 // keep the bus busy in microseconds, which stretches the reply time-out.
@@ -244,12 +258,7 @@ int CAN_SendMsgWithTime(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32
   return guarded(-4, [&] {
     if (count == 0) return 0;
     if (!msgs) return -7;
-    if (is_fd_adapter(handle)) {
-      // CAN FD adapters have no timed path here: the frames go out as a plain send, the
-      // caller's records untouched
-      std::vector<CAN_MSG> copy(msgs, msgs + count);
-      return send_through_fd(handle, channel, copy.data(), count);
-    }
+    if (is_fd_adapter(handle)) return send_timed_through_fd(handle, channel, msgs, count);
     return send_timed_classic(handle, channel, msgs, count);
   });
 }

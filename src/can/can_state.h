@@ -41,6 +41,9 @@ void adopt_queues(Channel& state, uint32_t handle) {
   if (state.owner == handle) return;
   state.application.clear();
   state.diagnostic.clear();
+  state.application.forget_drops();
+  state.diagnostic.forget_drops();
+  if constexpr (requires { state.fetches_dropped; }) state.fetches_dropped = 0;
   state.owner = handle;
 }
 

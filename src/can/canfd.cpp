@@ -172,6 +172,40 @@ int CANFD_SendMsg(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t c
                               uint32_t(std::min<uint64_t>(timeout, UINT32_MAX)));
 }
 
+int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count) {
+  return guarded(result::kReplyFailed, [&] {
+    if (count == 0) return 0;
+    if (!msgs) return result::kBadArgument;
+    if (channel_device(handle, channel) < 0) return result::kReplyFailed;
+    thread_local std::vector<uint8_t> payload(1 + kFdChunk * sizeof(CANFD_MSG));
+    int total = 0;
+    for (uint32_t at = 0; at < count;) {
+      const size_t n = std::min<size_t>(kFdChunk, count - at);
+      payload[0] = channel;
+      size_t size = 1;
+      uint64_t gaps_us = 0;
+      for (size_t i = 0; i < n; ++i) {
+        CANFD_MSG copy = msgs[at + i];  // the caller's records stay as they are
+        if (copy.DataLen > 8) copy.Flags |= 0x04;
+        size += encode_fd_record(copy, uint8_t(i), payload.data() + size);  // word 2: the gap
+        gaps_us += copy.TimeStamp;
+      }
+      TransactionOptions options;
+      options.lock = {TransactionLock::Kind::kCanChannel, channel};
+      options.endpoint_flag = 0;
+      options.read_timeout_ms = int(kDefaultTimeoutMs + gaps_us / 1000);
+      uint8_t accepted[4] = {};
+      const auto r =
+          send_transaction(handle, kFdSendTimed, {payload.data(), size}, accepted, options);
+      if (r.send_result != 0) return result::kWriteFailed;
+      if (r.read_result != 0 || r.reply_length != 4) return result::kReplyFailed;
+      total += int(get_be32(accepted));
+      at += uint32_t(n);
+    }
+    return total;
+  });
+}
+
 int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capacity) {
   return guarded(-4, [&] {
     if (!out || capacity < 0) return -7;

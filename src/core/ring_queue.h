@@ -53,6 +53,8 @@ class RingQueue {
     return n;
   }
 
+  void forget_drops() { dropped_ = 0; }
+
   void clear() {
     head_ = 0;
     size_ = 0;

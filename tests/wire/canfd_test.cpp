@@ -176,3 +176,44 @@ TEST_F(CanFdWire, PollerFillsTheCanFdQueue) {
   EXPECT_EQ(in[0].Flags, 0x04 | 0x01);
   EXPECT_EQ(CANFD_StopGetMsg(kFd160, 0), 0);
 }
+
+// The device keeps each record's gap (us) after the frame: the receiving channel's device time
+// stamps (classic units of 10 us) lie at least that far apart, on both adapter kinds.
+TEST_F(CanFdWire, TimedSendKeepsTheGapsInBusTime) {
+  struct Case {
+    uint32_t handle;
+    bool fd_call;
+    uint8_t port;
+  };
+  for (const Case c :
+       {Case{0x12345670, false, 1}, Case{kFd40, false, 2}, Case{0x53000030, true, 3}}) {
+    SCOPED_TRACE(testing::Message() << std::hex << c.handle);
+    opened_.push_back(c.handle);
+    auto adapter = plug_and_open(c.handle, {1, {c.port}});
+    ASSERT_EQ(CAN_Init2(c.handle, 0, 500000), 0);
+    ASSERT_EQ(CAN_Init2(c.handle, 1, 500000), 0);
+    const uint32_t gaps[3] = {20000, 5000, 0};
+    CAN_MSG msgs[3];
+    CANFD_MSG fd[3];
+    for (int i = 0; i < 3; ++i) {
+      msgs[i] = can_msg(0x100 + uint32_t(i), {uint8_t(i)});
+      msgs[i].TimeStamp = gaps[i];
+      fd[i] = fd_msg(0x100 + uint32_t(i), 1);
+      fd[i].TimeStamp = gaps[i];
+    }
+    const CANFD_MSG fd_before = fd[0];
+    EXPECT_EQ(c.fd_call ? CANFD_SendMsgWithTime(c.handle, 0, fd, 3)
+                        : CAN_SendMsgWithTime(c.handle, 0, msgs, 3),
+              3);
+    EXPECT_EQ(std::memcmp(&fd_before, &fd[0], sizeof fd_before), 0);
+    if (c.handle != 0x12345670) {  // word 2 of the first device record carries the gap, big-endian
+      auto sends = packets(*adapter, 0x400B);
+      ASSERT_EQ(sends.size(), 1u);
+      EXPECT_EQ(varnel::get_be32(sends[0].payload.data() + 1 + 8), 20000u);
+    }
+    std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
+    ASSERT_EQ(CAN_GetMsg(c.handle, 1, in.data()), 3);
+    EXPECT_GE(in[1].TimeStamp - in[0].TimeStamp, 2000u);
+    EXPECT_GE(in[2].TimeStamp - in[1].TimeStamp, 500u);
+  }
+}

@@ -1,0 +1,123 @@
+// The receive path on classic and CAN FD adapters alike, through the classic calls: pollers that
+// follow their handle through rescans, and the losses the receive statistics report.
+#include <thread>
+
+#include "core/clock.h"
+#include "wire/can_fixture.h"
+
+using testing_support::CanTest;
+
+namespace {
+
+struct Classic {
+  static constexpr uint32_t kA = 0x12345670, kB = 0x12345680;
+};
+struct Fd {
+  static constexpr uint32_t kA = 0x53000010, kB = 0x53000020;
+};
+
+template <typename Kind>
+class CanReceive : public CanTest {
+ protected:
+  std::shared_ptr<sim::CanPeer> peer() { return sim::CanPeer::create(bus_, {500000, 0}); }
+  static sim::CanFrame frame(uint32_t id) {
+    sim::CanFrame f;
+    f.id = id;
+    return f;
+  }
+  // Waits (bounded) until CAN_GetMsg of `handle` yields a frame; its identifier, or 0.
+  static uint32_t next_id(uint32_t handle) {
+    std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
+    for (int tries = 0; tries < 300; ++tries, varnel::sleep_for_ms(10))
+      if (CAN_GetMsg(handle, 0, in.data()) > 0) return in[0].Id;
+    return 0;
+  }
+  static VARNEL_RECEIVE_STATS stats(uint32_t handle) {
+    VARNEL_RECEIVE_STATS s{};
+    EXPECT_EQ(VARNEL_CAN_GetReceiveStats(handle, 0, &s), 0);
+    return s;
+  }
+};
+using Kinds = ::testing::Types<Classic, Fd>;
+TYPED_TEST_SUITE(CanReceive, Kinds);
+
+}  // namespace
+
+TYPED_TEST(CanReceive, PollerFollowsItsHandleThroughUnplugRescanAndReplug) {
+  constexpr uint32_t A = TypeParam::kA, B = TypeParam::kB;
+  this->opened_.push_back(A);
+  this->open(A);
+  auto b = this->plug_and_open(B, {1, {2}});
+  this->opened_.push_back(B);
+  ASSERT_EQ(CAN_Init2(B, 0, 500000), 0);
+  auto peer = this->peer();
+  ASSERT_EQ(CAN_StartGetMsg(B, 0), 0);
+  peer->send(this->frame(0x100));  // fetched into B's queue, left unread
+  for (int i = 0; i < 300 && sim::can_controller(*b, 0)->pending() > 0; ++i)
+    varnel::sleep_for_ms(10);
+
+  usbsim::unplug(A);
+  USB_ScanDevice(nullptr);  // B takes A's device index
+  peer->send(this->frame(0x101));
+  EXPECT_EQ(this->next_id(B), 0x101u);
+  std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
+  EXPECT_EQ(CAN_GetMsg(A, 0, in.data()), -4);
+
+  usbsim::plug(A);
+  USB_ScanDevice(nullptr);  // A comes back at B's old index
+  ASSERT_TRUE(USB_OpenDevice(A));
+  peer->send(this->frame(0x102));
+  EXPECT_EQ(this->next_id(B), 0x102u);
+  EXPECT_EQ(CAN_GetMsg(A, 0, in.data()), 0);  // nothing of B's, old or new
+  EXPECT_EQ(this->stats(B).PollerRunning, 1);
+}
+
+TYPED_TEST(CanReceive, PollerStopsWhenItsHandleIsGone) {
+  constexpr uint32_t A = TypeParam::kA;
+  this->open(A);
+  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
+  usbsim::unplug(A);
+  USB_ScanDevice(nullptr);
+  ASSERT_EQ(CAN_StopGetMsg(A, 0), 0);  // the thread ended: stopping it still works
+}
+
+TYPED_TEST(CanReceive, StatsCountEveryFrameTheFullQueuesDropped) {
+  constexpr uint32_t A = TypeParam::kA;
+  auto adapter = this->open(A);
+  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  auto peer = this->peer();
+  for (uint32_t i = 0; i < VARNEL_CAN_QUEUE_SIZE + 3; ++i) peer->send(this->frame(i & 0x7FF));
+  CAN_MSG none[1];
+  while (sim::can_controller(*adapter, 0)->pending() > 0)
+    ASSERT_EQ(CAN_GetMsgWithSize(A, 0, none, 0), 0);  // pulls into the queues, takes none
+  const VARNEL_RECEIVE_STATS s = this->stats(A);
+  EXPECT_EQ(s.ApplicationDropped, 3u);
+  EXPECT_EQ(s.DiagnosticDropped, 3u);
+  EXPECT_EQ(s.FetchesDropped, 0u);
+  EXPECT_EQ(s.PollerRunning, 0);
+  EXPECT_EQ(s.StatusResult, 0);
+}
+
+TYPED_TEST(CanReceive, StatsReportTheFetchFailureThatStoppedThePoller) {
+  constexpr uint32_t A = TypeParam::kA;
+  auto adapter = this->open(A);
+  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  // the poller's next fetch gets the reply of another command
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kOtherCommand, 0x0015});
+  ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
+  VARNEL_RECEIVE_STATS s{};
+  for (int i = 0; i < 300 && (s = this->stats(A)).PollerRunning; ++i) varnel::sleep_for_ms(10);
+  EXPECT_EQ(s.PollerRunning, 0);
+  EXPECT_EQ(s.PollerStopResult, -4);
+  ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);  // a new start forgets the old reason
+  EXPECT_EQ(this->stats(A).PollerStopResult, 0);
+}
+
+TYPED_TEST(CanReceive, StatsRefuseBadArguments) {
+  this->open(TypeParam::kA);
+  VARNEL_RECEIVE_STATS s{};
+  EXPECT_EQ(VARNEL_CAN_GetReceiveStats(TypeParam::kA, 0, nullptr), -7);
+  EXPECT_EQ(VARNEL_CAN_GetReceiveStats(TypeParam::kA, 2, &s), -4);
+  EXPECT_EQ(VARNEL_CAN_GetReceiveStats(0x0BADF00D, 0, &s), -4);
+}
