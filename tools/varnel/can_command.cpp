@@ -166,6 +166,29 @@ void print_decoded(DBC_HANDLE db, const CANFD_MSG& f) {
     std::printf("  %s\n", text);
 }
 
+// One line on stderr when the dump ends: what the host queues lost and the poller's state.
+void print_receive_stats(const CanTarget& t, int shown) {
+  VARNEL_RECEIVE_STATS s{};
+  if (VARNEL_CAN_GetReceiveStats(t.handle, t.channel, &s) != 0) return;
+  std::fprintf(stderr,
+               "can dump: %d frames shown; dropped: application %llu, diagnostic %llu, "
+               "garbage fetches %llu; poller %s (result %d); errors rx %u tx %u flags %u\n",
+               shown, (unsigned long long)s.ApplicationDropped,
+               (unsigned long long)s.DiagnosticDropped, (unsigned long long)s.FetchesDropped,
+               s.PollerRunning ? "running" : "stopped", int(s.PollerStopResult),
+               unsigned(s.Status.RxErrorCounter), unsigned(s.Status.TxErrorCounter),
+               unsigned(s.Status.ErrorFlags));
+}
+
+// True (after a warning) when the receive poller stopped on a failed fetch.
+bool poller_stopped(const CanTarget& t) {
+  VARNEL_RECEIVE_STATS s{};
+  if (VARNEL_CAN_GetReceiveStats(t.handle, t.channel, &s) != 0 || s.PollerRunning) return false;
+  std::fprintf(stderr, "can dump: the receive poller stopped: %s\n",
+               result_text(s.PollerStopResult));
+  return true;
+}
+
 void run_dump(CanTarget t, bool log_format, int count, double seconds, const std::string& dbc) {
   DBC_HANDLE db = 0;
   if (!dbc.empty() && !(db = VARNEL_DbcLoadFile(dbc.c_str()))) {
@@ -180,7 +203,7 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
   fd ? CANFD_StartGetMsg(t.handle, t.channel) : CAN_StartGetMsg(t.handle, t.channel);
   const FrameClock clock = frame_clock(t, fd);
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  int shown = 0;
+  int shown = 0, idle_rounds = 0;
   while ((count <= 0 || shown < count) &&
          (seconds <= 0 || std::chrono::steady_clock::now() < end)) {
     int n = fd ? CANFD_GetMsg(t.handle, t.channel, frames.data(), int32_t(frames.size()))
@@ -190,6 +213,10 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
       break;
     }
     if (n == 0) {
+      if (++idle_rounds % 100 == 0 && poller_stopped(t)) {  // looked at about twice a second
+        varnel_cli::exit_code() = 1;
+        break;
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       continue;
     }
@@ -207,6 +234,7 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
     }
     std::fflush(stdout);
   }
+  print_receive_stats(t, shown);
   fd ? CANFD_StopGetMsg(t.handle, t.channel) : CAN_StopGetMsg(t.handle, t.channel);
   close_adapter(t.handle);
 }
