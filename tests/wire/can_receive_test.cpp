@@ -82,7 +82,7 @@ TYPED_TEST(CanReceive, PollerStopsWhenItsHandleIsGone) {
   ASSERT_EQ(CAN_StopGetMsg(A, 0), 0);  // the thread ended: stopping it still works
 }
 
-TYPED_TEST(CanReceive, StatsCountEveryFrameTheFullQueuesDropped) {
+TYPED_TEST(CanReceive, FullQueuesDropTheOldestAndStatsCountEveryOne) {
   constexpr uint32_t A = TypeParam::kA;
   auto adapter = this->open(A);
   ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
@@ -97,6 +97,8 @@ TYPED_TEST(CanReceive, StatsCountEveryFrameTheFullQueuesDropped) {
   EXPECT_EQ(s.FetchesDropped, 0u);
   EXPECT_EQ(s.PollerRunning, 0);
   EXPECT_EQ(s.StatusResult, 0);
+  ASSERT_EQ(CAN_GetMsgWithSize(A, 0, none, 1), 1);
+  EXPECT_EQ(none[0].Id, 3u);  // the three oldest went
 }
 
 TYPED_TEST(CanReceive, StatsReportTheFetchFailureThatStoppedThePoller) {

@@ -179,21 +179,6 @@ TEST_F(CanWire, FetchOfMoreThan5000FramesIsDroppedWhole) {
   EXPECT_EQ(CAN_GetMsg(kHandle, 0, in.data()), 5000);
 }
 
-TEST_F(CanWire, TheFrameAfter50000UnreadPushesOutTheOldest) {
-  auto adapter = open(kHandle);
-  ASSERT_EQ(CAN_Init2(kHandle, 0, 1000000), 0);
-  auto peer = peer_at(bus_, 1000000);
-  for (uint32_t i = 0; i < 50001; ++i) peer->send(counted_frame(0x200, i));
-  CAN_MSG none[1];
-  while (sim::can_controller(*adapter, 0)->pending() > 0)
-    ASSERT_EQ(CAN_GetMsgWithSize(kHandle, 0, none, 0), 0);  // pulls into the queue, takes none
-  std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
-  ASSERT_EQ(CAN_GetMsg(kHandle, 0, in.data()), 50000);
-  EXPECT_EQ(counter_of(in[0]), 1u);
-  EXPECT_EQ(counter_of(in[49999]), 50000u);
-  EXPECT_EQ(varnel::can::classic_channel(0, 0).application.dropped(), 1u);
-}
-
 TEST_F(CanWire, GetMsgWithSizeStopsAtCapacityAndReportsFetchErrors) {
   auto adapter = open(kHandle);
   ASSERT_EQ(CAN_Init2(kHandle, 0, 500000), 0);
