@@ -17,7 +17,7 @@ import sys
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-DEFAULT_FILE = os.path.join(HERE, "..", "..", "shared", "data", "dbc",
+DEFAULT_FILE = os.path.join(HERE, "..", "tests", "data", "dbc",
                             "opendbc__ford_lincoln_base_pt.dbc")
 
 CANDIED = r"""

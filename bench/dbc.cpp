@@ -16,7 +16,7 @@ namespace {
 
 std::string bench_file() {
   const char* env = std::getenv("VARNEL_DBC_BENCH_FILE");
-  return env ? env : std::string(VARNEL_SHARED_DATA) + "/dbc/opendbc__ford_lincoln_base_pt.dbc";
+  return env ? env : std::string(VARNEL_TEST_DATA) + "/dbc/opendbc__ford_lincoln_base_pt.dbc";
 }
 
 void BM_ParseFile(benchmark::State& state) {

@@ -424,81 +424,64 @@ uint16_t motorola_lsb_start(uint32_t file_start_bit, uint16_t length) {
   return uint16_t(p);
 }
 
-std::vector<std::string_view> split_lines(std::string_view text) {
-  std::vector<std::string_view> lines;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t take = std::min(kMaxLineChars, text.size() - pos);
-    const size_t nl = text.substr(pos, take).find('\n');
-    if (nl != std::string_view::npos) take = nl + 1;
-    std::string_view line = text.substr(pos, take);
-    // The line is a C string from here on: a zero byte ends it.
-    const size_t zero = line.find('\0');
-    if (zero != std::string_view::npos) line = line.substr(0, zero);
-    lines.push_back(line);
-    pos += take;
-  }
-  return lines;
-}
+namespace {
 
-std::vector<std::string> tokenize(std::string_view line) {
-  std::string text;
-  text.reserve(line.size());
-  for (size_t i = 0; i < line.size(); ++i) {
-    if (line[i] == ';' && i + 1 < line.size() && line[i + 1] == '\n') {
-      ++i;  // ";\n" goes; so a line ending in ';' loses its line feed with it
-      continue;
-    }
-    text += line[i];
-  }
-  std::vector<std::string> tokens;
-  size_t i = 0;
-  while (i < text.size()) {
-    while (i < text.size() && text[i] == ' ') ++i;
-    const size_t begin = i;
-    while (i < text.size() && text[i] != ' ') ++i;
-    if (i > begin) tokens.emplace_back(text, begin, i - begin);
-  }
-  return tokens;
-}
-
-std::unique_ptr<Database> parse(std::string_view text) {
-  auto db = std::make_unique<Database>();
-  Loader loader(*db);
-  const std::vector<std::string_view> lines = split_lines(text);
-  for (std::string_view line : lines) {
-    std::vector<std::string> t = tokenize(line);
+// The main pass: everything but BA_ lines. False when the input cannot be a database.
+bool main_pass(Loader& loader, LineReader& lines) {
+  std::string line;
+  std::vector<std::string> t;
+  while (lines.next(line)) {
+    if (lines.bytes_read() > kMaxFileBytes) return false;
+    tokenize(line, t);
     if (t.empty() || t[0] == "BA_") continue;
-    if (!loader.main_line(t)) return nullptr;
+    if (!loader.main_line(t)) return false;
   }
-  for (std::string_view line : lines) {
-    if (line.size() < 3 || line.find("BA_") == std::string_view::npos) continue;
-    loader.attribute_line(tokenize(line));
+  return !lines.failed();
+}
+
+// The attribute pass: the BA_ lines, once every message and definition is known.
+bool attribute_pass(Loader& loader, LineReader& lines) {
+  std::string line;
+  std::vector<std::string> t;
+  while (lines.next(line)) {
+    if (line.size() < 3 || line.find("BA_") == std::string::npos) continue;
+    tokenize(line, t);
+    loader.attribute_line(t);
   }
+  return !lines.failed();
+}
+
+std::unique_ptr<Database> finish(Loader& loader, std::unique_ptr<Database> db) {
   loader.resolve();
   build_indexes(*db);
   return db;
 }
 
+}  // namespace
+
+std::unique_ptr<Database> parse(std::string_view text) {
+  auto db = std::make_unique<Database>();
+  Loader loader(*db);
+  LineReader main_lines(text), attribute_lines(text);
+  if (!main_pass(loader, main_lines)) return nullptr;
+  attribute_pass(loader, attribute_lines);
+  return finish(loader, std::move(db));
+}
+
+// The file is read twice, line by line, and never held whole: memory follows what the file
+// defines, not how long it is.
 std::unique_ptr<Database> load_file(const char* path) {
   if (!path) return nullptr;
-  std::FILE* f = std::fopen(path, "rb");
-  if (!f) return nullptr;
-  std::string text;
-  char buffer[65536];
-  size_t n;
-  bool too_big = false;
-  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) {
-    if (text.size() + n > kMaxFileBytes) {
-      too_big = true;
-      break;
-    }
-    text.append(buffer, n);
-  }
-  const bool failed = std::ferror(f) != 0;
-  std::fclose(f);
-  if (failed || too_big) return nullptr;
-  return parse(text);
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "rb"), std::fclose);
+  if (!file) return nullptr;
+  auto db = std::make_unique<Database>();
+  Loader loader(*db);
+  LineReader main_lines(file.get());
+  if (!main_pass(loader, main_lines)) return nullptr;
+  std::rewind(file.get());
+  LineReader attribute_lines(file.get());
+  if (!attribute_pass(loader, attribute_lines)) return nullptr;
+  return finish(loader, std::move(db));
 }
 
 }  // namespace varnel::dbc

@@ -17,6 +17,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "files/dbc_lines.h"
+
 namespace varnel::dbc {
 
 // What an attribute definition fixes once; shared by every value assigned from it, so a file
@@ -129,18 +131,12 @@ struct Database {
 
 // Largest file the loader accepts; real databases are well under a megabyte.
 constexpr size_t kMaxFileBytes = 256u << 20;
-// Lines are read as by a 8192-byte line buffer: a longer line continues as the next line.
-constexpr size_t kMaxLineChars = 8191;
 
 // Parses DBC text. Returns null when the text cannot be a database (a BO_ line whose tokens run
 // out before the transmitter).
 std::unique_ptr<Database> parse(std::string_view text);
 // Reads and parses a file; null if it cannot be read, is too large or does not parse.
 std::unique_ptr<Database> load_file(const char* path);
-
-// Line and token rules, exposed for the tests.
-std::vector<std::string_view> split_lines(std::string_view text);
-std::vector<std::string> tokenize(std::string_view line);
 // The stored (least significant bit) position of a Motorola signal from the file's start bit.
 uint16_t motorola_lsb_start(uint32_t file_start_bit, uint16_t length);
 

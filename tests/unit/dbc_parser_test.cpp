@@ -55,8 +55,9 @@ TEST(DbcParser, MessageLineForms) {
     const char* transmitter;
   } rows[] = {
       {"BO_ 100 Msg: 8 Node;\n", "Msg", 8, "Node"},
-      {"BO_ 100 Msg: 8 Node\n", "Msg", 8, "Node\n"},  // no ';': the line feed stays
-      {"BO_ 100 Msg: 8 Node\r\n", "Msg", 8, "Node\r\n"},
+      {"BO_ 100 Msg: 8 Node\n", "Msg", 8, "Node\n"},      // no ';': the line feed stays
+      {"BO_ 100 Msg: 8 Node\r\n", "Msg", 8, "Node\n"},    // CRLF reads as LF
+      {"BO_ 100 Msg: 8 Node\r", "Msg", 8, "Node\r"},      // a lone CR is a character
       {"BO_ 100 Msg : 0x40 Node;\n", "Msg", 64, "Node"},  // colon as its own token
       {"BO_ 100 M:s:g 8 Node;\n", "Msg", 8, "Node"},      // every colon goes
       {"BO_  100   Msg:  8  Node  Extra;\n", "Msg", 8, "Node"},

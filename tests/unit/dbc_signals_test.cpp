@@ -361,7 +361,7 @@ TEST(DbcSignals, StatusCodes) {
 }
 
 TEST(DbcSignals, ParserFileNeedsAnOpenDeviceAndAParsableFile) {
-  const std::string file = std::string(VARNEL_SHARED_DATA) + "/dbc/opendbc__comma_body.dbc";
+  const std::string file = std::string(VARNEL_TEST_DATA) + "/dbc/opendbc__comma_body.dbc";
   EXPECT_EQ(DBC_ParserFile(0x12345678u, file.c_str()), 0u);  // no such device
   // A handle with top byte 0xFF names device index 0 directly.
   const uint64_t a = DBC_ParserFile(0xFF000000u, file.c_str());

@@ -299,83 +299,50 @@ std::string temp_path(const char* name) {
 }
 
 TEST(HexfileImage, FillsGapsAndSortsSegments) {
-  const Bytes a = counting(16), b = counting(16, 0x80);
+  const Bytes a = counting(16), b = counting(16, 0x80), ff16 = Bytes(16, 0xFF);
   struct ImageCase {
     const char* name;
     Image image;
     int8_t unit;
-    Bytes in_memory;  // fill byte 0x00
-    Bytes saved_filled;
-    Bytes saved_unfilled;
+    Bytes filled;      // gaps as 0xFF, in memory and in a file saved with filling
+    size_t first_run;  // what a file saved without filling holds: the first contiguous run
   };
+  // clang-format off
   std::vector<ImageCase> cases = {
-      {"two segments with a 16-byte gap",
-       {{0, a}, {0x20, b}},
-       1,
-       concat({a, Bytes(16, 0), b}),
-       concat({a, Bytes(16, 0xFF), b}),
-       a},
-      {"unsorted input is sorted first",
-       {{0x20, b}, {0x18, {7}}, {0, a}},
-       1,
-       concat({a, Bytes(8, 0), {7}, Bytes(7, 0), b}),
-       concat({a, Bytes(8, 0xFF), {7}, Bytes(7, 0xFF), b}),
-       a},
-      {"contiguous segments are one run",
-       {{4, {1, 2}}, {6, {3}}},
-       1,
-       {1, 2, 3},
-       {1, 2, 3},
-       {1, 2, 3}},
-      {"unit 2: gaps count in 16-bit words",
-       {{0, {1, 2, 3, 4}}, {4, {5, 6}}},
-       2,
-       {1, 2, 3, 4, 0, 0, 0, 0, 5, 6},
-       {1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 5, 6},
-       {1, 2, 3, 4}},
-      {"unit 4",
-       {{0x10, {1, 2, 3, 4}}, {0x12, {5, 6, 7, 8}}},
-       4,
-       concat({{1, 2, 3, 4}, Bytes(4, 0), {5, 6, 7, 8}}),
-       concat({{1, 2, 3, 4}, Bytes(4, 0xFF), {5, 6, 7, 8}}),
-       {1, 2, 3, 4}},
-      {"empty and unused entries are left out",
-       {{0xFFFFFFFF, {}}, {0, {1}}, {0x3, {}}, {1, {2}}},
-       1,
-       {1, 2},
-       {1, 2},
-       {1, 2}},
-      {"gap larger than one fill piece",
-       {{0, {1}}, {3001, {2}}},
-       1,
-       concat({{1}, Bytes(3000, 0), {2}}),
-       concat({{1}, Bytes(3000, 0xFF), {2}}),
-       {1}},
+      {"two segments with a 16-byte gap", {{0, a}, {0x20, b}}, 1, concat({a, ff16, b}), 16},
+      {"unsorted input is sorted first", {{0x20, b}, {0x18, {7}}, {0, a}}, 1,
+       concat({a, Bytes(8, 0xFF), {7}, Bytes(7, 0xFF), b}), 16},
+      {"contiguous segments are one run", {{4, {1, 2}}, {6, {3}}}, 1, {1, 2, 3}, 3},
+      {"unit 2: gaps count in 16-bit words", {{0, {1, 2, 3, 4}}, {4, {5, 6}}}, 2,
+       {1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 5, 6}, 4},
+      {"unit 4", {{0x10, {1, 2, 3, 4}}, {0x12, {5, 6, 7, 8}}}, 4,
+       concat({{1, 2, 3, 4}, Bytes(4, 0xFF), {5, 6, 7, 8}}), 4},
+      {"empty and unused entries are left out", {{0xFFFFFFFF, {}}, {0, {1}}, {0x3, {}}, {1, {2}}},
+       1, {1, 2}, 2},
+      {"gap larger than one fill piece", {{0, {1}}, {3001, {2}}}, 1,
+       concat({{1}, Bytes(3000, 0xFF), {2}}), 1},
   };
+  // clang-format on
   const std::string path = temp_path("image.bin");
   for (auto& c : cases) {
     SCOPED_TRACE(c.name);
     auto segments = c.image.records();
-    int n = static_cast<int>(segments.size());
-    EXPECT_EQ(VARNEL_hexfile_convert_image_n(nullptr, 0, segments.data(), n, c.unit, 0),
-              static_cast<int>(c.in_memory.size()));
-    Bytes out(c.in_memory.size() + 4, 0xEE);
-    EXPECT_EQ(hexfile_convert_image(out.data(), segments.data(), n, c.unit, 0),
-              static_cast<int>(c.in_memory.size()));
-    EXPECT_EQ(out, concat({c.in_memory, Bytes(4, 0xEE)}));  // nothing written past the image
+    const int n = static_cast<int>(segments.size()), size = static_cast<int>(c.filled.size());
+    EXPECT_EQ(VARNEL_hexfile_convert_image_n(nullptr, 0, segments.data(), n, c.unit, 0), size);
+    Bytes out(c.filled.size() + 4, 0xEE);
+    EXPECT_EQ(hexfile_convert_image(out.data(), segments.data(), n, c.unit, int8_t(0xFF)), size);
+    EXPECT_EQ(out, concat({c.filled, Bytes(4, 0xEE)}));  // nothing written past the image
     for (int i = 1; i < n; ++i) EXPECT_LE(segments[i - 1].StartAddr, segments[i].StartAddr);
 
-    EXPECT_EQ(hexfile_save_image(path.c_str(), segments.data(), n, c.unit, 1),
-              static_cast<int>(c.saved_filled.size()));
-    EXPECT_EQ(read_file(path), c.saved_filled);
-    EXPECT_EQ(hexfile_save_image(path.c_str(), segments.data(), n, c.unit, 0),
-              static_cast<int>(c.saved_unfilled.size()));
-    EXPECT_EQ(read_file(path), c.saved_unfilled);
+    EXPECT_EQ(hexfile_save_image(path.c_str(), segments.data(), n, c.unit, 1), size);
+    EXPECT_EQ(read_file(path), c.filled);
+    EXPECT_EQ(hexfile_save_image(path.c_str(), segments.data(), n, c.unit, 0), int(c.first_run));
+    EXPECT_EQ(read_file(path), Bytes(c.filled.begin(), c.filled.begin() + c.first_run));
   }
   std::filesystem::remove(path);
 }
 
-TEST(HexfileImage, FillByteIsUsedInMemory) {
+TEST(HexfileImage, FillByteIsUsedInMemory) {  // any byte, not only the file's 0xFF
   Image image{{0, {1}}, {2, {2}}};
   auto segments = image.records();
   Bytes out(3);
