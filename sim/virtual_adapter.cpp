@@ -134,7 +134,8 @@ void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) 
         break;
       case Kind::kAnnounceLength:
         announced = fault->value;
-        reply.payload.resize(fault->value);
+        // a negative length (as a signed header word) comes with no payload
+        reply.payload.resize(int32_t(fault->value) > 0 ? fault->value : 0);
         break;
     }
   }
