@@ -131,22 +131,14 @@ TEST_F(UsbDiscovery, WaitResumeTriesOnceWithZeroTimeoutAndReturnsOnceTheAdapterA
 TEST_F(UsbDiscovery, LateReplyIsDrainedByTheNextTransactionOnly) {
   struct Case {
     const char* name;
-    std::function<void(sim::VirtualAdapter&)> fail_read;
+    bool another_command;  // its payload stays unread; else the header read times out
     std::function<void()> between;
-  } cases[] = {
-      {"header read timed out",
-       [](auto&) { usbsim::fail_next_transfers(kFirst, 0x81, LIBUSB_ERROR_TIMEOUT); }, [] {}},
-      {"payload of another command left",
-       [](auto& a) {
-         a.faults().next_reply({sim::ReplyFault::Kind::kOtherCommand, 0x0101});
-       },
-       [] { USB_CloseDevice(kFirst), USB_OpenDevice(kFirst); }},
-      {"timed out, then reconnected",
-       [](auto&) { usbsim::fail_next_transfers(kFirst, 0x81, LIBUSB_ERROR_TIMEOUT); },
-       [] { USB_RetryConnect(kFirst); }}};
+  } cases[] = {{"header read timed out", false, [] {}},
+               {"reopened", true, [] { USB_CloseDevice(kFirst), USB_OpenDevice(kFirst); }},
+               {"reconnected", false, [] { USB_RetryConnect(kFirst); }}};
   auto adapter = plug_and_open(kFirst);
   adapter->clock().hold_at_us(123'456'000);
-  auto in_transfers = [] {
+  auto in_transfers = [] {  // (count, time-outs) since the last call
     auto in = bulk_on(kFirst, 0x81);
     usbsim::clear_transfers(kFirst);
     return std::make_pair(in.size(), std::count_if(in.begin(), in.end(), [](auto& t) {
@@ -156,7 +148,10 @@ TEST_F(UsbDiscovery, LateReplyIsDrainedByTheNextTransactionOnly) {
   for (auto& c : cases) {
     SCOPED_TRACE(c.name);
     char ip[VARNEL_DEV_IP_ADDR_SIZE] = {};
-    c.fail_read(*adapter);
+    if (c.another_command)
+      adapter->faults().next_reply({sim::ReplyFault::Kind::kOtherCommand, 0x0101});
+    else
+      usbsim::fail_next_transfers(kFirst, 0x81, LIBUSB_ERROR_TIMEOUT);
     EXPECT_FALSE(DEV_GetIPAddr(kFirst, ip));
     c.between();
     usbsim::clear_transfers(kFirst);
@@ -170,6 +165,12 @@ TEST_F(UsbDiscovery, LateReplyIsDrainedByTheNextTransactionOnly) {
 
 class UsbStream : public SimTest {};
 
+template <typename Done>
+void wait_up_to_2s(Done done) {
+  for (int wait = 0; wait < 400 && !done(); ++wait)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
 TEST_F(UsbStream, DeliversDataUntilStopped) {
   auto adapter = plug_and_open(kFirst);
   std::mutex mutex;
@@ -181,13 +182,10 @@ TEST_F(UsbStream, DeliversDataUntilStopped) {
                               });
   ASSERT_TRUE(stream.start());
   for (int i = 0; i < 10; ++i) adapter->push_stream_data(std::vector<uint8_t>(100, uint8_t(i)));
-  for (int wait = 0; wait < 400; ++wait) {
-    {
-      std::lock_guard guard(mutex);
-      if (got.size() == 1000) break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  wait_up_to_2s([&] {
+    std::lock_guard guard(mutex);
+    return got.size() == 1000;
+  });
   stream.stop();
   EXPECT_TRUE(stream.ended());
   ASSERT_EQ(got.size(), 1000u);
@@ -199,8 +197,7 @@ TEST_F(UsbStream, EndsWhenTheAdapterGoesAway) {
   varnel::BulkInStream stream(kFirst, {.buffer_size = 64, .pump_timeout_ms = 50}, nullptr);
   ASSERT_TRUE(stream.start());
   usbsim::unplug(kFirst);
-  for (int wait = 0; wait < 400 && !stream.ended(); ++wait)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  wait_up_to_2s([&] { return stream.ended(); });
   EXPECT_TRUE(stream.ended());
   EXPECT_TRUE(stream.stopped());
 }
@@ -233,8 +230,7 @@ TEST_F(UsbStream, TwoStreamsStartAndStopWhileTheOtherRuns) {
     std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));
     cycling.stop();
   }
-  for (int wait = 0; wait < 400 && second_bytes < 20 * 64; ++wait)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  wait_up_to_2s([&] { return second_bytes == 20 * 64; });
   steady.stop();
   EXPECT_EQ(second_bytes, 20 * 64);
   EXPECT_LE(first_bytes, 20 * 64);
