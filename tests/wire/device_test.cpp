@@ -58,6 +58,9 @@ TEST_F(Device, InfoCopiesTheRecordAndJudgesTheFunctionString) {
     }
     EXPECT_EQ(functions[VARNEL_DEV_FUNCTION_STRING_SIZE], 'x') << c.length;
   }
+  DEVICE_INFO info{};
+  adapter->faults().next_reply({ReplyFault::Kind::kAnnounceLength, 0});
+  EXPECT_FALSE(DEV_GetDeviceInfo(kHandle, &info, nullptr));  // an empty record
 }
 
 TEST_F(Device, HardwareInfoJudgesLengthAndFirstByte) {
