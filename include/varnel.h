@@ -143,7 +143,8 @@ VARNEL_API bool DEV_GetDeviceInfo(DevHandle DevHandle, DEVICE_INFO* pDevInfo,
 /* 64 bytes; false unless exactly 64 came and the first is neither 0 nor 255. */
 VARNEL_API bool DEV_GetHardwareInfo(DevHandle DevHandle, uint8_t* pHardwareInfo);
 /* User data: offsets are multiples of 4; a write takes at most VARNEL_DEV_USER_DATA_SIZE bytes.
- * A read stores at most DataLen bytes (fewer when the area ends first). */
+ * A read stores at most DataLen bytes and is true only when exactly DataLen came (false when the
+ * area ends first, or on any other reply). */
 VARNEL_API bool DEV_EraseUserData(DevHandle DevHandle);
 VARNEL_API bool DEV_EraseUserDataSector(DevHandle DevHandle, uint32_t Sector);
 VARNEL_API bool DEV_WriteUserData(DevHandle DevHandle, int32_t OffsetAddr,
@@ -152,10 +153,10 @@ VARNEL_API bool DEV_ReadUserData(DevHandle DevHandle, uint32_t OffsetAddr, uint8
                                  uint32_t DataLen);
 VARNEL_API bool DEV_SetPowerLevel(DevHandle DevHandle, uint8_t PowerLevel);
 /* The timer chosen by TimerIndex (virtual adapter: 0 microseconds, 1 milliseconds, 8 bytes
- * big-endian) into pTimestamp, at most VARNEL_DEV_TIMESTAMP_SIZE bytes. */
+ * big-endian) into pTimestamp; false unless exactly VARNEL_DEV_TIMESTAMP_SIZE bytes came. */
 VARNEL_API bool DEV_GetTimestamp(DevHandle DevHandle, uint8_t TimerIndex, uint8_t* pTimestamp);
-/* The device time in milliseconds (sent big-endian by the adapter); 0 when the command could
- * not be written, -1 when the reply could not be read. */
+/* The device time in milliseconds (8 bytes in the host's byte order, little-endian); 0 when the
+ * command could not be written, -1 when the reply could not be read. */
 VARNEL_API int64_t DEV_GetTimestampMs(DevHandle DevHandle);
 VARNEL_API bool DEV_ResetTimestamp(DevHandle DevHandle);
 /* Sends the host wall clock (ms since 1970, 8 bytes in host byte order) and records it as the

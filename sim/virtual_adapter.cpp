@@ -25,6 +25,7 @@ uint64_t DeviceClock::now_us() const {
 }
 
 uint64_t DeviceClock::at_us(std::chrono::steady_clock::time_point instant) const {
+  if (held_) return offset_us_.load();
   auto elapsed = instant - start_;
   return uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count()) +
          offset_us_.load();
@@ -34,16 +35,23 @@ void DeviceClock::advance_us(uint64_t us) {
   offset_us_ += us;
 }
 
+void DeviceClock::hold_at_us(uint64_t us) {
+  offset_us_ = us;
+  held_ = true;
+}
+
 void FaultPlan::next_reply(ReplyFault fault) {
   std::lock_guard guard(mutex_);
   faults_.push_back(fault);
 }
 
-std::optional<ReplyFault> FaultPlan::take() {
+std::optional<ReplyFault> FaultPlan::take(uint32_t command) {
   std::lock_guard guard(mutex_);
-  if (faults_.empty()) return std::nullopt;
-  ReplyFault fault = faults_.front();
-  faults_.pop_front();
+  auto it = std::find_if(faults_.begin(), faults_.end(),
+                         [&](auto& f) { return f.command == 0 || f.command == command; });
+  if (it == faults_.end()) return std::nullopt;
+  ReplyFault fault = *it;
+  faults_.erase(it);
   return fault;
 }
 
@@ -104,7 +112,7 @@ void VirtualAdapter::dispatch(const Packet& request) {
   }
   if (!handler) return;  // unknown command: the firmware stays silent
   std::optional<Packet> reply = handler(*this, request);
-  if (reply) queue_reply(std::move(*reply), faults_.take());
+  if (reply) queue_reply(std::move(*reply), faults_.take(request.command));
 }
 
 void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) {
@@ -126,7 +134,8 @@ void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) 
         break;
       case Kind::kAnnounceLength:
         announced = fault->value;
-        reply.payload.resize(fault->value);
+        // a negative length (as a signed header word) comes with no payload
+        reply.payload.resize(int32_t(fault->value) > 0 ? fault->value : 0);
         break;
     }
   }

@@ -37,24 +37,30 @@ class DeviceClock {
   // instant gives a fixed offset to this one.
   uint64_t at_us(std::chrono::steady_clock::time_point instant) const;
   void advance_us(uint64_t us);
+  // Stops the clock at `us` (advance_us still moves it), for a device time a test sets exactly.
+  void hold_at_us(uint64_t us);
 
  private:
   std::chrono::steady_clock::time_point start_;
   std::atomic<uint64_t> offset_us_{0};
+  std::atomic<bool> held_{false};
 };
 
-// What the next replies should do wrong. Each fault applies once, to the next reply produced.
+// What the next replies should do wrong. Each fault applies once, to the next reply produced (of
+// `command`, when that is not 0).
 struct ReplyFault {
   enum class Kind { kDrop, kLate, kShort, kOtherCommand, kAnnounceLength };
   Kind kind = Kind::kDrop;
   uint32_t value = 0;  // late: delay in ms; short: bytes kept; other command: the code;
                        // announce length: the length written in the header (payload padded)
+  uint32_t command = 0;
 };
 
 class FaultPlan {
  public:
   void next_reply(ReplyFault fault);
-  std::optional<ReplyFault> take();
+  // The first fault waiting for a reply of this command.
+  std::optional<ReplyFault> take(uint32_t command);
   void clear();
 
  private:

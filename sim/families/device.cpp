@@ -25,6 +25,13 @@ std::vector<uint8_t> be64(uint64_t v) {
   return out;
 }
 
+// The device time goes out as the firmware holds it in memory, least significant byte first.
+std::vector<uint8_t> le64(uint64_t v) {
+  std::vector<uint8_t> out(8);
+  for (int i = 0; i < 8; ++i) out[size_t(i)] = uint8_t(v >> (8 * i));
+  return out;
+}
+
 Packet refused(uint32_t command) {
   return reply_with(command, {kStatusRefused});
 }
@@ -59,8 +66,8 @@ std::optional<Packet> housekeeping(VirtualAdapter& adapter, const Packet& reques
       ++model.corrections;
       return reply_with(request.command);
     }
-    case 0x0015:  // device time in milliseconds, big-endian
-      return reply_with(request.command, be64(device_time_ms(adapter)));
+    case 0x0015:  // device time in milliseconds, little-endian
+      return reply_with(request.command, le64(device_time_ms(adapter)));
     case 0x0016: {  // set IP address: 16 bytes of text, NUL padded
       if (in.size() != 16) return refused(request.command);
       std::lock_guard guard(model.mutex);

@@ -19,6 +19,24 @@
 namespace varnel {
 namespace {
 
+// Command codes of the housekeeping calls.
+enum : uint32_t {
+  kSetPowerLevel = 0x0010,
+  kGetTimestamp = 0x0011,
+  kResetTimestamp = 0x0012,
+  kCorrectTimestamp = 0x0014,
+  kGetTimestampMs = 0x0015,
+  kSetIpAddress = 0x0016,
+  kGetIpAddress = 0x0017,
+  kDeviceInfo = 0x0100,
+  kFunctionString = 0x0106,
+  kWriteUserData = 0x0107,
+  kReadUserData = 0x0108,
+  kEraseUserData = 0x0109,
+  kHardwareInfo = 0x010D,
+  kEraseUserDataSector = 0x010E,
+};
+
 constexpr int32_t kUserDataLimit = VARNEL_DEV_USER_DATA_SIZE;
 constexpr int32_t kFunctionStringMax = VARNEL_DEV_FUNCTION_STRING_SIZE - 1;
 
@@ -77,14 +95,14 @@ VARNEL_API bool DEV_GetDeviceInfo(DevHandle handle, DEVICE_INFO* pDevInfo, char*
     // The record is the first 88 bytes of a reply that may be longer; a shorter one leaves the
     // rest of the record zero.
     std::vector<uint8_t> reply(1024, 0);
-    auto info = transact(handle, 0x0100, {}, reply);
-    if (!info.ok() || info.reply_length < 1 || info.reply_command != 0x0100) return false;
+    auto info = transact(handle, kDeviceInfo, {}, reply);
+    if (!info.ok() || info.reply_length < 1 || info.reply_command != kDeviceInfo) return false;
     std::memcpy(pDevInfo, reply.data(), sizeof(DEVICE_INFO));
     if (!pFunctionString) return true;
 
     auto* out = reinterpret_cast<uint8_t*>(pFunctionString);
-    auto functions = transact(handle, 0x0106, {}, {out, size_t(kFunctionStringMax)});
-    if (!functions.ok() || functions.reply_command != 0x0106 ||
+    auto functions = transact(handle, kFunctionString, {}, {out, size_t(kFunctionStringMax)});
+    if (!functions.ok() || functions.reply_command != kFunctionString ||
         functions.reply_length > kFunctionStringMax)
       return false;
     pFunctionString[functions.reply_length > 0 ? functions.reply_length : 0] = '\0';
@@ -98,22 +116,22 @@ VARNEL_API bool DEV_GetHardwareInfo(DevHandle handle, uint8_t* pHardwareInfo) {
     TransactionOptions options;
     options.read_timeout_ms = 100;
     options.write_timeout_ms = 100;
-    auto result =
-        transact(handle, 0x010D, {}, {pHardwareInfo, VARNEL_DEV_HARDWARE_INFO_SIZE}, options);
+    auto result = transact(handle, kHardwareInfo, {},
+                           {pHardwareInfo, VARNEL_DEV_HARDWARE_INFO_SIZE}, options);
     return result.expect_length(VARNEL_DEV_HARDWARE_INFO_SIZE) == 0 && pHardwareInfo[0] != 0 &&
            pHardwareInfo[0] != 0xFF;
   });
 }
 
 VARNEL_API bool DEV_EraseUserData(DevHandle handle) {
-  return varnel::guarded(false, [&] { return acknowledged(handle, 0x0109, {}, 15000); });
+  return varnel::guarded(false, [&] { return acknowledged(handle, kEraseUserData, {}, 15000); });
 }
 
 VARNEL_API bool DEV_EraseUserDataSector(DevHandle handle, uint32_t Sector) {
   return varnel::guarded(false, [&] {
     uint8_t request[4];
     put_be32(request, Sector);
-    return acknowledged(handle, 0x010E, request, 5000);
+    return acknowledged(handle, kEraseUserDataSector, request, 5000);
   });
 }
 
@@ -124,7 +142,7 @@ VARNEL_API bool DEV_WriteUserData(DevHandle handle, int32_t OffsetAddr, const ui
     if (DataLen > 0 && !pWriteData) return false;
     PayloadWriter request;
     request.u32(uint32_t(OffsetAddr)).raw(pWriteData, size_t(DataLen));
-    return acknowledged(handle, 0x0107, request.bytes(), 5000);
+    return acknowledged(handle, kWriteUserData, request.bytes(), 5000);
   });
 }
 
@@ -139,35 +157,44 @@ VARNEL_API bool DEV_ReadUserData(DevHandle handle, uint32_t OffsetAddr, uint8_t*
     std::array<uint8_t, 64> empty{};
     std::span<uint8_t> reply =
         capacity ? std::span<uint8_t>(pReadData, capacity) : scratch_reply(empty);
-    return transact(handle, 0x0108, request.bytes(), reply).ok();
+    // Anything but the count asked for (a cut payload, a negative length) leaves the buffer
+    // partly stale, so it is a failure.
+    return transact(handle, kReadUserData, request.bytes(), reply)
+               .expect_length(int32_t(capacity)) == 0;
   });
 }
 
 VARNEL_API bool DEV_SetPowerLevel(DevHandle handle, uint8_t PowerLevel) {
-  return varnel::guarded(false, [&] { return transaction_done(handle, 0x0010, {&PowerLevel, 1}); });
+  return varnel::guarded(false, [&] {
+    return transaction_done(handle, kSetPowerLevel, {&PowerLevel, 1});
+  });
 }
 
 VARNEL_API bool DEV_GetTimestamp(DevHandle handle, uint8_t TimerIndex, uint8_t* pTimestamp) {
   return varnel::guarded(false, [&] {
     if (!pTimestamp) return false;
-    return transact(handle, 0x0011, {&TimerIndex, 1}, {pTimestamp, VARNEL_DEV_TIMESTAMP_SIZE}).ok();
+    auto result =
+        transact(handle, kGetTimestamp, {&TimerIndex, 1}, {pTimestamp, VARNEL_DEV_TIMESTAMP_SIZE});
+    return result.expect_length(VARNEL_DEV_TIMESTAMP_SIZE) == 0;
   });
 }
 
 VARNEL_API int64_t DEV_GetTimestampMs(DevHandle handle) {
   return varnel::guarded(-1, [&]() -> int64_t {
     uint8_t reply[8] = {};
-    auto result = transact(handle, 0x0015, {}, reply);
+    auto result = transact(handle, kGetTimestampMs, {}, reply);
     if (result.send_result != 0) return 0;
     if (result.read_result != 0 || result.reply_length != 8) return -1;
-    uint64_t value = 0;
-    for (uint8_t b : reply) value = (value << 8) | b;
-    return int64_t(value);
+    // The firmware sends its time as it lies in memory: the host's byte order, unlike the
+    // big-endian integers of other payloads.
+    int64_t value = 0;
+    std::memcpy(&value, reply, sizeof value);
+    return value;
   });
 }
 
 VARNEL_API bool DEV_ResetTimestamp(DevHandle handle) {
-  return varnel::guarded(false, [&] { return transaction_done(handle, 0x0012, {}); });
+  return varnel::guarded(false, [&] { return transaction_done(handle, kResetTimestamp, {}); });
 }
 
 VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
@@ -185,14 +212,14 @@ VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
     // Sent as it lies in host memory: the firmware takes the host's byte order here.
     uint8_t request[8];
     std::memcpy(request, &now, sizeof request);
-    return transaction_done(handle, 0x0014, request);
+    return transaction_done(handle, kCorrectTimestamp, request);
   });
 }
 
 VARNEL_API bool DEV_SetIPAddr(DevHandle handle, const char* pIPAddr) {
   return varnel::guarded(false, [&] {
     if (!pIPAddr) return false;
-    return transaction_done(handle, 0x0016,
+    return transaction_done(handle, kSetIpAddress,
                             {reinterpret_cast<const uint8_t*>(pIPAddr), VARNEL_DEV_IP_ADDR_SIZE});
   });
 }
@@ -200,7 +227,7 @@ VARNEL_API bool DEV_SetIPAddr(DevHandle handle, const char* pIPAddr) {
 VARNEL_API bool DEV_GetIPAddr(DevHandle handle, char* pIPAddr) {
   return varnel::guarded(false, [&] {
     if (!pIPAddr) return false;
-    return transact(handle, 0x0017, {},
+    return transact(handle, kGetIpAddress, {},
                     {reinterpret_cast<uint8_t*>(pIPAddr), VARNEL_DEV_IP_ADDR_SIZE})
         .ok();
   });

@@ -34,6 +34,10 @@ constexpr unsigned kControlTimeoutMs = 100;
 constexpr uint8_t kVendorOut = 0x41;  // vendor, interface, host to device
 constexpr uint8_t kVendorIn = 0xC1;
 constexpr int kMinReadTimeoutMs = 1000;
+// After a failed read: how long the next transaction waits for a stale reply, per bulk read,
+// and how many reads it makes at most (a header and the 64 KiB chunks of the largest reply).
+constexpr unsigned kDrainTimeoutMs = 100;
+constexpr int kMaxDrainReads = 2 + kUsbReplyLimit / kUsbReplyChunk;
 
 struct UsbDeviceEntry {
   libusb_device* device = nullptr;  // referenced while stored here
@@ -44,6 +48,8 @@ struct UsbDeviceEntry {
   uint8_t device_address = 0;
   uint8_t port_number = 0;
   std::string location_path;
+  // A read on this adapter failed, so its answer (or the rest of it) may still come in.
+  std::atomic<bool> reply_may_be_pending{false};
 };
 using EntryPtr = std::shared_ptr<UsbDeviceEntry>;
 
@@ -313,6 +319,14 @@ int scan_devices(DevHandle* out) {
   return list_handles(out ? out : state().scratch_handles);
 }
 
+// Whether the adapter has a device to open. A scan on another thread sets an entry's device under
+// the adapter's lock, so it is read under that lock too.
+bool has_device(uint32_t handle) {
+  DeviceLockGuard guard(handle);
+  EntryPtr entry = find_entry(handle);
+  return entry && entry->device;
+}
+
 bool open_entry(uint32_t handle) {
   DeviceLockGuard guard(handle);
   EntryPtr entry = find_entry(handle);
@@ -386,10 +400,51 @@ int max_packet_size(const EntryPtr& entry) {
   return libusb_get_device_speed(entry->device) == LIBUSB_SPEED_HIGH ? 512 : 64;
 }
 
+// Whatever is pending on the IN endpoint after a failed read answers an earlier request: read it
+// off before the next request goes out, or every later call would read its predecessor's reply.
+void drain_stale_replies(UsbDeviceEntry& entry) {
+  if (!entry.reply_may_be_pending.exchange(false)) return;
+  std::vector<uint8_t> sink(static_cast<size_t>(kUsbReplyChunk));
+  for (int i = 0; i < kMaxDrainReads; ++i) {
+    int transferred = 0;
+    if (libusb_bulk_transfer(entry.device_handle, kEndpointIn, sink.data(), int(sink.size()),
+                             &transferred, kDrainTimeoutMs) != 0)
+      return;
+  }
+}
+
 bool bulk_in_exact(libusb_device_handle* dh, uint8_t* data, int size, int timeout_ms) {
   int transferred = 0;
   int rc = libusb_bulk_transfer(dh, kEndpointIn, data, size, &transferred, unsigned(timeout_ms));
   return rc == 0 && transferred == size;
+}
+
+// The header, then the payload in 64 KiB chunks. 0 or -3.
+int read_reply_from(libusb_device_handle* dh, CommandPacket& reply, uint32_t expected,
+                    int timeout) {
+  uint8_t header[8];
+  if (!bulk_in_exact(dh, header, 8, timeout)) {
+    reply.payload = nullptr;
+    return -3;
+  }
+  reply.command = get_be32(header);
+  reply.length = int32_t(get_be32(header + 4));
+  if (reply.length <= 0) return 0;
+  if (reply.length > kUsbReplyLimit) reply.length = kUsbReplyLimit;
+  std::unique_ptr<uint8_t[]> scratch;
+  for (int32_t offset = 0; offset < reply.length;) {
+    if (reply.command != expected) return -3;
+    const int32_t chunk = std::min(kUsbReplyChunk, reply.length - offset);
+    // Bytes beyond the caller's buffer are read into scratch and dropped.
+    const bool fits = reply.payload && offset + chunk <= reply.capacity;
+    if (!fits && !scratch) scratch.reset(new uint8_t[kUsbReplyChunk]);
+    uint8_t* target = fits ? reply.payload + offset : scratch.get();
+    if (!bulk_in_exact(dh, target, chunk, timeout)) return -3;
+    if (!fits && reply.payload && offset < reply.capacity)
+      std::memcpy(reply.payload + offset, target, size_t(reply.capacity - offset));
+    offset += chunk;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -412,6 +467,7 @@ int usb_write_packet(uint32_t handle, unsigned char endpoint, const uint8_t* dat
                      int timeout_ms) {
   EntryPtr entry = open_entry_for_transfer(handle);
   if (!entry) return -2;
+  drain_stale_replies(*entry);
   libusb_device_handle* dh = entry->device_handle;
   int transferred = 0;
   int rc = libusb_bulk_transfer(dh, endpoint, const_cast<uint8_t*>(data), size, &transferred,
@@ -439,31 +495,10 @@ int usb_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
     reply.payload = nullptr;
     return -3;
   }
-  libusb_device_handle* dh = entry->device_handle;
-  const int timeout = std::max(timeout_ms, kMinReadTimeoutMs);
-  uint8_t header[8];
-  if (!bulk_in_exact(dh, header, 8, timeout)) {
-    reply.payload = nullptr;
-    return -3;
-  }
-  reply.command = get_be32(header);
-  reply.length = int32_t(get_be32(header + 4));
-  if (reply.length <= 0) return 0;
-  if (reply.length > kUsbReplyLimit) reply.length = kUsbReplyLimit;
-  std::unique_ptr<uint8_t[]> scratch;
-  for (int32_t offset = 0; offset < reply.length;) {
-    if (reply.command != expected) return -3;
-    const int32_t chunk = std::min(kUsbReplyChunk, reply.length - offset);
-    // Bytes beyond the caller's buffer are read into scratch and dropped.
-    const bool fits = reply.payload && offset + chunk <= reply.capacity;
-    if (!fits && !scratch) scratch.reset(new uint8_t[kUsbReplyChunk]);
-    uint8_t* target = fits ? reply.payload + offset : scratch.get();
-    if (!bulk_in_exact(dh, target, chunk, timeout)) return -3;
-    if (!fits && reply.payload && offset < reply.capacity)
-      std::memcpy(reply.payload + offset, target, size_t(reply.capacity - offset));
-    offset += chunk;
-  }
-  return 0;
+  const int rc = read_reply_from(entry->device_handle, reply, expected,
+                                 std::max(timeout_ms, kMinReadTimeoutMs));
+  if (rc != 0) entry->reply_may_be_pending = true;
+  return rc;
 }
 
 int usb_control_out(uint32_t handle, uint8_t request, int timeout_ms) {
@@ -510,8 +545,7 @@ int USB_ScanDevice(DevHandle* pDevHandle) {
 bool USB_OpenDevice(DevHandle handle) {
   return varnel::guarded(false, [&] {
     library_start();
-    EntryPtr entry = find_entry(handle);
-    if (entry && entry->device) return open_entry(handle);
+    if (has_device(handle)) return open_entry(handle);
     DevHandle found[kMaxDevices];
     int count = scan_devices(found);
     if (count <= 0 || std::find(found, found + count, handle) == found + count) return false;

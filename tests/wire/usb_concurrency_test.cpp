@@ -86,3 +86,20 @@ INSTANTIATE_TEST_SUITE_P(
                                     USB_CloseDevice(kOther);
                                   }}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Every scan stores the device it found in the adapter's entry while an open on another thread
+// reads it: the open must still succeed each time (and ThreadSanitizer sees the field locked).
+class UsbOpen : public SimTest {};
+
+TEST_F(UsbOpen, SucceedsWhileAnotherThreadScans) {
+  usbsim::plug(kHandle, {1, {1}});
+  ASSERT_EQ(USB_ScanDevice(nullptr), 1);
+  constexpr int kRounds = 200;
+  std::thread scanner([] {
+    for (int i = 0; i < kRounds; ++i) USB_ScanDevice(nullptr);
+  });
+  int opened = 0;
+  for (int i = 0; i < kRounds; ++i) opened += USB_OpenDevice(kHandle) ? 1 : 0;
+  scanner.join();
+  EXPECT_EQ(opened, kRounds);
+}
