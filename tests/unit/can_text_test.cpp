@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -96,4 +97,33 @@ TEST(CanText, CandumpLinesShowTheFrame) {
       EXPECT_EQ(candump_line("can0", *msg), c.screen);
     }
   }
+}
+
+// A CAN FD length code says 0-8, 12, 16, 20, 24, 32, 48 or 64 bytes; nothing between.
+TEST(CanText, CanFdDataTakesOnlyTheLengthsALengthCodeCanSay) {
+  const std::vector<int> sizes = {12, 16, 20, 24, 32, 48, 64};
+  for (int len = 0; len <= 64; ++len) {
+    const bool valid = len <= 8 || std::count(sizes.begin(), sizes.end(), len);
+    auto msg = parse_frame("123##1" + hex_bytes(len));
+    EXPECT_EQ(bool(msg), valid) << len;
+    if (msg) {
+      EXPECT_EQ(msg->DataLen, len);
+    }
+  }
+}
+
+// The screen line gives CAN FD lengths in two digits; a record claiming more than 64 bytes
+// shows 64.
+TEST(CanText, LinesOfCanFdRecordsStayWithinTheRecord) {
+  CANFD_MSG msg{};
+  msg.Id = 0x123;
+  msg.Flags = 0x04;
+  for (uint8_t len : {8, 10, 64}) {
+    msg.DataLen = len;
+    const std::string bracket = len < 10 ? "[08]" : "[" + std::to_string(len) + "]";
+    EXPECT_NE(candump_line("can0", msg).find(bracket), std::string::npos) << int(len);
+  }
+  msg.DataLen = 200;
+  EXPECT_EQ(candump_log_line("can0", msg, 0), "(0.000000) can0 123##0" + std::string(128, '0'));
+  EXPECT_EQ(candump_line("can0", msg).size(), candump_line("can0", msg).find(']') + 2 + 64 * 3);
 }
