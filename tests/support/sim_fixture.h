@@ -1,41 +1,9 @@
-// Test fixture over the usbsim: a clean bus for every test, helpers to plug and open adapters and
-// to read back what went over the wire.
+// The wire fixture over the usbsim, for tests that run on that layer only.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <vector>
-
-#include "sim/usbsim.h"
-#include "varnel.h"
+#include "support/usbsim_layer.h"
+#include "support/wire_fixture.h"
 
 namespace testing_support {
-
-class SimTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    usbsim::unplug_all();
-    USB_ScanDevice(nullptr);  // forgets every adapter of the previous test
-  }
-  void TearDown() override { usbsim::unplug_all(); }
-
-  // Plugs an adapter, scans and opens it; the transfer log starts empty.
-  std::shared_ptr<sim::VirtualAdapter> plug_and_open(uint32_t handle, usbsim::Port port = {}) {
-    auto adapter = usbsim::plug(handle, port);
-    USB_ScanDevice(nullptr);
-    EXPECT_TRUE(USB_OpenDevice(handle));
-    usbsim::clear_transfers(handle);
-    return adapter;
-  }
-
-  // Bulk transfers on one endpoint, in order.
-  static std::vector<usbsim::Transfer> bulk_on(uint32_t handle, uint8_t endpoint) {
-    std::vector<usbsim::Transfer> out;
-    for (auto& t : usbsim::transfers(handle))
-      if (t.kind == usbsim::Transfer::Kind::kBulk && t.endpoint == endpoint) out.push_back(t);
-    return out;
-  }
-};
-
+using SimTest = WireTest<UsbsimLayer>;
 }  // namespace testing_support

@@ -1,21 +1,21 @@
-// Discovery and connection through the real libusb: devices come from sysfs and udev, port
-// numbers from the sysfs names, the identity from a control URB.
+// Discovery through the real libusb, where the usbsim only imitates it: devices come from sysfs
+// and udev, port numbers from the sysfs names, the identity from a control URB.
 #include <cstring>
 
 #include "core/transport.h"
 #include "core/usb.h"
-#include "usbfs_fixture.h"
+#include "support/usbfs_layer.h"
+#include "support/wire_fixture.h"
 
 using testing_support::scan;
 using testing_support::scan_until_listed;
-using testing_support::UsbfsTest;
 
 namespace {
 constexpr uint32_t kFirst = 0x11111110;
 constexpr uint32_t kSecond = 0x22222220;
 }  // namespace
 
-class UsbfsDiscovery : public UsbfsTest {};
+class UsbfsDiscovery : public testing_support::WireTest<testing_support::UsbfsLayer> {};
 
 TEST_F(UsbfsDiscovery, ListsAdaptersInDiscoveryOrderAndShiftsIndexesOnUnplug) {
   usbfs::plug(kFirst, {1, {1}});
@@ -78,38 +78,4 @@ TEST_F(UsbfsDiscovery, OpenClaimsInterfaceZeroAndCloseReleasesIt) {
   EXPECT_TRUE(USB_CloseDevice(kFirst));
   EXPECT_EQ(usbfs::counters(kFirst).releases, 1);
   EXPECT_FALSE(USB_CloseDevice(kFirst));  // already closed
-}
-
-TEST_F(UsbfsDiscovery, MovedAdapterKeepsItsHandleAndEntry) {
-  auto adapter = plug_and_open(kFirst, {1, {1}});
-  usbfs::plug(kSecond, {1, {2}});
-  ASSERT_TRUE(scan_until_listed(kSecond));
-  usbfs::unplug(kFirst);
-  ASSERT_TRUE(scan_until_listed(kFirst, false));
-  usbfs::plug(kFirst, {1, {5, 3}});
-  ASSERT_TRUE(scan_until_listed(kFirst));
-  EXPECT_EQ(scan(), (std::vector<DevHandle>{kSecond, kFirst}));
-  EXPECT_EQ(varnel::usb_location_path(kFirst), "5.3.1.3");
-  EXPECT_TRUE(USB_OpenDevice(kFirst));
-}
-
-TEST_F(UsbfsDiscovery, ResetSendsVendorRequest) {
-  auto adapter = plug_and_open(kFirst);
-  EXPECT_TRUE(USB_ResetDevice(kFirst));
-  auto log = usbfs::transfers(kFirst);
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].kind, usbfs::Transfer::Kind::kControl);
-  EXPECT_EQ(log[0].endpoint, 0x60);
-  EXPECT_EQ(log[0].result, 0);
-  EXPECT_EQ(adapter->reset_count(), 1u);
-  EXPECT_FALSE(USB_ResetDevice(kSecond));
-}
-
-TEST_F(UsbfsDiscovery, RetryConnectFailsForUnpluggedAdapter) {
-  plug_and_open(kFirst);
-  EXPECT_TRUE(USB_RetryConnect(kFirst));
-  usbfs::unplug(kFirst);
-  ASSERT_TRUE(scan_until_listed(kFirst, false));
-  EXPECT_FALSE(USB_RetryConnect(kFirst));
-  EXPECT_FALSE(USB_OpenDevice(kFirst));
 }

@@ -1,14 +1,14 @@
-// Families through the real libusb: the same requests the usbsim tests pin down byte for byte,
-// device information, GPIO, and CAN between two channels with the poller threads running.
+// Families through the real libusb: device information, and CAN between two channels with the
+// poller threads running and fetch replies of more than one chunk.
 #include <cstring>
-#include <functional>
 
 #include "can/can_state.h"
 #include "sim/bus/can_bus.h"
 #include "sim/families/device.h"
-#include "usbfs_fixture.h"
+#include "support/usbfs_layer.h"
+#include "support/wire_fixture.h"
 
-using testing_support::UsbfsTest;
+using UsbfsTest = testing_support::WireTest<testing_support::UsbfsLayer>;
 
 namespace {
 
@@ -66,46 +66,6 @@ class UsbfsFamilies : public UsbfsTest {
   std::shared_ptr<sim::CanBus> bus_;
   std::shared_ptr<sim::VirtualAdapter> adapter_;
 };
-
-TEST_F(UsbfsFamilies, GpioCallsSendTheSameBytesAsOverTheUsbsim) {
-  uint32_t value = 0;
-  struct Case {
-    const char* name;
-    std::function<int()> call;
-    Bytes wire;
-  } cases[] = {
-      {"SetOutput",
-       [] { return GPIO_SetOutput(kHandle, 0x00000003, 0); },
-       {0, 0, 6, 1, 0, 0, 0, 5, 0, 0, 0, 3, 0}},
-      {"SetInput",
-       [] { return GPIO_SetInput(kHandle, 0x00008001, 1); },
-       {0, 0, 6, 0, 0, 0, 0, 5, 0, 0, 0x80, 0x01, 1}},
-      {"Write",
-       [] { return GPIO_Write(kHandle, 0x0000F00F, 0x00001234); },
-       {0, 0, 6, 3, 0, 0, 0, 8, 0, 0, 0xF0, 0x0F, 0, 0, 0x12, 0x34}},
-      {"Read",
-       [&value] { return GPIO_Read(kHandle, 0x0000FFFF, &value); },
-       {0, 0, 6, 4, 0, 0, 0, 4, 0, 0, 0xFF, 0xFF}},
-  };
-  for (auto& c : cases) {
-    usbfs::clear_transfers(kHandle);
-    EXPECT_EQ(c.call(), 0) << c.name;
-    auto out = bulk_on(kHandle, 0x01);
-    ASSERT_EQ(out.size(), 1u) << c.name;
-    EXPECT_EQ(out[0].data, c.wire) << c.name;
-  }
-  // pins 0 and 15 pull up as inputs; pin 1 drives latch bit 1 of 0x1234 & 0xF00F
-  EXPECT_EQ(value, 0x8001u);
-  EXPECT_EQ(adapter_->order_violations(), 0u);
-}
-
-TEST_F(UsbfsFamilies, GpioWriteThenReadBack) {
-  ASSERT_EQ(GPIO_SetOutput(kHandle, 0x00FF, VARNEL_GPIO_PULL_NONE), 0);
-  ASSERT_EQ(GPIO_Write(kHandle, 0x00FF, 0x00A5), 0);
-  uint32_t value = 0;
-  ASSERT_EQ(GPIO_Read(kHandle, 0x00FF, &value), 0);
-  EXPECT_EQ(value, 0x00A5u);
-}
 
 TEST_F(UsbfsFamilies, DeviceInfoAndFunctionString) {
   DEVICE_INFO info{};

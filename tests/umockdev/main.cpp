@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "usbfs_testbed.h"
+#include "sim/umockdev/usbfs_testbed.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
-// USB discovery and connection against the usbsim: order, moves, identity changes, resume, and
-// the asynchronous bulk-in stream.
+// USB discovery and connection against the usbsim: order, moves, identity changes and resume.
 #include "core/usb.h"
 
 #include <libusb.h>
@@ -11,7 +10,6 @@
 #include <thread>
 
 #include "core/transport.h"
-#include "core/usb_stream.h"
 #include "support/sim_fixture.h"
 
 using testing_support::SimTest;
@@ -161,77 +159,4 @@ TEST_F(UsbDiscovery, LateReplyIsDrainedByTheNextTransactionOnly) {
     EXPECT_STREQ(ip, "192.168.1.10");
     EXPECT_EQ(in_transfers(), std::make_pair(size_t(2), 0L));  // header and payload only
   }
-}
-
-class UsbStream : public SimTest {};
-
-template <typename Done>
-void wait_up_to_2s(Done done) {
-  for (int wait = 0; wait < 400 && !done(); ++wait)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
-
-TEST_F(UsbStream, DeliversDataUntilStopped) {
-  auto adapter = plug_and_open(kFirst);
-  std::mutex mutex;
-  std::vector<uint8_t> got;
-  varnel::BulkInStream stream(kFirst, {.buffer_size = 64, .pump_timeout_ms = 50},
-                              [&](const uint8_t* data, int size) {
-                                std::lock_guard guard(mutex);
-                                got.insert(got.end(), data, data + size);
-                              });
-  ASSERT_TRUE(stream.start());
-  for (int i = 0; i < 10; ++i) adapter->push_stream_data(std::vector<uint8_t>(100, uint8_t(i)));
-  wait_up_to_2s([&] {
-    std::lock_guard guard(mutex);
-    return got.size() == 1000;
-  });
-  stream.stop();
-  EXPECT_TRUE(stream.ended());
-  ASSERT_EQ(got.size(), 1000u);
-  EXPECT_EQ(got[999], 9);
-}
-
-TEST_F(UsbStream, EndsWhenTheAdapterGoesAway) {
-  plug_and_open(kFirst);
-  varnel::BulkInStream stream(kFirst, {.buffer_size = 64, .pump_timeout_ms = 50}, nullptr);
-  ASSERT_TRUE(stream.start());
-  usbsim::unplug(kFirst);
-  wait_up_to_2s([&] { return stream.ended(); });
-  EXPECT_TRUE(stream.ended());
-  EXPECT_TRUE(stream.stopped());
-}
-
-TEST_F(UsbStream, DoesNotStartOnClosedAdapter) {
-  usbsim::plug(kFirst);
-  scan();
-  varnel::BulkInStream stream(kFirst, {}, nullptr);
-  EXPECT_FALSE(stream.start());
-  EXPECT_TRUE(stream.ended());
-}
-
-// Two streams share the one libusb context, so either worker may complete the other's transfer
-// and run its callback. Stopping one while data flows on both must lose nothing the other
-// delivers and leave no transfer behind.
-TEST_F(UsbStream, TwoStreamsStartAndStopWhileTheOtherRuns) {
-  auto first = plug_and_open(kFirst, {1, {1}});
-  auto second = plug_and_open(kSecond, {1, {2}});
-  std::atomic<int> first_bytes{0}, second_bytes{0};
-  const varnel::BulkInStream::Options options{.buffer_size = 64, .pump_timeout_ms = 20};
-  varnel::BulkInStream steady(kSecond, options,
-                              [&](const uint8_t*, int size) { second_bytes += size; });
-  ASSERT_TRUE(steady.start());
-  for (int round = 0; round < 20; ++round) {
-    varnel::BulkInStream cycling(kFirst, options,
-                                 [&](const uint8_t*, int size) { first_bytes += size; });
-    ASSERT_TRUE(cycling.start());
-    first->push_stream_data(std::vector<uint8_t>(64, 1));
-    second->push_stream_data(std::vector<uint8_t>(64, 2));
-    std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));
-    cycling.stop();
-  }
-  wait_up_to_2s([&] { return second_bytes == 20 * 64; });
-  steady.stop();
-  EXPECT_EQ(second_bytes, 20 * 64);
-  EXPECT_LE(first_bytes, 20 * 64);
 }

@@ -6,7 +6,7 @@
 // umockdev calls the handler on its own worker thread and the handler must not block there, so
 // a bulk IN URB stays in flight until the adapter has bytes for it: every reap tries again
 // without waiting. OUT URBs complete at once.
-#include "usbfs_testbed.h"
+#include "sim/umockdev/usbfs_testbed.h"
 
 #include <errno.h>
 #include <linux/usbdevice_fs.h>
