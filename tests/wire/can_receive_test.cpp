@@ -10,10 +10,10 @@ using testing_support::CanTest;
 namespace {
 
 struct Classic {
-  static constexpr uint32_t kA = 0x12345670, kB = 0x12345680;
+  static constexpr uint32_t kA = 0x12345670, kB = 0x12345680, kFetch = 0x0C03;
 };
 struct Fd {
-  static constexpr uint32_t kA = 0x53000010, kB = 0x53000020;
+  static constexpr uint32_t kA = 0x53000010, kB = 0x53000020, kFetch = 0x4003;
 };
 
 template <typename Kind>
@@ -105,8 +105,8 @@ TYPED_TEST(CanReceive, StatsReportTheFetchFailureThatStoppedThePoller) {
   constexpr uint32_t A = TypeParam::kA;
   auto adapter = this->open(A);
   ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
-  // the poller's next fetch gets the reply of another command
-  adapter->faults().next_reply({sim::ReplyFault::Kind::kOtherCommand, 0x0015});
+  // the poller's next fetch (and only a fetch) gets the reply of another command
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kOtherCommand, 0x0015, TypeParam::kFetch});
   ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
   VARNEL_RECEIVE_STATS s{};
   for (int i = 0; i < 300 && (s = this->stats(A)).PollerRunning; ++i) varnel::sleep_for_ms(10);
