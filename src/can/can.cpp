@@ -201,12 +201,12 @@ uint8_t quanta_register(uint8_t quanta) {
 
 }  // namespace
 
-int CAN_GetCANSpeedArg(DevHandle handle, CAN_INIT_CONFIG* config, uint32_t bitrate) {
+VARNEL_API int CAN_GetCANSpeedArg(DevHandle handle, CAN_INIT_CONFIG* config, uint32_t bitrate) {
   if (!config) return -7;
   return classic_speed_arg(handle, bitrate, *config);
 }
 
-int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* config) {
+VARNEL_API int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* config) {
   return guarded(-4, [&] {
     if (!config) return -7;
     if (is_fd_adapter(handle)) return init_through_fd(handle, channel, *config);
@@ -238,14 +238,14 @@ int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* config) {
   });
 }
 
-int CAN_Init2(DevHandle handle, uint8_t channel, uint32_t bitrate) {
+VARNEL_API int CAN_Init2(DevHandle handle, uint8_t channel, uint32_t bitrate) {
   CAN_INIT_CONFIG config{};
   const int r = CAN_GetCANSpeedArg(handle, &config, bitrate);
   if (r != 0) return r;
   return CAN_Init(handle, channel, &config);
 }
 
-int CAN_SendMsg(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
+VARNEL_API int CAN_SendMsg(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
   return guarded(-4, [&] {
     if (count == 0) return 0;
     if (!msgs) return -7;
@@ -254,7 +254,8 @@ int CAN_SendMsg(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count
   });
 }
 
-int CAN_SendMsgWithTime(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
+VARNEL_API int CAN_SendMsgWithTime(DevHandle handle, uint8_t channel, CAN_MSG* msgs,
+                                   uint32_t count) {
   return guarded(-4, [&] {
     if (count == 0) return 0;
     if (!msgs) return -7;
@@ -263,7 +264,7 @@ int CAN_SendMsgWithTime(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32
   });
 }
 
-int CAN_SendMsgSynch(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
+VARNEL_API int CAN_SendMsgSynch(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
   return guarded(-4, [&] {
     if (count == 0) return 0;
     if (!msgs) return -7;
@@ -272,7 +273,7 @@ int CAN_SendMsgSynch(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t 
   });
 }
 
-int CAN_GetStatus(DevHandle handle, uint8_t channel, CAN_STATUS* status) {
+VARNEL_API int CAN_GetStatus(DevHandle handle, uint8_t channel, CAN_STATUS* status) {
   return guarded(-4, [&] {
     if (!status) return -7;
     if (is_fd_adapter(handle)) {
@@ -298,7 +299,7 @@ int CAN_GetStatus(DevHandle handle, uint8_t channel, CAN_STATUS* status) {
   });
 }
 
-int CAN_Stop(DevHandle handle, uint8_t channel) {
+VARNEL_API int CAN_Stop(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_Stop(handle, channel);
     if (channel < kChannels) classic_pollers().stop(handle, channel);
@@ -309,14 +310,14 @@ int CAN_Stop(DevHandle handle, uint8_t channel) {
   });
 }
 
-int64_t CAN_GetStartTime(DevHandle handle, uint8_t channel) {
+VARNEL_API int64_t CAN_GetStartTime(DevHandle handle, uint8_t channel) {
   if (is_fd_adapter(handle)) return CANFD_GetStartTime(handle, channel);
   const int device = channel_device(handle, channel);
   if (device < 0) return -4;
   return int64_t(classic_channel(device, channel).start_time.load());
 }
 
-int CAN_ResetStartTime(DevHandle handle, uint8_t channel) {
+VARNEL_API int CAN_ResetStartTime(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_ResetStartTime(handle, channel);
     const int device = channel_device(handle, channel);
@@ -326,7 +327,7 @@ int CAN_ResetStartTime(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CAN_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
+VARNEL_API int CAN_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
   if (is_fd_adapter(handle)) return CANFD_SetStartTime(handle, channel, start_time);
   const int device = channel_device(handle, channel);
   if (device < 0) return -4;
@@ -334,7 +335,7 @@ int CAN_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
   return 0;
 }
 
-int CAN_GetMsgSendTimeUs(const CAN_MSG* msg, int32_t bitrate) {
+VARNEL_API int CAN_GetMsgSendTimeUs(const CAN_MSG* msg, int32_t bitrate) {
   if (!msg || bitrate <= 0) return 0;
   return int(frame_time_us(*msg, uint32_t(bitrate)));
 }

@@ -71,7 +71,7 @@ int read_classic(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capacity
 
 }  // namespace
 
-int CAN_GetMsg(DevHandle handle, uint8_t channel, CAN_MSG* out) {
+VARNEL_API int CAN_GetMsg(DevHandle handle, uint8_t channel, CAN_MSG* out) {
   return guarded(-4, [&] {
     if (!out) return -7;
     if (is_fd_adapter(handle)) return read_through_fd(handle, channel, out, kFdClassicRead);
@@ -79,7 +79,8 @@ int CAN_GetMsg(DevHandle handle, uint8_t channel, CAN_MSG* out) {
   });
 }
 
-int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* out, int32_t capacity) {
+VARNEL_API int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* out,
+                                  int32_t capacity) {
   return guarded(-4, [&] {
     if (!out || capacity < 0) return -7;
     channel &= 1;
@@ -88,7 +89,7 @@ int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* out, int32_t 
   });
 }
 
-int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
+VARNEL_API int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_ClearMsg(handle, channel);
     const int device = channel_device(handle, channel);
@@ -108,7 +109,7 @@ int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
+VARNEL_API int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_StartGetMsg(handle, channel);
     if (channel_device(handle, channel) < 0) return result::kReplyFailed;
@@ -117,7 +118,7 @@ int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CAN_StopGetMsg(DevHandle handle, uint8_t channel) {
+VARNEL_API int CAN_StopGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (is_fd_adapter(handle)) return CANFD_StopGetMsg(handle, channel);
     // a handle that is gone may still have a poller to stop

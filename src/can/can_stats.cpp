@@ -28,7 +28,8 @@ void derive_fd_error_flags(CAN_STATUS& status) {
 
 }  // namespace
 
-int VARNEL_CAN_GetReceiveStats(DevHandle handle, uint8_t channel, VARNEL_RECEIVE_STATS* stats) {
+VARNEL_API int VARNEL_CAN_GetReceiveStats(DevHandle handle, uint8_t channel,
+                                          VARNEL_RECEIVE_STATS* stats) {
   return guarded(result::kReplyFailed, [&] {
     if (!stats) return result::kBadArgument;
     const int device = channel_device(handle, channel);

@@ -82,13 +82,13 @@ int await_chunk(uint32_t handle, uint8_t channel, uint64_t start_ns, double limi
 
 }  // namespace
 
-int CANFD_GetCANSpeedArg(DevHandle handle, CANFD_INIT_CONFIG* config, uint32_t nominal,
-                         uint32_t data) {
+VARNEL_API int CANFD_GetCANSpeedArg(DevHandle handle, CANFD_INIT_CONFIG* config, uint32_t nominal,
+                                    uint32_t data) {
   if (!config) return -7;
   return fd_speed_arg(handle, nominal, data, *config);
 }
 
-int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
+VARNEL_API int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
   return guarded(-4, [&] {
     if (!config) return -7;
     const uint8_t ch = channel & 1;
@@ -112,8 +112,8 @@ int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
   });
 }
 
-int CANFD_Init2(DevHandle handle, uint8_t channel, uint32_t nominal, uint32_t data,
-                uint8_t device_option, uint8_t option) {
+VARNEL_API int CANFD_Init2(DevHandle handle, uint8_t channel, uint32_t nominal, uint32_t data,
+                           uint8_t device_option, uint8_t option) {
   CANFD_INIT_CONFIG config{};
   const int r = CANFD_GetCANSpeedArg(handle, &config, nominal, data);
   if (r != 0) return r;
@@ -122,8 +122,8 @@ int CANFD_Init2(DevHandle handle, uint8_t channel, uint32_t nominal, uint32_t da
   return CANFD_Init(handle, channel, &config);
 }
 
-int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count,
-                         uint32_t timeout_ms) {
+VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs,
+                                    uint32_t count, uint32_t timeout_ms) {
   return guarded(-4, [&] {
     const int device = channel_device(handle, channel);
     if (device < 0) return -4;
@@ -164,7 +164,7 @@ int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uin
   });
 }
 
-int CANFD_SendMsg(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count) {
+VARNEL_API int CANFD_SendMsg(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count) {
   uint64_t timeout = 1000;
   if (msgs)
     for (uint32_t i = 0; i < count; ++i) timeout += msgs[i].TimeStamp;
@@ -172,7 +172,8 @@ int CANFD_SendMsg(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t c
                               uint32_t(std::min<uint64_t>(timeout, UINT32_MAX)));
 }
 
-int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, uint32_t count) {
+VARNEL_API int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MSG* msgs,
+                                     uint32_t count) {
   return guarded(result::kReplyFailed, [&] {
     if (count == 0) return 0;
     if (!msgs) return result::kBadArgument;
@@ -206,7 +207,7 @@ int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MSG* msgs, ui
   });
 }
 
-int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capacity) {
+VARNEL_API int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capacity) {
   return guarded(-4, [&] {
     if (!out || capacity < 0) return -7;
     const int device = channel_device(handle, channel);
@@ -222,7 +223,7 @@ int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capa
   });
 }
 
-int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
+VARNEL_API int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     const int device = channel_device(handle, channel);
     if (device < 0) return -4;
@@ -236,7 +237,7 @@ int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
+VARNEL_API int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (channel_device(handle, channel) < 0) return result::kReplyFailed;
     DataLock lock(handle, channel);
@@ -244,7 +245,7 @@ int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
+VARNEL_API int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     // a handle that is gone may still have a poller to stop
     if (channel >= kChannels) return result::kReplyFailed;
@@ -252,7 +253,7 @@ int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CANFD_Stop(DevHandle handle, uint8_t channel) {
+VARNEL_API int CANFD_Stop(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     if (channel < kChannels) fd_pollers().stop(handle, channel);
     const int r = transact(handle, kFdStop, {&channel, 1}, {}).acknowledged();
@@ -262,13 +263,13 @@ int CANFD_Stop(DevHandle handle, uint8_t channel) {
   });
 }
 
-int64_t CANFD_GetStartTime(DevHandle handle, uint8_t channel) {
+VARNEL_API int64_t CANFD_GetStartTime(DevHandle handle, uint8_t channel) {
   const int device = channel_device(handle, channel);
   if (device < 0) return -4;
   return int64_t(fd_channel(device, channel).start_time.load());
 }
 
-int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
+VARNEL_API int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
   return guarded(-4, [&] {
     const int device = channel_device(handle, channel);
     if (device < 0) return -4;
@@ -277,7 +278,7 @@ int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
   });
 }
 
-int CANFD_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
+VARNEL_API int CANFD_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
   const int device = channel_device(handle, channel);
   if (device < 0) return -4;
   fd_channel(device, channel).start_time = start_time;

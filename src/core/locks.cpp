@@ -107,50 +107,50 @@ using varnel::lin_channel_registry;
 using varnel::pa_data_registry;
 using varnel::spi_slave_registry;
 
-void lock(uint32_t handle) {
+VARNEL_API void lock(uint32_t handle) {
   device_registry().acquire(handle, 0);
 }
-void unlock(uint32_t handle) {
+VARNEL_API void unlock(uint32_t handle) {
   device_registry().release(handle, 0);
 }
-void can_lock(uint32_t handle, uint32_t channel) {
+VARNEL_API void can_lock(uint32_t handle, uint32_t channel) {
   can_channel_registry().acquire(handle, channel);
 }
-void can_unlock(uint32_t handle, uint32_t channel) {
+VARNEL_API void can_unlock(uint32_t handle, uint32_t channel) {
   can_channel_registry().release(handle, channel);
 }
-void can_data_lock(uint32_t handle, uint32_t channel) {
+VARNEL_API void can_data_lock(uint32_t handle, uint32_t channel) {
   can_data_registry().acquire(handle, channel);
 }
-void can_data_unlock(uint32_t handle, uint32_t channel) {
+VARNEL_API void can_data_unlock(uint32_t handle, uint32_t channel) {
   can_data_registry().release(handle, channel);
 }
-void lin_lock(uint32_t handle, uint32_t channel) {
+VARNEL_API void lin_lock(uint32_t handle, uint32_t channel) {
   lin_channel_registry().acquire(handle, channel);
 }
-void lin_unlock(uint32_t handle, uint32_t channel) {
+VARNEL_API void lin_unlock(uint32_t handle, uint32_t channel) {
   lin_channel_registry().release(handle, channel);
 }
-void pa_data_lock(uint32_t handle) {
+VARNEL_API void pa_data_lock(uint32_t handle) {
   pa_data_registry().acquire(handle, 0);
 }
-void pa_data_unlock(uint32_t handle) {
+VARNEL_API void pa_data_unlock(uint32_t handle) {
   pa_data_registry().release(handle, 0);
 }
-void spi_slave_data_lock(uint32_t handle, uint32_t channel) {
+VARNEL_API void spi_slave_data_lock(uint32_t handle, uint32_t channel) {
   spi_slave_registry().acquire(handle, channel);
 }
-void spi_slave_data_unlock(uint32_t handle, uint32_t channel) {
+VARNEL_API void spi_slave_data_unlock(uint32_t handle, uint32_t channel) {
   spi_slave_registry().release(handle, channel);
 }
-void lock_all() {
+VARNEL_API void lock_all() {
   varnel::global_lock().lock();
 }
-void unlock_all() {
+VARNEL_API void unlock_all() {
   varnel::global_lock().unlock();
 }
 
-void lock_cleanup(uint32_t handle) {
+VARNEL_API void lock_cleanup(uint32_t handle) {
   device_registry().erase(handle, 0);
   can_channel_registry().erase(handle, 0);
   can_data_registry().erase(handle, 0);

@@ -538,11 +538,11 @@ bool reconnect_device(uint32_t handle) {
 
 using namespace varnel;
 
-int USB_ScanDevice(DevHandle* pDevHandle) {
+VARNEL_API int USB_ScanDevice(DevHandle* pDevHandle) {
   return varnel::guarded(LIBUSB_ERROR_OTHER, [&] { return scan_devices(pDevHandle); });
 }
 
-bool USB_OpenDevice(DevHandle handle) {
+VARNEL_API bool USB_OpenDevice(DevHandle handle) {
   return varnel::guarded(false, [&] {
     library_start();
     if (has_device(handle)) return open_entry(handle);
@@ -553,7 +553,7 @@ bool USB_OpenDevice(DevHandle handle) {
   });
 }
 
-bool USB_CloseDevice(DevHandle handle) {
+VARNEL_API bool USB_CloseDevice(DevHandle handle) {
   DeviceLockGuard guard(handle);  // waits for a transaction on another thread to finish
   EntryPtr entry = find_entry(handle);
   if (!state().usb_ready || !entry || !entry->device || !entry->device_handle) return false;
@@ -562,18 +562,18 @@ bool USB_CloseDevice(DevHandle handle) {
   return true;
 }
 
-bool USB_ResetDevice(DevHandle handle) {
+VARNEL_API bool USB_ResetDevice(DevHandle handle) {
   DeviceLockGuard guard(handle);
   return usb_control_out(handle, kRequestReset, kControlTimeoutMs) == 0;
 }
 
-bool USB_RetryConnect(DevHandle handle) {
+VARNEL_API bool USB_RetryConnect(DevHandle handle) {
   std::lock_guard scan_guard(global_lock());
   DeviceLockGuard guard(handle);
   return reconnect_device(handle);
 }
 
-bool USB_WaitResume(DevHandle handle, int TimeOutMs) {
+VARNEL_API bool USB_WaitResume(DevHandle handle, int TimeOutMs) {
   const uint64_t start = monotonic_ns();
   while (true) {
     {

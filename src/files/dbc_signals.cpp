@@ -113,7 +113,7 @@ int get_value(uint64_t handle, const char* message_name, const char* signal_name
 
 }  // namespace
 
-uint64_t DBC_ParserFile(DevHandle dev_handle, const char* file_name) {
+VARNEL_API uint64_t DBC_ParserFile(DevHandle dev_handle, const char* file_name) {
   return varnel::guarded(0, [&]() -> uint64_t {
     if (varnel::device_index(dev_handle) < 0 || !file_name) return 0;
     std::FILE* f = std::fopen(file_name, "rb");
@@ -123,30 +123,30 @@ uint64_t DBC_ParserFile(DevHandle dev_handle, const char* file_name) {
   });
 }
 
-uint64_t VARNEL_DbcLoadFile(const char* file_name) {
+VARNEL_API uint64_t VARNEL_DbcLoadFile(const char* file_name) {
   return varnel::guarded(0, [&] { return register_database(load_file(file_name)); });
 }
 
-int DBC_GetMsgQuantity(uint64_t dbc) {
+VARNEL_API int DBC_GetMsgQuantity(uint64_t dbc) {
   Database* db = database(dbc);
   return db ? int(db->messages.size()) : -4;
 }
 
-int DBC_GetMsgName(uint64_t dbc, int index, char* msg_name) {
+VARNEL_API int DBC_GetMsgName(uint64_t dbc, int index, char* msg_name) {
   Database* db = database(dbc);
   if (!db || !msg_name) return -4;
   if (index < 0 || size_t(index) >= db->messages.size()) return -5;
   return copy_text(db->messages[size_t(index)].name, msg_name);
 }
 
-int DBC_GetMsgNameByID(uint64_t dbc, uint32_t id, char* msg_name) {
+VARNEL_API int DBC_GetMsgNameByID(uint64_t dbc, uint32_t id, char* msg_name) {
   Database* db = database(dbc);
   if (!db || !msg_name) return -4;
   const Message* m = db->find_message_by_id29(id);
   return m ? copy_text(m->name, msg_name) : -5;
 }
 
-int DBC_GetMsgIDByName(uint64_t dbc, const char* msg_name) {
+VARNEL_API int DBC_GetMsgIDByName(uint64_t dbc, const char* msg_name) {
   Database* db = database(dbc);
   if (!db || !msg_name) return -4;
   const Message* m = db->find_message(msg_name);
@@ -154,14 +154,15 @@ int DBC_GetMsgIDByName(uint64_t dbc, const char* msg_name) {
   return m ? int(m->id) : -5;
 }
 
-int DBC_GetMsgSignalQuantity(uint64_t dbc, const char* msg_name) {
+VARNEL_API int DBC_GetMsgSignalQuantity(uint64_t dbc, const char* msg_name) {
   Database* db = database(dbc);
   if (!db) return -4;
   const Message* m = message_named(db, msg_name);
   return m ? int(m->signals.size()) : -7;
 }
 
-int DBC_GetMsgSignalName(uint64_t dbc, const char* msg_name, uint32_t index, char* signal_name) {
+VARNEL_API int DBC_GetMsgSignalName(uint64_t dbc, const char* msg_name, uint32_t index,
+                                    char* signal_name) {
   Database* db = database(dbc);
   if (!db || !signal_name) return -4;
   const Message* m = message_named(db, msg_name);
@@ -170,14 +171,15 @@ int DBC_GetMsgSignalName(uint64_t dbc, const char* msg_name, uint32_t index, cha
   return copy_text(m->signals[index].name, signal_name);
 }
 
-int DBC_GetMsgPublisher(uint64_t dbc, const char* msg_name, char* publisher) {
+VARNEL_API int DBC_GetMsgPublisher(uint64_t dbc, const char* msg_name, char* publisher) {
   Database* db = database(dbc);
   if (!db || !publisher) return -4;
   const Message* m = message_named(db, msg_name);
   return m ? copy_text(m->transmitter, publisher) : -7;
 }
 
-int DBC_SetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_name, double value) {
+VARNEL_API int DBC_SetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_name,
+                                  double value) {
   Database* db = database(dbc);
   if (!db) return -4;
   Message* m = message_named(db, msg_name);
@@ -191,7 +193,8 @@ int DBC_SetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_na
   return 0;
 }
 
-int DBC_GetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_name, double* value) {
+VARNEL_API int DBC_GetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_name,
+                                  double* value) {
   double v = 0;
   const int ret = get_value(dbc, msg_name, signal_name, &v);
   if (ret != 0) return ret;
@@ -200,8 +203,8 @@ int DBC_GetSignalValue(uint64_t dbc, const char* msg_name, const char* signal_na
   return 0;
 }
 
-int DBC_GetSignalValueStr(uint64_t dbc, const char* msg_name, const char* signal_name,
-                          char* value_str) {
+VARNEL_API int DBC_GetSignalValueStr(uint64_t dbc, const char* msg_name, const char* signal_name,
+                                     char* value_str) {
   return varnel::guarded(-4, [&] {
     double v = 0;
     const int ret = get_value(dbc, msg_name, signal_name, &v);
@@ -217,7 +220,7 @@ int DBC_GetSignalValueStr(uint64_t dbc, const char* msg_name, const char* signal
   });
 }
 
-int DBC_SyncCANMsgToValue(uint64_t dbc, const CAN_MSG* msgs, int count) {
+VARNEL_API int DBC_SyncCANMsgToValue(uint64_t dbc, const CAN_MSG* msgs, int count) {
   Database* db = database(dbc);
   if (!db) return -4;
   if (count < 1) return 0;
@@ -233,7 +236,7 @@ int DBC_SyncCANMsgToValue(uint64_t dbc, const CAN_MSG* msgs, int count) {
   return 0;
 }
 
-int DBC_SyncCANFDMsgToValue(uint64_t dbc, const CANFD_MSG* msgs, int count) {
+VARNEL_API int DBC_SyncCANFDMsgToValue(uint64_t dbc, const CANFD_MSG* msgs, int count) {
   Database* db = database(dbc);
   if (!db) return -4;
   if (count < 1) return 0;
@@ -248,7 +251,7 @@ int DBC_SyncCANFDMsgToValue(uint64_t dbc, const CANFD_MSG* msgs, int count) {
   return 0;
 }
 
-int DBC_SyncValueToCANMsg(uint64_t dbc, const char* msg_name, CAN_MSG* msg) {
+VARNEL_API int DBC_SyncValueToCANMsg(uint64_t dbc, const char* msg_name, CAN_MSG* msg) {
   Database* db = database(dbc);
   if (!db) return -4;
   const Message* m = message_named(db, msg_name);
@@ -265,7 +268,7 @@ int DBC_SyncValueToCANMsg(uint64_t dbc, const char* msg_name, CAN_MSG* msg) {
   return 0;
 }
 
-int DBC_SyncValueToCANFDMsg(uint64_t dbc, const char* msg_name, CANFD_MSG* msg) {
+VARNEL_API int DBC_SyncValueToCANFDMsg(uint64_t dbc, const char* msg_name, CANFD_MSG* msg) {
   Database* db = database(dbc);
   if (!db) return -4;
   const Message* m = message_named(db, msg_name);
@@ -280,8 +283,8 @@ int DBC_SyncValueToCANFDMsg(uint64_t dbc, const char* msg_name, CANFD_MSG* msg) 
   return 0;
 }
 
-int VARNEL_DbcFormatFrame(uint64_t dbc, uint32_t id, const uint8_t* data, int length, char* text,
-                          int size) {
+VARNEL_API int VARNEL_DbcFormatFrame(uint64_t dbc, uint32_t id, const uint8_t* data, int length,
+                                     char* text, int size) {
   return varnel::guarded(-4, [&] {
     Database* db = database(dbc);
     if (!db) return -4;
@@ -296,7 +299,7 @@ int VARNEL_DbcFormatFrame(uint64_t dbc, uint32_t id, const uint8_t* data, int le
   });
 }
 
-int VARNEL_DbcDescribe(uint64_t dbc, char* text, int size) {
+VARNEL_API int VARNEL_DbcDescribe(uint64_t dbc, char* text, int size) {
   return varnel::guarded(-4, [&] {
     Database* db = database(dbc);
     if (!db) return -4;
