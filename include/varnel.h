@@ -495,4 +495,8 @@ VARNEL_API int GPIO_SendPulses(DevHandle DevHandle, uint32_t PinMask, uint32_t P
  * and VARNEL_NET_TCP_PORT are read. Always 0. */
 VARNEL_API int VARNEL_SetNetPorts(uint16_t DiscoveryPort, uint16_t TcpPort);
 
+/* The library's version, "MAJOR.MINOR.PATCH" (static text, never NULL). The shared library's
+ * SONAME carries the major number: libvarnel.so.0. */
+VARNEL_API const char* VARNEL_GetVersion(void);
+
 #endif /* VARNEL_H */

@@ -1,13 +1,24 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the oracles need, when they are missing.
+# Installs the Debian packages that are missing for the given groups (default: build):
+#   build  the library, the tool and the virtual adapter
+#   test   the test suite, the sanitizer and fuzz builds, the benchmarks and the oracles
 set -euo pipefail
 
-packages=(
-  cmake ninja-build g++ libtsan2 pkg-config clang libclang-rt-14-dev
-  libusb-1.0-0-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+build_packages=(cmake ninja-build g++ pkg-config libusb-1.0-0-dev libcli11-dev)
+test_packages=(
+  libgtest-dev libgmock-dev libbenchmark-dev libtsan2 clang libclang-rt-14-dev
   python3 python3-can python3-canmatrix python3-pip python3-setuptools binutils srecord iproute2
   umockdev libumockdev-dev
 )
+
+packages=()
+for group in "${@:-build}"; do
+  case "$group" in
+    build) packages+=("${build_packages[@]}") ;;
+    test) packages+=("${test_packages[@]}") ;;
+    *) echo "setup: unknown group $group (build, test)" >&2 && exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
@@ -15,7 +26,9 @@ for p in "${packages[@]}"; do
 done
 
 # npm fetches the second DBC oracle; a machine may have Node.js from elsewhere already.
-command -v npm >/dev/null 2>&1 || missing+=(nodejs npm)
+if [[ " $* " == *" test "* ]]; then
+  command -v npm >/dev/null 2>&1 || missing+=(nodejs npm)
+fi
 
 if ((${#missing[@]})); then
   echo "setup: installing ${missing[*]}"

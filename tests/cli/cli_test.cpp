@@ -82,19 +82,22 @@ TEST(VarnelCli, BadArgumentsExitTwoWithUsage) {
   }
 }
 
-TEST(VarnelCli, WithoutAnAdapterFallsBackToTheVirtualOneAndSaysSo) {
-  // This machine has no USB adapter, so a plain scan must run on the virtual adapter.
-  ToolRun run = varnel("scan");
-  ASSERT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(run.out, golden("scan.txt"));
-  EXPECT_NE(run.err.find("no adapter found; running against the virtual adapter"),
-            std::string::npos)
-      << run.err;
+TEST(VarnelCli, WithoutAnAdapterFailsAndPointsAtTheUdevRules) {
+  // This machine has no USB adapter: nothing may quietly run on the virtual one instead.
+  for (const char* args : {"scan", "info 0x12345678", "can send 0x12345678:0 123#11",
+                           "gpio 0x12345678 read 0x1", "socketcand --port 0"}) {
+    ToolRun run = varnel(args);
+    EXPECT_EQ(run.exit_code, 1) << args;
+    EXPECT_EQ(run.out, "") << args;
+    EXPECT_EQ(run.err.rfind("varnel: no adapter found on USB\n", 0), 0u) << args << run.err;
+    EXPECT_NE(run.err.find("60-varnel.rules in /etc/udev/rules.d"), std::string::npos) << run.err;
+  }
 }
 
 TEST(VarnelCli, DemoPassesEveryStep) {
   ToolRun run = varnel("demo");
   EXPECT_EQ(run.exit_code, 0) << run.out << run.err;
+  EXPECT_EQ(run.out.rfind("varnel demo: the library at work against the virtual adapter\n", 0), 0u);
   std::smatch summary;
   ASSERT_TRUE(
       std::regex_search(run.out, summary, std::regex("\ndemo: (\\d+)/(\\d+) steps passed\n$")))

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "command_group.h"
+#include "varnel_version.h"
 
 namespace varnel_cli {
 
@@ -25,6 +26,7 @@ int& exit_code() {
 
 int main(int argc, char** argv) {
   CLI::App app{"varnel - multi-interface bus adapter tool"};
+  app.set_version_flag("--version", "varnel " VARNEL_VERSION_STRING);
   app.require_subcommand(1);
   for (auto adder : varnel_cli::command_groups()) adder(app);
   try {

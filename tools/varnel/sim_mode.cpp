@@ -80,13 +80,11 @@ void export_can_scene(const SimCanScene& scene) {
 
 bool reexecute_on_sim() {
   const std::string directory = usbsim_directory();
-  const std::string library = directory + "/libusb-1.0.so.0";
-  struct stat info {};
-  if (directory.empty() || stat(library.c_str(), &info) != 0) {
+  if (directory.empty()) {
     std::fprintf(stderr,
-                 "varnel: the virtual adapter is not available: %s not found (build the usbsim "
-                 "target)\n",
-                 library.c_str());
+                 "varnel: the virtual adapter is not available: no libusb-1.0.so.0 in ../usbsim "
+                 "nor in " VARNEL_USBSIM_FROM_BINDIR
+                 " beside the tool (build the usbsim target)\n");
     return false;
   }
   std::string path = directory;
@@ -129,8 +127,7 @@ CLI::Validator traffic_validator() {
 }
 
 void add_sim_flag(CLI::App& app) {
-  app.add_flag("--sim", sim_requested(),
-               "run against the virtual adapter (used anyway when no adapter is found)");
+  app.add_flag("--sim", sim_requested(), "run against the virtual adapter");
   auto* peer = app.add_option("--sim-can-peer", sim_can_scene().timing,
                               "bit timing of the acknowledging node on the virtual CAN bus "
                               "(default 500000/2000000; none: no node)")
@@ -165,18 +162,38 @@ void export_sim_can_scene() {
 }
 
 std::string usbsim_directory() {
-  return sibling_program("../usbsim");  // <build>/bin/varnel -> <build>/usbsim
+  // <build>/bin/varnel beside <build>/usbsim, or installed: <prefix>/bin and
+  // <prefix>/lib/varnel/usbsim
+  for (const char* relative : {"../usbsim", VARNEL_USBSIM_FROM_BINDIR}) {
+    const std::string directory = sibling_program(relative);
+    if (!directory.empty() && access((directory + "/libusb-1.0.so.0").c_str(), R_OK) == 0)
+      return directory;
+  }
+  return {};
+}
+
+// The installed rules beside the tool, else (run from a build tree) the source's copy.
+static std::string udev_rules_path() {
+  char resolved[PATH_MAX];
+  const std::string installed = sibling_program(VARNEL_UDEV_RULES_FROM_BINDIR);
+  if (!installed.empty() && realpath(installed.c_str(), resolved)) return resolved;
+  return VARNEL_SOURCE_UDEV_RULES;
 }
 
 bool prepare_adapters(bool always_sim) {
   if (running_on_sim()) return true;
+  if (always_sim || sim_requested()) return reexecute_on_sim();
   // with --net the adapters are on the network; USB is not looked at
-  if (!always_sim && !sim_requested() && !network_local_ip().empty()) return true;
-  if (!always_sim && !sim_requested()) {
-    if (USB_ScanDevice(nullptr) > 0) return true;
-    std::fprintf(stderr, "varnel: no adapter found; running against the virtual adapter (--sim)\n");
-  }
-  return reexecute_on_sim();
+  if (!network_local_ip().empty() || USB_ScanDevice(nullptr) > 0) return true;
+  // An adapter this user may not open is not listed either: libusb tells the two apart no further.
+  std::fprintf(stderr,
+               "varnel: no adapter found on USB\n"
+               "  An adapter that is plugged in is listed only if this user may open it: install\n"
+               "  the udev rules %s in /etc/udev/rules.d,\n"
+               "  run `udevadm control --reload && udevadm trigger` and plug it in again.\n"
+               "  `varnel --sim ...` runs on the virtual adapter instead.\n",
+               udev_rules_path().c_str());
+  return false;
 }
 
 VARNEL_COMMAND_GROUP(add_sim_flag)

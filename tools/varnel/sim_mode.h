@@ -1,6 +1,7 @@
-// Running the tool against the virtual adapter. With --sim, or when no adapter answers, the tool
-// runs itself again with the usbsim (built as libusb-1.0.so.0 next to bin/, in usbsim/) in front of
-// the real libusb, so libvarnel's own USB code talks to virtual adapters.
+// Running the tool against the virtual adapter. With --sim the tool runs itself again with the
+// usbsim (libusb-1.0.so.0 in usbsim/ beside bin/, or installed in lib/varnel/usbsim) in front of
+// the real libusb, so libvarnel's own USB code talks to virtual adapters. Without it a missing
+// adapter is an error: the tool never falls back to the virtual one unasked.
 #pragma once
 
 #include <string>
@@ -15,11 +16,12 @@ bool running_on_sim();
 
 // Makes sure adapters are reachable before a device command runs. Returns true to go on in this
 // process; re-executes the tool on the virtual adapter when --sim was given or `always_sim` is
-// set (the demo), or when no adapter was found (said on stderr). Returns false, having printed
-// why, when the virtual adapter cannot be started.
+// set (the demo). Returns false, having printed why (for USB with the udev rules hint), when no
+// adapter is found or the virtual adapter cannot be started.
 bool prepare_adapters(bool always_sim = false);
 
-// The directory holding the usbsim's libusb-1.0.so.0, found relative to the executable.
+// The directory holding the usbsim's libusb-1.0.so.0, found relative to the executable; empty
+// when there is none.
 std::string usbsim_directory();
 
 // The path of another program built beside this one (e.g. "varnel-sim").
