@@ -17,6 +17,8 @@ namespace {
 
 constexpr uint32_t kDiscoveryMagic = 0x12345678;
 constexpr size_t kStreamChunk = 64 * 1024;
+// The host takes a TCP reply whose payload exceeds 65,535 bytes for a broken stream.
+constexpr size_t kTcpReplyLimit = 65535;
 constexpr int kBindAttempts = 20;
 
 in_addr_t parse_address(const std::string& text) {
@@ -97,6 +99,7 @@ NetServer::NetServer(std::vector<std::shared_ptr<VirtualAdapter>> adapters, NetP
   for (size_t i = 0; i < adapters.size(); ++i) {
     auto slot = std::make_unique<Slot>();
     slot->adapter = std::move(adapters[i]);
+    slot->adapter->set_reply_limit(kTcpReplyLimit);
     slot->address = htonl(ntohl(first) + uint32_t(i));
     slots_.push_back(std::move(slot));
   }
@@ -232,6 +235,9 @@ void NetServer::accept_loop(Slot& slot) {
     ++accepted_;
     {
       std::lock_guard guard(slot.mutex);
+      // What was queued for the last connection (a reply still trickling out, a late one) is
+      // not sent down the new one: a peer that connects again starts a clean stream.
+      slot.adapter->reset();
       std::erase_if(slot.connections, [](auto& weak) { return weak.expired(); });
       slot.connections.push_back(connection);
       ++slot.readers;

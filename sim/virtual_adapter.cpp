@@ -119,6 +119,7 @@ void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) 
   using Kind = ReplyFault::Kind;
   auto ready_at = std::chrono::steady_clock::now();
   uint32_t announced = uint32_t(reply.payload.size());
+  std::chrono::milliseconds byte_gap{0};
   if (fault) {
     switch (fault->kind) {
       case Kind::kDrop:
@@ -137,11 +138,18 @@ void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) 
         // a negative length (as a signed header word) comes with no payload
         reply.payload.resize(int32_t(fault->value) > 0 ? fault->value : 0);
         break;
+      case Kind::kTrickle:
+        byte_gap = std::chrono::milliseconds(fault->value);
+        break;
     }
   }
   std::lock_guard guard(output_mutex_);
   segments_.push_back({header_bytes(reply.command, announced), 0, ready_at});
-  if (!reply.payload.empty()) segments_.push_back({std::move(reply.payload), 0, ready_at});
+  if (byte_gap.count() > 0) {  // a slow peer: one byte at a time
+    for (uint8_t byte : reply.payload) segments_.push_back({{byte}, 0, ready_at += byte_gap});
+  } else if (!reply.payload.empty()) {
+    segments_.push_back({std::move(reply.payload), 0, ready_at});
+  }
   output_ready_.notify_all();
 }
 

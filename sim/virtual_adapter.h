@@ -49,10 +49,11 @@ class DeviceClock {
 // What the next replies should do wrong. Each fault applies once, to the next reply produced (of
 // `command`, when that is not 0).
 struct ReplyFault {
-  enum class Kind { kDrop, kLate, kShort, kOtherCommand, kAnnounceLength };
+  enum class Kind { kDrop, kLate, kShort, kOtherCommand, kAnnounceLength, kTrickle };
   Kind kind = Kind::kDrop;
   uint32_t value = 0;  // late: delay in ms; short: bytes kept; other command: the code;
-                       // announce length: the length written in the header (payload padded)
+                       // announce length: the length written in the header (payload padded);
+                       // trickle: ms between the payload's bytes (the header comes at once)
   uint32_t command = 0;
 };
 
@@ -79,6 +80,11 @@ class VirtualAdapter {
 
   uint32_t handle() const { return handle_; }
   DeviceClock& clock() { return clock_; }
+  // The most payload one reply may carry on the carrier the adapter is reached by: the USB
+  // transport reads at most 0x80000 bytes, a TCP reply above 65,535 is a protocol error. Handlers
+  // that return a variable amount (received frames) give no more than this and keep the rest.
+  size_t reply_limit() const { return reply_limit_; }
+  void set_reply_limit(size_t bytes) { reply_limit_ = bytes; }
   FaultPlan& faults() { return faults_; }
 
   // Registers the handler for command codes first..last (later registrations win).
@@ -132,6 +138,7 @@ class VirtualAdapter {
   int read_impl(uint8_t* out, size_t max, std::chrono::milliseconds timeout, bool stream);
 
   const uint32_t handle_;
+  std::atomic<size_t> reply_limit_{0x80000};
   DeviceClock clock_;
   FaultPlan faults_;
 

@@ -110,7 +110,9 @@ std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request)
       return reply_with(command, {chunk.count, 0, chunk.sent, chunk.gave_up});
     }
     case 0x0C03: {  // fetch received frames
-      auto records = controller->take(model.fetch_limit[channel]);
+      // whole records only, as many as one reply on this carrier can carry
+      auto records =
+          controller->take(std::min(model.fetch_limit[channel], adapter.reply_limit() / kRecord));
       std::vector<uint8_t> out;
       out.reserve(records.size() * kRecord);
       auto bus = controller->bus();

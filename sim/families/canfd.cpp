@@ -165,8 +165,9 @@ std::optional<Packet> handle_canfd(VirtualAdapter& adapter, const Packet& reques
       auto bus = controller->bus();
       std::vector<uint8_t> out;
       size_t limit = model.fetch_limit[channel];
-      // records are at most 76 bytes: a fetch of `limit` records always fits the area
-      limit = std::min(limit, kFetchBytes / 76);
+      // records are at most 76 bytes: a fetch of `limit` records always fits the host's area
+      // and one reply on this carrier (the rest stays queued for the next fetch)
+      limit = std::min({limit, kFetchBytes / 76, adapter.reply_limit() / 76});
       for (auto& rx : controller->take(limit))
         append_device_record(out, rx, can_device_time_us(adapter, bus.get(), rx.bus_end_us));
       return reply_with(command, std::move(out));

@@ -15,6 +15,7 @@
 #include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/net.h"
+#include "core/transport.h"
 #include "varnel.h"
 
 namespace varnel {
@@ -71,7 +72,9 @@ void collect_replies(int fd, uint64_t until_ns) {
         ::recvfrom(fd, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr*>(&from), &from_len);
     if (n < 0) return;  // ends this listening period early
     uint32_t handle = 0;
-    if (net_parse_discovery_reply(datagram, long(n), &handle))
+    // An answer naming a handle that is not a network adapter's (a foreign device on the port,
+    // a reply mangled on the way) would otherwise become an entry every call on it waits 3 s for.
+    if (net_parse_discovery_reply(datagram, long(n), &handle) && is_network_handle(handle))
       net_table_seen(handle, from.sin_addr.s_addr);
   }
 }

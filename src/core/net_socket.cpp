@@ -47,17 +47,9 @@ class Socket {
     return now - last_use_ns_.exchange(now, std::memory_order_relaxed) > kIdleCheckNs;
   }
   void touch() { last_use_ns_.store(monotonic_ns(), std::memory_order_relaxed); }
-  // The receive time-out is set only when a reply wants another one than the last.
-  void set_receive_timeout(int ms) {
-    if (ms == receive_timeout_ms_) return;
-    timeval tv{ms / 1000, (ms % 1000) * 1000};
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    receive_timeout_ms_ = ms;
-  }
 
  private:
   int fd_;
-  int receive_timeout_ms_ = kSocketTimeoutMs;
   std::atomic<uint64_t> last_use_ns_{0};
 };
 using SocketPtr = std::shared_ptr<Socket>;
@@ -150,19 +142,35 @@ bool stream_usable(int fd) {
   }
 }
 
-// Reads exactly size bytes (into scratch when out is null). False when the peer closed or a
-// receive failed.
-bool receive_exact(int fd, uint8_t* out, int32_t size) {
+// Reads up to size bytes (into scratch when out is null), waiting for each piece only until the
+// deadline: a peer that trickles its reply a byte at a time cannot hold the call, and the
+// adapter's lock with it, for longer than the deadline allows. The bytes read, or -1 when the
+// peer closed the connection or a receive failed.
+int32_t receive_by(int fd, uint8_t* out, int32_t size, uint64_t deadline_ns) {
   uint8_t scratch[4096];
   int32_t done = 0;
   while (done < size) {
+    const uint64_t now = monotonic_ns();
+    if (now >= deadline_ns) break;
+    pollfd p{fd, POLLIN, 0};
+    const int ready = ::poll(&p, 1, int((deadline_ns - now + 999'999) / 1'000'000));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) break;
     uint8_t* target = out ? out + done : scratch;
     size_t want = out ? size_t(size - done) : std::min<size_t>(sizeof scratch, size_t(size - done));
-    ssize_t n = ::recv(fd, target, want, 0);
-    if (n <= 0) return false;
+    ssize_t n = ::recv(fd, target, want, MSG_DONTWAIT);
+    if (n == 0) return -1;
+    if (n < 0) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+      return -1;
+    }
     done += int32_t(n);
   }
-  return true;
+  return done;
+}
+
+bool receive_exact(int fd, uint8_t* out, int32_t size, uint64_t deadline_ns) {
+  return receive_by(fd, out, size, deadline_ns) == size;
 }
 
 void busy_wait_ms(int ms) {
@@ -265,14 +273,18 @@ int net_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
     if (!socket) return -1;
   }
   const int fd = socket->fd();
-  socket->set_receive_timeout(std::max(timeout_ms, kSocketTimeoutMs));
+  // The whole reply has one deadline: the header's wait, the one further wait it gets after a
+  // 20 ms pause, and no more for the payload, however its bytes are spread out.
+  const uint64_t wait_ns = uint64_t(std::max(timeout_ms, kSocketTimeoutMs)) * 1'000'000;
+  const uint64_t start = monotonic_ns();
+  const uint64_t deadline = start + 2 * wait_ns + uint64_t(kHeaderRetryMs) * 1'000'000;
 
   uint8_t header[8];
-  ssize_t got = ::recv(fd, header, sizeof header, MSG_WAITALL);
-  if (got < 0) {
-    // one more try after a short pause: an interrupted receive is not yet a lost reply
+  int32_t got = receive_by(fd, header, sizeof header, start + wait_ns);
+  if (got == 0) {
+    // one more try after a short pause: a receive that timed out is not yet a lost reply
     busy_wait_ms(kHeaderRetryMs);
-    got = ::recv(fd, header, sizeof header, MSG_WAITALL);
+    got = receive_by(fd, header, sizeof header, deadline);
   }
   if (got != 8) {
     reply.payload = nullptr;
@@ -289,12 +301,12 @@ int net_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
 
   if (!reply.payload || reply.command != expected) {
     // drained so the stream stays in step with the packet boundaries
-    if (!receive_exact(fd, nullptr, reply.length)) disconnect_socket(handle, socket);
+    if (!receive_exact(fd, nullptr, reply.length, deadline)) disconnect_socket(handle, socket);
     return -3;
   }
   const int32_t stored = std::min(reply.length, std::max<int32_t>(reply.capacity, 0));
-  if (!receive_exact(fd, reply.payload, stored) ||
-      !receive_exact(fd, nullptr, reply.length - stored)) {
+  if (!receive_exact(fd, reply.payload, stored, deadline) ||
+      !receive_exact(fd, nullptr, reply.length - stored, deadline)) {
     disconnect_socket(handle, socket);
     return -3;
   }

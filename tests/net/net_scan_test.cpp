@@ -251,3 +251,17 @@ TEST_F(NetScan, ScanLastsItsClampedTimeOut) {
   // a probe goes out every half second
   EXPECT_GE(responder.probes(), 15);
 }
+
+// Only network handles (top byte 0x55 or 0x56, bit 0 clear) become entries: a foreign device
+// answering on the port would otherwise leave entries that every call waits 3 s on.
+TEST_F(NetScan, AnswersNamingOtherThanANetworkHandleAreIgnored) {
+  const uint32_t answers[] = {0x12345678, 0,          0xFFFFFFFF, 0x55000010,
+                              0x55000011, 0xFF000003, 0x56000020};
+  std::vector<Datagram> replies;
+  for (uint32_t handle : answers) replies.push_back({"127.0.1.1", reply_be(handle)});
+  Responder responder(replies);
+  uint32_t handles[VARNEL_MAX_DEVICES] = {};
+  ASSERT_EQ(NET_ScanDevice("127.0.0.1", handles, 200), 2);
+  EXPECT_EQ(handles[0], 0x55000010u);
+  EXPECT_EQ(handles[1], 0x56000020u);
+}

@@ -11,6 +11,7 @@
 #include "core/transaction.h"
 #include "core/transport.h"
 #include "net_support.h"
+#include "sim/families/can.h"
 #include "sim/families/device.h"
 
 using net_support::Daemon;
@@ -260,4 +261,48 @@ TEST_F(NetTransport, ScanWhileTransactingFromTwoThreadsDisturbsNothing) {
   done = true;
   scanner.join();
   EXPECT_EQ(failures, 0);
+}
+
+// More frames than one TCP reply can carry (5,000 64-byte CAN FD frames) come over several
+// fetches: none lost, and the receive poller keeps running.
+TEST_F(NetTransport, BurstLargerThanOneReplyArrivesWhole) {
+  auto daemon = start();
+  ASSERT_EQ(CANFD_Init2(kHandle, 0, 500000, 2000000, 0, 1), 0);
+  auto controller = sim::can_controller(*daemon->adapters[0], 0);
+  sim::CanFrame frame{.extended = true, .fd = true, .brs = true, .len = 64};
+  constexpr uint32_t kFrames = 5000;
+  for (uint32_t i = 0; i < kFrames; ++i) {
+    frame.id = i;
+    ASSERT_TRUE(controller->deliver(frame, i, controller->timing()));
+  }
+  ASSERT_EQ(CANFD_StartGetMsg(kHandle, 0), 0);
+  std::vector<CANFD_MSG> got(kFrames);
+  size_t n = 0;
+  for (int wait = 0; wait < 500 && n < kFrames; ++wait) {
+    const int r = CANFD_GetMsg(kHandle, 0, got.data() + n, int(kFrames - n));
+    if (r > 0)
+      n += size_t(r);
+    else
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(n, kFrames);
+  for (uint32_t i = 0; i < kFrames; ++i) ASSERT_EQ(got[i].Id & 0x1FFFFFFF, i);
+  VARNEL_RECEIVE_STATS stats{};
+  ASSERT_EQ(VARNEL_CAN_GetReceiveStats(kHandle, 0, &stats), 0);
+  EXPECT_EQ(stats.PollerRunning, 1);
+  EXPECT_EQ(CANFD_StopGetMsg(kHandle, 0), 0);
+}
+
+// A peer that sends the header at once and then one payload byte every 5 ms (2,000 bytes: 10 s)
+// cannot hold the call: the whole reply has a deadline of twice the 3 s time-out and the 20 ms
+// pause. The call fails and the next one reconnects.
+TEST_F(NetTransport, TrickledReplyFailsAtTheReplyDeadline) {
+  auto daemon = start();
+  daemon->adapters[0]->faults().next_reply({ReplyFault::Kind::kTrickle, 5});
+  std::vector<uint8_t> data(2000);
+  const auto start_time = std::chrono::steady_clock::now();
+  EXPECT_FALSE(DEV_ReadUserData(kHandle, 0, data.data(), uint32_t(data.size())));
+  EXPECT_LT(std::chrono::steady_clock::now() - start_time, std::chrono::milliseconds(8000));
+  EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
+  EXPECT_EQ(daemon->server->connections_accepted(), 2u);
 }
