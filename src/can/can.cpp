@@ -8,6 +8,7 @@
 #include "can/can_internal.h"
 #include "core/bytes.h"
 #include "core/clock.h"
+#include "core/result_codes.h"
 #include "core/transaction.h"
 
 using namespace varnel;
@@ -98,8 +99,8 @@ int send_in_chunks(uint32_t handle, uint8_t channel, uint32_t command, uint32_t 
     const auto r =
         send_transaction(handle, command, {payload.data(), 1 + n * sizeof(CAN_MSG)}, reply,
                          send_lock(channel, int(kDefaultTimeoutMs + busy_us / 1000)));
-    if (r.send_result != 0) return -2;
-    if (r.read_result != 0 || r.reply_length != 4) return -4;
+    if (r.send_result != 0) return result::kWriteFailed;
+    if (r.read_result != 0 || r.reply_length != 4) return result::kReplyFailed;
     total += int(get_be32(reply));
     at += uint32_t(n);
   }
@@ -108,7 +109,7 @@ int send_in_chunks(uint32_t handle, uint8_t channel, uint32_t command, uint32_t 
 
 int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kFailed;
   const uint32_t bitrate = classic_channel(device, channel).bitrate;
   return send_in_chunks(handle, channel, kCanSend, count, [&](uint32_t at, size_t n, uint8_t* out) {
     return prepare_chunk(msgs + at, n, channel, bitrate, out);
@@ -116,7 +117,7 @@ int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count
 }
 
 int send_timed_classic(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, uint32_t count) {
-  if (channel_device(handle, channel) < 0) return -4;
+  if (channel_device(handle, channel) < 0) return result::kFailed;
   return send_in_chunks(handle, channel, kCanSendTimed, count,
                         [&](uint32_t at, size_t n, uint8_t* out) {
                           uint64_t gaps_us = 0;
@@ -134,7 +135,7 @@ int send_timed_classic(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, ui
 
 int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kFailed;
   const uint32_t bitrate = classic_channel(device, channel).bitrate;
   thread_local std::vector<uint8_t> payload(12 + kSynchChunk * sizeof(CAN_MSG));
   int total = 0;
@@ -150,15 +151,15 @@ int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t
     uint8_t accepted[4] = {};
     const auto r = send_transaction(handle, kCanSendSynch,
                                     {payload.data(), 12 + n * sizeof(CAN_MSG)}, accepted, options);
-    if (r.send_result != 0) return -2;
-    if (r.read_result != 0) return -4;
+    if (r.send_result != 0) return result::kWriteFailed;
+    if (r.read_result != 0) return result::kReplyFailed;
     const uint64_t start = monotonic_ns();
     if (us > 5000) busy_wait_us(us);
     uint8_t state[4] = {};
     for (;;) {
       const auto poll = transact(handle, kCanSynchPoll, {&channel, 1}, state);
-      if (poll.send_result != 0) return -2;
-      if (poll.read_result != 0 || poll.reply_length != 4) return -4;
+      if (poll.send_result != 0) return result::kWriteFailed;
+      if (poll.read_result != 0 || poll.reply_length != 4) return result::kReplyFailed;
       if (state[3] != 0) return state[2];  // the device gave up on this chunk
       if (state[2] >= state[0] || elapsed_ms_since(start) >= kDefaultTimeoutMs + us / 1000.0) break;
     }
@@ -202,13 +203,13 @@ uint8_t quanta_register(uint8_t quanta) {
 }  // namespace
 
 VARNEL_API int CAN_GetCANSpeedArg(DevHandle handle, CAN_INIT_CONFIG* config, uint32_t bitrate) {
-  if (!config) return -7;
+  if (!config) return result::kBadArgument;
   return classic_speed_arg(handle, bitrate, *config);
 }
 
 VARNEL_API int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* config) {
-  return guarded(-4, [&] {
-    if (!config) return -7;
+  return guarded(result::kFailed, [&] {
+    if (!config) return result::kBadArgument;
     if (is_fd_adapter(handle)) return init_through_fd(handle, channel, *config);
     const uint8_t ch = channel & 1;
     const int device = device_index(handle);
@@ -246,9 +247,9 @@ VARNEL_API int CAN_Init2(DevHandle handle, uint8_t channel, uint32_t bitrate) {
 }
 
 VARNEL_API int CAN_SendMsg(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (count == 0) return 0;
-    if (!msgs) return -7;
+    if (!msgs) return result::kBadArgument;
     if (is_fd_adapter(handle)) return send_through_fd(handle, channel, msgs, count);
     return send_classic(handle, channel, msgs, count);
   });
@@ -256,31 +257,31 @@ VARNEL_API int CAN_SendMsg(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uin
 
 VARNEL_API int CAN_SendMsgWithTime(DevHandle handle, uint8_t channel, CAN_MSG* msgs,
                                    uint32_t count) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (count == 0) return 0;
-    if (!msgs) return -7;
+    if (!msgs) return result::kBadArgument;
     if (is_fd_adapter(handle)) return send_timed_through_fd(handle, channel, msgs, count);
     return send_timed_classic(handle, channel, msgs, count);
   });
 }
 
 VARNEL_API int CAN_SendMsgSynch(DevHandle handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (count == 0) return 0;
-    if (!msgs) return -7;
+    if (!msgs) return result::kBadArgument;
     if (is_fd_adapter(handle)) return send_through_fd(handle, channel, msgs, count);
     return send_synch_classic(handle, channel, msgs, count);
   });
 }
 
 VARNEL_API int CAN_GetStatus(DevHandle handle, uint8_t channel, CAN_STATUS* status) {
-  return guarded(-4, [&] {
-    if (!status) return -7;
+  return guarded(result::kFailed, [&] {
+    if (!status) return result::kBadArgument;
     if (is_fd_adapter(handle)) {
       uint8_t reply[4] = {};
       const auto r = transact(handle, kFdStatus, {&channel, 1}, reply);
-      if (r.send_result != 0) return -2;
-      if (r.read_result != 0 || r.reply_length != 4) return -4;
+      if (r.send_result != 0) return result::kWriteFailed;
+      if (r.read_result != 0 || r.reply_length != 4) return result::kReplyFailed;
       status->RxErrorCounter = reply[1];
       status->TxErrorCounter = reply[0];
       return 0;
@@ -300,7 +301,7 @@ VARNEL_API int CAN_GetStatus(DevHandle handle, uint8_t channel, CAN_STATUS* stat
 }
 
 VARNEL_API int CAN_Stop(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_Stop(handle, channel);
     if (channel < kChannels) classic_pollers().stop(handle, channel);
     const int r = transact(handle, kCanStop, {&channel, 1}, {}).acknowledged();
@@ -313,15 +314,15 @@ VARNEL_API int CAN_Stop(DevHandle handle, uint8_t channel) {
 VARNEL_API int64_t CAN_GetStartTime(DevHandle handle, uint8_t channel) {
   if (is_fd_adapter(handle)) return CANFD_GetStartTime(handle, channel);
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kFailed;
   return int64_t(classic_channel(device, channel).start_time.load());
 }
 
 VARNEL_API int CAN_ResetStartTime(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_ResetStartTime(handle, channel);
     const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (device < 0) return result::kFailed;
     classic_channel(device, channel).start_time = read_start_time(handle);
     return 0;
   });
@@ -330,7 +331,7 @@ VARNEL_API int CAN_ResetStartTime(DevHandle handle, uint8_t channel) {
 VARNEL_API int CAN_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
   if (is_fd_adapter(handle)) return CANFD_SetStartTime(handle, channel, start_time);
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kFailed;
   classic_channel(device, channel).start_time = start_time;
   return 0;
 }

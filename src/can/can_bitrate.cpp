@@ -6,6 +6,8 @@
 #include <cstring>
 #include <span>
 
+#include "core/result_codes.h"
+
 namespace varnel::can {
 namespace {
 
@@ -103,7 +105,7 @@ FdTables fd_tables(uint32_t handle) {
 
 int classic_speed_arg(uint32_t handle, uint32_t bitrate, CAN_INIT_CONFIG& out) {
   const Row* row = find(classic_table(handle), bitrate);
-  if (!row) return -4;
+  if (!row) return result::kFailed;
   out.Prescaler = row->prescaler;
   out.Sjw = row->sjw;
   out.Bs1 = row->bs1;
@@ -117,11 +119,11 @@ int classic_speed_arg(uint32_t handle, uint32_t bitrate, CAN_INIT_CONFIG& out) {
 int fd_speed_arg(uint32_t handle, uint32_t nominal, uint32_t data, CANFD_INIT_CONFIG& out) {
   const FdTables tables = fd_tables(handle);
   const Row* row = find(tables.nominal, nominal);
-  if (!row) return -4;
+  if (!row) return result::kFailed;
   const Row* data_row = nullptr;
   if (tables.data) {
     data_row = find(tables.data, data);
-    if (!data_row) return -4;
+    if (!data_row) return result::kFailed;
   }
   std::memset(&out, 0, sizeof out);
   out.Option = 1;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "can/can_internal.h"
+#include "core/result_codes.h"
 #include "core/transaction.h"
 
 using namespace varnel;
@@ -72,8 +73,8 @@ int read_classic(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capacity
 }  // namespace
 
 VARNEL_API int CAN_GetMsg(DevHandle handle, uint8_t channel, CAN_MSG* out) {
-  return guarded(-4, [&] {
-    if (!out) return -7;
+  return guarded(result::kFailed, [&] {
+    if (!out) return result::kBadArgument;
     if (is_fd_adapter(handle)) return read_through_fd(handle, channel, out, kFdClassicRead);
     return read_classic(handle, channel, out, kQueueLimit, false);
   });
@@ -81,8 +82,8 @@ VARNEL_API int CAN_GetMsg(DevHandle handle, uint8_t channel, CAN_MSG* out) {
 
 VARNEL_API int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* out,
                                   int32_t capacity) {
-  return guarded(-4, [&] {
-    if (!out || capacity < 0) return -7;
+  return guarded(result::kFailed, [&] {
+    if (!out || capacity < 0) return result::kBadArgument;
     channel &= 1;
     if (is_fd_adapter(handle)) return read_through_fd(handle, channel, out, size_t(capacity));
     return read_classic(handle, channel, out, size_t(capacity), true);
@@ -90,10 +91,10 @@ VARNEL_API int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* ou
 }
 
 VARNEL_API int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_ClearMsg(handle, channel);
     const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (device < 0) return result::kFailed;
     ClassicChannel& state = classic_channel(device, channel);
     {
       DataLock lock(handle, channel);
@@ -110,7 +111,7 @@ VARNEL_API int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
 }
 
 VARNEL_API int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_StartGetMsg(handle, channel);
     if (channel_device(handle, channel) < 0) return result::kReplyFailed;
     DataLock lock(handle, channel);
@@ -119,7 +120,7 @@ VARNEL_API int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
 }
 
 VARNEL_API int CAN_StopGetMsg(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_StopGetMsg(handle, channel);
     // a handle that is gone may still have a poller to stop
     if (channel >= kChannels) return result::kReplyFailed;

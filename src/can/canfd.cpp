@@ -8,6 +8,7 @@
 #include "can/can_internal.h"
 #include "core/bytes.h"
 #include "core/clock.h"
+#include "core/result_codes.h"
 #include "core/transaction.h"
 
 using namespace varnel;
@@ -67,16 +68,16 @@ int await_chunk(uint32_t handle, uint8_t channel, uint64_t start_ns, double limi
   uint8_t state[4] = {};
   for (;;) {
     const auto r = transact(handle, kFdSendPoll, {&channel, 1}, state);
-    if (r.send_result != 0) return -2;
-    if (r.read_result != 0 || r.reply_length != 4) return -4;
+    if (r.send_result != 0) return result::kWriteFailed;
+    if (r.read_result != 0 || r.reply_length != 4) return result::kReplyFailed;
     if (state[3] != 0 || state[2] >= state[0]) return state[2];
     if (elapsed_ms_since(start_ns) >= limit_ms) break;
   }
   expired = true;
   thread_local std::vector<uint8_t> confirmed(kFdChunk * 12);
   const auto r = transact(handle, kFdSendAbort, {&channel, 1}, confirmed);
-  if (r.send_result != 0) return -2;
-  if (r.read_result != 0) return -4;
+  if (r.send_result != 0) return result::kWriteFailed;
+  if (r.read_result != 0) return result::kReplyFailed;
   return r.reply_length / 12;
 }
 
@@ -84,13 +85,13 @@ int await_chunk(uint32_t handle, uint8_t channel, uint64_t start_ns, double limi
 
 VARNEL_API int CANFD_GetCANSpeedArg(DevHandle handle, CANFD_INIT_CONFIG* config, uint32_t nominal,
                                     uint32_t data) {
-  if (!config) return -7;
+  if (!config) return result::kBadArgument;
   return fd_speed_arg(handle, nominal, data, *config);
 }
 
 VARNEL_API int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* config) {
-  return guarded(-4, [&] {
-    if (!config) return -7;
+  return guarded(result::kFailed, [&] {
+    if (!config) return result::kBadArgument;
     const uint8_t ch = channel & 1;
     uint8_t payload[1 + sizeof(CANFD_INIT_CONFIG)];
     payload[0] = ch;
@@ -124,12 +125,12 @@ VARNEL_API int CANFD_Init2(DevHandle handle, uint8_t channel, uint32_t nominal, 
 
 VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs,
                                     uint32_t count, uint32_t timeout_ms) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (device < 0) return result::kFailed;
     const FdRates rates = fd_rates(handle, device, channel);
     if (count == 0) return 0;
-    if (!msgs) return -7;
+    if (!msgs) return result::kBadArgument;
     thread_local std::vector<uint8_t> payload(1 + kFdChunk * sizeof(CANFD_MSG));
     int sent = 0;
     for (uint32_t at = 0; at < count;) {
@@ -149,8 +150,8 @@ VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG
       uint8_t accepted[4] = {};
       const uint64_t start = monotonic_ns();
       const auto r = send_transaction(handle, kFdSend, {payload.data(), size}, accepted, options);
-      if (r.send_result != 0) return -2;
-      if (r.read_result != 0) return -4;
+      if (r.send_result != 0) return result::kWriteFailed;
+      if (r.read_result != 0) return result::kReplyFailed;
       if (us > 1000) busy_wait_us(us);
       bool expired = false;
       const int done = await_chunk(handle, channel, start,
@@ -208,8 +209,8 @@ VARNEL_API int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MS
 }
 
 VARNEL_API int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capacity) {
-  return guarded(-4, [&] {
-    if (!out || capacity < 0) return -7;
+  return guarded(result::kFailed, [&] {
+    if (!out || capacity < 0) return result::kBadArgument;
     const int device = channel_device(handle, channel);
     if (device < 0) return result::kReplyFailed;
     FdChannel& state = fd_channel(device, channel);
@@ -224,9 +225,9 @@ VARNEL_API int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, i
 }
 
 VARNEL_API int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (device < 0) return result::kFailed;
     FdChannel& state = fd_channel(device, channel);
     // pull first, so frames waiting in the device are dropped with the queue
     if (!fd_pollers().polled(handle, channel)) fd_poller_step(handle, channel);
@@ -238,7 +239,7 @@ VARNEL_API int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
 }
 
 VARNEL_API int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (channel_device(handle, channel) < 0) return result::kReplyFailed;
     DataLock lock(handle, channel);
     return fd_pollers().start(handle, channel);
@@ -246,7 +247,7 @@ VARNEL_API int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
 }
 
 VARNEL_API int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     // a handle that is gone may still have a poller to stop
     if (channel >= kChannels) return result::kReplyFailed;
     return fd_pollers().stop(handle, channel) ? result::kOk : result::kReplyFailed;
@@ -254,7 +255,7 @@ VARNEL_API int CANFD_StopGetMsg(DevHandle handle, uint8_t channel) {
 }
 
 VARNEL_API int CANFD_Stop(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     if (channel < kChannels) fd_pollers().stop(handle, channel);
     const int r = transact(handle, kFdStop, {&channel, 1}, {}).acknowledged();
     if (r != 0) return r;
@@ -265,14 +266,14 @@ VARNEL_API int CANFD_Stop(DevHandle handle, uint8_t channel) {
 
 VARNEL_API int64_t CANFD_GetStartTime(DevHandle handle, uint8_t channel) {
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kFailed;
   return int64_t(fd_channel(device, channel).start_time.load());
 }
 
 VARNEL_API int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
-  return guarded(-4, [&] {
+  return guarded(result::kFailed, [&] {
     const int device = channel_device(handle, channel);
-    if (device < 0) return -4;
+    if (device < 0) return result::kFailed;
     fd_channel(device, channel).start_time = read_start_time(handle);
     return 0;
   });
@@ -280,7 +281,7 @@ VARNEL_API int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
 
 VARNEL_API int CANFD_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
   const int device = channel_device(handle, channel);
-  if (device < 0) return -4;
+  if (device < 0) return result::kFailed;
   fd_channel(device, channel).start_time = start_time;
   return 0;
 }

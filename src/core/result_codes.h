@@ -15,6 +15,9 @@ inline constexpr int kReplyMissing = -3;
 // Family level: the reply could not be read, had the wrong length or reported a failure.
 // (The transport's send uses the same value when the packet buffer cannot be allocated.)
 inline constexpr int kReplyFailed = -4;
+// The same code as the families' catch-all: an unknown handle or channel, or any other failure
+// the call has no code of its own for.
+inline constexpr int kFailed = -4;
 inline constexpr int kNoMemory = -4;
 inline constexpr int kNotInitialised = -5;
 inline constexpr int kBadArgument = -7;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 
+#include "core/result_codes.h"
 #include "core/transport.h"
 
 namespace varnel {
@@ -26,15 +27,15 @@ struct TransactionResult {
   // The common mapping: a failed write gives -2; a failed read or a reply of another length
   // than `expected` gives -4; else 0.
   int expect_length(int32_t expected) const {
-    if (send_result != 0) return -2;
-    if (read_result != 0 || reply_length != expected) return -4;
+    if (send_result != 0) return result::kWriteFailed;
+    if (read_result != 0 || reply_length != expected) return result::kReplyFailed;
     return 0;
   }
   // A reply that only acknowledges carries no payload; a payload is the adapter's refusal
   // status. A failed write gives -2, a failed read or a refusal -4, else 0.
   int acknowledged() const {
-    if (send_result != 0) return -2;
-    if (read_result != 0 || reply_length > 0) return -4;
+    if (send_result != 0) return result::kWriteFailed;
+    if (read_result != 0 || reply_length > 0) return result::kReplyFailed;
     return 0;
   }
 };

@@ -7,6 +7,7 @@
 
 #include "core/bytes.h"
 #include "core/c_boundary.h"
+#include "core/result_codes.h"
 #include "core/transaction.h"
 #include "varnel.h"
 
@@ -52,19 +53,20 @@ uint32_t corrected_pulse_period(uint32_t width_us, uint32_t period_us) {
 }  // namespace varnel
 
 VARNEL_API int GPIO_SetInput(DevHandle handle, uint32_t mask, uint8_t pull) {
-  return varnel::guarded(-4, [&] { return set_mode(handle, kSetInput, mask, pull); });
+  return varnel::guarded(varnel::result::kFailed, [&] { return set_mode(handle, kSetInput, mask, pull); });
 }
 
 VARNEL_API int GPIO_SetOutput(DevHandle handle, uint32_t mask, uint8_t pull) {
-  return varnel::guarded(-4, [&] { return set_mode(handle, kSetOutput, mask, pull); });
+  return varnel::guarded(varnel::result::kFailed, [&] { return set_mode(handle, kSetOutput, mask, pull); });
 }
 
 VARNEL_API int GPIO_SetOpenDrain(DevHandle handle, uint32_t mask, uint8_t pull) {
-  return varnel::guarded(-4, [&] { return set_mode(handle, kSetOpenDrain, mask, pull); });
+  return varnel::guarded(varnel::result::kFailed,
+                         [&] { return set_mode(handle, kSetOpenDrain, mask, pull); });
 }
 
 VARNEL_API int GPIO_Write(DevHandle handle, uint32_t mask, uint32_t values) {
-  return varnel::guarded(-4, [&] {
+  return varnel::guarded(varnel::result::kFailed, [&] {
     std::array<uint8_t, 8> payload{};
     varnel::put_be32(payload.data(), mask);
     varnel::put_be32(payload.data() + 4, values);
@@ -73,7 +75,7 @@ VARNEL_API int GPIO_Write(DevHandle handle, uint32_t mask, uint32_t values) {
 }
 
 VARNEL_API int GPIO_Read(DevHandle handle, uint32_t mask, uint32_t* values) {
-  return varnel::guarded(-4, [&] {
+  return varnel::guarded(varnel::result::kFailed, [&] {
     std::array<uint8_t, 4> request{};
     varnel::put_be32(request.data(), mask);
     std::array<uint8_t, 4> reply{};
@@ -87,7 +89,7 @@ VARNEL_API int GPIO_Read(DevHandle handle, uint32_t mask, uint32_t* values) {
 
 VARNEL_API int GPIO_SendPulses(DevHandle handle, uint32_t mask, uint32_t width_us,
                                uint32_t period_us, int32_t count) {
-  return varnel::guarded(-4, [&] {
+  return varnel::guarded(varnel::result::kFailed, [&] {
     uint32_t period = varnel::corrected_pulse_period(width_us, period_us);
     varnel::PayloadWriter payload;
     payload.u32(mask).u32(width_us).u32(period).u32(static_cast<uint32_t>(count));
