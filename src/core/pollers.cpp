@@ -26,27 +26,40 @@ Pollers::Slot* Pollers::find(uint32_t handle) const {
   return nullptr;
 }
 
-// The handle's slot, else a never used one, else one whose thread has ended for good.
-Pollers::Slot* Pollers::claim(uint32_t handle) {
+// The handle's slot, else a never used one, else one whose thread has ended for good. The
+// channel's flag is set before the table is let go, so the slot is no longer idle and a second
+// start for another handle cannot take it too.
+Pollers::Slot* Pollers::claim(uint32_t handle, uint8_t channel) {
   std::lock_guard guard(table_mutex_);
+  Slot* chosen = nullptr;
   Slot* idle = nullptr;
   for (Slot& slot : slots_) {
-    if (slot.used && slot.handle == handle) return &slot;
+    if (slot.used && slot.handle == handle) {
+      chosen = &slot;
+      break;
+    }
     if (!slot.used) {
       slot.used = true;
       slot.handle = handle;
-      return &slot;
+      chosen = &slot;
+      break;
     }
     std::lock_guard slot_guard(slot.mutex);
     if (!idle && !slot.running && !any_polled(slot)) idle = &slot;
   }
-  if (idle) {
+  if (!chosen && idle) {
     std::lock_guard slot_guard(idle->mutex);
     idle->handle = handle;
     idle->ever_started = false;
     for (auto& result : idle->stop_results) result = 0;
+    chosen = idle;
   }
-  return idle;
+  if (chosen) {
+    std::lock_guard slot_guard(chosen->mutex);
+    chosen->stop_results[channel] = 0;
+    chosen->flags[channel] = 1;
+  }
+  return chosen;
 }
 
 bool Pollers::any_polled(const Slot& slot) const {
@@ -57,13 +70,11 @@ bool Pollers::any_polled(const Slot& slot) const {
 
 int Pollers::start(uint32_t handle, uint8_t channel) {
   if (channel >= channels_) return result::kReplyFailed;
-  Slot* slot = claim(handle);
+  Slot* slot = claim(handle, channel);
   if (!slot) return result::kReplyFailed;
   std::thread finished;
   {
     std::lock_guard guard(slot->mutex);
-    slot->stop_results[channel] = 0;
-    slot->flags[channel] = 1;
     if (slot->running) return result::kOk;  // the thread picks the channel up on its next round
     finished = std::move(slot->thread);
     try {

@@ -50,7 +50,7 @@ class Pollers {
     std::array<std::atomic<int>, kMaxChannels> stop_results{};
   };
   Slot* find(uint32_t handle) const;
-  Slot* claim(uint32_t handle);
+  Slot* claim(uint32_t handle, uint8_t channel);
   bool any_polled(const Slot& slot) const;
   void run(Slot& slot);
 
