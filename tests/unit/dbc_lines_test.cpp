@@ -35,6 +35,18 @@ void operator delete(void* p) noexcept {
 void operator delete(void* p, size_t) noexcept {
   operator delete(p);
 }
+// The nothrow forms too (std::stable_sort's buffer): under AddressSanitizer the runtime's own
+// would otherwise hand out memory that the delete above frees as malloc'ed.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+  operator delete(p);
+}
 
 namespace {
 
