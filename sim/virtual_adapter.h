@@ -163,8 +163,17 @@ class VirtualAdapter {
   std::map<std::type_index, std::shared_ptr<void>> family_state_;
 };
 
-// Installs every family's handlers on a new adapter (sim/families/).
+// Installs every registered family's handlers on a new adapter.
 void install_families(VirtualAdapter& adapter);
+
+// A family of the firmware model registers itself from its own file (sim/families/<family>.cpp)
+// with VARNEL_SIM_FAMILY(install_x); nothing central lists the families. The programs link the
+// model whole (WHOLE_ARCHIVE), so a file that nothing else calls still brings its family.
+using FamilyInstaller = void (*)(VirtualAdapter&);
+bool register_family(FamilyInstaller installer);
+
+#define VARNEL_SIM_FAMILY(installer) \
+  static const bool varnel_sim_family_##installer = ::sim::register_family(installer);
 
 // Helpers for handlers.
 Packet reply_with(uint32_t command, std::vector<uint8_t> payload = {});

@@ -174,4 +174,6 @@ void install_can(VirtualAdapter& adapter) {
   adapter.on(0x0C00, 0x0CFF, handle_can);
 }
 
+VARNEL_SIM_FAMILY(install_can)
+
 }  // namespace sim

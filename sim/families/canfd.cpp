@@ -189,4 +189,6 @@ void install_canfd(VirtualAdapter& adapter) {
   adapter.on(0x4000, 0x40FF, handle_canfd);
 }
 
+VARNEL_SIM_FAMILY(install_canfd)
+
 }  // namespace sim

@@ -191,4 +191,6 @@ void install_device(VirtualAdapter& adapter) {
   adapter.on(0x0100, 0x010E, information);
 }
 
+VARNEL_SIM_FAMILY(install_device)
+
 }  // namespace sim

@@ -146,4 +146,6 @@ void install_gpio(VirtualAdapter& adapter) {
   adapter.on(0x0806, 0x0806, handle_pulses);
 }
 
+VARNEL_SIM_FAMILY(install_gpio)
+
 }  // namespace sim
