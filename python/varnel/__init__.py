@@ -13,12 +13,13 @@ from .adapter import Adapter, DeviceInfo, is_fd_adapter, scan
 from .channel import CanChannel, Frame
 from . import records
 from .errors import RESULT_TEXT, VarnelError, result_text
+from .gpio import Gpio
 from .library import lib
 from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
 
 __version__ = "0.1.0"
 __all__ = [
     "Adapter", "CanChannel", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
-    "GPIO_PULL_UP", "RESULT_TEXT", "VarnelError", "is_fd_adapter", "lib", "records", "result_text",
+    "GPIO_PULL_UP", "Gpio", "RESULT_TEXT", "VarnelError", "is_fd_adapter", "lib", "records", "result_text",
     "scan",
 ]

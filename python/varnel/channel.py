@@ -5,7 +5,7 @@ import time
 from dataclasses import dataclass
 
 from .library import lib
-from .errors import VarnelError, check
+from .errors import VarnelError
 from .records import CAN_MSG, CANFD_EVENT_ID, CANFD_MSG
 
 # CAN FD data lengths; a frame of another length goes out padded with zeros to the next one.
@@ -145,7 +145,7 @@ class CanChannel:
     def __init__(self, adapter, channel, bitrate=500000, data_bitrate=None, fd=None):
         if channel not in (0, 1):
             raise ValueError(f"CAN channel {channel!r}: the adapters have channels 0 and 1")
-        adapter._require_open("CANFD_Init2" if adapter.is_fd else "CAN_Init2")
+        adapter.require_open("CANFD_Init2" if adapter.is_fd else "CAN_Init2")
         self.adapter = adapter
         self.handle = adapter.handle
         self.channel = channel
@@ -161,13 +161,12 @@ class CanChannel:
     def _init(self):
         library, h, ch = lib(), self.handle, self.channel
         if self.fd_controller:
-            check(library.CANFD_Init2(h, ch, self.bitrate, self.data_bitrate, _FD_DEVICE_OPTION,
-                                      _FD_OPTION), "CANFD_Init2")
-            check(library.CANFD_StartGetMsg(h, ch), "CANFD_StartGetMsg")
+            library.CANFD_Init2(h, ch, self.bitrate, self.data_bitrate, _FD_DEVICE_OPTION, _FD_OPTION)
+            library.CANFD_StartGetMsg(h, ch)
             self._buffer = (CANFD_MSG * RECEIVE_BATCH)()
         else:
-            check(library.CAN_Init2(h, ch, self.bitrate), "CAN_Init2")
-            check(library.CAN_StartGetMsg(h, ch), "CAN_StartGetMsg")
+            library.CAN_Init2(h, ch, self.bitrate)
+            library.CAN_StartGetMsg(h, ch)
             self._buffer = (CAN_MSG * RECEIVE_BATCH)()
         self._started = True
 
@@ -184,22 +183,19 @@ class CanChannel:
             records = (CANFD_MSG * len(frames))()
             for frame, record in zip(frames, records):
                 to_canfd_msg(frame, record)
-            result = lib().CANFD_SendMsg(self.handle, self.channel, records, len(frames))
-            return check(result, "CANFD_SendMsg")
+            return lib().CANFD_SendMsg(self.handle, self.channel, records, len(frames))
         records = (CAN_MSG * len(frames))()
         for frame, record in zip(frames, records):
             to_can_msg(frame, record)
-        return check(lib().CAN_SendMsg(self.handle, self.channel, records, len(frames)),
-                     "CAN_SendMsg")
+        return lib().CAN_SendMsg(self.handle, self.channel, records, len(frames))
 
     def _drain(self):
         library, h, ch = lib(), self.handle, self.channel
         if self.fd_controller:
-            count = check(library.CANFD_GetMsg(h, ch, self._buffer, RECEIVE_BATCH), "CANFD_GetMsg")
+            count = library.CANFD_GetMsg(h, ch, self._buffer, RECEIVE_BATCH)
             start_ms = library.CANFD_GetStartTime(h, ch)
             return [from_canfd_msg(self._buffer[i], start_ms) for i in range(count)]
-        count = check(library.CAN_GetMsgWithSize(h, ch, self._buffer, RECEIVE_BATCH),
-                      "CAN_GetMsgWithSize")
+        count = library.CAN_GetMsgWithSize(h, ch, self._buffer, RECEIVE_BATCH)
         start_ms = library.CAN_GetStartTime(h, ch)
         return [from_can_msg(self._buffer[i], start_ms) for i in range(count)]
 

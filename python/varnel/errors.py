@@ -23,24 +23,11 @@ def result_text(code):
 
 
 class VarnelError(Exception):
-    """A library call returned a negative result (or false, see `check_bool`)."""
+    """A library call returned a negative result, or false (reported as the common code that says
+    what went wrong: -1 for an adapter that cannot be reached, -4 for a reply that could not be
+    used). Raised by the prototypes' errcheck (varnel/library.py)."""
 
     def __init__(self, code, call):
         self.code = code
         self.call = call
         super().__init__(f"{call}: {code} ({result_text(code)})")
-
-
-def check(result, call):
-    """Returns a non-negative result; raises VarnelError for a negative one."""
-    if result < 0:
-        raise VarnelError(result, call)
-    return result
-
-
-def check_bool(ok, call, code):
-    """The USB_ and DEV_ calls answer true or false; a false is reported as `code`, the common
-    result code that says what went wrong (-1 for an adapter that cannot be reached, -4 for a
-    reply that could not be used)."""
-    if not ok:
-        raise VarnelError(code, call)

@@ -11,39 +11,75 @@ import glob
 import os
 import threading
 
+from .errors import VarnelError
 from .records import CAN_MSG, CAN_STATUS, CANFD_MSG, DEVICE_INFO
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
 
-# name: (restype, argtypes). Handles are DevHandle (uint32_t), channels uint8_t.
-PROTOTYPES = {
-    "USB_ScanDevice": (_int, [ctypes.POINTER(_u32)]),
-    "USB_OpenDevice": (_bool, [_u32]),
-    "USB_CloseDevice": (_bool, [_u32]),
-    "DEV_GetDeviceInfo": (_bool, [_u32, ctypes.POINTER(DEVICE_INFO), ctypes.c_char_p]),
-    "GPIO_SetInput": (_int, [_u32, _u32, _u8]),
-    "GPIO_SetOutput": (_int, [_u32, _u32, _u8]),
-    "GPIO_SetOpenDrain": (_int, [_u32, _u32, _u8]),
-    "GPIO_Write": (_int, [_u32, _u32, _u32]),
-    "GPIO_Read": (_int, [_u32, _u32, ctypes.POINTER(_u32)]),
-    "GPIO_SendPulses": (_int, [_u32, _u32, _u32, _u32, _i32]),
-    "CAN_Init2": (_int, [_u32, _u8, _u32]),
-    "CAN_SendMsg": (_int, [_u32, _u8, ctypes.POINTER(CAN_MSG), _u32]),
-    "CAN_GetMsgWithSize": (_int, [_u32, _u8, ctypes.POINTER(CAN_MSG), _i32]),
-    "CAN_StartGetMsg": (_int, [_u32, _u8]),
-    "CAN_StopGetMsg": (_int, [_u32, _u8]),
-    "CAN_GetStatus": (_int, [_u32, _u8, ctypes.POINTER(CAN_STATUS)]),
-    "CAN_Stop": (_int, [_u32, _u8]),
-    "CAN_GetStartTime": (_i64, [_u32, _u8]),
-    "CANFD_Init2": (_int, [_u32, _u8, _u32, _u32, _u8, _u8]),
-    "CANFD_SendMsg": (_int, [_u32, _u8, ctypes.POINTER(CANFD_MSG), _u32]),
-    "CANFD_GetMsg": (_int, [_u32, _u8, ctypes.POINTER(CANFD_MSG), _i32]),
-    "CANFD_StartGetMsg": (_int, [_u32, _u8]),
-    "CANFD_StopGetMsg": (_int, [_u32, _u8]),
-    "CANFD_Stop": (_int, [_u32, _u8]),
-    "CANFD_GetStartTime": (_i64, [_u32, _u8]),
+# The prototypes, one table per family: name -> (restype, argtypes, how a failure shows).
+# `COUNT`: a negative result raises VarnelError with that code; `false_is(code)`: the boolean
+# USB_ and DEV_ calls, whose false is reported as the common code saying what went wrong;
+# None: the result is returned as it is. Handles are DevHandle (uint32_t), channels uint8_t.
+COUNT = "count"
+
+
+def false_is(code):
+    return ("false", code)
+
+
+_CAN_P, _FD_P = ctypes.POINTER(CAN_MSG), ctypes.POINTER(CANFD_MSG)
+
+DEVICE = {
+    "USB_ScanDevice": (_int, [ctypes.POINTER(_u32)], COUNT),
+    "USB_OpenDevice": (_bool, [_u32], false_is(-1)),
+    "USB_CloseDevice": (_bool, [_u32], None),  # closing what is gone is not an error
+    "DEV_GetDeviceInfo": (_bool, [_u32, ctypes.POINTER(DEVICE_INFO), _char_p], false_is(-4)),
 }
+GPIO = {
+    "GPIO_SetInput": (_int, [_u32, _u32, _u8], COUNT),
+    "GPIO_SetOutput": (_int, [_u32, _u32, _u8], COUNT),
+    "GPIO_SetOpenDrain": (_int, [_u32, _u32, _u8], COUNT),
+    "GPIO_Write": (_int, [_u32, _u32, _u32], COUNT),
+    "GPIO_Read": (_int, [_u32, _u32, ctypes.POINTER(_u32)], COUNT),
+    "GPIO_SendPulses": (_int, [_u32, _u32, _u32, _u32, _i32], COUNT),
+}
+CAN = {
+    "CAN_Init2": (_int, [_u32, _u8, _u32], COUNT),
+    "CAN_SendMsg": (_int, [_u32, _u8, _CAN_P, _u32], COUNT),
+    "CAN_GetMsgWithSize": (_int, [_u32, _u8, _CAN_P, _i32], COUNT),
+    "CAN_StartGetMsg": (_int, [_u32, _u8], COUNT),
+    "CAN_StopGetMsg": (_int, [_u32, _u8], None),
+    "CAN_GetStatus": (_int, [_u32, _u8, ctypes.POINTER(CAN_STATUS)], None),
+    "CAN_Stop": (_int, [_u32, _u8], None),
+    "CAN_GetStartTime": (_i64, [_u32, _u8], None),
+}
+CANFD = {
+    "CANFD_Init2": (_int, [_u32, _u8, _u32, _u32, _u8, _u8], COUNT),
+    "CANFD_SendMsg": (_int, [_u32, _u8, _FD_P, _u32], COUNT),
+    "CANFD_GetMsg": (_int, [_u32, _u8, _FD_P, _i32], COUNT),
+    "CANFD_StartGetMsg": (_int, [_u32, _u8], COUNT),
+    "CANFD_StopGetMsg": (_int, [_u32, _u8], None),
+    "CANFD_Stop": (_int, [_u32, _u8], None),
+    "CANFD_GetStartTime": (_i64, [_u32, _u8], None),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD)
+
+
+def _raise_on_negative(result, function, _args):
+    if result < 0:
+        raise VarnelError(result, function.__name__)
+    return result
+
+
+def _raise_on_false(code):
+    def errcheck(ok, function, _args):
+        if not ok:
+            raise VarnelError(code, function.__name__)
+        return ok
+
+    return errcheck
+
 
 _lock = threading.Lock()
 _loaded = None
@@ -66,10 +102,15 @@ def candidates():
 
 
 def _declare(library):
-    for name, (restype, argtypes) in PROTOTYPES.items():
-        function = getattr(library, name)
-        function.restype = restype
-        function.argtypes = argtypes
+    for family in FAMILIES:
+        for name, (restype, argtypes, failure) in family.items():
+            function = getattr(library, name)
+            function.restype = restype
+            function.argtypes = argtypes
+            if failure == COUNT:
+                function.errcheck = _raise_on_negative
+            elif failure:
+                function.errcheck = _raise_on_false(failure[1])
     return library
 
 

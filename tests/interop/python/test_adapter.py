@@ -35,7 +35,7 @@ class Adapters(unittest.TestCase):
         second.close()
         # the library would reopen the device behind a closed object: refused before the call
         for call, action in (("DEV_GetDeviceInfo", first.info),
-                             ("GPIO_Read", lambda: second.gpio_read(1))):
+                             ("GPIO_Read", lambda: second.gpio.read(1))):
             with self.subTest(call=call), self.assertRaises(varnel.VarnelError) as caught:
                 action()
             self.assertEqual((caught.exception.code, caught.exception.call), (-1, call))
@@ -78,20 +78,20 @@ class Gpio(unittest.TestCase):
 
     def test_levels_follow_mode_latch_and_pull(self):
         a = self.adapter
-        a.gpio_set_output(0x000F)
-        a.gpio_write(0x000F, 0b0101)
-        a.gpio_set_input(0x0030, varnel.GPIO_PULL_UP)
-        a.gpio_set_input(0x00C0, varnel.GPIO_PULL_DOWN)
-        a.gpio_set_open_drain(0x0300, varnel.GPIO_PULL_UP)
-        a.gpio_write(0x0300, 0b10 << 8)  # pin 8 pulled low, pin 9 let go (reads its pull)
-        self.assertEqual(a.gpio_read(0x03FF), 0b10_0011_0101)
-        self.assertEqual(a.gpio_read(0x0002), 0)  # only the masked pins are reported
+        a.gpio.set_output(0x000F)
+        a.gpio.write(0x000F, 0b0101)
+        a.gpio.set_input(0x0030, varnel.GPIO_PULL_UP)
+        a.gpio.set_input(0x00C0, varnel.GPIO_PULL_DOWN)
+        a.gpio.set_open_drain(0x0300, varnel.GPIO_PULL_UP)
+        a.gpio.write(0x0300, 0b10 << 8)  # pin 8 pulled low, pin 9 let go (reads its pull)
+        self.assertEqual(a.gpio.read(0x03FF), 0b10_0011_0101)
+        self.assertEqual(a.gpio.read(0x0002), 0)  # only the masked pins are reported
 
     def test_refusals_raise_with_the_call_and_code(self):
         cases = [
-            ("GPIO_SetInput", lambda: self.adapter.gpio_set_input(1, 7)),  # unknown pull mode
-            ("GPIO_SetOutput", lambda: self.adapter.gpio_set_output(1 << 16)),  # no pin 16
-            ("GPIO_SendPulses", lambda: self.adapter.gpio_pulses(1 << 12, 10, 20, 3)),  # input pin
+            ("GPIO_SetInput", lambda: self.adapter.gpio.set_input(1, 7)),  # unknown pull mode
+            ("GPIO_SetOutput", lambda: self.adapter.gpio.set_output(1 << 16)),  # no pin 16
+            ("GPIO_SendPulses", lambda: self.adapter.gpio.pulses(1 << 12, 10, 20, 3)),  # input pin
         ]
         for call, action in cases:
             with self.subTest(call=call), self.assertRaises(varnel.VarnelError) as caught:
@@ -100,9 +100,9 @@ class Gpio(unittest.TestCase):
             self.assertIn("reported failure", str(caught.exception))
 
     def test_values_beyond_the_argument_width_are_refused_not_cut(self):
-        cases = [lambda: self.adapter.gpio_write(1 << 32, 0), lambda: self.adapter.gpio_read(-1),
-                 lambda: self.adapter.gpio_set_input(1, 256),
-                 lambda: self.adapter.gpio_pulses(1, 1, 2, 1 << 31)]
+        cases = [lambda: self.adapter.gpio.write(1 << 32, 0), lambda: self.adapter.gpio.read(-1),
+                 lambda: self.adapter.gpio.set_input(1, 256),
+                 lambda: self.adapter.gpio.pulses(1, 1, 2, 1 << 31)]
         for i, action in enumerate(cases):
             with self.subTest(case=i), self.assertRaises(ValueError):
                 action()
