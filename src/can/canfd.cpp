@@ -123,6 +123,26 @@ VARNEL_API int CANFD_Init2(DevHandle handle, uint8_t channel, uint32_t nominal, 
   return CANFD_Init(handle, channel, &config);
 }
 
+namespace {
+
+// One chunk's payload: the channel byte, then each record in the device's form with its index
+// in the chunk. A record with more than 8 data bytes can only go as a CAN FD frame, so its
+// format flag is set on the record itself. `on_record` sees each record as it went.
+template <typename OnRecord>
+size_t pack_fd_chunk(uint8_t channel, CANFD_MSG* records, size_t n, std::vector<uint8_t>& payload,
+                     OnRecord on_record) {
+  payload[0] = channel;
+  size_t size = 1;
+  for (size_t i = 0; i < n; ++i) {
+    if (records[i].DataLen > 8) records[i].Flags |= 0x04;
+    size += encode_fd_record(records[i], uint8_t(i), payload.data() + size);
+    on_record(records[i]);
+  }
+  return size;
+}
+
+}  // namespace
+
 VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs,
                                     uint32_t count, uint32_t timeout_ms) {
   return guarded(result::kFailed, [&] {
@@ -135,15 +155,10 @@ VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG
     int sent = 0;
     for (uint32_t at = 0; at < count;) {
       const size_t n = std::min<size_t>(kFdChunk, count - at);
-      payload[0] = channel;
-      size_t size = 1;
       uint64_t us = 0;
-      for (size_t i = 0; i < n; ++i) {
-        CANFD_MSG& msg = msgs[at + i];
-        if (msg.DataLen > 8) msg.Flags |= 0x04;
-        size += encode_fd_record(msg, uint8_t(i), payload.data() + size);
+      const size_t size = pack_fd_chunk(channel, msgs + at, n, payload, [&](const CANFD_MSG& msg) {
         us += fd_frame_time_us(msg, rates.nominal, rates.data);
-      }
+      });
       TransactionOptions options;
       options.lock = {TransactionLock::Kind::kCanChannel, channel};
       options.endpoint_flag = 0;
@@ -183,15 +198,12 @@ VARNEL_API int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MS
     int total = 0;
     for (uint32_t at = 0; at < count;) {
       const size_t n = std::min<size_t>(kFdChunk, count - at);
-      payload[0] = channel;
-      size_t size = 1;
+      // the caller's records stay as they are; word 2 of each device record carries its gap
+      thread_local std::vector<CANFD_MSG> copies(kFdChunk);
+      std::copy_n(msgs + at, n, copies.begin());
       uint64_t gaps_us = 0;
-      for (size_t i = 0; i < n; ++i) {
-        CANFD_MSG copy = msgs[at + i];  // the caller's records stay as they are
-        if (copy.DataLen > 8) copy.Flags |= 0x04;
-        size += encode_fd_record(copy, uint8_t(i), payload.data() + size);  // word 2: the gap
-        gaps_us += copy.TimeStamp;
-      }
+      const size_t size = pack_fd_chunk(channel, copies.data(), n, payload,
+                                        [&](const CANFD_MSG& msg) { gaps_us += msg.TimeStamp; });
       TransactionOptions options;
       options.lock = {TransactionLock::Kind::kCanChannel, channel};
       options.endpoint_flag = 0;
