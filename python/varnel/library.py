@@ -3,7 +3,11 @@
 Where the library comes from, first match wins:
   1. the path in the environment variable VARNEL_LIBRARY;
   2. a build tree next to the package (python/../build*/libvarnel.so in a source checkout);
-  3. the system's search (ctypes.util.find_library("varnel")).
+  3. the prefix the package was installed into (<prefix>/lib/libvarnel.so.0 above
+     <prefix>/lib/python3.X/site-packages/varnel, as `cmake --install` and `pip install --prefix`
+     lay them out);
+  4. the system's search: the loader's own (LD_LIBRARY_PATH, ldconfig's cache) for libvarnel.so.0,
+     then ctypes.util.find_library("varnel").
 """
 import ctypes
 import ctypes.util
@@ -95,6 +99,11 @@ def candidates():
     # the plain build first, then the other presets' trees
     found += sorted(glob.glob(os.path.join(source_root, "build*", "libvarnel.so")),
                     key=lambda p: (os.path.basename(os.path.dirname(p)) != "build", p))
+    # <prefix>/lib/python3.X/site-packages/varnel (or lib/python3/dist-packages) -> <prefix>/lib
+    installed = os.path.join(package_dir, "..", "..", "..", "libvarnel.so.0")
+    if os.path.exists(installed):
+        found.append(os.path.abspath(installed))
+    found.append("libvarnel.so.0")  # the loader searches LD_LIBRARY_PATH and its cache
     system = ctypes.util.find_library("varnel")
     if system:
         found.append(system)
@@ -120,7 +129,16 @@ def lib():
     with _lock:
         if _loaded is None:
             paths = candidates()
-            if not paths:
-                raise OSError("libvarnel.so not found: set VARNEL_LIBRARY to its path")
-            _loaded = _declare(ctypes.CDLL(paths[0]))
+            if os.environ.get("VARNEL_LIBRARY"):
+                paths = paths[:1]  # what the user named, and nothing else
+            errors = []
+            for path in paths:
+                try:
+                    _loaded = _declare(ctypes.CDLL(path))
+                    break
+                except OSError as error:
+                    errors.append(str(error))
+            else:
+                raise OSError("libvarnel not found (set VARNEL_LIBRARY to its path): " +
+                              "; ".join(errors))
         return _loaded

@@ -46,4 +46,20 @@ check "the usbsim stays out of the library folder" "$(ls "$libdir" | grep -c lib
 # Vendor 0x0483, products 31000 and 31001 decimal.
 check "udev rules" "$(grep -o 'ATTR{id[A-Za-z]*}=="[0-9a-f]*"' "$prefix/lib/udev/rules.d/60-varnel.rules")" \
   "$(printf 'ATTR{idVendor}=="0483"\nATTR{idProduct}=="%04x"\n' 31000 31001)"
+
+# The Python package, installed offline beside the library (pip --prefix, from a venv that sees
+# Debian's python-can), finds the library in its own prefix and reaches the virtual adapter
+# through python-can; only the usbsim comes from LD_LIBRARY_PATH.
+if /usr/bin/python3 -m venv --system-site-packages "$work/venv" 2>/dev/null; then
+  cp -r "$here/../../python" "$work/python"  # setuptools builds in the source folder
+  PIP_NO_INDEX=1 "$work/venv/bin/python" -m pip install -q --no-build-isolation \
+    --prefix "$prefix" "$work/python" >/dev/null 2>&1 || check "pip install" "failed" "ok"
+  site="$(dirname "$(find "$prefix" -path '*-packages/varnel/__init__.py')")/.."
+  check "can.Bus from the installed package" "$(cd "$work" && env -u VARNEL_LIBRARY \
+    PYTHONPATH="$site" LD_LIBRARY_PATH="$usbsim" VARNEL_USBSIM_ADAPTERS=0x12345678 \
+    "$work/venv/bin/python" -c 'import can, os, varnel.library as l
+with can.Bus(interface="varnel", channel="0x12345678:0", bitrate=500000) as bus:
+    print(bus.channel_info, os.path.basename(l.lib()._name))' 2>&1)" \
+    "VARNEL 0x12345678:0 (CAN, 500000 bit/s) libvarnel.so.0"
+fi
 exit "$failed"
