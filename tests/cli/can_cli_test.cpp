@@ -112,6 +112,14 @@ TEST(CanCli, BadArgumentsExitTwoWithoutTouchingAnAdapter) {
       "--sim-traffic 123#11@0 can dump 0x12345678:0",               // zero period
       "--sim-can-peer fast can dump 0x12345678:0",
       "--sim-can-peer none --sim-traffic 123#11@10 can dump 0x12345678:0",
+      "--sim can gen 0x53000001:0 -n 1 --len 255 --fd",  // no CAN FD frame is 255 bytes
+      "--sim can gen 0x53000001:0 -n 1 --len 9 --fd",    // nor 9 (8, then 12)
+      "--sim can gen 0x12345678:0 -n 1 --len 9",         // a classic frame carries 8 at most
+      "--sim can gen 0x12345678:0 -n 1 --len 64",
+      "--sim can gen 0x12345678:0 -n 1 --len -2",
+      "--sim can gen 0x12345678:0 -n 1 -I zz",         // not hex
+      "--sim can gen 0x12345678:0 -n 1 -I 20000000",   // beyond 29 bits
+      "--sim can gen 0x12345678:0 -n 1 -I 123456789",  // nine digits
   };
   for (const std::string& args : cases) {
     ToolRun run = varnel(args);

@@ -1,6 +1,7 @@
 // varnel can send HANDLE:CH FRAME...   frames in can-utils syntax (123#DEADBEEF, 123##1..., 123#R)
 // varnel can dump HANDLE:CH [-L] [-n N] [-t S]   candump-like lines with host time stamps
 // varnel can gen  HANDLE:CH [-n N] [-g MS] [-I ID] [--len N] [--fd]   cangen-like traffic
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -239,11 +240,30 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
   close_adapter(t.handle);
 }
 
+// cangen's limits, checked before anything is opened: a classic frame carries 0 to 8 bytes, a
+// CAN FD frame one of the lengths a length code names; an identifier is hex within 29 bits.
+uint32_t checked_gen_options(int len, bool fd, const std::string& id_text) {
+  static constexpr int kFdLengths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
+  const bool len_ok =
+      len == -1 || (len >= 0 && len <= 8) ||
+      (fd && std::find(std::begin(kFdLengths), std::end(kFdLengths), len) != std::end(kFdLengths));
+  if (!len_ok)
+    throw CLI::ValidationError("--len", std::to_string(len) + " is not a " +
+                                            (fd ? "CAN FD" : "classic CAN") + " frame length");
+  uint32_t id = 0;
+  for (char c : id_text) {
+    const int digit = varnel::can_text::hex_digit(c);
+    if (digit < 0 || id_text.size() > 8) throw CLI::ValidationError("-I", "not a hex identifier");
+    id = id << 4 | uint32_t(digit);
+  }
+  if (id > 0x1FFFFFFF) throw CLI::ValidationError("-I", "identifier beyond 29 bits");
+  return id;
+}
+
 void run_gen(CanTarget t, int count, int gap_ms, std::string id_text, int len, bool fd) {
+  const uint32_t fixed_id = checked_gen_options(len, fd, id_text);
   if (!open_channel(t)) return;
-  uint32_t fixed_id = 0;
   const bool random_id = id_text.empty();
-  if (!random_id) parse_handle("0x" + id_text, fixed_id);
   uint32_t seed = 12345;
   auto next = [&] { return seed = seed * 1103515245u + 12345u; };
   for (int i = 0; count <= 0 || i < count; ++i) {
