@@ -50,7 +50,9 @@ check "udev rules" "$(grep -o 'ATTR{id[A-Za-z]*}=="[0-9a-f]*"' "$prefix/lib/udev
 # The Python package, installed offline beside the library (pip --prefix, from a venv that sees
 # Debian's python-can), finds the library in its own prefix and reaches the virtual adapter
 # through python-can; only the usbsim comes from LD_LIBRARY_PATH.
-if /usr/bin/python3 -m venv --system-site-packages "$work/venv" 2>/dev/null; then
+if ! /usr/bin/python3 -m venv --system-site-packages "$work/venv" >/dev/null 2>&1; then
+  check "a venv for the package (python3-venv)" "none" "made"
+else
   cp -r "$here/../../python" "$work/python"  # setuptools builds in the source folder
   PIP_NO_INDEX=1 "$work/venv/bin/python" -m pip install -q --no-build-isolation \
     --prefix "$prefix" "$work/python" >/dev/null 2>&1 || check "pip install" "failed" "ok"
