@@ -6,6 +6,7 @@ Library errors become can.CanInitializationError / can.CanOperationError whose e
 the library's result code (-7 for arguments this module refuses before calling the library).
 """
 import collections
+import threading
 import time
 
 import can
@@ -15,6 +16,11 @@ from .channel import CanChannel, Frame
 from .errors import VarnelError
 
 BAD_ARGUMENT = -7
+
+# Channels with a bus in this process: a second bus would split the frames with the first and
+# initialise the controller again under it.
+_open_channels = set()
+_open_lock = threading.Lock()
 
 
 def parse_channel(channel):
@@ -55,6 +61,13 @@ class VarnelBus(can.BusABC):
         except ValueError as error:
             raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
         self.channel = f"0x{handle:08X}:{number}"
+        with _open_lock:
+            if (handle, number) in _open_channels:
+                raise can.CanInitializationError(
+                    f"channel {self.channel} already has a bus in this process",
+                    error_code=BAD_ARGUMENT)
+            _open_channels.add((handle, number))
+        self._key = (handle, number)
         self._receive_own = bool(receive_own_messages)
         self._pending = collections.deque()
         self._adapter = Adapter(handle)
@@ -64,12 +77,13 @@ class VarnelBus(can.BusABC):
             self._channel = CanChannel(self._adapter, number, bitrate, data_bitrate=data_bitrate,
                                        fd=bool(fd))
         except VarnelError as error:
-            self._adapter.close()
+            self._release()
             raise can.CanInitializationError(str(error), error_code=error.code) from error
         except (ValueError, TypeError) as error:
-            self._adapter.close()
+            self._release()
             raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
         except OSError as error:  # the library itself could not be loaded
+            self._release()
             raise can.CanInterfaceNotImplementedError(str(error)) from error
         kind = "CAN FD" if self._channel.fd else "CAN"
         rates = f"{self._channel.bitrate} bit/s"
@@ -123,11 +137,38 @@ class VarnelBus(can.BusABC):
                 return None, False
             self._pending.extend(frames)
 
+    def _release(self):
+        self._adapter.close()
+        with _open_lock:
+            _open_channels.discard(self._key)
+
+    def _stats(self):
+        try:
+            return self._channel.receive_stats()
+        except VarnelError as error:
+            raise can.CanOperationError(str(error), error_code=error.code) from error
+
+    @property
+    def dropped_frames(self):
+        """Frames lost on the host since the channel opened: dropped by the full receive queue
+        or in fetches too large to be true."""
+        stats = self._stats()
+        return stats.ApplicationDropped + stats.FetchesDropped
+
+    @property
+    def state(self):
+        """The controller's state: ERROR when it is error-warning, error-passive or bus-off
+        (python-can 4.1 has no state of its own for bus-off), else ACTIVE."""
+        stats = self._stats()
+        if stats.StatusResult < 0:
+            raise can.CanOperationError("controller status not read", error_code=stats.StatusResult)
+        return can.BusState.ERROR if stats.Status.ErrorFlags & 7 else can.BusState.ACTIVE
+
     def shutdown(self):
         # both closes do nothing the second time; send/recv after this raise -5
         if self._channel is not None:
             self._channel.close()
-        self._adapter.close()
+        self._release()
         super().shutdown()
 
     @staticmethod

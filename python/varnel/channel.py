@@ -6,7 +6,7 @@ from dataclasses import dataclass
 
 from .library import lib
 from .errors import VarnelError
-from .records import CAN_MSG, CANFD_EVENT_ID, CANFD_MSG
+from .records import CAN_MSG, CANFD_EVENT_ID, CANFD_MSG, VARNEL_RECEIVE_STATS
 
 # CAN FD data lengths; a frame of another length goes out padded with zeros to the next one.
 FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
@@ -14,6 +14,7 @@ FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
 RECEIVE_BATCH = 1000
 # How often a blocking receive looks at the queue. The poller fills it every 10 ms.
 RECEIVE_POLL_S = 0.002
+POLLER_CHECK_S = 0.5
 
 # Option bytes passed to CANFD_Init2: the values the bit-rate tables carry (1 and 1).
 _FD_DEVICE_OPTION = 1
@@ -205,17 +206,37 @@ class CanChannel:
         if not self._started:
             raise VarnelError(-5, "CANFD_GetMsg" if self.fd_controller else "CAN_GetMsgWithSize")
         deadline = None if timeout is None else time.monotonic() + max(0.0, timeout)
+        next_check = time.monotonic() + POLLER_CHECK_S
         while True:
             frames = self._drain()
             if frames:
                 return frames
+            # (costs a transaction: checked when giving up, and twice a second while waiting)
+            if time.monotonic() >= next_check:
+                self._raise_if_poller_stopped()
+                next_check = time.monotonic() + POLLER_CHECK_S
             if deadline is not None:
                 left = deadline - time.monotonic()
                 if left <= 0:
+                    self._raise_if_poller_stopped()
                     return []
                 time.sleep(min(RECEIVE_POLL_S, left))
             else:
                 time.sleep(RECEIVE_POLL_S)
+
+    def receive_stats(self):
+        """The channel's losses and state (varnel.records.VARNEL_RECEIVE_STATS): frames the host
+        queues dropped, whether the receive poller runs and the result that stopped it, and the
+        controller's status."""
+        stats = VARNEL_RECEIVE_STATS()
+        lib().VARNEL_CAN_GetReceiveStats(self.handle, self.channel, ctypes.byref(stats))
+        return stats
+
+    def _raise_if_poller_stopped(self):
+        # The poller stops for good on a failed fetch; frames would then stop without a word.
+        stats = self.receive_stats()
+        if not stats.PollerRunning and stats.PollerStopResult < 0:
+            raise VarnelError(stats.PollerStopResult, "receive poller")
 
     def close(self):
         """Stops receiving and takes the controller off the bus."""

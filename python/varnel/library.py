@@ -16,7 +16,7 @@ import os
 import threading
 
 from .errors import VarnelError
-from .records import CAN_MSG, CAN_STATUS, CANFD_MSG, DEVICE_INFO
+from .records import CAN_MSG, CAN_STATUS, CANFD_MSG, DEVICE_INFO, VARNEL_RECEIVE_STATS
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -57,6 +57,8 @@ CAN = {
     "CAN_GetStatus": (_int, [_u32, _u8, ctypes.POINTER(CAN_STATUS)], None),
     "CAN_Stop": (_int, [_u32, _u8], None),
     "CAN_GetStartTime": (_i64, [_u32, _u8], None),
+    # extension: losses and poller state of a channel (classic or CAN FD)
+    "VARNEL_CAN_GetReceiveStats": (_int, [_u32, _u8, ctypes.POINTER(VARNEL_RECEIVE_STATS)], COUNT),
 }
 CANFD = {
     "CANFD_Init2": (_int, [_u32, _u8, _u32, _u32, _u8, _u8], COUNT),

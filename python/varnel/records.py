@@ -67,5 +67,20 @@ class CAN_STATUS(ctypes.Structure):
     ]
 
 
+class VARNEL_RECEIVE_STATS(ctypes.Structure):
+    """What a channel's receive path lost, and its controller's state (an extension call)."""
+    _pack_ = 1
+    _fields_ = [
+        ("ApplicationDropped", ctypes.c_uint64),
+        ("DiagnosticDropped", ctypes.c_uint64),
+        ("FetchesDropped", ctypes.c_uint64),
+        ("PollerRunning", ctypes.c_int32),
+        ("PollerStopResult", ctypes.c_int32),
+        ("StatusResult", ctypes.c_int32),
+        ("Status", CAN_STATUS),
+    ]
+
+
 # Every record above, by its C name: the record-size test walks this list.
-RECORDS = {cls.__name__: cls for cls in (CAN_MSG, CANFD_MSG, DEVICE_INFO, CAN_STATUS)}
+RECORDS = {cls.__name__: cls for cls in (CAN_MSG, CANFD_MSG, DEVICE_INFO, CAN_STATUS,
+                                         VARNEL_RECEIVE_STATS)}

@@ -42,5 +42,13 @@ int main(void) {
   FIELD(CAN_STATUS, TxErrorCounter);
   FIELD(CAN_STATUS, LastErrorCode);
   FIELD(CAN_STATUS, ErrorFlags);
+  RECORD(VARNEL_RECEIVE_STATS);
+  FIELD(VARNEL_RECEIVE_STATS, ApplicationDropped);
+  FIELD(VARNEL_RECEIVE_STATS, DiagnosticDropped);
+  FIELD(VARNEL_RECEIVE_STATS, FetchesDropped);
+  FIELD(VARNEL_RECEIVE_STATS, PollerRunning);
+  FIELD(VARNEL_RECEIVE_STATS, PollerStopResult);
+  FIELD(VARNEL_RECEIVE_STATS, StatusResult);
+  FIELD(VARNEL_RECEIVE_STATS, Status);
   return 0;
 }

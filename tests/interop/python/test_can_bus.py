@@ -123,6 +123,18 @@ class BusErrors(unittest.TestCase):
         with can.Bus(interface="varnel", channel="0x12345678:0", bitrate=250000) as bus:
             self.assertIn("0x12345678:0", bus.channel_info)
 
+    def test_a_channel_takes_one_bus_and_reports_state_and_losses(self):
+        first = can.Bus(interface="varnel", channel="0x12345678:0", bitrate=500000)
+        self.addCleanup(first.shutdown)
+        with self.assertRaises(can.CanInitializationError) as caught:
+            self.open("0x12345678:0", bitrate=250000)  # would re-initialise under the first
+        self.assertEqual(caught.exception.error_code, -7)
+        self.assertEqual(first.state, can.BusState.ACTIVE)
+        self.assertEqual(first.dropped_frames, 0)
+        first.shutdown()
+        with can.Bus(interface="varnel", channel="0x12345678:0", bitrate=250000) as again:
+            self.assertIn("250000", again.channel_info)
+
     def test_detected_configurations_open(self):
         configs = can.detect_available_configs(interfaces=["varnel"])
         self.assertEqual([(c["channel"], c["fd"]) for c in configs],
