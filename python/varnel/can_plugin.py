@@ -6,6 +6,7 @@ Library errors become can.CanInitializationError / can.CanOperationError whose e
 the library's result code (-7 for arguments this module refuses before calling the library).
 """
 import collections
+import dataclasses
 import threading
 import time
 
@@ -51,7 +52,8 @@ class VarnelBus(can.BusABC):
     """One CAN or CAN FD channel of a VARNEL adapter.
 
     Frames the adapter reports back after sending them (CAN FD adapters do) are dropped unless
-    receive_own_messages=True, where they come with is_rx=False. Device events of CAN FD adapters
+    receive_own_messages=True, where they come with is_rx=False; classic adapters report nothing
+    back, so there the bus makes the echo itself once the adapter has confirmed the send. Device events of CAN FD adapters
     (error state changes) arrive as error frames with the event's 8 bytes as data."""
 
     def __init__(self, channel, can_filters=None, bitrate=500000, fd=False, data_bitrate=None,
@@ -104,6 +106,11 @@ class VarnelBus(can.BusABC):
             raise can.CanOperationError(
                 f"frame 0x{msg.arbitration_id:X} did not go out (did any node acknowledge it?)",
                 error_code=sent)
+        if self._receive_own and not self._channel.fd_controller:
+            # classic adapters report nothing back: the echo is made here, stamped when the
+            # adapter confirmed the frame
+            echo = dataclasses.replace(_frame_of(msg), timestamp=time.time(), echo=True)
+            self._pending.append(echo)
 
     def _message_of(self, frame):
         return can.Message(

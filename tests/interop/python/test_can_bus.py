@@ -123,6 +123,15 @@ class BusErrors(unittest.TestCase):
         with can.Bus(interface="varnel", channel="0x12345678:0", bitrate=250000) as bus:
             self.assertIn("0x12345678:0", bus.channel_info)
 
+    def test_classic_echo_is_made_on_request(self):
+        sender, receiver = open_pair(self, CLASSIC, bitrate=500000, receive_own_messages=True)
+        msg = can.Message(arbitration_id=0x123, data=[1, 2, 3], is_extended_id=False)
+        sender.send(msg)
+        self.assertEqual(fields(sender.recv(RECV_TIMEOUT)),
+                         expected(msg, "0x12345678:0", is_rx=False))
+        self.assertEqual(fields(receiver.recv(RECV_TIMEOUT)), expected(msg, "0x12345678:1"))
+        self.assertIsNone(sender.recv(0.05))  # one echo, not two
+
     def test_a_channel_takes_one_bus_and_reports_state_and_losses(self):
         first = can.Bus(interface="varnel", channel="0x12345678:0", bitrate=500000)
         self.addCleanup(first.shutdown)
