@@ -21,6 +21,25 @@ std::vector<std::string> lines_matching(const std::string& text, const std::rege
 
 }  // namespace
 
+// A node at another bit rate makes the CAN FD controller count receive errors; its error state
+// changes are device events, which only -e shows, as SocketCAN error frames: controller problem
+// (0x04) with counters (0x200) under the error flag, byte 1 the warning/passive bits (0x04 rx
+// warning at 96, 0x10 rx passive at 128), byte 7 the receive error counter.
+TEST(CanCli, DeviceEventsShowOnlyWithErrorsAsErrorFrames) {
+  const std::string scene = "--sim-can-peer 250000/2000000 --sim-traffic 123#11@1 ";
+  ToolRun shown = varnel(scene + "can dump 0x53000001:0 -e -n 2 -t 5");
+  ASSERT_EQ(shown.exit_code, 0) << shown.err;
+  EXPECT_EQ(
+      lines_matching(shown.out, std::regex(R"(\) +(can0 .*)\n)")),
+      (std::vector<std::string>{"can0  20000204   [8]  00 04 00 00 00 00 00 60   ERRORFRAME",
+                                "can0  20000204   [8]  00 14 00 00 00 00 00 80   ERRORFRAME"}));
+  ToolRun log = varnel(scene + "can dump 0x53000001:0 -e -L -n 1 -t 5");
+  EXPECT_NE(log.out.find(") can0 20000204#0004000000000060\n"), std::string::npos) << log.out;
+  ToolRun hidden = varnel(scene + "can dump 0x53000001:0 -t 0.5");
+  ASSERT_EQ(hidden.exit_code, 0) << hidden.err;
+  EXPECT_EQ(hidden.out, "");
+}
+
 TEST(CanCli, DumpDecodesLiveFramesWithTheDatabase) {
   ToolRun run = varnel(
       "--sim-traffic 123#E803021E00000000@20,18FEF1FE#F4010000@30 can dump "

@@ -190,7 +190,30 @@ bool poller_stopped(const CanTarget& t) {
   return true;
 }
 
-void run_dump(CanTarget t, bool log_format, int count, double seconds, const std::string& dbc) {
+// A CAN FD adapter's device event (data: 1, transmit errors, receive errors, state flags 1
+// warning, 2 passive, 4 bus off) as the error frame SocketCAN delivers for the same change: a
+// controller problem with the warning/passive bits per direction, the counters in bytes 6 and 7,
+// and bus-off when it is. candump prints these with the error flag in the identifier.
+std::string error_frame_text(const CANFD_MSG& event, const std::string& interface, bool log) {
+  constexpr uint32_t kErrorFlag = 0x20000000, kController = 0x04, kBusOff = 0x40, kCounters = 0x200;
+  const uint8_t tec = event.Data[1], rec = event.Data[2];
+  const uint32_t id = kErrorFlag | kController | kCounters | ((event.Data[3] & 4) ? kBusOff : 0);
+  uint8_t data[8] = {};
+  data[1] = uint8_t((rec >= 96 ? 0x04 : 0) | (tec >= 96 ? 0x08 : 0) | (rec >= 128 ? 0x10 : 0) |
+                    (tec >= 128 ? 0x20 : 0));
+  data[6] = tec;
+  data[7] = rec;
+  char text[96];
+  int at = log ? std::snprintf(text, sizeof text, "%s %08X#", interface.c_str(), id)
+               : std::snprintf(text, sizeof text, "  %s  %08X   [8] ", interface.c_str(), id);
+  for (uint8_t byte : data)
+    at += std::snprintf(text + at, sizeof text - size_t(at), log ? "%02X" : " %02X", byte);
+  if (!log) std::snprintf(text + at, sizeof text - size_t(at), "   ERRORFRAME");
+  return text;
+}
+
+void run_dump(CanTarget t, bool log_format, int count, double seconds, const std::string& dbc,
+              bool errors) {
   DBC_HANDLE db = 0;
   if (!dbc.empty() && !(db = VARNEL_DbcLoadFile(dbc.c_str()))) {
     std::fprintf(stderr, "can dump: cannot load the database %s\n", dbc.c_str());
@@ -224,6 +247,16 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
     for (int i = 0; i < n && (count <= 0 || shown < count); ++i, ++shown) {
       const CANFD_MSG f = fd ? frames[size_t(i)] : from_classic(classic[size_t(i)]);
       const uint64_t now = clock.host_us(f.TimeStampHigh, f.TimeStamp);
+      if (fd && f.Id == VARNEL_CANFD_EVENT_ID) {  // not a frame: out of the output unless asked for
+        if (!errors) {
+          --shown;
+          continue;
+        }
+        std::printf("(%llu.%06llu) %s\n", (unsigned long long)(now / 1000000),
+                    (unsigned long long)(now % 1000000),
+                    error_frame_text(f, interface_name(t), log_format).c_str());
+        continue;
+      }
       if (log_format) {
         std::printf("%s\n", varnel::can_text::candump_log_line(interface_name(t), f, now).c_str());
       } else {
@@ -311,7 +344,10 @@ void add_can_commands(CLI::App& app) {
   dump->add_option("-t,--time", *seconds, "stop after S seconds");
   auto dbc_file = std::make_shared<std::string>();
   dump->add_option("--dbc", *dbc_file, "decode frames with this DBC database");
-  dump->callback([=] { run_dump(*dump_target, *log_format, *dump_count, *seconds, *dbc_file); });
+  auto errors = std::make_shared<bool>(false);
+  dump->add_flag("-e,--errors", *errors, "show device events as candump shows error frames");
+  dump->callback(
+      [=] { run_dump(*dump_target, *log_format, *dump_count, *seconds, *dbc_file, *errors); });
 
   auto gen_target = std::make_shared<CanTarget>();
   auto gen_count = std::make_shared<int>(10);
