@@ -53,11 +53,13 @@ uint32_t corrected_pulse_period(uint32_t width_us, uint32_t period_us) {
 }  // namespace varnel
 
 VARNEL_API int GPIO_SetInput(DevHandle handle, uint32_t mask, uint8_t pull) {
-  return varnel::guarded(varnel::result::kFailed, [&] { return set_mode(handle, kSetInput, mask, pull); });
+  return varnel::guarded(varnel::result::kFailed,
+                         [&] { return set_mode(handle, kSetInput, mask, pull); });
 }
 
 VARNEL_API int GPIO_SetOutput(DevHandle handle, uint32_t mask, uint8_t pull) {
-  return varnel::guarded(varnel::result::kFailed, [&] { return set_mode(handle, kSetOutput, mask, pull); });
+  return varnel::guarded(varnel::result::kFailed,
+                         [&] { return set_mode(handle, kSetOutput, mask, pull); });
 }
 
 VARNEL_API int GPIO_SetOpenDrain(DevHandle handle, uint32_t mask, uint8_t pull) {
