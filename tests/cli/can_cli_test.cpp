@@ -120,6 +120,26 @@ TEST(CanCli, GeneratedFramesAreRepeatable) {
             lines_matching(first.out, std::regex("can0(.*)\n")));
 }
 
+// cangen's modes: r random, i increment (identifier 0, 1, 2...; the lengths a length code names
+// in order; every data byte the frame's number), or fixed values.
+TEST(CanCli, GeneratorTakesCangensModes) {
+  const struct {
+    const char* args;
+    const char* out;
+  } cases[] = {
+      {"0x53000001:0 -n 3 -b -e -I i -L i -D i",
+       "  can0  00000000   [00] \n  can0  00000001   [01]  01\n  can0  00000002   [02]  02 02\n"},
+      {"0x53000001:0 -n 1 -f -I 1ABCDEF0 -L 12 -D 0102",
+       "  can0  1ABCDEF0   [12]  01 02 01 02 01 02 01 02 01 02 01 02\n"},
+      {"0x12345678:0 -n 1 -R -I 7FF -L 4", "  can0  7FF   [4]  remote request\n"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(std::string("--sim can gen -g 0 ") + c.args);
+    EXPECT_EQ(run.exit_code, 0) << c.args << "\n" << run.err;
+    EXPECT_EQ(run.out, c.out) << c.args;
+  }
+}
+
 TEST(CanCli, BadArgumentsExitTwoWithoutTouchingAnAdapter) {
   const std::string cases[] = {
       "--sim can send 0x12345678:2 123#11",                         // no channel 2
@@ -139,6 +159,9 @@ TEST(CanCli, BadArgumentsExitTwoWithoutTouchingAnAdapter) {
       "--sim can gen 0x12345678:0 -n 1 -I zz",         // not hex
       "--sim can gen 0x12345678:0 -n 1 -I 20000000",   // beyond 29 bits
       "--sim can gen 0x12345678:0 -n 1 -I 123456789",  // nine digits
+      "--sim can gen 0x53000001:0 -n 1 -f -R",         // CAN FD has no remote frames
+      "--sim can gen 0x12345678:0 -n 1 -D 1G",         // not hex
+      "--sim can gen 0x12345678:0 -n 1 -b 250000",     // -b is the bit-rate switch, as in cangen
   };
   for (const std::string& args : cases) {
     ToolRun run = varnel(args);

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -273,43 +275,104 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
   close_adapter(t.handle);
 }
 
-// cangen's limits, checked before anything is opened: a classic frame carries 0 to 8 bytes, a
-// CAN FD frame one of the lengths a length code names; an identifier is hex within 29 bits.
-uint32_t checked_gen_options(int len, bool fd, const std::string& id_text) {
-  static constexpr int kFdLengths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
-  const bool len_ok =
-      len == -1 || (len >= 0 && len <= 8) ||
-      (fd && std::find(std::begin(kFdLengths), std::end(kFdLengths), len) != std::end(kFdLengths));
-  if (!len_ok)
-    throw CLI::ValidationError("--len", std::to_string(len) + " is not a " +
-                                            (fd ? "CAN FD" : "classic CAN") + " frame length");
-  uint32_t id = 0;
-  for (char c : id_text) {
-    const int digit = varnel::can_text::hex_digit(c);
-    if (digit < 0 || id_text.size() > 8) throw CLI::ValidationError("-I", "not a hex identifier");
-    id = id << 4 | uint32_t(digit);
-  }
-  if (id > 0x1FFFFFFF) throw CLI::ValidationError("-I", "identifier beyond 29 bits");
-  return id;
+// What `can gen` makes, in cangen's terms: each of identifier (-I), length (-L) and data (-D) is
+// random ("r", the default), incrementing ("i") or fixed (hex identifier, decimal length, hex
+// data); -f makes CAN FD frames, -b CAN FD frames with the bit-rate switch, -e extended
+// identifiers, -R remote frames.
+struct GenOptions {
+  int count = 10;
+  int gap_ms = 200;
+  std::string id = "r", len = "r", data = "r";
+  bool fd = false, brs = false, extended = false, remote = false;
+};
+
+struct GenPlan {
+  enum class Mode { kRandom, kIncrement, kFixed };
+  Mode id = Mode::kRandom, len = Mode::kRandom, data = Mode::kRandom;
+  uint32_t fixed_id = 0;
+  int fixed_len = 0;
+  std::vector<uint8_t> fixed_data;
+};
+
+constexpr int kFdLengths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
+
+bool is_frame_length(int len, bool fd) {
+  if (len >= 0 && len <= 8) return true;
+  return fd && std::find(std::begin(kFdLengths), std::end(kFdLengths), len) != std::end(kFdLengths);
 }
 
-void run_gen(CanTarget t, int count, int gap_ms, std::string id_text, int len, bool fd) {
-  const uint32_t fixed_id = checked_gen_options(len, fd, id_text);
+GenPlan::Mode mode_of(const std::string& text) {
+  if (text == "r") return GenPlan::Mode::kRandom;
+  if (text == "i") return GenPlan::Mode::kIncrement;
+  return GenPlan::Mode::kFixed;
+}
+
+// cangen's limits, checked before anything is opened: a classic frame carries 0 to 8 bytes, a
+// CAN FD frame one of the lengths a length code names; an identifier is hex within 11 bits, or
+// 29 with -e (a fixed one above 0x7FF implies -e).
+GenPlan checked_gen_plan(const GenOptions& o) {
+  GenPlan plan;
+  const bool fd = o.fd || o.brs;
+  if (fd && o.remote) throw CLI::ValidationError("-R", "CAN FD has no remote frames");
+  plan.id = mode_of(o.id);
+  plan.len = mode_of(o.len);
+  plan.data = mode_of(o.data);
+  if (plan.id == GenPlan::Mode::kFixed) {
+    for (char c : o.id) {
+      const int digit = varnel::can_text::hex_digit(c);
+      if (digit < 0 || o.id.size() > 8) throw CLI::ValidationError("-I", "not r, i or a hex id");
+      plan.fixed_id = plan.fixed_id << 4 | uint32_t(digit);
+    }
+    if (plan.fixed_id > 0x1FFFFFFF) throw CLI::ValidationError("-I", "identifier beyond 29 bits");
+  }
+  if (plan.len == GenPlan::Mode::kFixed) {
+    char* end = nullptr;
+    const long len = std::strtol(o.len.c_str(), &end, 10);
+    if (o.len.empty() || *end != '\0' || !is_frame_length(int(len), fd))
+      throw CLI::ValidationError(
+          "-L", o.len + " is not a " + (fd ? "CAN FD" : "classic CAN") + " frame length");
+    plan.fixed_len = int(len);
+  }
+  if (plan.data == GenPlan::Mode::kFixed) {
+    auto bytes = varnel::can_text::parse_frame("0#" + o.data);
+    if (!bytes) throw CLI::ValidationError("-D", "not r, i or hex data of at most 8 bytes");
+    plan.fixed_data.assign(bytes->Data, bytes->Data + bytes->DataLen);
+  }
+  return plan;
+}
+
+void run_gen(CanTarget t, const GenOptions& o) {
+  const GenPlan plan = checked_gen_plan(o);
   if (!open_channel(t)) return;
-  const bool random_id = id_text.empty();
+  const bool fd = o.fd || o.brs;
+  const bool extended = o.extended || plan.fixed_id > 0x7FF;
+  const uint32_t id_mask = extended ? 0x1FFFFFFF : 0x7FF;
   uint32_t seed = 12345;
   auto next = [&] { return seed = seed * 1103515245u + 12345u; };
-  for (int i = 0; count <= 0 || i < count; ++i) {
+  for (int i = 0; o.count <= 0 || i < o.count; ++i) {
     CANFD_MSG f{};
-    f.Id = random_id ? (next() >> 8) & 0x7FF : fixed_id;
-    if (f.Id > 0x7FF) f.Id |= 0x80000000u;
-    f.DataLen = uint8_t(len >= 0 ? len : (next() >> 16) % 9);
-    if (fd) f.Flags = 0x05;
-    for (int b = 0; b < f.DataLen; ++b) f.Data[b] = uint8_t(next() >> 16);
+    using Mode = GenPlan::Mode;
+    f.Id = plan.id == Mode::kFixed       ? plan.fixed_id
+           : plan.id == Mode::kIncrement ? uint32_t(i) & id_mask
+                                         : (next() >> 8) & id_mask;
+    if (extended) f.Id |= 0x80000000u;
+    if (o.remote) f.Id |= 0x40000000u;
+    const size_t lengths = fd ? std::size(kFdLengths) : 9;
+    f.DataLen = uint8_t(plan.len == Mode::kFixed       ? plan.fixed_len
+                        : plan.len == Mode::kIncrement ? kFdLengths[size_t(i) % lengths]
+                                                       : kFdLengths[(next() >> 16) % lengths]);
+    if (fd) f.Flags = o.brs ? 0x05 : 0x04;
+    if (plan.data == Mode::kFixed) {
+      for (int b = 0; b < f.DataLen; ++b)
+        f.Data[b] = plan.fixed_data[size_t(b) % plan.fixed_data.size()];
+    } else {
+      for (int b = 0; b < f.DataLen; ++b)
+        f.Data[b] = plan.data == Mode::kIncrement ? uint8_t(i) : uint8_t(next() >> 16);
+    }
     std::vector<CANFD_MSG> one{f};
     if (!send_frames(t, one)) break;
     std::printf("%s\n", varnel::can_text::candump_line(interface_name(t), f).c_str());
-    if (gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(gap_ms));
+    if (o.gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(o.gap_ms));
   }
   close_adapter(t.handle);
 }
@@ -317,11 +380,12 @@ void run_gen(CanTarget t, int count, int gap_ms, std::string id_text, int len, b
 void add_can_commands(CLI::App& app) {
   CLI::App* can = app.add_subcommand("can", "CAN and CAN FD: send, dump and generate frames");
   can->require_subcommand(1);
-  auto add_target = [](CLI::App* command, std::shared_ptr<CanTarget> t) {
+  auto add_target = [](CLI::App* command, std::shared_ptr<CanTarget> t, bool short_bitrate = true) {
     command->add_option("TARGET", t->text, "adapter handle and channel, e.g. 0x12345678:0")
         ->required()
         ->check(target_validator());
-    command->add_option("-b,--bitrate", t->bitrate, "nominal bit rate (default 500000)");
+    command->add_option(short_bitrate ? "-b,--bitrate" : "--bitrate", t->bitrate,
+                        "nominal bit rate (default 500000)");
     command->add_option("--data-bitrate", t->data_bitrate,
                         "CAN FD data bit rate (default 2000000)");
   };
@@ -350,19 +414,20 @@ void add_can_commands(CLI::App& app) {
       [=] { run_dump(*dump_target, *log_format, *dump_count, *seconds, *dbc_file, *errors); });
 
   auto gen_target = std::make_shared<CanTarget>();
-  auto gen_count = std::make_shared<int>(10);
-  auto gap = std::make_shared<int>(200);
-  auto id = std::make_shared<std::string>();
-  auto len = std::make_shared<int>(-1);
-  auto fd = std::make_shared<bool>(false);
-  CLI::App* gen = can->add_subcommand("gen", "generate frames as cangen does");
-  add_target(gen, gen_target);
-  gen->add_option("-n,--count", *gen_count, "frames to send (0: until interrupted)");
-  gen->add_option("-g,--gap", *gap, "milliseconds between frames");
-  gen->add_option("-I,--id", *id, "fixed identifier in hex (random 11-bit otherwise)");
-  gen->add_option("--len", *len, "fixed data length");
-  gen->add_flag("--fd", *fd, "CAN FD frames with bit-rate switch");
-  gen->callback([=] { run_gen(*gen_target, *gen_count, *gap, *id, *len, *fd); });
+  auto gen = can->add_subcommand("gen", "generate frames as cangen does");
+  auto o = std::make_shared<GenOptions>();
+  // cangen's letters: -b is its bit-rate switch, so the bit rate is --bitrate only here
+  add_target(gen, gen_target, false);
+  gen->add_option("-n,--count", o->count, "frames to send (0: until interrupted)");
+  gen->add_option("-g,--gap", o->gap_ms, "milliseconds between frames (default 200)");
+  gen->add_option("-I,--id", o->id, "identifier: r random, i increment, or hex");
+  gen->add_option("-L,--len", o->len, "data length: r random, i increment, or bytes");
+  gen->add_option("-D,--data", o->data, "data: r random, i increment, or hex bytes");
+  gen->add_flag("-f,--fd", o->fd, "CAN FD frames");
+  gen->add_flag("-b,--brs", o->brs, "CAN FD frames with the bit-rate switch");
+  gen->add_flag("-e,--extended", o->extended, "29-bit identifiers");
+  gen->add_flag("-R,--remote", o->remote, "remote frames");
+  gen->callback([=] { run_gen(*gen_target, *o); });
 }
 
 }  // namespace
