@@ -27,23 +27,52 @@ std::vector<std::string> lines_matching(const std::string& text, const std::rege
 // warning at 96, 0x10 rx passive at 128), byte 7 the receive error counter.
 TEST(CanCli, DeviceEventsShowOnlyWithErrorsAsErrorFrames) {
   const std::string scene = "--sim-can-peer 250000/2000000 --sim-traffic 123#11@1 ";
-  ToolRun shown = varnel(scene + "can dump 0x53000001:0 -e -n 2 -t 5");
+  ToolRun shown = varnel(scene + "can dump 0x53000001:0 -e -n 2 -T 5000 -t a");
   ASSERT_EQ(shown.exit_code, 0) << shown.err;
   EXPECT_EQ(
       lines_matching(shown.out, std::regex(R"(\) +(can0 .*)\n)")),
       (std::vector<std::string>{"can0  20000204   [8]  00 04 00 00 00 00 00 60   ERRORFRAME",
                                 "can0  20000204   [8]  00 14 00 00 00 00 00 80   ERRORFRAME"}));
-  ToolRun log = varnel(scene + "can dump 0x53000001:0 -e -L -n 1 -t 5");
+  ToolRun log = varnel(scene + "can dump 0x53000001:0 -e -L -n 1 -T 5000");
   EXPECT_NE(log.out.find(") can0 20000204#0004000000000060\n"), std::string::npos) << log.out;
-  ToolRun hidden = varnel(scene + "can dump 0x53000001:0 -t 0.5");
+  ToolRun hidden = varnel(scene + "can dump 0x53000001:0 -T 500");
   ASSERT_EQ(hidden.exit_code, 0) << hidden.err;
   EXPECT_EQ(hidden.out, "");
+}
+
+// candump's time stamp kinds (none unless asked for), and Ctrl-C ends a dump with exit 0.
+TEST(CanCli, DumpStampsFramesAsCandumpDoes) {
+  const std::string scene = "--sim-traffic 123#11@20 can dump 0x12345678:0 -n 2 ";
+  const struct {
+    const char* option;
+    const char* line;  // each of the two lines
+  } cases[] = {
+      {"", R"(  can0  123   \[1\]  11\n)"},
+      {"-t a", R"(\(\d{10}\.\d{6}\)   can0  123   \[1\]  11\n)"},
+      {"-t A", R"(\(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}\)   can0  123   \[1\]  11\n)"},
+      {"-t z", R"(\(000\.0[0-2]\d{4}\)   can0  123   \[1\]  11\n)"},
+      {"-t d", R"(\(000\.0[0-2]\d{4}\)   can0  123   \[1\]  11\n)"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(scene + c.option);
+    EXPECT_EQ(run.exit_code, 0) << c.option << run.err;
+    EXPECT_TRUE(std::regex_match(run.out, std::regex(std::string("(") + c.line + "){2}")))
+        << c.option << "\n"
+        << run.out;
+  }
+  ToolRun z = varnel(scene + "-t z");
+  EXPECT_EQ(z.out.rfind("(000.000000) ", 0), 0u) << z.out;  // counted from the first frame
+  ToolRun stopped =
+      varnel("--sim-traffic 123#11@20 can dump 0x12345678:0", "timeout --preserve-status -s INT 1");
+  EXPECT_EQ(stopped.exit_code, 0) << stopped.err;
+  EXPECT_NE(stopped.out, "");
+  EXPECT_EQ(stopped.err.rfind("can dump: ", 0), 0u) << stopped.err;  // the summary still comes
 }
 
 TEST(CanCli, DumpDecodesLiveFramesWithTheDatabase) {
   ToolRun run = varnel(
       "--sim-traffic 123#E803021E00000000@20,18FEF1FE#F4010000@30 can dump "
-      "0x12345678:0 -n 4 --dbc " +
+      "0x12345678:0 -n 4 -t a --dbc " +
       kBenchDbc);
   ASSERT_EQ(run.exit_code, 0) << run.err;
   EXPECT_EQ(without_host_times(run.out), golden("can_dump_dbc.txt"));

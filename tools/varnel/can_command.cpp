@@ -2,10 +2,13 @@
 // varnel can dump HANDLE:CH [-L] [-n N] [-t S]   candump-like lines with host time stamps
 // varnel can gen  HANDLE:CH [-n N] [-g MS] [-I ID] [--len N] [--fd]   cangen-like traffic
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -214,24 +217,86 @@ std::string error_frame_text(const CANFD_MSG& event, const std::string& interfac
   return text;
 }
 
-void run_dump(CanTarget t, bool log_format, int count, double seconds, const std::string& dbc,
-              bool errors) {
+// What `can dump` shows, in candump's terms.
+struct DumpOptions {
+  bool log_format = false;  // -L: "(time) can0 123#DEADBEEF" lines
+  bool log_file = false;    // -l: those lines into candump-DATE_TIME.log instead of stdout
+  std::string time_kind;    // -t: a absolute, d delta, z from the first frame, A with the date
+  int count = 0;            // -n
+  int time_limit_ms = 0;    // -T
+  std::string dbc;
+  bool errors = false;  // -e
+};
+
+std::atomic<bool> interrupted{false};
+
+// candump's time stamp forms; empty when none was asked for.
+std::string stamp(const std::string& kind, uint64_t now_us, uint64_t& first_us, uint64_t& last_us) {
+  if (kind.empty()) return "";
+  if (!first_us) first_us = last_us = now_us;
+  char text[48];
+  const uint64_t since = kind == "d" ? now_us - last_us : kind == "z" ? now_us - first_us : now_us;
+  last_us = now_us;
+  if (kind == "A") {
+    const time_t seconds = time_t(now_us / 1000000);
+    tm local{};
+    localtime_r(&seconds, &local);
+    char date[32];
+    std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(text, sizeof text, "(%s.%06llu) ", date, (unsigned long long)(now_us % 1000000));
+  } else if (kind == "a") {
+    std::snprintf(text, sizeof text, "(%llu.%06llu) ", (unsigned long long)(since / 1000000),
+                  (unsigned long long)(since % 1000000));
+  } else {
+    std::snprintf(text, sizeof text, "(%03llu.%06llu) ", (unsigned long long)(since / 1000000),
+                  (unsigned long long)(since % 1000000));
+  }
+  return text;
+}
+
+// candump's log file name, in local time.
+std::string log_file_name() {
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char name[64];
+  std::strftime(name, sizeof name, "candump-%Y-%m-%d_%H%M%S.log", &local);
+  return name;
+}
+
+void run_dump(CanTarget t, const DumpOptions& o) {
   DBC_HANDLE db = 0;
-  if (!dbc.empty() && !(db = VARNEL_DbcLoadFile(dbc.c_str()))) {
-    std::fprintf(stderr, "can dump: cannot load the database %s\n", dbc.c_str());
+  if (!o.dbc.empty() && !(db = VARNEL_DbcLoadFile(o.dbc.c_str()))) {
+    std::fprintf(stderr, "can dump: cannot load the database %s\n", o.dbc.c_str());
     varnel_cli::exit_code() = 1;
     return;
   }
   if (!open_channel(t)) return;
+  FILE* out = stdout;
+  if (o.log_file) {
+    const std::string name = log_file_name();
+    if (!(out = std::fopen(name.c_str(), "w"))) {
+      std::fprintf(stderr, "can dump: cannot write %s\n", name.c_str());
+      varnel_cli::exit_code() = 1;
+      close_adapter(t.handle);
+      return;
+    }
+    std::fprintf(stderr, "can dump: logging to %s\n", name.c_str());
+  }
+  const bool log_format = o.log_format || o.log_file;
+  // Ctrl-C ends the dump as candump's does: the summary, the adapter closed, exit 0.
+  interrupted = false;
+  auto previous = std::signal(SIGINT, [](int) { interrupted = true; });
   const bool fd = is_fd_adapter(t.handle);
   std::vector<CAN_MSG> classic(fd ? 0 : VARNEL_CAN_QUEUE_SIZE);
   std::vector<CANFD_MSG> frames(fd ? 5000 : 0);
   fd ? CANFD_StartGetMsg(t.handle, t.channel) : CAN_StartGetMsg(t.handle, t.channel);
   const FrameClock clock = frame_clock(t, fd);
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.time_limit_ms);
   int shown = 0, idle_rounds = 0;
-  while ((count <= 0 || shown < count) &&
-         (seconds <= 0 || std::chrono::steady_clock::now() < end)) {
+  uint64_t first_us = 0, last_us = 0;
+  while (!interrupted && (o.count <= 0 || shown < o.count) &&
+         (o.time_limit_ms <= 0 || std::chrono::steady_clock::now() < end)) {
     int n = fd ? CANFD_GetMsg(t.handle, t.channel, frames.data(), int32_t(frames.size()))
                : CAN_GetMsg(t.handle, t.channel, classic.data());
     if (n < 0) {
@@ -246,30 +311,30 @@ void run_dump(CanTarget t, bool log_format, int count, double seconds, const std
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       continue;
     }
-    for (int i = 0; i < n && (count <= 0 || shown < count); ++i, ++shown) {
+    for (int i = 0; i < n && (o.count <= 0 || shown < o.count); ++i) {
       const CANFD_MSG f = fd ? frames[size_t(i)] : from_classic(classic[size_t(i)]);
       const uint64_t now = clock.host_us(f.TimeStampHigh, f.TimeStamp);
-      if (fd && f.Id == VARNEL_CANFD_EVENT_ID) {  // not a frame: out of the output unless asked for
-        if (!errors) {
-          --shown;
-          continue;
-        }
-        std::printf("(%llu.%06llu) %s\n", (unsigned long long)(now / 1000000),
-                    (unsigned long long)(now % 1000000),
-                    error_frame_text(f, interface_name(t), log_format).c_str());
+      const bool event = fd && f.Id == VARNEL_CANFD_EVENT_ID;
+      if (event && !o.errors) continue;  // not a frame: out of the output unless asked for
+      ++shown;
+      const std::string name = interface_name(t);
+      if (log_format) {
+        const std::string line = varnel::can_text::candump_log_line(name, f, now);
+        std::fprintf(
+            out, "%s\n",
+            event ? (line.substr(0, line.find(')') + 2) + error_frame_text(f, name, true)).c_str()
+                  : line.c_str());
         continue;
       }
-      if (log_format) {
-        std::printf("%s\n", varnel::can_text::candump_log_line(interface_name(t), f, now).c_str());
-      } else {
-        std::printf("(%llu.%06llu) %s\n", (unsigned long long)(now / 1000000),
-                    (unsigned long long)(now % 1000000),
-                    varnel::can_text::candump_line(interface_name(t), f).c_str());
-      }
-      print_decoded(db, f);
+      std::fprintf(out, "%s%s\n", stamp(o.time_kind, now, first_us, last_us).c_str(),
+                   event ? error_frame_text(f, name, false).c_str()
+                         : varnel::can_text::candump_line(name, f).c_str());
+      if (!event) print_decoded(db, f);
     }
-    std::fflush(stdout);
+    std::fflush(out);
   }
+  std::signal(SIGINT, previous);
+  if (out != stdout) std::fclose(out);
   print_receive_stats(t, shown);
   fd ? CANFD_StopGetMsg(t.handle, t.channel) : CAN_StopGetMsg(t.handle, t.channel);
   close_adapter(t.handle);
@@ -398,20 +463,19 @@ void add_can_commands(CLI::App& app) {
   send->callback([send_target, frames] { run_send(*send_target, *frames); });
 
   auto dump_target = std::make_shared<CanTarget>();
-  auto log_format = std::make_shared<bool>(false);
-  auto dump_count = std::make_shared<int>(0);
-  auto seconds = std::make_shared<double>(0);
+  auto d = std::make_shared<DumpOptions>();
   CLI::App* dump = can->add_subcommand("dump", "print received frames as candump does");
   add_target(dump, dump_target);
-  dump->add_flag("-L,--log", *log_format, "candump log format: (time) can0 123#DEADBEEF");
-  dump->add_option("-n,--count", *dump_count, "stop after N frames");
-  dump->add_option("-t,--time", *seconds, "stop after S seconds");
-  auto dbc_file = std::make_shared<std::string>();
-  dump->add_option("--dbc", *dbc_file, "decode frames with this DBC database");
-  auto errors = std::make_shared<bool>(false);
-  dump->add_flag("-e,--errors", *errors, "show device events as candump shows error frames");
-  dump->callback(
-      [=] { run_dump(*dump_target, *log_format, *dump_count, *seconds, *dbc_file, *errors); });
+  dump->add_flag("-L,--log", d->log_format, "candump log format: (time) can0 123#DEADBEEF");
+  dump->add_flag("-l,--log-file", d->log_file, "log into candump-DATE_TIME.log instead");
+  dump->add_option("-t,--timestamp", d->time_kind,
+                   "a absolute, d delta, z from the first frame, A absolute with the date")
+      ->check(CLI::IsMember({"a", "d", "z", "A"}));
+  dump->add_option("-n,--count", d->count, "stop after N frames");
+  dump->add_option("-T,--timeout", d->time_limit_ms, "stop after MS milliseconds");
+  dump->add_option("--dbc", d->dbc, "decode frames with this DBC database");
+  dump->add_flag("-e,--errors", d->errors, "show device events as candump shows error frames");
+  dump->callback([=] { run_dump(*dump_target, *d); });
 
   auto gen_target = std::make_shared<CanTarget>();
   auto gen = can->add_subcommand("gen", "generate frames as cangen does");
