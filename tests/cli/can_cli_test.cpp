@@ -69,6 +69,27 @@ TEST(CanCli, DumpStampsFramesAsCandumpDoes) {
   EXPECT_EQ(stopped.err.rfind("can dump: ", 0), 0u) << stopped.err;  // the summary still comes
 }
 
+// candump's filters after the target: ID:MASK passes matches, ID~MASK passes the rest; any
+// filter that passes a frame shows it.
+TEST(CanCli, DumpFiltersAsCandumpDoes) {
+  const std::string scene = "--sim-traffic 123#11@10,456#22@10,18FEF1FE#33@10 can dump ";
+  const struct {
+    const char* target;
+    std::vector<std::string> ids;
+  } cases[] = {
+      {"0x12345678:0,123:7FF", {"123", "123"}},
+      {"0x12345678:0,400:700", {"456", "456"}},  // only the top three bits compared
+      {"0x12345678:0,123~7FF", {"456", "18FEF1FE"}},
+      {"0x12345678:0,123:7FF,18FEF1FE:1FFFFFFF", {"123", "18FEF1FE", "123", "18FEF1FE"}},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(scene + c.target + " -n " + std::to_string(c.ids.size()));
+    EXPECT_EQ(run.exit_code, 0) << c.target << run.err;
+    EXPECT_EQ(lines_matching(run.out, std::regex(R"(can0  ([0-9A-F]+) )")), c.ids) << c.target;
+  }
+  EXPECT_EQ(varnel("--sim can dump 0x12345678:0,12G:7FF -n 1").exit_code, 2);
+}
+
 TEST(CanCli, DumpDecodesLiveFramesWithTheDatabase) {
   ToolRun run = varnel(
       "--sim-traffic 123#E803021E00000000@20,18FEF1FE#F4010000@30 can dump "

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,23 +27,67 @@
 namespace varnel_cli {
 namespace {
 
+// candump's receive filters: "ID:MASK" passes a frame whose identifier matches ID in the bits of
+// MASK, "ID~MASK" one that does not; a frame passes when any filter passes it (no filter: all).
+struct Filter {
+  uint32_t id = 0, mask = 0;
+  bool inverse = false;
+  bool passes(uint32_t frame_id) const { return ((frame_id & mask) == (id & mask)) != inverse; }
+};
+
 struct CanTarget {
-  std::string text;  // HANDLE:CH
+  std::string text;  // HANDLE:CH[,FILTER...]
   uint32_t handle = 0;
   uint8_t channel = 0;
+  std::vector<Filter> filters;
   uint32_t bitrate = 500000;
   uint32_t data_bitrate = 2000000;
 };
 
+std::optional<uint32_t> parse_hex_word(const std::string& text) {
+  if (text.empty() || text.size() > 8) return std::nullopt;
+  uint32_t value = 0;
+  for (char c : text) {
+    const int digit = varnel::can_text::hex_digit(c);
+    if (digit < 0) return std::nullopt;
+    value = value << 4 | uint32_t(digit);
+  }
+  return value;
+}
+
+bool parse_filter(const std::string& text, Filter& filter) {
+  const size_t at = text.find_first_of(":~");
+  if (at == std::string::npos) return false;
+  const auto id = parse_hex_word(text.substr(0, at)), mask = parse_hex_word(text.substr(at + 1));
+  if (!id || !mask) return false;
+  filter = {*id & 0x1FFFFFFF, *mask & 0x1FFFFFFF, text[at] == '~'};
+  return true;
+}
+
 bool parse_target(CanTarget& target) {
-  const size_t colon = target.text.rfind(':');
-  const std::string handle = target.text.substr(0, colon);
-  if (!parse_handle(handle, target.handle)) return false;
+  const size_t comma = target.text.find(',');
+  const std::string head = target.text.substr(0, comma);
+  target.filters.clear();
+  for (size_t at = comma; at != std::string::npos;) {
+    const size_t next = target.text.find(',', at + 1);
+    Filter filter;
+    if (!parse_filter(target.text.substr(at + 1, next - at - 1), filter)) return false;
+    target.filters.push_back(filter);
+    at = next;
+  }
+  const size_t colon = head.rfind(':');
+  if (!parse_handle(head.substr(0, colon), target.handle)) return false;
   if (colon == std::string::npos) return true;
-  const std::string channel = target.text.substr(colon + 1);
+  const std::string channel = head.substr(colon + 1);
   if (channel != "0" && channel != "1") return false;
   target.channel = uint8_t(channel[0] - '0');
   return true;
+}
+
+bool passes_filters(const CanTarget& t, uint32_t frame_id) {
+  if (t.filters.empty()) return true;
+  return std::any_of(t.filters.begin(), t.filters.end(),
+                     [&](const Filter& f) { return f.passes(frame_id & 0x1FFFFFFF); });
 }
 
 CLI::Validator target_validator() {
@@ -50,7 +95,9 @@ CLI::Validator target_validator() {
       [](std::string& text) {
         CanTarget t;
         t.text = text;
-        return parse_target(t) ? std::string() : "expected HANDLE:CH with CH 0 or 1, got " + text;
+        return parse_target(t)
+                   ? std::string()
+                   : "expected HANDLE:CH[,ID:MASK|ID~MASK...] with CH 0 or 1, got " + text;
       },
       "HANDLE:CH");
 }
@@ -316,6 +363,7 @@ void run_dump(CanTarget t, const DumpOptions& o) {
       const uint64_t now = clock.host_us(f.TimeStampHigh, f.TimeStamp);
       const bool event = fd && f.Id == VARNEL_CANFD_EVENT_ID;
       if (event && !o.errors) continue;  // not a frame: out of the output unless asked for
+      if (!event && !passes_filters(t, f.Id)) continue;
       ++shown;
       const std::string name = interface_name(t);
       if (log_format) {
