@@ -53,8 +53,8 @@ class VarnelBus(can.BusABC):
 
     Frames the adapter reports back after sending them (CAN FD adapters do) are dropped unless
     receive_own_messages=True, where they come with is_rx=False; classic adapters report nothing
-    back, so there the bus makes the echo itself once the adapter has confirmed the send. Device events of CAN FD adapters
-    (error state changes) arrive as error frames with the event's 8 bytes as data."""
+    back, so there the bus makes the echo itself once the adapter has confirmed the send. Device
+    events of CAN FD adapters (error state changes) arrive as SocketCAN error frames."""
 
     def __init__(self, channel, can_filters=None, bitrate=500000, fd=False, data_bitrate=None,
                  receive_own_messages=False, **kwargs):
@@ -113,9 +113,11 @@ class VarnelBus(can.BusABC):
             self._pending.append(echo)
 
     def _message_of(self, frame):
+        if frame.event:
+            return self._error_frame_of(frame)
         return can.Message(
             timestamp=frame.timestamp,
-            arbitration_id=0 if frame.event else frame.id,
+            arbitration_id=frame.id,
             is_extended_id=frame.extended,
             is_remote_frame=frame.remote,
             is_error_frame=frame.event,
@@ -126,6 +128,20 @@ class VarnelBus(can.BusABC):
             bitrate_switch=frame.brs,
             is_rx=not frame.echo,
         )
+
+    def _error_frame_of(self, event):
+        """A device event (data: 1, transmit errors, receive errors, state flags 1 warning,
+        2 passive, 4 bus off) as SocketCAN's error frame for the same change: a controller
+        problem (0x04) with the counters (0x200), bus-off (0x40) when it is; data byte 1 the
+        warning/passive bits per direction, bytes 6 and 7 the transmit and receive counters."""
+        tec, rec, flags = event.data[1], event.data[2], event.data[3]
+        data = bytearray(8)
+        data[1] = ((0x04 if rec >= 96 else 0) | (0x08 if tec >= 96 else 0) |
+                   (0x10 if rec >= 128 else 0) | (0x20 if tec >= 128 else 0))
+        data[6], data[7] = tec, rec
+        return can.Message(timestamp=event.timestamp, arbitration_id=0x204 | (0x40 if flags & 4 else 0),
+                           is_extended_id=False, is_error_frame=True, channel=self.channel, dlc=8,
+                           data=bytes(data))
 
     def _recv_internal(self, timeout):
         deadline = None if timeout is None else time.monotonic() + timeout

@@ -105,8 +105,10 @@ class ErrorStates(unittest.TestCase):
             self.assertEqual(caught.exception.error_code, 0)  # frames sent: none
         event = lonely.recv(RECV_TIMEOUT)
         self.assertTrue(event.is_error_frame)
-        # event data: 1, transmit counter 96 (warning level), receive counter 0, flags 1 warning
-        self.assertEqual(bytes(event.data[:4]), bytes([1, 96, 0, 1]))
+        # SocketCAN's error frame: controller problem 0x04 with counters 0x200; byte 1 the
+        # transmit warning bit 0x08; bytes 6 and 7 the counters, 96 and 0
+        self.assertEqual(event.arbitration_id, 0x204)
+        self.assertEqual(bytes(event.data), bytes([0, 0x08, 0, 0, 0, 0, 96, 0]))
         self.assertEqual(event.channel, "0x53000001:0")
 
 
