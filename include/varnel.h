@@ -383,6 +383,29 @@ VARNEL_API int VARNEL_DbcDescribe(DBC_HANDLE DBCHandle, char* pText, int Size);
 VARNEL_API int VARNEL_DbcFormatFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const uint8_t* pData,
                                      int DataLen, char* pText, int Size);
 
+/* Extensions for decoding as other DBC tools do, and fast. VARNEL_DbcLoadFileEx with
+ * VARNEL_DBC_STANDARD reads the file the standard way: tabs separate, value types 1 and 2 are IEEE
+ * single/double whatever the sign, a zero-width range is no range, SG_MUL_VAL_ selects
+ * multiplexed signals, choice names are quoted in VARNEL_DbcFormatFrame's text, and a frame
+ * shorter than its message is refused (-6) instead of read with zeros. Options 0 reads as
+ * DBC_ParserFile does. Unknown options: 0.
+ * VARNEL_DbcDecodeFrame writes the physical value of every signal of the message, in the order of
+ * DBC_GetMsgSignalName, into pValues[0..Count) (NaN for a multiplexed signal the frame does not
+ * select; pSelected, when not NULL, gets 1 for each signal the frame selects and 0 for the
+ * others, which tells a float signal holding NaN from one not selected) and returns the
+ * message's signal count; no look-up by name, and the database's own
+ * signal values are left alone. VARNEL_DbcEncodeFrame builds a frame from values in that order
+ * (NaN: the signal's start value) and returns its length; a value outside the signal's range is
+ * refused (-8) unless Flags has VARNEL_DBC_CLAMP. Both: -4 handle, -5 no message with that
+ * identifier, -7 bad argument (or pData shorter than the message). */
+#define VARNEL_DBC_STANDARD 1u
+#define VARNEL_DBC_CLAMP 1u
+VARNEL_API DBC_HANDLE VARNEL_DbcLoadFileEx(const char* pDBCFileName, uint32_t Options);
+VARNEL_API int VARNEL_DbcDecodeFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const uint8_t* pData,
+                                     int DataLen, double* pValues, uint8_t* pSelected, int Count);
+VARNEL_API int VARNEL_DbcEncodeFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const double* pValues,
+                                     int Count, uint32_t Flags, uint8_t* pData, int Size);
+
 /* ===== Firmware image files ================================================================= */
 
 /* Motorola S-records, Intel HEX and address/value text become an array of contiguous segments;

@@ -11,6 +11,7 @@ varnel.records holds the records they take.
 """
 from .adapter import Adapter, DeviceInfo, is_fd_adapter, scan
 from .channel import CanChannel, Frame
+from . import dbc
 from . import records
 from .errors import RESULT_TEXT, VarnelError, result_text
 from .gpio import Gpio
@@ -19,7 +20,7 @@ from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
 
 __version__ = "0.1.0"
 __all__ = [
-    "Adapter", "CanChannel", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
+    "Adapter", "CanChannel", "dbc", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
     "GPIO_PULL_UP", "Gpio", "RESULT_TEXT", "VarnelError", "is_fd_adapter", "lib", "records", "result_text",
     "scan",
 ]

@@ -69,7 +69,20 @@ CANFD = {
     "CANFD_Stop": (_int, [_u32, _u8], None),
     "CANFD_GetStartTime": (_i64, [_u32, _u8], None),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD)
+_u64, _dbl_p = ctypes.c_uint64, ctypes.POINTER(ctypes.c_double)
+DBC = {
+    "VARNEL_DbcLoadFileEx": (_u64, [_char_p, _u32], None),  # 0: the file cannot be read
+    "DBC_GetMsgQuantity": (_int, [_u64], COUNT),
+    "DBC_GetMsgName": (_int, [_u64, _int, _char_p], COUNT),
+    "DBC_GetMsgIDByName": (_int, [_u64, _char_p], None),  # extended identifiers read negative
+    "DBC_GetMsgSignalQuantity": (_int, [_u64, _char_p], COUNT),
+    "DBC_GetMsgSignalName": (_int, [_u64, _char_p, _u32, _char_p], COUNT),
+    "VARNEL_DbcDecodeFrame": (_int, [_u64, _u32, ctypes.c_char_p, _int, _dbl_p,
+                                      ctypes.POINTER(_u8), _int], COUNT),
+    "VARNEL_DbcEncodeFrame": (_int, [_u64, _u32, _dbl_p, _int, _u32, ctypes.c_char_p, _int],
+                              COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, DBC)
 
 
 def _raise_on_negative(result, function, _args):

@@ -1,5 +1,7 @@
 #include "files/dbc_codec.h"
 
+#include <algorithm>
+#include <bit>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -23,11 +25,44 @@ void add_run(Signal& s, uint32_t byte, uint32_t bit, uint32_t raw_shift) {
   s.runs.push_back(BitRun{uint8_t(byte), uint8_t(bit), 1, uint16_t(raw_shift)});
 }
 
+// Where the signal sits in the first 8 bytes read as one word, if it lies within them. Intel bit
+// p is bit p of the little-endian word; Motorola bit p (byte p / 8, bit p % 8) is bit
+// (7 - p / 8) * 8 + p % 8 of the big-endian word, where a Motorola signal's bits run upwards.
+void place_in_first_word(Signal& s) {
+  s.in_first_word = false;
+  if (s.length == 0 || s.length > 64) return;
+  uint32_t shift = s.start_bit;
+  if (s.byte_order != kIntel) {
+    if (s.start_bit >= 64) return;
+    shift = (7 - s.start_bit / 8u) * 8 + s.start_bit % 8u;
+  }
+  if (shift + s.length > 64) return;
+  s.in_first_word = true;
+  s.word_shift = uint8_t(shift);
+}
+
+uint64_t byte_swapped(uint64_t v) {
+  return __builtin_bswap64(v);
+}
+
 }  // namespace
+
+FirstWord::FirstWord(const uint8_t* payload, size_t size) {
+  uint64_t native = 0;
+  std::memcpy(&native, payload, std::min<size_t>(size, 8));
+  if constexpr (std::endian::native == std::endian::little) {
+    little = native;
+    big = byte_swapped(native);
+  } else {
+    big = native;
+    little = byte_swapped(native);
+  }
+}
 
 void prepare_codec(Signal& s) {
   s.mask = bit_mask(s.length);
   s.runs.clear();
+  place_in_first_word(s);
   if (s.byte_order == kIntel) {
     // Raw bit i sits at position start + i, rising through the bytes.
     for (uint32_t i = 0; i < s.length; ++i) {
@@ -47,7 +82,19 @@ void prepare_codec(Signal& s) {
   }
 }
 
+uint64_t extract(const Signal& s, const FirstWord& word, const uint8_t* payload, size_t size) {
+  if (s.in_first_word) {
+    return ((s.byte_order == kIntel ? word.little : word.big) >> s.word_shift) & s.mask;
+  }
+  return extract_runs(s, payload, size);
+}
+
 uint64_t extract(const Signal& s, const uint8_t* payload, size_t size) {
+  if (s.in_first_word) return extract(s, FirstWord(payload, size), payload, size);
+  return extract_runs(s, payload, size);
+}
+
+uint64_t extract_runs(const Signal& s, const uint8_t* payload, size_t size) {
   uint64_t raw = 0;
   for (const BitRun& r : s.runs) {
     if (r.byte >= size || r.raw_shift >= 64) continue;
@@ -66,7 +113,28 @@ void insert(const Signal& s, uint64_t raw, uint8_t* payload, size_t size) {
   }
 }
 
+// The standard reading: IEEE floats for value types 1 and 2 whatever the sign, scaled like
+// integers, as other DBC tools decode them.
+double standard_physical(const Signal& s, uint64_t raw) {
+  if (s.value_type == kFloat32) {
+    float f;
+    const uint32_t low = uint32_t(raw);
+    std::memcpy(&f, &low, sizeof f);
+    return double(f) * s.factor + s.offset;
+  }
+  if (s.value_type == kFloat64) {
+    double d;
+    std::memcpy(&d, &raw, sizeof d);
+    return d * s.factor + s.offset;
+  }
+  if (s.is_signed && s.length >= 1 && s.length <= 64 && ((raw >> (s.length - 1)) & 1)) {
+    return double(int64_t(raw | ~s.mask)) * s.factor + s.offset;
+  }
+  return double(raw) * s.factor + s.offset;
+}
+
 double physical_from_raw(const Signal& s, uint64_t raw) {
+  if (s.standard) return standard_physical(s, raw);
   if (s.is_signed) {
     if (s.value_type == kFloat32) {
       float f;
@@ -102,7 +170,31 @@ uint64_t wrap_to_u64(double v) {
   return uint64_t(v);
 }
 
+bool in_range(const Signal& s, double value) {
+  return !(s.minimum < s.maximum) || (value >= s.minimum && value <= s.maximum);
+}
+
+// The standard reading clamps only to a range the file gives, and floats whatever the sign.
+uint64_t standard_raw(const Signal& s, double value) {
+  const bool ranged = s.minimum < s.maximum;
+  const double v = ranged ? std::fmax(s.minimum, std::fmin(s.maximum, value)) : value;
+  const double scaled = (v - s.offset) / s.factor;
+  if (s.value_type == kFloat32) {
+    const float f = float(scaled);
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+  }
+  if (s.value_type == kFloat64) {
+    uint64_t bits;
+    std::memcpy(&bits, &scaled, sizeof bits);
+    return bits;
+  }
+  return wrap_to_u64(scaled) & s.mask;
+}
+
 uint64_t raw_from_physical(const Signal& s, double value, uint64_t current) {
+  if (s.standard) return standard_raw(s, value);
   // fmin/fmax skip a NaN, so a NaN value lands on the maximum and a NaN bound clamps nothing.
   const double v = std::fmax(s.minimum, std::fmin(s.maximum, value));
   if (s.is_signed) {
@@ -141,10 +233,57 @@ std::string value_table_text(const Signal& s, double physical) {
   return std::to_string(key) + "-123456";
 }
 
-bool signal_active(const Message& m, const Signal& s, const uint8_t* payload, size_t size) {
+namespace {
+
+bool active_in(const Message& m, const Signal& s, const FirstWord& word, const uint8_t* payload,
+               size_t size, int depth) {
   if (s.multiplex_indicator != kMultiplexed) return true;
+  if (s.switch_index >= 0) {
+    // Selected when its switch is selected and holds a value in one of the ranges. Switch
+    // chains deeper than any real file are cut, so a loop in a file cannot recurse forever.
+    const Signal& sw = m.signals[size_t(s.switch_index)];
+    const uint64_t v = extract(sw, word, payload, size);
+    bool selected = false;
+    for (auto [from, to] : s.switch_ranges) selected = selected || (v >= from && v <= to);
+    return selected && depth < 8 && active_in(m, sw, word, payload, size, depth + 1);
+  }
   if (m.multiplexor < 0) return false;
-  return extract(m.signals[size_t(m.multiplexor)], payload, size) == s.multiplex_value;
+  return extract(m.signals[size_t(m.multiplexor)], word, payload, size) == s.multiplex_value;
+}
+
+}  // namespace
+
+bool signal_active(const Message& m, const Signal& s, const uint8_t* payload, size_t size) {
+  return active_in(m, s, FirstWord(payload, size), payload, size, 0);
+}
+
+void decode_all(const Message& m, const uint8_t* payload, size_t size, double* values,
+                uint8_t* selected, size_t count) {
+  const FirstWord word(payload, size);
+  const size_t n = std::min(count, m.signals.size());
+  for (size_t i = 0; i < n; ++i) {
+    const Signal& s = m.signals[i];
+    const bool active = active_in(m, s, word, payload, size, 0);
+    values[i] = active ? physical_from_raw(s, extract(s, word, payload, size)) : std::nan("");
+    if (selected) selected[i] = active;
+  }
+}
+
+void encode_all(const Message& m, const double* values, size_t count, uint8_t* payload,
+                size_t size) {
+  // Switches go in first, so that what they select is known when the others are written.
+  const auto is_switch = [](const Signal& s) {
+    return s.multiplex_indicator == kMultiplexor || s.switch_too;
+  };
+  for (int pass = 0; pass < 2; ++pass) {
+    for (size_t i = 0; i < m.signals.size(); ++i) {
+      const Signal& s = m.signals[i];
+      if (is_switch(s) != (pass == 0)) continue;
+      if (pass == 1 && !signal_active(m, s, payload, size)) continue;
+      const bool given = i < count && !std::isnan(values[i]);
+      insert(s, given ? raw_from_physical(s, values[i], 0) : s.initial_raw, payload, size);
+    }
+  }
 }
 
 std::string format_decoded(const Message& m, const uint8_t* payload, size_t size) {
@@ -160,7 +299,8 @@ std::string format_decoded(const Message& m, const uint8_t* payload, size_t size
     if (!s.value_table.empty() && value > -2147483649.0 && value < 2147483648.0) {
       auto it = s.value_table.find(int32_t(value));
       if (it != s.value_table.end()) {
-        line += it->second;
+        // Choice names may hold blanks: the standard reading quotes them, as DBC tools do.
+        line += s.standard ? '"' + it->second + '"' : it->second;
         continue;
       }
     }

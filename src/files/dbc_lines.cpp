@@ -1,5 +1,7 @@
 #include "files/dbc_lines.h"
 
+#include <cctype>
+
 namespace varnel::dbc {
 
 bool LineReader::refill() {
@@ -54,7 +56,7 @@ bool LineReader::next(std::string& line) {
   return any;
 }
 
-void tokenize(std::string_view line, std::vector<std::string>& tokens) {
+void tokenize(std::string_view line, std::vector<std::string>& tokens, bool any_blank) {
   tokens.clear();
   std::string token;
   auto finish = [&] {
@@ -64,7 +66,7 @@ void tokenize(std::string_view line, std::vector<std::string>& tokens) {
   for (size_t i = 0; i < line.size(); ++i) {
     if (line[i] == ';' && i + 1 < line.size() && line[i + 1] == '\n') {
       ++i;  // ";\n" goes; so a line ending in ';' loses its line feed with it
-    } else if (line[i] == ' ') {
+    } else if (line[i] == ' ' || (any_blank && std::isspace(static_cast<unsigned char>(line[i])))) {
       finish();
     } else {
       token += line[i];

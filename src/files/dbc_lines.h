@@ -45,6 +45,7 @@ class LineReader {
 };
 
 // Splits a line into tokens after taking out every ";\n"; the vector is reused between lines.
-void tokenize(std::string_view line, std::vector<std::string>& tokens);
+// With `any_blank`, tabs and line ends separate too, as in the files other DBC tools read.
+void tokenize(std::string_view line, std::vector<std::string>& tokens, bool any_blank = false);
 
 }  // namespace varnel::dbc

@@ -76,7 +76,7 @@ bool contains(std::string_view s, char c) {
 
 class Loader {
  public:
-  explicit Loader(Database& db) : db_(db) {}
+  explicit Loader(Database& db) : db_(db), standard_(db.standard) {}
 
   bool main_line(std::vector<std::string>& t);
   void attribute_line(const std::vector<std::string>& t);
@@ -88,11 +88,13 @@ class Loader {
   void comment(const std::vector<std::string>& t);
   void value_table(const std::vector<std::string>& t);
   void value_type(const std::vector<std::string>& t);
+  void multiplex_ranges(const std::vector<std::string>& t);
   void attribute_definition(const std::vector<std::string>& t);
   void attribute_default(const std::vector<std::string>& t);
   Attribute* definition(const std::string& name);
 
   Database& db_;
+  const bool standard_;
   // Definitions by name (first one wins), for the attribute lines.
   std::unordered_map<std::string, size_t> definitions_;
 };
@@ -104,6 +106,7 @@ bool Loader::main_line(std::vector<std::string>& t) {
   if (kind == "CM_") comment(t);
   if (kind == "VAL_") value_table(t);
   if (kind == "SIG_VALTYPE_") value_type(t);
+  if (kind == "SG_MUL_VAL_" && standard_) multiplex_ranges(t);
   if (kind == "BA_DEF_") attribute_definition(t);
   if (kind == "BA_DEF_DEF_") attribute_default(t);
   return true;
@@ -135,7 +138,13 @@ void Loader::signal(const std::vector<std::string>& t) {
   Signal s;
   s.name = without(t[1], ":");
   size_t i = 2;
-  if (contains(t[2], 'M')) {
+  if (standard_ && contains(t[2], 'm') && contains(t[2], 'M')) {
+    // Extended multiplexing: selected by one switch, and itself a switch for others.
+    s.multiplex_indicator = kMultiplexed;
+    s.multiplex_value = uint16_t(to_ulong0(without(t[2], "mM:")));
+    s.switch_too = true;
+    ++i;
+  } else if (contains(t[2], 'M')) {
     s.multiplex_indicator = kMultiplexor;
     ++i;
   } else if (contains(t[2], 'm')) {
@@ -165,7 +174,7 @@ void Loader::signal(const std::vector<std::string>& t) {
   std::vector<std::string> range = split_at(without(token_or_empty(t, i++), "[]"), "|");
   s.minimum = to_double(range[0]);
   s.maximum = range.size() > 1 ? to_double(range[1]) : 0.0;
-  if (s.minimum == s.maximum) {
+  if (s.minimum == s.maximum && !standard_) {
     // A zero-width range (usually [0|0]) stands for the whole range of the bit length.
     s.minimum = s.offset;
     s.maximum = double(bit_mask(s.length)) * s.factor + s.offset;
@@ -247,6 +256,22 @@ void Loader::value_type(const std::vector<std::string>& t) {
   for (Message& m : db_.messages) {
     if (m.id != id) continue;
     if (Signal* s = m.find_signal(parts[0])) s->value_type = type;
+  }
+}
+
+// SG_MUL_VAL_ <id> <signal> <switch> <from>-<to>, <from>-<to> ...;
+void Loader::multiplex_ranges(const std::vector<std::string>& t) {
+  if (t.size() < 5) return;
+  Message* m = db_.find_message_by_id(uint32_t(to_ulong0(t[1])));
+  Signal* s = m ? m->find_signal(t[2]) : nullptr;
+  if (!s) return;
+  s->switch_name = t[3];
+  s->switch_ranges.clear();
+  for (const std::string& range : split_at(without(join(t, 4, ""), ";"), ",")) {
+    const std::vector<std::string> ends = split_at(range, "-");
+    if (ends.size() != 2) continue;
+    s->switch_ranges.emplace_back(std::strtoull(ends[0].c_str(), nullptr, 10),
+                                  std::strtoull(ends[1].c_str(), nullptr, 10));
   }
 }
 
@@ -345,6 +370,18 @@ void build_message_index(Message& m) {
   for (size_t i = 0; i < m.signals.size(); ++i) m.signal_index.emplace(m.signals[i].name, i);
 }
 
+// An SG_MUL_VAL_ switch must be another signal of the same message; anything else selects
+// nothing.
+void resolve_switches(Message& m) {
+  for (size_t k = 0; k < m.signals.size(); ++k) {
+    Signal& s = m.signals[k];
+    s.switch_index = -1;
+    if (s.switch_name.empty()) continue;
+    auto it = m.signal_index.find(s.switch_name);
+    if (it != m.signal_index.end() && it->second != k) s.switch_index = int(it->second);
+  }
+}
+
 void build_indexes(Database& db) {
   db.name_index.clear();
   db.id_index.clear();
@@ -359,8 +396,11 @@ void build_indexes(Database& db) {
     for (size_t k = 0; k < m.signals.size(); ++k) {
       Signal& s = m.signals[k];
       if (m.multiplexor < 0 && s.multiplex_indicator == kMultiplexor) m.multiplexor = int(k);
+      s.standard = db.standard;
+      s.initial_raw = s.raw_value;
       prepare_codec(s);
     }
+    resolve_switches(m);
   }
 }
 
@@ -427,12 +467,12 @@ uint16_t motorola_lsb_start(uint32_t file_start_bit, uint16_t length) {
 namespace {
 
 // The main pass: everything but BA_ lines. False when the input cannot be a database.
-bool main_pass(Loader& loader, LineReader& lines) {
+bool main_pass(Loader& loader, LineReader& lines, bool standard) {
   std::string line;
   std::vector<std::string> t;
   while (lines.next(line)) {
     if (lines.bytes_read() > kMaxFileBytes) return false;
-    tokenize(line, t);
+    tokenize(line, t, standard);
     if (t.empty() || t[0] == "BA_") continue;
     if (!loader.main_line(t)) return false;
   }
@@ -440,12 +480,12 @@ bool main_pass(Loader& loader, LineReader& lines) {
 }
 
 // The attribute pass: the BA_ lines, once every message and definition is known.
-bool attribute_pass(Loader& loader, LineReader& lines) {
+bool attribute_pass(Loader& loader, LineReader& lines, bool standard) {
   std::string line;
   std::vector<std::string> t;
   while (lines.next(line)) {
     if (line.size() < 3 || line.find("BA_") == std::string::npos) continue;
-    tokenize(line, t);
+    tokenize(line, t, standard);
     loader.attribute_line(t);
   }
   return !lines.failed();
@@ -459,28 +499,30 @@ std::unique_ptr<Database> finish(Loader& loader, std::unique_ptr<Database> db) {
 
 }  // namespace
 
-std::unique_ptr<Database> parse(std::string_view text) {
+std::unique_ptr<Database> parse(std::string_view text, bool standard) {
   auto db = std::make_unique<Database>();
+  db->standard = standard;
   Loader loader(*db);
   LineReader main_lines(text), attribute_lines(text);
-  if (!main_pass(loader, main_lines)) return nullptr;
-  attribute_pass(loader, attribute_lines);
+  if (!main_pass(loader, main_lines, standard)) return nullptr;
+  attribute_pass(loader, attribute_lines, standard);
   return finish(loader, std::move(db));
 }
 
 // The file is read twice, line by line, and never held whole: memory follows what the file
 // defines, not how long it is.
-std::unique_ptr<Database> load_file(const char* path) {
+std::unique_ptr<Database> load_file(const char* path, bool standard) {
   if (!path) return nullptr;
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "rb"), std::fclose);
   if (!file) return nullptr;
   auto db = std::make_unique<Database>();
+  db->standard = standard;
   Loader loader(*db);
   LineReader main_lines(file.get());
-  if (!main_pass(loader, main_lines)) return nullptr;
+  if (!main_pass(loader, main_lines, standard)) return nullptr;
   std::rewind(file.get());
   LineReader attribute_lines(file.get());
-  if (!attribute_pass(loader, attribute_lines)) return nullptr;
+  if (!attribute_pass(loader, attribute_lines, standard)) return nullptr;
   return finish(loader, std::move(db));
 }
 

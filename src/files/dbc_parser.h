@@ -84,9 +84,21 @@ struct Signal {
   uint64_t raw_value = 0;
   std::vector<Attribute> attributes;
 
+  // Standard reading only (see Database::standard).
+  bool switch_too = false;  // "m3M": multiplexed, and a multiplexor for others (SG_MUL_VAL_)
+  std::string switch_name;  // SG_MUL_VAL_: the signal whose value selects this one...
+  std::vector<std::pair<uint64_t, uint64_t>> switch_ranges;  // ...when it is in one of these
+
   // Codec data derived from the fields above when the load completes.
   uint64_t mask = 0;         // 2^length - 1, all ones from 64 bits on
   std::vector<BitRun> runs;  // inside the 64-byte payload, in raw bit order
+  // A signal that lies within the first 8 bytes is one shift of the payload's first 8 bytes read
+  // as one word: little-endian for Intel, big-endian for Motorola.
+  bool in_first_word = false;
+  uint8_t word_shift = 0;
+  int switch_index = -1;     // switch_name resolved, -1 when there is none
+  uint64_t initial_raw = 0;  // the start value the file gives, kept from later changes
+  bool standard = false;     // copied from the database, for the codec
 
   const std::string& comment_text() const;
 };
@@ -114,6 +126,10 @@ struct Message {
 };
 
 struct Database {
+  // Read as DBC tools read files rather than with the original readers' habits: tabs separate,
+  // value types 1 and 2 are IEEE floats whatever the sign, a zero-width range is no range (not
+  // a clamp), and SG_MUL_VAL_ selects multiplexed signals. Set by the extension load only.
+  bool standard = false;
   std::vector<Message> messages;
   std::vector<Attribute> attribute_definitions;
 
@@ -134,9 +150,9 @@ constexpr size_t kMaxFileBytes = 256u << 20;
 
 // Parses DBC text. Returns null when the text cannot be a database (a BO_ line whose tokens run
 // out before the transmitter).
-std::unique_ptr<Database> parse(std::string_view text);
+std::unique_ptr<Database> parse(std::string_view text, bool standard = false);
 // Reads and parses a file; null if it cannot be read, is too large or does not parse.
-std::unique_ptr<Database> load_file(const char* path);
+std::unique_ptr<Database> load_file(const char* path, bool standard = false);
 // The stored (least significant bit) position of a Motorola signal from the file's start bit.
 uint16_t motorola_lsb_start(uint32_t file_start_bit, uint16_t length);
 

@@ -3,7 +3,9 @@
 #include "files/dbc_signals.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -25,7 +27,16 @@ struct Registry {
   std::mutex mutex;
   std::deque<std::unique_ptr<Database>> databases;
   std::unordered_set<uint64_t> handles;
+  // Bumped whenever a handle goes away, so the per-thread memory of the last handle found
+  // (which spares a decoding loop the lock) is never trusted after a release.
+  std::atomic<uint64_t> releases{0};
 };
+
+struct LastFound {
+  uint64_t handle = 0;
+  uint64_t releases = 0;
+};
+thread_local LastFound last_found;
 
 Registry& registry() {
   static Registry* r = new Registry;  // never destroyed: handles stay valid during exit
@@ -56,6 +67,7 @@ void forget_database(uint64_t handle) {
   Registry& r = registry();
   std::lock_guard guard(r.mutex);
   if (!r.handles.erase(handle)) return;
+  r.releases.fetch_add(1, std::memory_order_release);
   for (auto it = r.databases.begin(); it != r.databases.end(); ++it) {
     if (uint64_t(reinterpret_cast<uintptr_t>(it->get())) == handle) {
       r.databases.erase(it);
@@ -67,8 +79,13 @@ void forget_database(uint64_t handle) {
 Database* database(uint64_t handle) {
   if (handle == 0) return nullptr;
   Registry& r = registry();
+  const uint64_t releases = r.releases.load(std::memory_order_acquire);
+  if (last_found.handle == handle && last_found.releases == releases) {
+    return reinterpret_cast<Database*>(uintptr_t(handle));
+  }
   std::lock_guard guard(r.mutex);
   if (!r.handles.count(handle)) return nullptr;
+  last_found = {handle, releases};
   return reinterpret_cast<Database*>(uintptr_t(handle));
 }
 
@@ -125,6 +142,50 @@ VARNEL_API uint64_t DBC_ParserFile(DevHandle dev_handle, const char* file_name) 
 
 VARNEL_API uint64_t VARNEL_DbcLoadFile(const char* file_name) {
   return varnel::guarded(0, [&] { return register_database(load_file(file_name)); });
+}
+
+VARNEL_API uint64_t VARNEL_DbcLoadFileEx(const char* file_name, uint32_t options) {
+  return varnel::guarded(0, [&]() -> uint64_t {
+    if (options & ~uint32_t(VARNEL_DBC_STANDARD)) return 0;
+    return register_database(load_file(file_name, options & VARNEL_DBC_STANDARD));
+  });
+}
+
+VARNEL_API int VARNEL_DbcDecodeFrame(uint64_t dbc, uint32_t id, const uint8_t* data, int length,
+                                     double* values, uint8_t* selected, int count) {
+  Database* db = database(dbc);
+  if (!db) return -4;
+  if (length < 0 || (length > 0 && !data) || count < 0 || (count > 0 && !values)) return -7;
+  const Message* m = db->find_message_by_id(id);
+  if (!m) return -5;
+  if (db->standard && size_t(length) < std::min<size_t>(m->dlc, kPayloadBytes)) return -6;
+  decode_all(*m, data, std::min<size_t>(size_t(length), kPayloadBytes), values, selected,
+             size_t(count));
+  return int(m->signals.size());
+}
+
+VARNEL_API int VARNEL_DbcEncodeFrame(uint64_t dbc, uint32_t id, const double* values, int count,
+                                     uint32_t flags, uint8_t* data, int size) {
+  return varnel::guarded(-4, [&] {
+    Database* db = database(dbc);
+    if (!db) return -4;
+    if (count < 0 || (count > 0 && !values) || size < 0 || (size > 0 && !data)) return -7;
+    if (flags & ~uint32_t(VARNEL_DBC_CLAMP)) return -7;
+    const Message* m = db->find_message_by_id(id);
+    if (!m) return -5;
+    const size_t length = std::min<size_t>(m->dlc, kPayloadBytes);
+    if (size_t(size) < length) return -7;
+    const size_t given = std::min(size_t(count), m->signals.size());
+    if (!(flags & VARNEL_DBC_CLAMP)) {
+      for (size_t i = 0; i < given; ++i) {
+        if (!std::isnan(values[i]) && !in_range(m->signals[i], values[i])) return -8;
+      }
+    }
+    uint8_t payload[kPayloadBytes] = {};
+    encode_all(*m, values, given, payload, length);
+    std::memcpy(data, payload, length);
+    return int(length);
+  });
 }
 
 VARNEL_API int DBC_GetMsgQuantity(uint64_t dbc) {
@@ -291,6 +352,7 @@ VARNEL_API int VARNEL_DbcFormatFrame(uint64_t dbc, uint32_t id, const uint8_t* d
     if (length < 0 || (length > 0 && !data) || size < 0 || (size > 0 && !text)) return -7;
     const Message* m = db->find_message_by_id(id);
     if (!m) return -5;
+    if (db->standard && size_t(length) < std::min<size_t>(m->dlc, kPayloadBytes)) return -6;
     uint8_t payload[kPayloadBytes] = {};
     if (length > 0) std::memcpy(payload, data, std::min<size_t>(size_t(length), kPayloadBytes));
     const std::string line = format_decoded(*m, payload, kPayloadBytes);

@@ -34,7 +34,7 @@ TEST(DbcCli, EncodePutsEachSignalInItsBits) {
       {"Engine Coolant=-50", "123#000000F600000000\n"},  // raw -10, two's complement
       {"Engine Gear=15", "123#00000F0000000000\n"},
       {"Brake Pressure=250", "18FEF1FE#F4010000\n"},
-      {"Brake Pressure=99999", "18FEF1FE#FF0F0000\n"},  // clamped to the 12 bits
+      {"Brake Pressure=99999 --clamp", "18FEF1FE#FF0F0000\n"},  // clamped to the range
   };
   for (const auto& c : cases) {
     ToolRun run = varnel("dbc encode " + kBenchDbc + " " + c.message_and_values);
@@ -51,7 +51,7 @@ TEST(DbcCli, EncodedFramesDecodeToTheirValues) {
   ToolRun decoded = varnel("dbc decode " + kBenchDbc + " " + frame);
   std::remove(frame.c_str());
   EXPECT_EQ(decoded.out,
-            "123#7B00017D00000000 :: Engine(0x123): Speed=12.3 km/h Gear=First "
+            "123#7B00017D00000000 :: Engine(0x123): Speed=12.3 km/h Gear=\"First\" "
             "Coolant=85 degC\n");
 }
 

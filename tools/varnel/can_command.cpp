@@ -215,8 +215,10 @@ void run_send(CanTarget t, const std::vector<std::string>& texts) {
 void print_decoded(DBC_HANDLE db, const CANFD_MSG& f) {
   if (!db) return;
   char text[VARNEL_DBC_TEXT_MAX];
-  if (VARNEL_DbcFormatFrame(db, f.Id & ~0x40000000u, f.Data, f.DataLen, text, sizeof text) >= 0)
-    std::printf("  %s\n", text);
+  const int n =
+      VARNEL_DbcFormatFrame(db, f.Id & ~0x40000000u, f.Data, f.DataLen, text, sizeof text);
+  if (n >= 0) std::printf("  %s\n", text);
+  if (n == -6) std::printf("  (frame shorter than its message in the database)\n");
 }
 
 // One line on stderr when the dump ends: what the host queues lost and the poller's state.
@@ -313,7 +315,7 @@ std::string log_file_name() {
 
 void run_dump(CanTarget t, const DumpOptions& o) {
   DBC_HANDLE db = 0;
-  if (!o.dbc.empty() && !(db = VARNEL_DbcLoadFile(o.dbc.c_str()))) {
+  if (!o.dbc.empty() && !(db = VARNEL_DbcLoadFileEx(o.dbc.c_str(), VARNEL_DBC_STANDARD))) {
     std::fprintf(stderr, "can dump: cannot load the database %s\n", o.dbc.c_str());
     varnel_cli::exit_code() = 1;
     return;

@@ -2,8 +2,11 @@
 //   varnel dbc info FILE                       messages, signals, attributes
 //   varnel dbc decode FILE [LOG]               candump lines (file or stdin) with decoded signals
 //   varnel dbc encode FILE MESSAGE SIG=VALUE   the frame, as a candump "ID#DATA" line
+// Files are read as other DBC tools read them (IEEE floats, SG_MUL_VAL_, tabs, no invented
+// ranges); --legacy reads them as the DBC_ calls do.
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +27,8 @@ struct DbcOptions {
   std::string log;
   std::string message;
   std::vector<std::string> assignments;
+  bool legacy = false;
+  bool clamp = false;
 };
 
 int fail(const std::string& what) {
@@ -32,8 +37,9 @@ int fail(const std::string& what) {
   return 1;
 }
 
-DBC_HANDLE load(const std::string& file) {
-  DBC_HANDLE h = VARNEL_DbcLoadFile(file.c_str());
+DBC_HANDLE load(const DbcOptions& o) {
+  const std::string& file = o.file;
+  DBC_HANDLE h = VARNEL_DbcLoadFileEx(file.c_str(), o.legacy ? 0 : VARNEL_DBC_STANDARD);
   if (!h) {
     fail("cannot load " + file);
   } else if (DBC_GetMsgQuantity(h) == 0) {
@@ -44,7 +50,7 @@ DBC_HANDLE load(const std::string& file) {
 }
 
 void run_info(const DbcOptions& o) {
-  DBC_HANDLE h = load(o.file);
+  DBC_HANDLE h = load(o);
   if (!h) return;
   const int n = VARNEL_DbcDescribe(h, nullptr, 0);
   std::string text(size_t(n) + 1, '\0');
@@ -123,6 +129,7 @@ std::string decode_line(DBC_HANDLE h, const std::string& line) {
   Frame f;
   if (!parse_candump(line, f)) return line;
   const int n = VARNEL_DbcFormatFrame(h, f.id, f.data.data(), int(f.data.size()), nullptr, 0);
+  if (n == -6) return line + " :: error: frame shorter than its message";
   if (n < 0) return line;
   std::string text(size_t(n) + 1, '\0');
   VARNEL_DbcFormatFrame(h, f.id, f.data.data(), int(f.data.size()), text.data(), int(text.size()));
@@ -131,7 +138,7 @@ std::string decode_line(DBC_HANDLE h, const std::string& line) {
 }
 
 void run_decode(const DbcOptions& o) {
-  DBC_HANDLE h = load(o.file);
+  DBC_HANDLE h = load(o);
   if (!h) return;
   std::ifstream file;
   std::istream* in = &std::cin;
@@ -151,11 +158,20 @@ void run_decode(const DbcOptions& o) {
 }
 
 void run_encode(const DbcOptions& o) {
-  DBC_HANDLE h = load(o.file);
+  DBC_HANDLE h = load(o);
   if (!h) return;
   if (DBC_GetMsgSignalQuantity(h, o.message.c_str()) < 0) {
     fail("no message " + o.message);
     return;
+  }
+  // Values in the message's signal order; NaN leaves a signal at its start value.
+  const int count = DBC_GetMsgSignalQuantity(h, o.message.c_str());
+  std::vector<double> values(size_t(count), std::nan(""));
+  std::vector<std::string> names(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    char name[VARNEL_DBC_TEXT_MAX];
+    DBC_GetMsgSignalName(h, o.message.c_str(), uint32_t(i), name);
+    names[size_t(i)] = name;
   }
   for (const std::string& a : o.assignments) {
     const size_t eq = a.find('=');
@@ -166,13 +182,27 @@ void run_encode(const DbcOptions& o) {
       return;
     }
     const std::string name = a.substr(0, eq);
-    if (DBC_SetSignalValue(h, o.message.c_str(), name.c_str(), v) != 0) {
+    auto it = std::find(names.begin(), names.end(), name);
+    if (it == names.end()) {
       fail("no signal " + name + " in " + o.message);
       return;
     }
+    values[size_t(it - names.begin())] = v;
   }
-  CANFD_MSG msg;
+  CANFD_MSG msg;  // identifier, length and flags of the message
   DBC_SyncValueToCANFDMsg(h, o.message.c_str(), &msg);
+  const uint32_t flags = o.clamp || o.legacy ? VARNEL_DBC_CLAMP : 0;  // the DBC_ calls clamp
+  if (VARNEL_DbcEncodeFrame(h, msg.Id, values.data(), count, flags, msg.Data, 64) == -8) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      std::vector<double> one(values.size(), std::nan(""));
+      one[i] = values[i];
+      uint8_t scratch[64];
+      if (VARNEL_DbcEncodeFrame(h, msg.Id, one.data(), count, 0, scratch, 64) == -8) {
+        fail(names[i] + "=" + std::to_string(values[i]) + " is outside its range (--clamp clamps)");
+        return;
+      }
+    }
+  }
   const bool fd = msg.Flags & 4;
   const bool extended = msg.Id >> 31;
   std::printf(extended ? "%08X" : "%03X", msg.Id & 0x1FFFFFFFu);
@@ -190,6 +220,9 @@ void add_dbc_commands(CLI::App& app) {
   auto* dbc = app.add_subcommand("dbc", "CAN databases (DBC files)");
   dbc->require_subcommand(1);
   auto opts = std::make_shared<DbcOptions>();
+  dbc->add_flag("--legacy", opts->legacy,
+                "read the file as the DBC_ calls do (floats on unsigned signals as integers, "
+                "[0|0] as the whole range, no SG_MUL_VAL_, blanks only)");
 
   auto* info = dbc->add_subcommand("info", "List messages, signals and attributes");
   info->add_option("FILE", opts->file, "DBC file")->required();
@@ -204,6 +237,7 @@ void add_dbc_commands(CLI::App& app) {
   encode->add_option("FILE", opts->file, "DBC file")->required();
   encode->add_option("MESSAGE", opts->message, "message name")->required();
   encode->add_option("SIGNALS", opts->assignments, "SIGNAL=VALUE ...");
+  encode->add_flag("--clamp", opts->clamp, "clamp values to their signal's range");
   encode->callback([opts] { run_encode(*opts); });
 }
 
