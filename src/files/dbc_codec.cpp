@@ -271,18 +271,26 @@ void decode_all(const Message& m, const uint8_t* payload, size_t size, double* v
 
 void encode_all(const Message& m, const double* values, size_t count, uint8_t* payload,
                 size_t size) {
-  // Switches go in first, so that what they select is known when the others are written.
-  const auto is_switch = [](const Signal& s) {
-    return s.multiplex_indicator == kMultiplexor || s.switch_too;
+  const auto put = [&](size_t i) {
+    const Signal& s = m.signals[i];
+    const bool given = i < count && !std::isnan(values[i]);
+    insert(s, given ? raw_from_physical(s, values[i], 0) : s.initial_raw, payload, size);
   };
-  for (int pass = 0; pass < 2; ++pass) {
+  // The multiplexor first, then the switches it selects (a chain of them, one level a round),
+  // so that what they select is known when the other signals are written.
+  for (size_t i = 0; i < m.signals.size(); ++i) {
+    if (m.signals[i].multiplex_indicator == kMultiplexor) put(i);
+  }
+  for (int level = 0; level < 8; ++level) {
     for (size_t i = 0; i < m.signals.size(); ++i) {
-      const Signal& s = m.signals[i];
-      if (is_switch(s) != (pass == 0)) continue;
-      if (pass == 1 && !signal_active(m, s, payload, size)) continue;
-      const bool given = i < count && !std::isnan(values[i]);
-      insert(s, given ? raw_from_physical(s, values[i], 0) : s.initial_raw, payload, size);
+      if (m.signals[i].switch_too && signal_active(m, m.signals[i], payload, size)) put(i);
     }
+  }
+  for (size_t i = 0; i < m.signals.size(); ++i) {
+    const Signal& s = m.signals[i];
+    if (s.multiplex_indicator != kMultiplexor && !s.switch_too &&
+        signal_active(m, s, payload, size))
+      put(i);
   }
 }
 
