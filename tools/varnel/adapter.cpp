@@ -131,6 +131,12 @@ bool open_adapter(uint32_t handle) {
   return is_network_handle(handle) ? open_network_adapter(handle) : open_usb_adapter(handle);
 }
 
+bool open_found_adapter(uint32_t handle) {
+  if (is_network_handle(handle) ? NET_ConnectDevice(handle) : USB_OpenDevice(handle)) return true;
+  std::fprintf(stderr, "adapter %s: cannot be opened\n", handle_text(handle).c_str());
+  return false;
+}
+
 void close_adapter(uint32_t handle) {
   if (is_network_handle(handle))
     NET_DisconnectDevice(handle);

@@ -150,7 +150,8 @@ bool open_channel(CanTarget& t) {
   t.handle = id->handle;
   t.channel = id->channel;
   t.interface = can_interface_name(scanned, *id);
-  if (!open_adapter(t.handle)) {
+  const bool found = std::find(scanned.begin(), scanned.end(), *id) != scanned.end();
+  if (!(found ? open_found_adapter(t.handle) : open_adapter(t.handle))) {
     exit_code() = 1;
     return false;
   }
