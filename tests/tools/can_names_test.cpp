@@ -28,7 +28,6 @@ TEST(CanChannelNames, NumberedAndHandleChannelNamesParseBack) {
       {"0x00000042:1", true, 0x42, 1, "0x00000042:1"},  // not found by the scan: named as given
       {"can", false},
       {"can-1", false},
-      {"can+1", false},
       {"can1000", false},
       {"vcan0", false},
       {"0x12345678", false},

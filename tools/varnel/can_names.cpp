@@ -10,7 +10,6 @@ namespace {
 std::optional<uint32_t> parse_number(std::string_view text, int base) {
   uint32_t value = 0;
   const char* end = text.data() + text.size();
-  if (text.empty() || text[0] == '+' || text[0] == '-') return std::nullopt;
   const auto [at, error] = std::from_chars(text.data(), end, value, base);
   if (error != std::errc() || at != end) return std::nullopt;
   return value;
