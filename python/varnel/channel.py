@@ -34,8 +34,9 @@ class Frame:
 
     `dlc` is the data length in bytes (for a remote frame, the length it asks for); `timestamp` is
     host wall-clock seconds (time.time() scale) of the frame's end on the bus. `echo` marks a
-    frame this host sent that the adapter reports back; `event` a device event record (error
-    state change, data bytes 0-7) of a CAN FD adapter."""
+    frame this host sent that the adapter reports back; `event` an error state change (data: 1,
+    transmit counter, receive counter, flags 1 warning, 2 passive, 4 bus off): a CAN FD adapter's
+    device event, or what a classic channel's status showed when receive() looked at it."""
 
     id: int
     data: bytes = b""

@@ -21,7 +21,8 @@ TEST(CanChannelNames, NumberedAndHandleChannelNamesParseBack) {
   } cases[] = {
       {"can0", true, 0x12345678, 0, "can0"},
       {"can3", true, 0x53000001, 1, "can3"},
-      {"can119", true, 0, 0, ""},  // a name, but no channel of this scan
+      {"can4", true, 0, 0, ""},  // a name, but no channel of this scan
+      {"can119", true, 0, 0, ""},
       {"0x12345678:1", true, 0x12345678, 1, "can1"},
       {"0X53000001:0", true, 0x53000001, 0, "can2"},
       {"305419896:0", true, 0x12345678, 0, "can0"},
