@@ -261,6 +261,23 @@ void short_next_transfer(uint32_t handle, uint8_t endpoint, int bytes) {
 
 }  // namespace usbsim
 
+// For tests that reach this library only through the C ABI (the Python bindings' tests load it
+// in place of libusb): copies up to `size` bytes of the payload of the last packet with
+// `command` that the adapter `handle` received. Its full length, or -1 when there was none.
+extern "C" int varnel_usbsim_last_payload(uint32_t handle, uint32_t command, uint8_t* out,
+                                          int size) {
+  const auto device = usbsim::adapter(handle);
+  if (!device) return -1;
+  const auto packets = device->received();
+  for (auto packet = packets.rbegin(); packet != packets.rend(); ++packet) {
+    if (packet->command != command) continue;
+    std::copy_n(packet->payload.begin(), std::min<size_t>(packet->payload.size(), size_t(size)),
+                out);
+    return int(packet->payload.size());
+  }
+  return -1;
+}
+
 // ----- libusb-1.0 API ------------------------------------------------------------------------
 
 extern "C" {

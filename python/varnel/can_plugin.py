@@ -53,8 +53,10 @@ class VarnelBus(can.BusABC):
 
     Frames the adapter reports back after sending them (CAN FD adapters do) are dropped unless
     receive_own_messages=True, where they come with is_rx=False; classic adapters report nothing
-    back, so there the bus makes the echo itself once the adapter has confirmed the send. Device
-    events of CAN FD adapters (error state changes) arrive as SocketCAN error frames."""
+    back, so there the bus makes the echo itself once the adapter has confirmed the send. Error
+    state changes (device events of CAN FD adapters, status changes that classic ones report when
+    asked) arrive as SocketCAN error frames. `state = BusState.PASSIVE` initialises the channel
+    again listening only; ACTIVE takes it back onto the bus."""
 
     def __init__(self, channel, can_filters=None, bitrate=500000, fd=False, data_bitrate=None,
                  receive_own_messages=False, **kwargs):
@@ -95,6 +97,9 @@ class VarnelBus(can.BusABC):
         super().__init__(channel=channel, can_filters=can_filters, **kwargs)
 
     def send(self, msg, timeout=None):
+        if self._channel is not None and self._channel.listen_only:
+            raise can.CanOperationError(f"channel {self.channel} only listens (BusState.PASSIVE)",
+                                        error_code=BAD_ARGUMENT)
         try:
             sent = self._channel.send([_frame_of(msg)])
         except VarnelError as error:
@@ -130,7 +135,7 @@ class VarnelBus(can.BusABC):
         )
 
     def _error_frame_of(self, event):
-        """A device event (data: 1, transmit errors, receive errors, state flags 1 warning,
+        """An error state change (data: 1, transmit errors, receive errors, state flags 1 warning,
         2 passive, 4 bus off) as SocketCAN's error frame for the same change: a controller
         problem (0x04) with the counters (0x200), bus-off (0x40) when it is; data byte 1 the
         warning/passive bits per direction, bytes 6 and 7 the transmit and receive counters."""
@@ -180,12 +185,27 @@ class VarnelBus(can.BusABC):
 
     @property
     def state(self):
-        """The controller's state: ERROR when it is error-warning, error-passive or bus-off
-        (python-can 4.1 has no state of its own for bus-off), else ACTIVE."""
+        """PASSIVE while the channel only listens; else the controller's state: ERROR when it is
+        error-warning, error-passive or bus-off (python-can 4.1 has no state of its own for
+        bus-off), else ACTIVE."""
+        if self._channel is not None and self._channel.listen_only:
+            return can.BusState.PASSIVE
         stats = self._stats()
         if stats.StatusResult < 0:
             raise can.CanOperationError("controller status not read", error_code=stats.StatusResult)
         return can.BusState.ERROR if stats.Status.ErrorFlags & 7 else can.BusState.ACTIVE
+
+    @state.setter
+    def state(self, new_state):
+        """PASSIVE initialises the channel again listening only (the init record's mode 2), as
+        `python -m can.logger --passive` asks; ACTIVE takes it back onto the bus. Frames not yet
+        received are dropped with the controller's queue."""
+        if new_state not in (can.BusState.ACTIVE, can.BusState.PASSIVE):
+            raise ValueError(f"{new_state}: a bus can be set ACTIVE or PASSIVE")
+        try:
+            self._channel.set_listen_only(new_state == can.BusState.PASSIVE)
+        except VarnelError as error:
+            raise can.CanOperationError(str(error), error_code=error.code) from error
 
     def shutdown(self):
         # both closes do nothing the second time; send/recv after this raise -5

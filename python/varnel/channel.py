@@ -6,7 +6,8 @@ from dataclasses import dataclass
 
 from .library import lib
 from .errors import VarnelError
-from .records import CAN_MSG, CANFD_EVENT_ID, CANFD_MSG, VARNEL_RECEIVE_STATS
+from .records import (CAN_INIT_CONFIG, CAN_MSG, CANFD_EVENT_ID, CANFD_INIT_CONFIG, CANFD_MSG,
+                      VARNEL_RECEIVE_STATS)
 
 # CAN FD data lengths; a frame of another length goes out padded with zeros to the next one.
 FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
@@ -14,11 +15,17 @@ FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
 RECEIVE_BATCH = 1000
 # How often a blocking receive looks at the queue. The poller fills it every 10 ms.
 RECEIVE_POLL_S = 0.002
-POLLER_CHECK_S = 0.5
+# How often a receiving channel asks for the poller's state and the controller's status (one
+# transaction each time); classic controllers report error state changes only this way.
+STATUS_CHECK_S = 0.25
 
 # Option bytes passed to CANFD_Init2: the values the bit-rate tables carry (1 and 1).
 _FD_DEVICE_OPTION = 1
 _FD_OPTION = 1
+# The init record's operating mode (bits 0-1): the adapters' firmware listens without
+# acknowledging or sending in mode 2.
+MODE_NORMAL = 0
+MODE_LISTEN_ONLY = 2
 
 
 @dataclass
@@ -27,8 +34,9 @@ class Frame:
 
     `dlc` is the data length in bytes (for a remote frame, the length it asks for); `timestamp` is
     host wall-clock seconds (time.time() scale) of the frame's end on the bus. `echo` marks a
-    frame this host sent that the adapter reports back; `event` a device event record (error
-    state change, data bytes 0-7) of a CAN FD adapter."""
+    frame this host sent that the adapter reports back; `event` an error state change (data: 1,
+    transmit counter, receive counter, flags 1 warning, 2 passive, 4 bus off): a CAN FD adapter's
+    device event, or what a classic channel's status showed when receive() looked at it."""
 
     id: int
     data: bytes = b""
@@ -143,7 +151,8 @@ class CanChannel:
     """A started channel. On CAN FD adapters every frame goes through the CAN FD calls (classic
     frames too, with the FD format bit clear); elsewhere through the classic calls."""
 
-    def __init__(self, adapter, channel, bitrate=500000, data_bitrate=None, fd=None):
+    def __init__(self, adapter, channel, bitrate=500000, data_bitrate=None, fd=None,
+                 listen_only=False):
         if channel not in (0, 1):
             raise ValueError(f"CAN channel {channel!r}: the adapters have channels 0 and 1")
         adapter.require_open("CANFD_Init2" if adapter.is_fd else "CAN_Init2")
@@ -156,20 +165,42 @@ class CanChannel:
         self.fd = self.fd_controller if fd is None else bool(fd)
         self.bitrate = _bit_rate(bitrate)
         self.data_bitrate = _bit_rate(data_bitrate or (2000000 if self.fd else bitrate))
+        self.listen_only = bool(listen_only)
         self._started = False
         self._init()
 
     def _init(self):
+        # what CAN_Init2/CANFD_Init2 do, with the operating mode set in the record
         library, h, ch = lib(), self.handle, self.channel
+        mode = MODE_LISTEN_ONLY if self.listen_only else MODE_NORMAL
         if self.fd_controller:
-            library.CANFD_Init2(h, ch, self.bitrate, self.data_bitrate, _FD_DEVICE_OPTION, _FD_OPTION)
+            config = CANFD_INIT_CONFIG()
+            library.CANFD_GetCANSpeedArg(h, ctypes.byref(config), self.bitrate, self.data_bitrate)
+            config.Mode = mode
+            config.DeviceOption, config.Option = _FD_DEVICE_OPTION, _FD_OPTION
+            library.CANFD_Init(h, ch, ctypes.byref(config))
             library.CANFD_StartGetMsg(h, ch)
             self._buffer = (CANFD_MSG * RECEIVE_BATCH)()
         else:
-            library.CAN_Init2(h, ch, self.bitrate)
+            config = CAN_INIT_CONFIG()
+            library.CAN_GetCANSpeedArg(h, ctypes.byref(config), self.bitrate)
+            config.Mode = (config.Mode & ~3) | mode  # bit 7 stays the table's device option
+            library.CAN_Init(h, ch, ctypes.byref(config))
             library.CAN_StartGetMsg(h, ch)
             self._buffer = (CAN_MSG * RECEIVE_BATCH)()
         self._started = True
+        self._error_flags = 0  # the controller starts error-active with its counters at zero
+        self._events = []
+        self._next_check = time.monotonic() + STATUS_CHECK_S
+
+    def set_listen_only(self, listen_only):
+        """Initialises the controller again, listening only (no acknowledgements, no sending)
+        or taking part in the bus. Frames not yet read are dropped."""
+        if not self._started:
+            raise VarnelError(-5, "CANFD_Init" if self.fd_controller else "CAN_Init")
+        if bool(listen_only) != self.listen_only:
+            self.listen_only = bool(listen_only)
+            self._init()
 
     def send(self, frames):
         """Sends the frames in order; returns how many went out (the library's count)."""
@@ -206,20 +237,19 @@ class CanChannel:
         if not self._started:
             raise VarnelError(-5, "CANFD_GetMsg" if self.fd_controller else "CAN_GetMsgWithSize")
         deadline = None if timeout is None else time.monotonic() + max(0.0, timeout)
-        next_check = time.monotonic() + POLLER_CHECK_S
         while True:
-            frames = self._drain()
+            # (costs a transaction: checked when giving up, and every STATUS_CHECK_S, also while
+            # frames keep coming, so that state changes are not held back by traffic)
+            if time.monotonic() >= self._next_check:
+                self._check_status()
+            frames = self._take_events() + self._drain()
             if frames:
                 return frames
-            # (costs a transaction: checked when giving up, and twice a second while waiting)
-            if time.monotonic() >= next_check:
-                self._raise_if_poller_stopped()
-                next_check = time.monotonic() + POLLER_CHECK_S
             if deadline is not None:
                 left = deadline - time.monotonic()
                 if left <= 0:
-                    self._raise_if_poller_stopped()
-                    return []
+                    self._check_status()
+                    return self._take_events()
                 time.sleep(min(RECEIVE_POLL_S, left))
             else:
                 time.sleep(RECEIVE_POLL_S)
@@ -232,11 +262,27 @@ class CanChannel:
         lib().VARNEL_CAN_GetReceiveStats(self.handle, self.channel, ctypes.byref(stats))
         return stats
 
-    def _raise_if_poller_stopped(self):
-        # The poller stops for good on a failed fetch; frames would then stop without a word.
+    def _take_events(self):
+        events, self._events = self._events, []
+        return events
+
+    def _check_status(self):
+        self._next_check = time.monotonic() + STATUS_CHECK_S
         stats = self.receive_stats()
+        # The poller stops for good on a failed fetch; frames would then stop without a word.
         if not stats.PollerRunning and stats.PollerStopResult < 0:
             raise VarnelError(stats.PollerStopResult, "receive poller")
+        if self.fd_controller or stats.StatusResult < 0:
+            return  # CAN FD controllers send their own events
+        # A classic controller's error state change becomes the event its CAN FD siblings send:
+        # 1, transmit counter, receive counter, flags (1 warning, 2 passive, 4 bus off).
+        status = stats.Status
+        flags = status.ErrorFlags & 7
+        if flags != self._error_flags:
+            self._error_flags = flags
+            data = bytes([1, status.TxErrorCounter, status.RxErrorCounter, flags, 0, 0, 0, 0])
+            self._events.append(Frame(id=CANFD_EVENT_ID, data=data, timestamp=time.time(),
+                                      channel=self.channel, event=True))
 
     def close(self):
         """Stops receiving and takes the controller off the bus."""

@@ -16,7 +16,8 @@ import os
 import threading
 
 from .errors import VarnelError
-from .records import CAN_MSG, CAN_STATUS, CANFD_MSG, DEVICE_INFO, VARNEL_RECEIVE_STATS
+from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
+                      DEVICE_INFO, VARNEL_RECEIVE_STATS)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -49,6 +50,8 @@ GPIO = {
     "GPIO_SendPulses": (_int, [_u32, _u32, _u32, _u32, _i32], COUNT),
 }
 CAN = {
+    "CAN_GetCANSpeedArg": (_int, [_u32, ctypes.POINTER(CAN_INIT_CONFIG), _u32], COUNT),
+    "CAN_Init": (_int, [_u32, _u8, ctypes.POINTER(CAN_INIT_CONFIG)], COUNT),
     "CAN_Init2": (_int, [_u32, _u8, _u32], COUNT),
     "CAN_SendMsg": (_int, [_u32, _u8, _CAN_P, _u32], COUNT),
     "CAN_GetMsgWithSize": (_int, [_u32, _u8, _CAN_P, _i32], COUNT),
@@ -61,6 +64,8 @@ CAN = {
     "VARNEL_CAN_GetReceiveStats": (_int, [_u32, _u8, ctypes.POINTER(VARNEL_RECEIVE_STATS)], COUNT),
 }
 CANFD = {
+    "CANFD_GetCANSpeedArg": (_int, [_u32, ctypes.POINTER(CANFD_INIT_CONFIG), _u32, _u32], COUNT),
+    "CANFD_Init": (_int, [_u32, _u8, ctypes.POINTER(CANFD_INIT_CONFIG)], COUNT),
     "CANFD_Init2": (_int, [_u32, _u8, _u32, _u32, _u8, _u8], COUNT),
     "CANFD_SendMsg": (_int, [_u32, _u8, _FD_P, _u32], COUNT),
     "CANFD_GetMsg": (_int, [_u32, _u8, _FD_P, _i32], COUNT),

@@ -41,6 +41,45 @@ class CANFD_MSG(ctypes.Structure):
     ]
 
 
+class CAN_INIT_CONFIG(ctypes.Structure):
+    """Classic controller set-up, 12 bytes, as CAN_GetCANSpeedArg fills it."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Prescaler", ctypes.c_uint32),
+        ("Sjw", ctypes.c_uint8),
+        ("Bs1", ctypes.c_uint8),
+        ("Bs2", ctypes.c_uint8),
+        ("Mode", ctypes.c_uint8),  # bits 0-1 operating mode, bit 7 device option
+        ("ControllerOption1", ctypes.c_uint8),
+        ("ControllerOption2", ctypes.c_uint8),
+        ("ControllerOption3", ctypes.c_uint8),
+        ("ControllerOption4", ctypes.c_uint8),
+    ]
+
+
+class CANFD_INIT_CONFIG(ctypes.Structure):
+    """CAN FD controller set-up, 20 bytes, as CANFD_GetCANSpeedArg fills it."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Mode", ctypes.c_uint8),
+        ("Option", ctypes.c_uint8),
+        ("FrameFormat", ctypes.c_uint8),
+        ("DeviceOption", ctypes.c_uint8),
+        ("NomPrescaler", ctypes.c_uint8),
+        ("NomSeg1", ctypes.c_uint8),
+        ("NomSeg2", ctypes.c_uint8),
+        ("NomSjw", ctypes.c_uint8),
+        ("DataPrescaler", ctypes.c_uint8),
+        ("DataSeg1", ctypes.c_uint8),
+        ("DataSeg2", ctypes.c_uint8),
+        ("DataSjw", ctypes.c_uint8),
+        ("DelayCompensation", ctypes.c_uint8),
+        ("Reserved", ctypes.c_uint8 * 7),
+    ]
+
+
 class DEVICE_INFO(ctypes.Structure):
     """The adapter's 88-byte device information record."""
 
@@ -82,5 +121,5 @@ class VARNEL_RECEIVE_STATS(ctypes.Structure):
 
 
 # Every record above, by its C name: the record-size test walks this list.
-RECORDS = {cls.__name__: cls for cls in (CAN_MSG, CANFD_MSG, DEVICE_INFO, CAN_STATUS,
-                                         VARNEL_RECEIVE_STATS)}
+RECORDS = {cls.__name__: cls for cls in (CAN_MSG, CANFD_MSG, CAN_INIT_CONFIG, CANFD_INIT_CONFIG,
+                                         DEVICE_INFO, CAN_STATUS, VARNEL_RECEIVE_STATS)}

@@ -30,11 +30,11 @@ TEST(CanCli, DeviceEventsShowOnlyWithErrorsAsErrorFrames) {
   ToolRun shown = varnel(scene + "can dump 0x53000001:0 -e -n 2 -T 5000 -t a");
   ASSERT_EQ(shown.exit_code, 0) << shown.err;
   EXPECT_EQ(
-      lines_matching(shown.out, std::regex(R"(\) +(can0 .*)\n)")),
-      (std::vector<std::string>{"can0  20000204   [8]  00 04 00 00 00 00 00 60   ERRORFRAME",
-                                "can0  20000204   [8]  00 14 00 00 00 00 00 80   ERRORFRAME"}));
+      lines_matching(shown.out, std::regex(R"(\) +(can2 .*)\n)")),
+      (std::vector<std::string>{"can2  20000204   [8]  00 04 00 00 00 00 00 60   ERRORFRAME",
+                                "can2  20000204   [8]  00 14 00 00 00 00 00 80   ERRORFRAME"}));
   ToolRun log = varnel(scene + "can dump 0x53000001:0 -e -L -n 1 -T 5000");
-  EXPECT_NE(log.out.find(") can0 20000204#0004000000000060\n"), std::string::npos) << log.out;
+  EXPECT_NE(log.out.find(") can2 20000204#0004000000000060\n"), std::string::npos) << log.out;
   ToolRun hidden = varnel(scene + "can dump 0x53000001:0 -T 500");
   ASSERT_EQ(hidden.exit_code, 0) << hidden.err;
   EXPECT_EQ(hidden.out, "");
@@ -116,7 +116,7 @@ TEST(CanCli, DumpTimeStampsKeepTheSpacingTheFramesHadOnTheBus) {
     // times of each frame, in the order they arrived
     std::map<std::string, std::vector<long long>> times;
     std::smatch m;
-    static const std::regex line(R"(\((\d+)\.(\d{6})\) can1 (\S+)\n)");
+    static const std::regex line(R"(\((\d+)\.(\d{6})\) can\d (\S+)\n)");
     for (auto it = run.out.cbegin(); std::regex_search(it, run.out.cend(), m, line);
          it = m.suffix().first)
       times[m[3]].push_back(std::stoll(m[1]) * 1000000 + std::stoll(m[2]));
@@ -141,15 +141,15 @@ TEST(CanCli, SendNeedsANodeThatAcknowledges) {
     const char* err;
   } cases[] = {
       {"--sim can send 0x53000001:0 123##1112233445566778899AABBCC 1ABCDEF0#R", 0,
-       "  can0  123   [12]  11 22 33 44 55 66 77 88 99 AA BB CC\n"
-       "  can0  1ABCDEF0   [0]  remote request\n",
+       "  can2  123   [12]  11 22 33 44 55 66 77 88 99 AA BB CC\n"
+       "  can2  1ABCDEF0   [0]  remote request\n",
        ""},
       {"--sim-can-peer none can send 0x53000001:0 123#11", 1, "",
        "CANFD_SendMsg: 0 of 1 frames went out (no node acknowledged?)\n"},
       // the node listens at 250 kbit/s; a CAN FD controller at 500 kbit/s finds nobody
       {"--sim-can-peer 250000 can send 0x53000001:0 123#11", 1, "",
        "CANFD_SendMsg: 0 of 1 frames went out (no node acknowledged?)\n"},
-      {"--sim-can-peer 250000 can send 0x53000001:0 -b 250000 123#11", 0, "  can0  123   [1]  11\n",
+      {"--sim-can-peer 250000 can send 0x53000001:0 -b 250000 123#11", 0, "  can2  123   [1]  11\n",
        ""},
       {"--sim can send 0x12345678:0 123##1AA", 1, "", "this adapter has no CAN FD controller\n"},
   };
@@ -158,6 +158,26 @@ TEST(CanCli, SendNeedsANodeThatAcknowledges) {
     EXPECT_EQ(run.exit_code, c.exit_code) << c.args << "\n" << run.err;
     EXPECT_EQ(run.out, c.out) << c.args;
     EXPECT_EQ(run.err, c.err) << c.args;
+  }
+}
+
+// A channel has one name: canN, N counting the channels of the adapters in scan order
+// (0x12345678, then 0x53000001). A dump's log line names the channel its frame replays on.
+TEST(CanCli, LogLinesReplayOnTheChannelTheyName) {
+  const struct {
+    const char* target;
+    const char* name;
+  } cases[] = {{"0x12345678:1", "can1"}, {"0x53000001:0", "can2"}};
+  for (const auto& c : cases) {
+    ToolRun dump =
+        varnel(std::string("--sim-traffic 1AB#C0FFEE@10 can dump ") + c.target + " -L -n 1");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(dump.out, m, std::regex(R"(\(\d+\.\d{6}\) (\S+) (\S+)\n)")))
+        << dump.out;
+    EXPECT_EQ(m[1], c.name);
+    ToolRun replay = varnel("--sim can send " + m[1].str() + " " + m[2].str());
+    EXPECT_EQ(replay.exit_code, 0) << replay.err;
+    EXPECT_EQ(replay.out, "  " + m[1].str() + "  1AB   [3]  C0 FF EE\n");
   }
 }
 
@@ -178,9 +198,9 @@ TEST(CanCli, GeneratorTakesCangensModes) {
     const char* out;
   } cases[] = {
       {"0x53000001:0 -n 3 -b -e -I i -L i -D i",
-       "  can0  00000000   [00] \n  can0  00000001   [01]  01\n  can0  00000002   [02]  02 02\n"},
+       "  can2  00000000   [00] \n  can2  00000001   [01]  01\n  can2  00000002   [02]  02 02\n"},
       {"0x53000001:0 -n 1 -f -I 1ABCDEF0 -L 12 -D 0102",
-       "  can0  1ABCDEF0   [12]  01 02 01 02 01 02 01 02 01 02 01 02\n"},
+       "  can2  1ABCDEF0   [12]  01 02 01 02 01 02 01 02 01 02 01 02\n"},
       {"0x12345678:0 -n 1 -R -I 7FF -L 4", "  can0  7FF   [4]  remote request\n"},
   };
   for (const auto& c : cases) {
@@ -193,6 +213,7 @@ TEST(CanCli, GeneratorTakesCangensModes) {
 TEST(CanCli, BadArgumentsExitTwoWithoutTouchingAnAdapter) {
   const std::string cases[] = {
       "--sim can send 0x12345678:2 123#11",                         // no channel 2
+      "--sim can send vcan0 123#11",                                // not a channel name
       "--sim can send 0x12345678:0 800#11",                         // 11-bit identifier too large
       "--sim can send 0x12345678:0 123#112",                        // odd number of digits
       "--sim can send 0x12345678:0 123#112233445566778899",         // 9 bytes

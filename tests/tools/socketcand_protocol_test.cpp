@@ -164,42 +164,6 @@ TEST(SocketcandCommands, RefusesBadSendFrames) {
   }
 }
 
-TEST(SocketcandBusNames, AliasesAndHandleChannel) {
-  struct Case {
-    const char* text;
-    bool valid;
-    bool alias;
-    unsigned index;
-    uint32_t handle;
-    uint8_t channel;
-  } cases[] = {
-      {"can0", true, true, 0, 0, 0},
-      {"can3", true, true, 3, 0, 0},
-      {"can119", true, true, 119, 0, 0},
-      {"0x12345678:1", true, false, 0, 0x12345678, 1},
-      {"0X53000001:0", true, false, 0, 0x53000001, 0},
-      {"305419896:0", true, false, 0, 305419896, 0},
-      {"can", false, false, 0, 0, 0},
-      {"can-1", false, false, 0, 0, 0},
-      {"can1000", false, false, 0, 0, 0},
-      {"vcan0", false, false, 0, 0, 0},
-      {"0x12345678", false, false, 0, 0, 0},
-      {"0x12345678:2", false, false, 0, 0, 0},
-      {"0x123456789:0", false, false, 0, 0, 0},
-      {"4294967296:0", false, false, 0, 0, 0},
-      {":0", false, false, 0, 0, 0},
-      {"0x:0", false, false, 0, 0, 0},
-  };
-  for (const auto& c : cases) {
-    const auto bus = parse_bus_name(c.text);
-    ASSERT_EQ(bus.has_value(), c.valid) << c.text;
-    if (!bus) continue;
-    EXPECT_EQ(bus->alias, c.alias) << c.text;
-    EXPECT_EQ(bus->alias ? bus->alias_index : bus->handle, c.alias ? c.index : c.handle) << c.text;
-    EXPECT_EQ(bus->channel, c.channel) << c.text;
-  }
-}
-
 TEST(SocketcandFormat, FrameLinesAndReplies) {
   auto frame = [](uint32_t id, bool extended, std::vector<uint8_t> data) {
     Frame f;

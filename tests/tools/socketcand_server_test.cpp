@@ -9,10 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <regex>
 #include <string>
+
+#include "cli/cli_support.h"
 
 namespace {
 
@@ -22,6 +25,7 @@ constexpr int kWaitMs = 5000;
 struct ServerProcess {
   pid_t pid = -1;
   int port = 0;
+  std::string banner;  // the port and bus lines
   ~ServerProcess() {
     if (pid <= 0) return;
     kill(pid, SIGKILL);
@@ -45,12 +49,14 @@ void start_server(ServerProcess& server) {
   std::string text;
   pollfd fd{out[0], POLLIN, 0};
   char buffer[256];
-  while (text.find('\n') == std::string::npos && poll(&fd, 1, kWaitMs) == 1) {
+  // the port, then the four buses of the two virtual adapters
+  while (std::count(text.begin(), text.end(), '\n') < 5 && poll(&fd, 1, kWaitMs) == 1) {
     const ssize_t n = read(out[0], buffer, sizeof buffer);
     if (n <= 0) break;
     text.append(buffer, size_t(n));
   }
   close(out[0]);
+  server.banner = text;
   std::smatch match;
   if (std::regex_search(text, match, std::regex("listening on 127\\.0\\.0\\.1:(\\d+)")))
     server.port = std::stoi(match[1]);
@@ -97,6 +103,23 @@ int wait_exit(ServerProcess& server) {
     usleep(10000);
   }
   return -2;
+}
+
+// Each listed bus is a `varnel can` target, and the tool names its channel as the list does.
+TEST(SocketcandServer, ListedBusesAreTargetsOfTheSameName) {
+  ServerProcess server;
+  start_server(server);
+  const std::regex listed(R"(socketcand: (can\d+) = (0x[0-9A-F]{8}:[01])\n)");
+  std::smatch m;
+  int buses = 0;
+  for (auto it = server.banner.cbegin(); std::regex_search(it, server.banner.cend(), m, listed);
+       it = m.suffix().first, ++buses) {
+    for (const std::string target : {m[1].str(), m[2].str()})
+      EXPECT_EQ(cli_test::varnel("--sim can send " + target + " 123#01").out,
+                "  " + m[1].str() + "  123   [1]  01\n")
+          << target;
+  }
+  EXPECT_EQ(buses, 4) << server.banner;
 }
 
 TEST(SocketcandServer, SurvivesHostileBytesAndStopsOnSigterm) {

@@ -1,10 +1,12 @@
 #include "adapter.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "can_names.h"
 #include "command_group.h"
 #include "varnel.h"
 
@@ -129,11 +131,30 @@ bool open_adapter(uint32_t handle) {
   return is_network_handle(handle) ? open_network_adapter(handle) : open_usb_adapter(handle);
 }
 
+bool open_found_adapter(uint32_t handle) {
+  if (is_network_handle(handle) ? NET_ConnectDevice(handle) : USB_OpenDevice(handle)) return true;
+  std::fprintf(stderr, "adapter %s: cannot be opened\n", handle_text(handle).c_str());
+  return false;
+}
+
 void close_adapter(uint32_t handle) {
   if (is_network_handle(handle))
     NET_DisconnectDevice(handle);
   else
     USB_CloseDevice(handle);
+}
+
+std::vector<CanChannelId> scan_can_channels() {
+  std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
+  handles.resize(size_t(std::max(USB_ScanDevice(handles.data()), 0)));
+  if (!network_local_ip().empty()) {
+    std::vector<uint32_t> network(VARNEL_MAX_DEVICES);
+    const int count = NET_ScanDevice(network_local_ip().c_str(), network.data(), kOpenScanMs);
+    handles.insert(handles.end(), network.begin(), network.begin() + std::max(count, 0));
+  }
+  std::vector<CanChannelId> channels;
+  for (uint32_t handle : handles) channels.insert(channels.end(), {{handle, 0}, {handle, 1}});
+  return channels;
 }
 
 VARNEL_COMMAND_GROUP(add_net_option)

@@ -30,6 +30,8 @@ const std::string& network_local_ip();
 // Scans (USB, or the network for a network handle) and opens the adapter; prints why not on
 // stderr and returns false.
 bool open_adapter(uint32_t handle);
+// Opens an adapter that the scan just made (scan_can_channels) found, without scanning again.
+bool open_found_adapter(uint32_t handle);
 void close_adapter(uint32_t handle);
 
 }  // namespace varnel_cli

@@ -1,6 +1,7 @@
-// varnel can send HANDLE:CH FRAME...   frames in can-utils syntax (123#DEADBEEF, 123##1..., 123#R)
-// varnel can dump HANDLE:CH [-L] [-n N] [-t S]   candump-like lines with host time stamps
-// varnel can gen  HANDLE:CH [-n N] [-g MS] [-I ID] [--len N] [--fd]   cangen-like traffic
+// varnel can send CHANNEL FRAME...   frames in can-utils syntax (123#DEADBEEF, 123##1..., 123#R)
+// varnel can dump CHANNEL [-L] [-n N] [-t S]   candump-like lines with host time stamps
+// varnel can gen  CHANNEL [-n N] [-g MS] [-I ID] [--len N] [--fd]   cangen-like traffic
+// CHANNEL is canN or HANDLE:CH (can_names.h); output lines name the channel canN.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -18,6 +19,7 @@
 
 #include "adapter.h"
 #include "can/can_text.h"
+#include "can_names.h"
 #include "can_time.h"
 #include "command_group.h"
 #include "result_text.h"
@@ -36,9 +38,11 @@ struct Filter {
 };
 
 struct CanTarget {
-  std::string text;  // HANDLE:CH[,FILTER...]
-  uint32_t handle = 0;
+  std::string text;  // canN or HANDLE:CH, then ,FILTER...
+  CanChannelName name;
+  uint32_t handle = 0;  // the channel the name resolved to when it was opened
   uint8_t channel = 0;
+  std::string interface;  // its name in output lines
   std::vector<Filter> filters;
   uint32_t bitrate = 500000;
   uint32_t data_bitrate = 2000000;
@@ -75,13 +79,9 @@ bool parse_target(CanTarget& target) {
     target.filters.push_back(filter);
     at = next;
   }
-  const size_t colon = head.rfind(':');
-  if (!parse_handle(head.substr(0, colon), target.handle)) return false;
-  if (colon == std::string::npos) return true;
-  const std::string channel = head.substr(colon + 1);
-  if (channel != "0" && channel != "1") return false;
-  target.channel = uint8_t(channel[0] - '0');
-  return true;
+  const auto name = parse_can_channel_name(head);
+  if (name) target.name = *name;
+  return name.has_value();
 }
 
 bool passes_filters(const CanTarget& t, uint32_t frame_id) {
@@ -97,13 +97,10 @@ CLI::Validator target_validator() {
         t.text = text;
         return parse_target(t)
                    ? std::string()
-                   : "expected HANDLE:CH[,ID:MASK|ID~MASK...] with CH 0 or 1, got " + text;
+                   : "expected canN or HANDLE:CH (CH 0 or 1), then ,ID:MASK|ID~MASK..., got " +
+                         text;
       },
-      "HANDLE:CH");
-}
-
-std::string interface_name(const CanTarget& t) {
-  return "can" + std::to_string(t.channel);
+      "CHANNEL");
 }
 
 uint64_t host_us() {
@@ -138,7 +135,23 @@ bool fail(const char* call, int rc) {
 }
 
 bool open_channel(CanTarget& t) {
-  if (!parse_target(t) || !prepare_adapters() || !open_adapter(t.handle)) {
+  if (!parse_target(t) || !prepare_adapters()) {
+    exit_code() = 1;
+    return false;
+  }
+  const auto scanned = scan_can_channels();
+  const auto id = resolve_can_channel(scanned, t.name);
+  if (!id) {
+    std::fprintf(stderr, "%s: no such channel (%zu CAN channels found; see `varnel scan`)\n",
+                 can_channel_name(t.name.index).c_str(), scanned.size());
+    exit_code() = 1;
+    return false;
+  }
+  t.handle = id->handle;
+  t.channel = id->channel;
+  t.interface = can_interface_name(scanned, *id);
+  const bool found = std::find(scanned.begin(), scanned.end(), *id) != scanned.end();
+  if (!(found ? open_found_adapter(t.handle) : open_adapter(t.handle))) {
     exit_code() = 1;
     return false;
   }
@@ -207,7 +220,7 @@ void run_send(CanTarget t, const std::vector<std::string>& texts) {
   if (!open_channel(t)) return;
   if (send_frames(t, frames))
     for (auto& f : frames)
-      std::printf("%s\n", varnel::can_text::candump_line(interface_name(t), f).c_str());
+      std::printf("%s\n", varnel::can_text::candump_line(t.interface, f).c_str());
   close_adapter(t.handle);
 }
 
@@ -367,7 +380,7 @@ void run_dump(CanTarget t, const DumpOptions& o) {
       if (event && !o.errors) continue;  // not a frame: out of the output unless asked for
       if (!event && !passes_filters(t, f.Id)) continue;
       ++shown;
-      const std::string name = interface_name(t);
+      const std::string& name = t.interface;
       if (log_format) {
         const std::string line = varnel::can_text::candump_log_line(name, f, now);
         std::fprintf(
@@ -486,7 +499,7 @@ void run_gen(CanTarget t, const GenOptions& o) {
     }
     std::vector<CANFD_MSG> one{f};
     if (!send_frames(t, one)) break;
-    std::printf("%s\n", varnel::can_text::candump_line(interface_name(t), f).c_str());
+    std::printf("%s\n", varnel::can_text::candump_line(t.interface, f).c_str());
     if (o.gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(o.gap_ms));
   }
   close_adapter(t.handle);
@@ -496,7 +509,7 @@ void add_can_commands(CLI::App& app) {
   CLI::App* can = app.add_subcommand("can", "CAN and CAN FD: send, dump and generate frames");
   can->require_subcommand(1);
   auto add_target = [](CLI::App* command, std::shared_ptr<CanTarget> t, bool short_bitrate = true) {
-    command->add_option("TARGET", t->text, "adapter handle and channel, e.g. 0x12345678:0")
+    command->add_option("TARGET", t->text, "CAN channel: canN (see scan order) or HANDLE:CH")
         ->required()
         ->check(target_validator());
     command->add_option(short_bitrate ? "-b,--bitrate" : "--bitrate", t->bitrate,

@@ -14,35 +14,7 @@ namespace {
 // Records taken from the library's queue per call; the queue holds more, so receive() loops.
 constexpr int32_t kBatch = 1024;
 
-std::vector<uint32_t> usb_handles() {
-  std::vector<DevHandle> handles(VARNEL_MAX_DEVICES);
-  const int count = USB_ScanDevice(handles.data());
-  handles.resize(size_t(std::max(count, 0)));
-  return handles;
-}
-
 }  // namespace
-
-std::string channel_text(ChannelId id) {
-  char text[24];
-  std::snprintf(text, sizeof text, "0x%08X:%u", id.handle, unsigned(id.channel));
-  return text;
-}
-
-std::vector<ChannelId> scan_aliases() {
-  std::vector<ChannelId> aliases;
-  std::vector<uint32_t> handles = usb_handles();
-  if (!network_local_ip().empty()) {
-    std::vector<uint32_t> network(VARNEL_MAX_DEVICES);
-    const int count = NET_ScanDevice(network_local_ip().c_str(), network.data(), 500);
-    handles.insert(handles.end(), network.begin(), network.begin() + std::max(count, 0));
-  }
-  for (uint32_t handle : handles) {
-    aliases.push_back({handle, 0});
-    aliases.push_back({handle, 1});
-  }
-  return aliases;
-}
 
 CanChannel::CanChannel(ChannelId id) : id_(id), fd_(is_fd_adapter(id.handle)) {}
 

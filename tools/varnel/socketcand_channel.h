@@ -1,6 +1,5 @@
 // The adapter side of the socketcand bridge: one CAN channel opened through libvarnel, frames in
-// and out in the protocol's form, and the table that gives the short bus names (can0, can1, ...)
-// their adapter and channel.
+// and out in the protocol's form. Its bus names are the tool's channel names (can_names.h).
 #pragma once
 
 #include <cstdint>
@@ -8,22 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "can_names.h"
 #include "socketcand_protocol.h"
 #include "varnel.h"
 
 namespace varnel_cli::socketcand {
 
-struct ChannelId {
-  uint32_t handle = 0;
-  uint8_t channel = 0;
-  auto operator<=>(const ChannelId&) const = default;
-};
-
-std::string channel_text(ChannelId id);  // "0x12345678:0"
-
-// canN is channel N % 2 of the (N / 2)-th adapter found when the server started: the USB ones,
-// then with --net those that answer the discovery probe.
-std::vector<ChannelId> scan_aliases();
+using ChannelId = CanChannelId;
 
 struct TimedFrame {
   Frame frame;

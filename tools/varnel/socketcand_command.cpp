@@ -40,7 +40,7 @@ void run_socketcand(const socketcand::ServerOptions& options) {
     exit_code() = 1;
     return;
   }
-  const auto aliases = socketcand::scan_aliases();
+  const auto aliases = scan_can_channels();
   socketcand::Server server(options, aliases);
   if (!server.listen()) {
     exit_code() = 1;
@@ -49,7 +49,8 @@ void run_socketcand(const socketcand::ServerOptions& options) {
   std::printf("socketcand: listening on %s:%u\n", options.listen_address.c_str(),
               unsigned(server.port()));
   for (size_t i = 0; i < aliases.size(); ++i)
-    std::printf("socketcand: can%zu = %s\n", i, socketcand::channel_text(aliases[i]).c_str());
+    std::printf("socketcand: %s = %s\n", can_channel_name(i).c_str(),
+                can_channel_text(aliases[i]).c_str());
   std::fflush(stdout);
   server.run(stop_pipe[0]);
   std::printf("socketcand: stopped\n");

@@ -23,17 +23,6 @@ std::optional<uint32_t> parse_hex(std::string_view text, size_t max_digits) {
   return value;
 }
 
-std::optional<uint32_t> parse_decimal(std::string_view text, size_t max_digits) {
-  if (text.empty() || text.size() > max_digits) return std::nullopt;
-  uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    value = value * 10 + uint64_t(c - '0');
-  }
-  if (value > 0xFFFFFFFFull) return std::nullopt;
-  return uint32_t(value);
-}
-
 std::vector<std::string_view> split_words(std::string_view text) {
   std::vector<std::string_view> words;
   size_t at = 0;
@@ -195,27 +184,6 @@ Command parse_command(std::string_view element) {
     return unsupported(printable(name) + " is a BCM command; this server offers rawmode only");
   if (is_other_mode_command(name)) return unsupported(printable(name) + " is not supported");
   return malformed("unknown command " + printable(name));
-}
-
-std::optional<BusName> parse_bus_name(std::string_view text) {
-  BusName bus;
-  if (text.substr(0, 3) == "can" && text.find(':') == std::string_view::npos) {
-    const auto index = parse_decimal(text.substr(3), 3);
-    if (!index) return std::nullopt;
-    bus.alias = true;
-    bus.alias_index = *index;
-    return bus;
-  }
-  const size_t colon = text.rfind(':');
-  if (colon == std::string_view::npos) return std::nullopt;
-  const std::string_view handle = text.substr(0, colon);
-  const std::string_view channel = text.substr(colon + 1);
-  const bool hex = handle.substr(0, 2) == "0x" || handle.substr(0, 2) == "0X";
-  const auto value = hex ? parse_hex(handle.substr(2), 8) : parse_decimal(handle, 10);
-  if (!value || (channel != "0" && channel != "1")) return std::nullopt;
-  bus.handle = *value;
-  bus.channel = uint8_t(channel[0] - '0');
-  return bus;
 }
 
 std::string format_error(std::string_view message) {

@@ -79,16 +79,6 @@ Command parse_command(std::string_view element);
 // CAN FD length and makes a CAN FD frame.
 bool valid_fd_length(unsigned len);
 
-// A bus name: "canN" (the N-th channel in the bridge's alias table) or "HANDLE:CH" with the
-// handle in 0x hex or decimal and CH 0 or 1.
-struct BusName {
-  bool alias = false;
-  unsigned alias_index = 0;  // alias
-  uint32_t handle = 0;       // !alias
-  uint8_t channel = 0;       // !alias
-};
-std::optional<BusName> parse_bus_name(std::string_view text);
-
 // Server texts.
 inline constexpr std::string_view kHi = "< hi >";
 inline constexpr std::string_view kOk = "< ok >";

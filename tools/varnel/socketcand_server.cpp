@@ -207,20 +207,20 @@ void Server::handle(Client& client, const Command& command) {
 }
 
 void Server::open_bus(Client& client, const std::string& name) {
-  const auto bus = parse_bus_name(name);
+  const auto bus = parse_can_channel_name(name);
+  const auto resolved = bus ? resolve_can_channel(aliases_, *bus) : std::nullopt;
   const std::string known =
       aliases_.empty() ? std::string("no adapter was found at start; use HANDLE:CH")
-                       : "use can0..can" + std::to_string(aliases_.size() - 1) + " or HANDLE:CH";
-  if (!bus || (bus->alias && bus->alias_index >= aliases_.size())) {
+                       : "use can0.." + can_channel_name(aliases_.size() - 1) + " or HANDLE:CH";
+  if (!resolved) {
     client.out += format_error("no such bus (" + known + ")");
     return;
   }
-  const ChannelId id =
-      bus->alias ? aliases_[bus->alias_index] : ChannelId{bus->handle, bus->channel};
+  const ChannelId id = *resolved;
   auto found = channels_.find(id);
   if (found == channels_.end()) {
     if (!adapters_.open(id.handle)) {
-      client.out += format_error("adapter " + channel_text(id).substr(0, 10) +
+      client.out += format_error("adapter " + can_channel_text(id).substr(0, 10) +
                                  " not found or not opened (see the server's log)");
       return;
     }
@@ -294,7 +294,7 @@ void Server::send_beacon() {
   char host[256] = {};
   gethostname(host, sizeof host - 1);
   std::vector<std::string> buses;
-  for (size_t i = 0; i < aliases_.size(); ++i) buses.push_back("can" + std::to_string(i));
+  for (size_t i = 0; i < aliases_.size(); ++i) buses.push_back(can_channel_name(i));
   const std::string url = "can://" + advertised_address(options_.listen_address, beacon_fd_) + ":" +
                           std::to_string(port_);
   const std::string text = format_beacon(host, url, buses);

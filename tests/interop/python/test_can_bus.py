@@ -1,10 +1,18 @@
 """python-can as a client of the classic CAN adapter: can.Bus(interface="varnel")."""
+import contextlib
+import ctypes
 import time
 import unittest
 
 import can
 
-from buses import CLASSIC, RECV_TIMEOUT, assert_stamped_now, expected, fields, open_pair
+from buses import CLASSIC, FD, RECV_TIMEOUT, assert_stamped_now, expected, fields, open_pair
+
+# linux/can/error.h
+CAN_ERR_CRTL = 0x00000004
+CAN_ERR_CNT = 0x00000200
+CAN_ERR_CRTL_TX_WARNING = 0x08
+CAN_ERR_CRTL_TX_PASSIVE = 0x20
 
 
 class ClassicFrames(unittest.TestCase):
@@ -151,6 +159,49 @@ class BusErrors(unittest.TestCase):
                           ("0x53000001:0", True), ("0x53000001:1", True)])
         with can.Bus(**configs[1], bitrate=125000) as bus:
             self.assertEqual(bus.channel_info, "VARNEL 0x12345678:1 (CAN, 125000 bit/s)")
+
+
+class BusStates(unittest.TestCase):
+    def test_passive_bus_listens_without_sending_and_says_so_in_the_init_record(self):
+        # (adapter, config, init command, where its payload carries the mode); mode 2 listens only
+        cases = [(CLASSIC, {"bitrate": 500000}, 0x0C00, 7),
+                 (FD, {"fd": True, "bitrate": 1000000, "data_bitrate": 4000000}, 0x4000, 1)]
+        usbsim = ctypes.CDLL("libusb-1.0.so.0")  # the virtual adapter, loaded in place of libusb
+        payload = (ctypes.c_uint8 * 32)()
+        msg = can.Message(arbitration_id=0x321, data=[4, 5], is_extended_id=False)
+        for handle, config, init, at in cases:
+            sender, listener = open_pair(self, handle, **config)
+            for state, mode in ((can.BusState.PASSIVE, 2), (can.BusState.ACTIVE, 0)):
+                with self.subTest(adapter=hex(handle), state=state):
+                    listener.state = state
+                    self.assertEqual(listener.state, state)
+                    self.assertGreater(usbsim.varnel_usbsim_last_payload(handle, init, payload, 32),
+                                       at)
+                    self.assertEqual((payload[0], payload[at] & 3), (1, mode))
+                    with contextlib.suppress(can.CanOperationError):  # nobody acknowledges
+                        sender.send(msg)
+                    self.assertEqual(fields(listener.recv(RECV_TIMEOUT)),
+                                     expected(msg, f"0x{handle:08X}:1"))
+            listener.state = can.BusState.PASSIVE
+            with self.assertRaises(can.CanOperationError):
+                listener.send(msg)
+
+    def test_classic_status_changes_arrive_as_socketcan_error_frames(self):
+        # alone at this rate: nobody acknowledges, each frame adds 8 to the transmit counter;
+        # 12 frames reach 96 (warning), 4 more 128 (passive). One error frame per change.
+        lonely = can.Bus(interface="varnel", channel="0x12345678:0", bitrate=250000)
+        self.addCleanup(lonely.shutdown)
+        steps = [(12, CAN_ERR_CRTL_TX_WARNING, 96),
+                 (4, CAN_ERR_CRTL_TX_WARNING | CAN_ERR_CRTL_TX_PASSIVE, 128)]
+        for frames, controller, tec in steps:
+            for i in range(frames):
+                lonely.send(can.Message(arbitration_id=0x10, data=[i], is_extended_id=False))
+            with self.subTest(tec=tec):
+                event = lonely.recv(RECV_TIMEOUT)
+                self.assertTrue(event.is_error_frame)
+                self.assertEqual(event.arbitration_id, CAN_ERR_CRTL | CAN_ERR_CNT)
+                self.assertEqual(bytes(event.data), bytes([0, controller, 0, 0, 0, 0, tec, 0]))
+                self.assertIsNone(lonely.recv(0.6))
 
 
 if __name__ == "__main__":
