@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -33,9 +34,8 @@ std::string outline(const std::string& text) {
 TEST(DbcParser, WhichLinesMakeMessagesAndSignals) {
   const std::string sg = " : 0|8@1+ (1,0) [0|0] \"\" N\n";
   const std::string long_comment = "CM_ " + std::string(8191 - 4, 'x');  // 8191st char ends it
-  struct Row {
-    std::string text, outline;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
+      // text, outline
       {"BO_ 100 Msg: 8\n", "null"},  // a message line that runs out fails the load
       {"BO_ 100 Msg : 8\n", "null"},
       {"BO_ 100 Msg :\n", "null"},
@@ -47,7 +47,7 @@ TEST(DbcParser, WhichLinesMakeMessagesAndSignals) {
       {long_comment + "BO_ 5 Late: 8 N;\n", "Late:"},  // the rest is a line of its own
       {long_comment + "xBO_ 5 Late: 8 N;\n", ""},
   };
-  for (const Row& r : rows) EXPECT_EQ(outline(r.text), r.outline) << r.text.substr(0, 80);
+  for (const auto& [text, form] : rows) EXPECT_EQ(outline(text), form) << text.substr(0, 80);
 
   auto zero = must_parse("BO_ 5 Z: 8 N;\n" + std::string("BO_ 6 Y: 8 N\0 junk\n", 19));
   ASSERT_EQ(zero->messages.size(), 2u);
@@ -55,9 +55,8 @@ TEST(DbcParser, WhichLinesMakeMessagesAndSignals) {
 }
 
 TEST(DbcParser, MessageLineForms) {
-  struct Row {
-    const char *line, *form;  // id name dlc transmitter
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
+      // line, "id name dlc transmitter"
       {"BO_ 2364540158 Msg: 8 Node;\n", "2364540158 Msg 8 Node"},  // bit 31 already set
       {"BO_ 3000 Msg: 8 Node;\n", "2147486648 Msg 8 Node"},        // bare 29-bit number
       {"BO_ 2047 Msg: 8 Node;\n", "2047 Msg 8 Node"},
@@ -72,26 +71,25 @@ TEST(DbcParser, MessageLineForms) {
       {"BO_ 100 M:s:g 8 Node;\n", "100 Msg 8 Node"},      // every colon goes
       {"BO_  100   Msg:  8  Node  Extra;\n", "100 Msg 8 Node"},
   };
-  for (const Row& r : rows) {
-    auto db = must_parse(r.line);
-    ASSERT_EQ(db->messages.size(), 1u) << r.line;
+  for (const auto& [line, form] : rows) {
+    auto db = must_parse(line);
+    ASSERT_EQ(db->messages.size(), 1u) << line;
     const Message& m = db->messages[0];
     EXPECT_EQ(
         std::to_string(m.id) + " " + m.name + " " + std::to_string(m.dlc) + " " + m.transmitter,
-        r.form);
+        form);
   }
 }
 
 TEST(DbcParser, ConvertsMotorolaStartBitToLeastSignificantBit) {
-  struct Row {
-    uint32_t file_start;
-    uint16_t length, stored;
-  } rows[] = {{7, 16, 8},   {0, 2, 15},   {3, 12, 8},  {7, 8, 0}, {7, 1, 7},
-              {15, 16, 16}, {39, 32, 56}, {63, 8, 56}, {5, 0, 6}};  // no bits: one past the start
-  for (const Row& r : rows) {
-    EXPECT_EQ(varnel::dbc::motorola_lsb_start(r.file_start, r.length), r.stored)
-        << r.file_start << "|" << r.length;
-  }
+  const std::tuple<uint32_t, uint16_t, uint16_t> rows[] = {
+      // file start, length, stored{7, 16, 8},   {0, 2, 15},   {3, 12, 8},  {7, 8, 0}, {7, 1, 7},
+      {15, 16, 16},
+      {39, 32, 56},
+      {63, 8, 56},
+      {5, 0, 6}};  // no bits: one past the start
+  for (const auto& [start, length, stored] : rows)
+    EXPECT_EQ(varnel::dbc::motorola_lsb_start(start, length), stored) << start << "|" << length;
 }
 
 std::string num(double v) {
@@ -116,9 +114,7 @@ std::string signal_form(const std::string& sg_line) {
 
 TEST(DbcParser, SignalLineForms) {
   const std::string sg = " SG_ S : 0|8@1+ (1,0) [0|0] ";
-  struct Row {
-    std::string line, form;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
       {" SG_ S : 3|4@1- (1,0) [0|0] \"\" N\n", "S 3|4@1- mux 0,0 (1,0) [0|15] \"\" N\n"},
       {"SG_ S: 3|4@1+ (1,0) [0|0] \"\" N\n", "S 3|4@1+ mux 0,0 (1,0) [0|15] \"\" N\n"},
       {" SG_ S :3|4@1+ (1,0) [0|0] \"\" N\n", "S 3|4@1+ mux 0,0 (1,0) [0|15] \"\" N\n"},
@@ -144,7 +140,7 @@ TEST(DbcParser, SignalLineForms) {
       {sg + "\"a b c\" X,Y;\n", "S 0|8@1+ mux 0,0 (1,0) [0|255] \"a b c\" X Y"},
       {sg + "\"rpm\"", "S 0|8@1+ mux 0,0 (1,0) [0|255] \"rpm\""},
   };
-  for (const Row& r : rows) EXPECT_EQ(signal_form(r.line), r.form) << r.line;
+  for (const auto& [line, form] : rows) EXPECT_EQ(signal_form(line), form) << line;
 }
 
 TEST(DbcParser, CommentsValueTablesAndValueTypes) {
@@ -202,7 +198,8 @@ TEST(DbcParser, ResolvesFrameFormatBitRateSwitchAndCycleTime) {
       "BA_DEF_ BO_ \"VFrameFormat\" ENUM "
       "\"StandardCAN\",\"ExtendedCAN\",\"StandardCAN_FD\",\"ExtendedCAN_FD\",\"J1939PG\";\n"
       "BA_DEF_ BO_ \"CANFD_BRS\" ENUM \"0\",\"1\";\n"
-      "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 65535;\n";
+      "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 65535;\n"
+      "BA_DEF_ BO_ \"Look\" ENUM \"StandardCAN\",\"ExtendedCAN\";\n";  // not a frame format
   auto db = must_parse(formats +
                        "BA_DEF_DEF_ \"CANFD_BRS\" \"0\";\n"
                        "BO_ 1 A: 64 N\nBO_ 2 B: 64 N\nBO_ 3 C: 64 N\nBO_ 4 D: 8 N\n"
@@ -214,7 +211,7 @@ TEST(DbcParser, ResolvesFrameFormatBitRateSwitchAndCycleTime) {
                        "BA_ \"VFrameFormat\" BO_ 5 9;\n"  // no such format
                        "BA_ \"VFrameFormat\" BO_ 6 4;\n"
                        "BA_ \"VFrameFormat\" BO_ 2147483655 0;\n"
-                       "BA_ \"GenMsgCycleTime\" BO_ 8 250;\n"
+                       "BA_ \"GenMsgCycleTime\" BO_ 8 250;\nBA_ \"Look\" BO_ 8 1;\n"
                        "BA_ \"GenMsgCycleTime\" BO_ 9 77;\n");  // no such message
   struct Row {
     uint32_t id;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "files/dbc_codec.h"
 #include "varnel.h"
@@ -46,10 +47,8 @@ void feed(uint64_t h, uint32_t id, uint64_t data) {
 }
 
 TEST(DbcCodec, PlacesBitsByByteOrderAndStopsAtDataEnd) {
-  struct Row {
-    const char* position;
-    uint64_t raw, frame, read_back;
-  } rows[] = {
+  const std::tuple<const char*, uint64_t, uint64_t, uint64_t> rows[] = {
+      // position, raw value, frame, raw value read back from the frame
       {"0|8@1+", 0xFF, 0xFF00000000000000, 0xFF},
       {"7|16@0+", 0x1234, 0x1234000000000000, 0x1234},
       {"3|12@0+", 0xABC, 0x0ABC000000000000, 0xABC},
@@ -64,12 +63,12 @@ TEST(DbcCodec, PlacesBitsByByteOrderAndStopsAtDataEnd) {
       {"63|16@0+", 0xBEEF, 0x00000000000000BE, 0xBE00},
       {"67|16@0+", 0xBEEF, 0, 0},
   };
-  for (const Row& r : rows) {
-    uint64_t h = one_signal(std::string(r.position) + " (1,0) [0|0]");
-    raw_of(h) = r.raw;
-    EXPECT_EQ(frame_of(h), r.frame) << r.position;
-    feed(h, 100, r.frame);
-    EXPECT_EQ(raw_of(h), r.read_back) << r.position;
+  for (const auto& [position, raw, frame, read_back] : rows) {
+    uint64_t h = one_signal(std::string(position) + " (1,0) [0|0]");
+    raw_of(h) = raw;
+    EXPECT_EQ(frame_of(h), frame) << position;
+    feed(h, 100, frame);
+    EXPECT_EQ(raw_of(h), read_back) << position;
   }
 }
 
@@ -92,6 +91,7 @@ TEST(DbcCodec, ConvertsBetweenPhysicalAndRaw) {
       // Unsigned raw values are not masked when set; a negative result wraps.
       {"0|8@1+ (1,0) [-10|10]", "", -1, ~uint64_t(0), 255},
       {"0|64@1+ (1,0) [0|0]", "", 9223372036854775808.0, uint64_t(1) << 63, 9223372036854775808.0},
+      {"0|64@1- (1,0) [-10|10]", "", -2, ~uint64_t(1), -2},  // the sign is bit 63
       // Float value types: the bits of the number; factor and offset do not apply.
       {"0|32@1- (2,7) [0|10]", "1", 1.5, 0x3FC00000, 1.5},
       {"0|64@1- (2,7) [-10|10]", "2", -2.5, 0xC004000000000000, -2.5},
@@ -120,10 +120,7 @@ TEST(DbcCodec, ConvertsBetweenPhysicalAndRaw) {
 }
 
 TEST(DbcCodec, WrapsRoundedValuesModulo2To64) {
-  struct Row {
-    double in;
-    uint64_t out;
-  } rows[] = {
+  const std::pair<double, uint64_t> rows[] = {
       {0.5, 1},
       {-0.5, ~uint64_t(0)},
       {-0.4, 0},
@@ -135,7 +132,7 @@ TEST(DbcCodec, WrapsRoundedValuesModulo2To64) {
       {std::nan(""), 0},
       {INFINITY, 0},
   };
-  for (const Row& r : rows) EXPECT_EQ(varnel::dbc::wrap_to_u64(r.in), r.out) << r.in;
+  for (const auto& [in, out] : rows) EXPECT_EQ(varnel::dbc::wrap_to_u64(in), out) << in;
 }
 
 const char* kMultiplexed =
@@ -191,21 +188,17 @@ TEST(DbcSignals, ValueText) {
       " SG_ Speed : 8|8@1+ (0.5,0) [0|0] \"km/h\" N\n"
       " SG_ Neg : 16|8@1- (1.5,0) [-100|100] \"\" N\n"
       "VAL_ 100 S 1 \"On\" 0 \"Off\" ;\nVAL_ 100 Neg -1 \"Minus one\" ;\n");
-  struct Row {
-    const char* signal;
-    double set;
-    const char* text;
-  } rows[] = {
+  const std::tuple<const char*, double, const char*> rows[] = {
       {"S", 1, "On"},
       {"S", 7, "7-123456"},  // the marker of a value without description
       {"Speed", 25, "25.000000 km/h"},
       {"Neg", -1.5, "Minus one"},  // -1.5 truncates toward zero to -1
   };
-  for (const Row& r : rows) {
-    ASSERT_EQ(DBC_SetSignalValue(h, "M", r.signal, r.set), 0);
+  for (const auto& [signal, set, want] : rows) {
+    ASSERT_EQ(DBC_SetSignalValue(h, "M", signal, set), 0);
     char text[VARNEL_DBC_TEXT_MAX];
-    ASSERT_EQ(DBC_GetSignalValueStr(h, "M", r.signal, text), 0) << r.signal;
-    EXPECT_STREQ(text, r.text) << r.signal;
+    ASSERT_EQ(DBC_GetSignalValueStr(h, "M", signal, text), 0) << signal;
+    EXPECT_STREQ(text, want) << signal;
   }
 }
 
@@ -301,10 +294,8 @@ TEST(DbcSignals, StatusCodes) {
   double v;
   CAN_MSG can;
   CANFD_MSG fd;
-  struct Row {
-    const char* call;
-    int got, want;
-  } rows[] = {
+  const std::tuple<const char*, int, int> rows[] = {
+      // call, status, expected
       {"quantity null", DBC_GetMsgQuantity(0), -4},
       {"quantity bogus", DBC_GetMsgQuantity(bogus), -4},
       {"quantity empty", DBC_GetMsgQuantity(empty), 0},
@@ -318,6 +309,7 @@ TEST(DbcSignals, StatusCodes) {
       {"id by name null", DBC_GetMsgIDByName(h, nullptr), -4},
       {"signal count", DBC_GetMsgSignalQuantity(h, "X"), -7},
       {"signal count empty", DBC_GetMsgSignalQuantity(empty, "M"), -7},
+      {"signal count null name", DBC_GetMsgSignalQuantity(h, nullptr), -7},
       {"signal name index", DBC_GetMsgSignalName(h, "M", 1, text), -5},
       {"signal name msg", DBC_GetMsgSignalName(h, "X", 0, text), -7},
       {"publisher", DBC_GetMsgPublisher(h, "X", text), -7},
@@ -334,7 +326,7 @@ TEST(DbcSignals, StatusCodes) {
       {"to fd missing", DBC_SyncValueToCANFDMsg(h, "X", &fd), -7},
       {"to fd null", DBC_SyncValueToCANFDMsg(0, "M", &fd), -4},
   };
-  for (const Row& r : rows) EXPECT_EQ(r.got, r.want) << r.call;
+  for (const auto& [call, got, want] : rows) EXPECT_EQ(got, want) << call;
 }
 
 TEST(DbcSignals, ParserFileNeedsAnOpenDeviceAndAParsableFile) {
