@@ -317,6 +317,8 @@ TEST(DbcSignals, StatusCodes) {
       {"set no message", DBC_SetSignalValue(h, "X", "S", 1), -9},
       {"set null", DBC_SetSignalValue(0, "M", "S", 1), -4},
       {"get no signal", DBC_GetSignalValue(h, "M", "X", &v), -9},
+      {"get null signal name", DBC_GetSignalValue(h, "M", nullptr, &v), -9},
+      {"get null message name", DBC_GetSignalValue(h, nullptr, "S", &v), -9},
       {"get unselected", DBC_GetSignalValue(h, "M", "S", &v), -6},
       {"get str unselected", DBC_GetSignalValueStr(h, "M", "S", text), -6},
       {"sync null", DBC_SyncCANMsgToValue(0, &can, 1), -4},
