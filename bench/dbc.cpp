@@ -130,7 +130,7 @@ BENCHMARK(BM_DecodeFramesWhole)->Arg(0)->Arg(1);
 // The bit extraction alone: each signal's raw value from the frame, the frame read once.
 void BM_ExtractBits(benchmark::State& state) {
   const Workload& w = workload();
-  const varnel::dbc::Database* db = varnel::dbc::database(w.handle);
+  varnel::dbc::Database* db = varnel::dbc::database(w.handle);
   std::vector<const varnel::dbc::Message*> messages;
   for (const auto& item : w.items) messages.push_back(db->find_message(item.name));
   size_t frames = 0;

@@ -198,7 +198,9 @@ void run_encode(const DbcOptions& o) {
       one[i] = values[i];
       uint8_t scratch[64];
       if (VARNEL_DbcEncodeFrame(h, msg.Id, one.data(), count, 0, scratch, 64) == -8) {
-        fail(names[i] + "=" + std::to_string(values[i]) + " is outside its range (--clamp clamps)");
+        char value[32];
+        std::snprintf(value, sizeof value, "%.10g", values[i]);
+        fail(names[i] + "=" + value + " is outside its range (--clamp clamps)");
         return;
       }
     }
