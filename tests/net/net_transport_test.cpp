@@ -1,26 +1,67 @@
-// The TCP packet stream against the virtual adapter daemon on loopback: on-demand connection,
-// reply limits, draining, reconnection after a daemon restart and reference counting.
+// The TCP packet stream against the virtual adapter daemon on loopback (on-demand connection,
+// reply limits, draining, reconnection, reference counting), and the varnel-sim program serving it.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <thread>
 #include <vector>
 
+#include "core/net.h"
 #include "core/transaction.h"
 #include "core/transport.h"
-#include "net_support.h"
 #include "sim/families/can.h"
 #include "sim/families/device.h"
+#include "sim/net_server.h"
+#include "varnel.h"
 
-using net_support::Daemon;
-using net_support::open_descriptors;
 using sim::ReplyFault;
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr uint32_t kHandle = 0x55000010;
+
+int open_descriptors() {
+  int count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (readdir(dir)) ++count;
+    closedir(dir);
+  }
+  return count;
+}
+
+// The daemon in this process closes its side of a connection on its own thread.
+bool descriptors_back_to(int expected) {
+  for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(10ms))
+    if (open_descriptors() <= expected) return true;
+  return false;
+}
+
+// Scans loopback (probe to 127.0.0.255) and returns the handles found.
+std::vector<uint32_t> scan() {
+  uint32_t handles[VARNEL_MAX_DEVICES] = {};
+  const int n = NET_ScanDevice("127.0.0.1", handles, 200);
+  return std::vector<uint32_t>(handles, handles + std::max(n, 0));
+}
+
+// A daemon serving `handles` on free ports, with the library pointed at them.
+struct Daemon {
+  explicit Daemon(std::vector<uint32_t> handles) {
+    for (uint32_t h : handles) adapters.push_back(std::make_shared<sim::VirtualAdapter>(h));
+    server = std::make_unique<sim::NetServer>(adapters, sim::NetPorts{0, 0});
+    if ((ok = server->start())) VARNEL_SetNetPorts(server->discovery_port(), server->tcp_port());
+  }
+  std::vector<std::shared_ptr<sim::VirtualAdapter>> adapters;
+  std::unique_ptr<sim::NetServer> server;
+  bool ok = false;
+};
 
 class NetTransport : public ::testing::Test {
  protected:
@@ -33,33 +74,17 @@ class NetTransport : public ::testing::Test {
   std::unique_ptr<Daemon> start(std::vector<uint32_t> handles = {kHandle}) {
     auto daemon = std::make_unique<Daemon>(handles);
     EXPECT_TRUE(daemon->ok) << daemon->server->error();
-    EXPECT_EQ(net_support::scan(), handles);
+    EXPECT_EQ(scan(), handles);
     return daemon;
-  }
-  static varnel::TransactionResult echo(uint32_t handle, std::vector<uint8_t> reply = {}) {
-    static uint8_t buffer[256];
-    (void)reply;
-    return varnel::transact(handle, 0x0015, {}, buffer);
   }
 };
 
-// Waits (bounded) until the descriptor count drops back: the daemon in this process closes its
-// side of a connection on its own thread.
-bool descriptors_back_to(int expected) {
-  for (int i = 0; i < 200; ++i) {
-    if (open_descriptors() <= expected) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
-
 }  // namespace
 
-TEST_F(NetTransport, RequestBytesReachTheAdapterAndTheReplyComesBack) {
-  auto daemon = start();
-  uint8_t data[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+TEST_F(NetTransport, RequestsReachTheAddressedAdapterWithTheirBytes) {
+  auto daemon = start({0x55000010, 0x55000020, 0x56000030});
+  uint8_t data[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, back[12] = {};
   ASSERT_TRUE(DEV_WriteUserData(kHandle, 8, data, sizeof data));
-  uint8_t back[12] = {};
   ASSERT_TRUE(DEV_ReadUserData(kHandle, 8, back, sizeof back));
   EXPECT_EQ(std::memcmp(data, back, sizeof data), 0);
   auto received = daemon->adapters[0]->received();
@@ -68,196 +93,131 @@ TEST_F(NetTransport, RequestBytesReachTheAdapterAndTheReplyComesBack) {
   EXPECT_EQ(received[0].payload.size(), 16u);
   EXPECT_EQ(received[1].payload, (std::vector<uint8_t>{0, 0, 0, 8, 0, 0, 0, 12}));
   EXPECT_EQ(daemon->server->connections_accepted(), 1u);  // connected on demand, once
-}
-
-TEST_F(NetTransport, EachAdapterIsReachedAtItsOwnAddress) {
-  auto daemon = start({0x55000010, 0x55000020, 0x56000030});
-  for (size_t i = 0; i < 3; ++i) {
-    auto handle = daemon->adapters[i]->handle();
+  for (size_t i = 1; i < 3; ++i) {
     daemon->adapters[i]->state<sim::DeviceModel>().ip_address = daemon->server->address_of(i);
     char ip[VARNEL_DEV_IP_ADDR_SIZE] = {};
-    ASSERT_TRUE(DEV_GetIPAddr(handle, ip)) << i;
+    ASSERT_TRUE(DEV_GetIPAddr(daemon->adapters[i]->handle(), ip)) << i;
     EXPECT_EQ(std::string(ip), "127.0.0." + std::to_string(2 + i));
     EXPECT_EQ(daemon->adapters[i]->received().size(), 1u);
   }
 }
 
-TEST_F(NetTransport, ReplyFaultsGiveMinusThree) {
+TEST_F(NetTransport, ReplyLengthAndCommandAreChecked) {
+  using Kind = ReplyFault::Kind;
   struct Case {
     const char* name;
-    ReplyFault fault;
+    std::optional<ReplyFault> fault;
+    size_t buffer;
+    int read_result, reply_length;  // reply_length -1: not checked
     bool stays_connected;
   } cases[] = {
-      {"longer than 65535", {ReplyFault::Kind::kAnnounceLength, 65536}, false},
-      {"another command, drained", {ReplyFault::Kind::kOtherCommand, 0x0016}, true},
-      {"short payload", {ReplyFault::Kind::kShort, 3}, false},
+      {"no buffer for a payload, drained", {}, 0, -3, 8, true},
+      {"longest announced length", ReplyFault{Kind::kAnnounceLength, 65535}, 65535, 0, 65535, true},
+      {"longer than 65535", ReplyFault{Kind::kAnnounceLength, 65536}, 65535, -3, -1, false},
+      {"another command, drained", ReplyFault{Kind::kOtherCommand, 0x0016}, 8, -3, -1, true},
+      {"short payload", ReplyFault{Kind::kShort, 3}, 8, -3, -1, false},
   };
   auto daemon = start();
   for (auto& c : cases) {
-    ASSERT_EQ(DEV_GetTimestampMs(kHandle) >= 0, true) << c.name;  // connected and in step
+    ASSERT_GE(DEV_GetTimestampMs(kHandle), 0) << c.name;  // connected and in step
     const uint32_t accepted = daemon->server->connections_accepted();
-    daemon->adapters[0]->faults().next_reply(c.fault);
-    uint8_t buffer[64];
+    if (c.fault) daemon->adapters[0]->faults().next_reply(*c.fault);
+    std::vector<uint8_t> buffer(c.buffer);
     auto result = varnel::transact(kHandle, 0x0015, {}, buffer);
-    EXPECT_EQ(result.read_result, -3) << c.name;
-    // still connected: disconnecting takes something down
+    EXPECT_EQ(result.read_result, c.read_result) << c.name;
+    if (c.reply_length >= 0) {
+      EXPECT_EQ(result.reply_length, c.reply_length) << c.name;
+    }
+    // disconnecting takes something down only while still connected
     EXPECT_EQ(NET_DisconnectDevice(kHandle), c.stays_connected) << c.name;
-    EXPECT_TRUE(NET_ConnectDevice(kHandle));
     EXPECT_GE(DEV_GetTimestampMs(kHandle), 0) << c.name;  // the stream is in step again
     EXPECT_EQ(daemon->server->connections_accepted(), accepted + 1) << c.name;
   }
 }
 
-TEST_F(NetTransport, AnnouncedLengthOf65535IsAccepted) {
-  auto daemon = start();
-  daemon->adapters[0]->faults().next_reply({ReplyFault::Kind::kAnnounceLength, 65535});
-  std::vector<uint8_t> buffer(65535);
-  auto result = varnel::transact(kHandle, 0x0015, {}, buffer);
-  EXPECT_TRUE(result.ok());
-  EXPECT_EQ(result.reply_length, 65535);
-}
-
-TEST_F(NetTransport, ReplyWithoutBufferIsDrainedAndFails) {
-  auto daemon = start();
-  uint8_t request = 0;
-  varnel::CommandPacket out{0x0015, 0, &request, 0};
-  ASSERT_EQ(varnel::send_command(kHandle, out, 3000), 0);
-  varnel::CommandPacket in{0x0015, 0, nullptr, 0};
-  EXPECT_EQ(varnel::read_reply(kHandle, in, 3000), -3);
-  EXPECT_EQ(in.length, 8);
-  EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
-  EXPECT_EQ(daemon->server->connections_accepted(), 1u);
-}
-
-TEST_F(NetTransport, LateReplyOfAnEarlierCommandDoesNotAnswerTheNextOne) {
+// A packet the adapter sent unasked, with the command of the next request, is not its reply.
+TEST_F(NetTransport, StaleBytesOnTheStreamDoNotAnswerTheNextRequest) {
   auto daemon = start();
   daemon->adapters[0]->state<sim::DeviceModel>().ip_address = "10.9.8.7";
   ASSERT_GE(DEV_GetTimestampMs(kHandle), 0);
-  // the reply to this request is read, but the adapter also pushes an unsolicited packet
   daemon->adapters[0]->push_reply(sim::reply_with(0x0017, std::vector<uint8_t>(16, 'x')));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  std::this_thread::sleep_for(50ms);
   char ip[VARNEL_DEV_IP_ADDR_SIZE] = {};
   ASSERT_TRUE(DEV_GetIPAddr(kHandle, ip));
   EXPECT_STREQ(ip, "10.9.8.7");
 }
 
-TEST_F(NetTransport, ConnectOfAnUndiscoveredHandleOpensNoSocket) {
+TEST_F(NetTransport, ConnectAndDisconnectLeakNothing) {
   auto daemon = start();
   const int before = open_descriptors();
-  EXPECT_FALSE(NET_ConnectDevice(0x55000090));
-  EXPECT_EQ(open_descriptors(), before);
-  EXPECT_EQ(DEV_GetTimestampMs(0x55000090), 0);  // unknown handle: nothing written
-  EXPECT_EQ(daemon->server->connections_accepted(), 0u);
-}
-
-TEST_F(NetTransport, SecondDisconnectReturnsFalse) {
-  auto daemon = start();
-  ASSERT_TRUE(NET_ConnectDevice(kHandle));
-  EXPECT_TRUE(NET_DisconnectDevice(kHandle));
-  EXPECT_FALSE(NET_DisconnectDevice(kHandle));
+  EXPECT_FALSE(NET_ConnectDevice(0x55000090));  // not discovered: no socket, nothing written
+  EXPECT_EQ(DEV_GetTimestampMs(0x55000090), 0);
   EXPECT_FALSE(NET_DisconnectDevice(0x55000090));
+  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(daemon->server->connections_accepted(), 0u);
+  for (int i = 0; i < 1000; ++i)
+    ASSERT_TRUE(NET_ConnectDevice(kHandle) && NET_DisconnectDevice(kHandle)) << i;
+  EXPECT_FALSE(NET_DisconnectDevice(kHandle));
+  EXPECT_TRUE(descriptors_back_to(before));
 }
 
-TEST_F(NetTransport, DaemonRestartIsHiddenByTheNextTransaction) {
-  auto daemon = start();
-  ASSERT_GE(DEV_GetTimestampMs(kHandle), 0);
-  const sim::NetPorts ports{daemon->server->discovery_port(), daemon->server->tcp_port()};
-  daemon->server->stop();
-  daemon->server = std::make_unique<sim::NetServer>(daemon->adapters, ports);
-  ASSERT_TRUE(daemon->server->start()) << daemon->server->error();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the old connection's FIN lands
-  EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
-  EXPECT_EQ(daemon->server->connections_accepted(), 1u);
-}
-
-TEST_F(NetTransport, WriteRetriesUntilTheDaemonComesBack) {
+// The old connection is closed by the daemon; the next call reconnects, retrying every 10 ms for
+// up to 3 s until the daemon is back.
+TEST_F(NetTransport, DaemonRestartIsHiddenByTheNextCall) {
   auto daemon = start();
   ASSERT_GE(DEV_GetTimestampMs(kHandle), 0);
   const sim::NetPorts ports{daemon->server->discovery_port(), daemon->server->tcp_port()};
   daemon->server->stop();
   std::thread restart([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::this_thread::sleep_for(300ms);
     daemon->server = std::make_unique<sim::NetServer>(daemon->adapters, ports);
     daemon->server->start();
   });
-  // reconnection is attempted every 10 ms for up to 3 s
-  int64_t ms = DEV_GetTimestampMs(kHandle);
+  const int64_t ms = DEV_GetTimestampMs(kHandle);
   restart.join();
   EXPECT_GE(ms, 0);
+  EXPECT_EQ(daemon->server->connections_accepted(), 1u);
 }
 
-TEST_F(NetTransport, DisconnectDuringATransactionClosesNothingUnderItsFeet) {
+TEST_F(NetTransport, DisconnectDuringACallClosesNothingUnderItsFeet) {
   auto daemon = start();
   ASSERT_TRUE(NET_ConnectDevice(kHandle));
   while (daemon->server->connections_accepted() == 0) std::this_thread::yield();
   const int connected = open_descriptors();
   daemon->adapters[0]->faults().next_reply({ReplyFault::Kind::kLate, 300});
   int64_t result = -2;
-  std::thread transaction([&] { result = DEV_GetTimestampMs(kHandle); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::thread call([&] { result = DEV_GetTimestampMs(kHandle); });
+  std::this_thread::sleep_for(100ms);
   EXPECT_TRUE(NET_DisconnectDevice(kHandle));
-  EXPECT_EQ(open_descriptors(), connected);  // the socket is still open for the transaction
-  transaction.join();
+  EXPECT_EQ(open_descriptors(), connected);  // still open for the call
+  call.join();
   EXPECT_GE(result, 0);
-  // the last user closed it (and the daemon its side)
-  EXPECT_TRUE(descriptors_back_to(connected - 2));
+  EXPECT_TRUE(descriptors_back_to(connected - 2));  // the last user closed it, the daemon its side
 }
 
-TEST_F(NetTransport, ThousandConnectCyclesLeakNoDescriptor) {
-  auto daemon = start();
-  const int before = open_descriptors();
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_TRUE(NET_ConnectDevice(kHandle)) << i;
-    ASSERT_TRUE(NET_DisconnectDevice(kHandle)) << i;
-  }
-  EXPECT_TRUE(descriptors_back_to(before));
-  EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
-}
-
-TEST_F(NetTransport, DeviceCallsOverTcp) {
-  auto daemon = start();
-  DEVICE_INFO info{};
-  char functions[VARNEL_DEV_FUNCTION_STRING_SIZE];
-  ASSERT_TRUE(DEV_GetDeviceInfo(kHandle, &info, functions));
-  EXPECT_EQ(info.FirmwareVersion, sim::kDefaultFirmwareVersion);
-  EXPECT_EQ(info.SerialNumber[0], kHandle);
-  uint8_t hardware[64];
-  ASSERT_TRUE(DEV_GetHardwareInfo(kHandle, hardware));
-  EXPECT_EQ(hardware[1], 0x55);
-  std::vector<uint8_t> data(VARNEL_DEV_USER_DATA_SIZE, 0x3C);
-  ASSERT_TRUE(DEV_EraseUserData(kHandle));
-  ASSERT_TRUE(DEV_WriteUserData(kHandle, 0, data.data(), int32_t(data.size())));
-  std::vector<uint8_t> back(data.size());
-  ASSERT_TRUE(DEV_ReadUserData(kHandle, 0, back.data(), uint32_t(back.size())));
-  EXPECT_EQ(back, data);
-  EXPECT_TRUE(DEV_CorrectionTimestamp(kHandle));
-}
-
+// The first header receive gives up after 3 s; the second one, 20 ms later, gets the reply.
 TEST_F(NetTransport, HeaderReceiveIsTriedOnceMoreAfterATimeOut) {
   auto daemon = start();
   ASSERT_GE(DEV_GetTimestampMs(kHandle), 0);
-  // the first receive gives up after 3 s; the second one, 20 ms later, gets the reply
   daemon->adapters[0]->faults().next_reply({ReplyFault::Kind::kLate, 3300});
   EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
   EXPECT_EQ(daemon->server->connections_accepted(), 1u);
 }
 
-// Scans refreshing the socket table on one thread while two threads run transactions on the same
-// adapter: a scan must not disturb a transaction in flight.
-TEST_F(NetTransport, ScanWhileTransactingFromTwoThreadsDisturbsNothing) {
+// Scans refresh the socket table while two threads call the same adapter.
+TEST_F(NetTransport, ScanWhileCallingFromTwoThreadsDisturbsNothing) {
   auto daemon = start();
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
   std::thread scanner([&] {
-    while (!done) net_support::scan();
+    while (!done) scan();
   });
-  std::vector<std::thread> workers;
-  for (int t = 0; t < 2; ++t)
-    workers.emplace_back([&] {
-      for (int i = 0; i < 100; ++i)
-        if (DEV_GetTimestampMs(kHandle) < 0) ++failures;
-    });
-  for (auto& w : workers) w.join();
+  auto calls = [&] {
+    for (int i = 0; i < 100; ++i) failures += DEV_GetTimestampMs(kHandle) < 0;
+  };
+  std::thread a(calls), b(calls);
+  a.join();
+  b.join();
   done = true;
   scanner.join();
   EXPECT_EQ(failures, 0);
@@ -271,10 +231,8 @@ TEST_F(NetTransport, BurstLargerThanOneReplyArrivesWhole) {
   auto controller = sim::can_controller(*daemon->adapters[0], 0);
   sim::CanFrame frame{.extended = true, .fd = true, .brs = true, .len = 64};
   constexpr uint32_t kFrames = 5000;
-  for (uint32_t i = 0; i < kFrames; ++i) {
-    frame.id = i;
-    ASSERT_TRUE(controller->deliver(frame, i, controller->timing()));
-  }
+  for (frame.id = 0; frame.id < kFrames; ++frame.id)
+    ASSERT_TRUE(controller->deliver(frame, frame.id, controller->timing()));
   ASSERT_EQ(CANFD_StartGetMsg(kHandle, 0), 0);
   std::vector<CANFD_MSG> got(kFrames);
   size_t n = 0;
@@ -283,7 +241,7 @@ TEST_F(NetTransport, BurstLargerThanOneReplyArrivesWhole) {
     if (r > 0)
       n += size_t(r);
     else
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      std::this_thread::sleep_for(10ms);
   }
   ASSERT_EQ(n, kFrames);
   for (uint32_t i = 0; i < kFrames; ++i) ASSERT_EQ(got[i].Id & 0x1FFFFFFF, i);
@@ -302,7 +260,49 @@ TEST_F(NetTransport, TrickledReplyFailsAtTheReplyDeadline) {
   std::vector<uint8_t> data(2000);
   const auto start_time = std::chrono::steady_clock::now();
   EXPECT_FALSE(DEV_ReadUserData(kHandle, 0, data.data(), uint32_t(data.size())));
-  EXPECT_LT(std::chrono::steady_clock::now() - start_time, std::chrono::milliseconds(8000));
+  EXPECT_LT(std::chrono::steady_clock::now() - start_time, 8000ms);
   EXPECT_GE(DEV_GetTimestampMs(kHandle), 0);
   EXPECT_EQ(daemon->server->connections_accepted(), 2u);
+}
+
+// The varnel-sim program as a user runs it: adapters from the command line, discovery and TCP on
+// the ports it prints, exit 0 on SIGTERM and SIGINT, 2 for bad arguments, 1 for a taken port.
+TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
+  const std::string sim = VARNEL_BINARY_DIR "/bin/varnel-sim";
+  auto exit_code = [&](const std::string& args) {
+    const int status = std::system((sim + " " + args + " >/dev/null 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(exit_code("--adapter banana"), 2);
+  EXPECT_EQ(exit_code("--tcp-port 70000"), 2);
+  Daemon taken({0x55000210});
+  const std::string port = std::to_string(taken.server->discovery_port());
+  EXPECT_EQ(exit_code("--discovery-port " + port + " --tcp-port 0 --first-address 127.0.0.30"), 1);
+  taken.server->stop();
+  for (int signal_number : {SIGTERM, SIGINT}) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      dup2(fds[1], 1);
+      execl(sim.c_str(), "varnel-sim", "--adapter", "0x55000110", "--adapter", "0x56000120",
+            "--discovery-port", "0", "--tcp-port", "0", "--first-address", "127.0.0.20", nullptr);
+      _exit(127);
+    }
+    close(fds[1]);
+    FILE* out = fdopen(fds[0], "r");
+    unsigned discovery = 0, tcp = 0;  // no assertion ends the test before the kill below
+    EXPECT_EQ(fscanf(out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp),
+              2);
+    VARNEL_SetNetPorts(uint16_t(discovery), uint16_t(tcp));
+    EXPECT_EQ(scan(), (std::vector<uint32_t>{0x55000110, 0x56000120}));
+    EXPECT_GE(DEV_GetTimestampMs(0x55000110), 0);
+    EXPECT_GE(DEV_GetTimestampMs(0x56000120), 0);
+    kill(pid, signal_number);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << signal_number;
+    fclose(out);
+    varnel::net_forget_all();
+  }
 }
