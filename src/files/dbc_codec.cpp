@@ -49,7 +49,7 @@ uint64_t byte_swapped(uint64_t v) {
 
 FirstWord::FirstWord(const uint8_t* payload, size_t size) {
   uint64_t native = 0;
-  std::memcpy(&native, payload, std::min<size_t>(size, 8));
+  if (size > 0) std::memcpy(&native, payload, std::min<size_t>(size, 8));
   if constexpr (std::endian::native == std::endian::little) {
     little = native;
     big = byte_swapped(native);
