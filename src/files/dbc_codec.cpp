@@ -113,40 +113,39 @@ void insert(const Signal& s, uint64_t raw, uint8_t* payload, size_t size) {
   }
 }
 
+namespace {
+
+bool is_ieee(uint32_t value_type) {
+  return value_type == kFloat32 || value_type == kFloat64;
+}
+
+// The IEEE value raw bits hold: single in the low 32 bits for value type 1, double for 2.
+double ieee_value(uint32_t value_type, uint64_t raw) {
+  if (value_type == kFloat32) return double(std::bit_cast<float>(uint32_t(raw)));
+  return std::bit_cast<double>(raw);
+}
+
+uint64_t ieee_bits(uint32_t value_type, double v) {
+  if (value_type == kFloat32) return std::bit_cast<uint32_t>(float(v));
+  return std::bit_cast<uint64_t>(v);
+}
+
 // The standard reading: IEEE floats for value types 1 and 2 whatever the sign, scaled like
 // integers, as other DBC tools decode them.
 double standard_physical(const Signal& s, uint64_t raw) {
-  if (s.value_type == kFloat32) {
-    float f;
-    const uint32_t low = uint32_t(raw);
-    std::memcpy(&f, &low, sizeof f);
-    return double(f) * s.factor + s.offset;
-  }
-  if (s.value_type == kFloat64) {
-    double d;
-    std::memcpy(&d, &raw, sizeof d);
-    return d * s.factor + s.offset;
-  }
+  if (is_ieee(s.value_type)) return ieee_value(s.value_type, raw) * s.factor + s.offset;
   if (s.is_signed && s.length >= 1 && s.length <= 64 && ((raw >> (s.length - 1)) & 1)) {
     return double(int64_t(raw | ~s.mask)) * s.factor + s.offset;
   }
   return double(raw) * s.factor + s.offset;
 }
 
+}  // namespace
+
 double physical_from_raw(const Signal& s, uint64_t raw) {
   if (s.standard) return standard_physical(s, raw);
   if (s.is_signed) {
-    if (s.value_type == kFloat32) {
-      float f;
-      const uint32_t low = uint32_t(raw);
-      std::memcpy(&f, &low, sizeof f);
-      return double(f);
-    }
-    if (s.value_type == kFloat64) {
-      double d;
-      std::memcpy(&d, &raw, sizeof d);
-      return d;
-    }
+    if (is_ieee(s.value_type)) return ieee_value(s.value_type, raw);
     if (s.value_type != kInteger) return 0.0;
     if (s.length >= 1 && s.length <= 64 && ((raw >> (s.length - 1)) & 1)) {
       const int64_t negative = int64_t(~((s.mask >> 1) & ~raw));
@@ -174,41 +173,25 @@ bool in_range(const Signal& s, double value) {
   return !(s.minimum < s.maximum) || (value >= s.minimum && value <= s.maximum);
 }
 
+namespace {
+
 // The standard reading clamps only to a range the file gives, and floats whatever the sign.
 uint64_t standard_raw(const Signal& s, double value) {
   const bool ranged = s.minimum < s.maximum;
   const double v = ranged ? std::fmax(s.minimum, std::fmin(s.maximum, value)) : value;
   const double scaled = (v - s.offset) / s.factor;
-  if (s.value_type == kFloat32) {
-    const float f = float(scaled);
-    uint32_t bits;
-    std::memcpy(&bits, &f, sizeof bits);
-    return bits;
-  }
-  if (s.value_type == kFloat64) {
-    uint64_t bits;
-    std::memcpy(&bits, &scaled, sizeof bits);
-    return bits;
-  }
+  if (is_ieee(s.value_type)) return ieee_bits(s.value_type, scaled);
   return wrap_to_u64(scaled) & s.mask;
 }
+
+}  // namespace
 
 uint64_t raw_from_physical(const Signal& s, double value, uint64_t current) {
   if (s.standard) return standard_raw(s, value);
   // fmin/fmax skip a NaN, so a NaN value lands on the maximum and a NaN bound clamps nothing.
   const double v = std::fmax(s.minimum, std::fmin(s.maximum, value));
   if (s.is_signed) {
-    if (s.value_type == kFloat32) {
-      const float f = float(v);
-      uint32_t bits;
-      std::memcpy(&bits, &f, sizeof bits);
-      return bits;
-    }
-    if (s.value_type == kFloat64) {
-      uint64_t bits;
-      std::memcpy(&bits, &v, sizeof bits);
-      return bits;
-    }
+    if (is_ieee(s.value_type)) return ieee_bits(s.value_type, v);
     if (s.value_type != kInteger) return current;
     return wrap_to_u64((v - s.offset) / s.factor) & s.mask;
   }

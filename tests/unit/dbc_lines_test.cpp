@@ -1,5 +1,6 @@
 // How DBC files are read: CRLF files as LF files, and memory that follows content, not length.
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <malloc.h>
 
 #include <atomic>
@@ -50,7 +51,8 @@ void operator delete(void* p, const std::nothrow_t&) noexcept {
 namespace {
 
 std::string write_temp(const std::string& name, const std::string& text) {
-  const std::string path = testing::TempDir() + "/" + name;
+  // one name per process: several suites may run at once on one machine
+  const std::string path = testing::TempDir() + "/" + std::to_string(getpid()) + "_" + name;
   std::ofstream(path, std::ios::binary) << text;
   return path;
 }
