@@ -356,8 +356,21 @@ TYPED_TEST_P(I2cCases, SlaveBuffersMeetAMasterOnTheBus) {
   EXPECT_EQ(IIC_WriteBytes(h, 1, 0x50, in, 1, 10), VARNEL_IIC_STATUS_NOT_MASTER);
 }
 
-REGISTER_TYPED_TEST_SUITE_P(I2cCases, EachCallSendsItsLayoutBigEndian,
-                            EepromPageWriteWrapsWithinItsPage, StatusBytesPassThroughAndStopTheCopy,
+// Transfers wait 5 s for the adapter's answer, not the ordinary 3 s: 3.3 s late is in time.
+TYPED_TEST_P(I2cCases, TransfersWaitFiveSecondsForTheAnswer) {
+  constexpr uint32_t h = kI2cHandle;
+  Adapter adapter = this->plug_and_open(h);
+  uint8_t in[32];
+  uint32_t count = 0;
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 3300, 0x0703});
+  EXPECT_EQ(IIC_WriteReadBytes(h, 0, 0x50, in, 1, in, 2, 10), 0);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 3300, 0x0708});
+  EXPECT_EQ(SMBUS_BlockRead(h, 0, 0x48, 0x20, in, &count, 0), 0);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(I2cCases, TransfersWaitFiveSecondsForTheAnswer,
+                            EachCallSendsItsLayoutBigEndian, EepromPageWriteWrapsWithinItsPage,
+                            StatusBytesPassThroughAndStopTheCopy,
                             ScanFindsTheDevicesAndProbesByTheStoredWidth,
                             PecIsCheckedInBothDirections,
                             SmbusBlocksOfZeroThirtyTwoAndThirtyThreeBytes,
