@@ -223,6 +223,7 @@ void SmbusDevice::stop() {
   // A write only (no read part) takes effect at the stop, with its PEC if it had one.
   if (!reading_) commit();
   seen_.clear();
+  rx_.clear();  // a later receive byte reads by the command pointer alone
   tx_.clear();
   tx_at_ = 0;
 }
