@@ -93,7 +93,7 @@ int status_and_data(int send_result, int read_result, int32_t reply_length,
 
 int write(uint32_t handle, uint8_t channel, uint16_t address, std::span<const uint8_t> data,
           uint32_t timeout_ms, uint8_t event) {
-  if (bad_address(address) || data.size() > VARNEL_IIC_MAX_LENGTH) return kBadArgument;
+  if (bad_address(address)) return kBadArgument;
   PayloadWriter payload;
   payload.u8(channel).u16(address).u32(timeout_ms).u8(event).raw(data.data(), data.size());
   return status_transaction(handle, kWrite, payload.bytes(), {});
@@ -101,7 +101,7 @@ int write(uint32_t handle, uint8_t channel, uint16_t address, std::span<const ui
 
 int read(uint32_t handle, uint8_t channel, uint16_t address, std::span<uint8_t> out,
          uint32_t timeout_ms, uint8_t event, bool* delivered) {
-  if (bad_address(address) || out.size() > VARNEL_IIC_MAX_LENGTH) return kBadArgument;
+  if (bad_address(address)) return kBadArgument;
   PayloadWriter payload;
   payload.u8(channel).u16(address).u32(uint32_t(out.size())).u32(timeout_ms).u8(event);
   return status_transaction(handle, kRead, payload.bytes(), out, delivered);
@@ -109,9 +109,7 @@ int read(uint32_t handle, uint8_t channel, uint16_t address, std::span<uint8_t> 
 
 int write_read(uint32_t handle, uint8_t channel, uint16_t address, std::span<const uint8_t> data,
                std::span<uint8_t> out, uint32_t timeout_ms, uint8_t event, bool* delivered) {
-  if (bad_address(address) || data.size() > VARNEL_IIC_MAX_LENGTH ||
-      out.size() > VARNEL_IIC_MAX_LENGTH)
-    return kBadArgument;
+  if (bad_address(address)) return kBadArgument;
   PayloadWriter payload;
   payload.u8(channel).u16(address).u32(timeout_ms).u32(uint32_t(out.size())).u8(event);
   payload.raw(data.data(), data.size());

@@ -28,8 +28,8 @@ constexpr uint32_t kBusReset = 0x0710;
 constexpr int kTransferReplyTimeoutMs = 5000;
 
 // The transfers of IIC_WriteBytes, IIC_ReadBytes and IIC_WriteReadBytes with an event byte of the
-// caller's choice (the SMBus layer puts its PEC flag there). Arguments are checked: -7 for a
-// NULL buffer with a length, a negative or oversize length or an address above 0x3FF.
+// caller's choice (the SMBus layer puts its PEC flag there). An address above 0x3FF is -7; the
+// buffers are the caller's to check.
 int write(uint32_t handle, uint8_t channel, uint16_t address, std::span<const uint8_t> data,
           uint32_t timeout_ms, uint8_t event);
 // `delivered`, when given, tells whether data came (a status-0 reply may carry none).

@@ -44,6 +44,8 @@ class I2c(unittest.TestCase):
         with self.assertRaises(varnel.VarnelError) as caught:
             self.bus.write_block_data(0x48, 0x20, bytes(33))
         self.assertEqual(caught.exception.code, -7)
+        with self.assertRaises(ValueError):  # not cut to 0x00 on the way
+            self.bus.write_byte_data(0x48, 0x100, 1)
 
 
 if __name__ == "__main__":
