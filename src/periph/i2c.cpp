@@ -72,7 +72,7 @@ int acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> req
 
 // Slave calls give the adapter the bus time-out and wait 100 ms more for its answer.
 int slave_reply_timeout(uint32_t timeout_ms) {
-  return int(std::min<uint32_t>(timeout_ms, INT_MAX - 100)) + 100;
+  return int(std::min<int64_t>(int64_t(timeout_ms) + 100, INT_MAX));
 }
 
 }  // namespace

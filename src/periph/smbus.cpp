@@ -38,7 +38,7 @@ int write_read(uint32_t h, uint8_t ch, uint16_t address, std::span<const uint8_t
   int rc = data.empty()
                ? varnel::i2c::read(h, ch, address, in, kTimeoutMs, pec, &delivered)
                : varnel::i2c::write_read(h, ch, address, data, in, kTimeoutMs, pec, &delivered);
-  if (rc == 0 && delivered) done(in);
+  if (delivered) done(in);  // only a status-0 reply delivers
   return rc;
 }
 
