@@ -511,6 +511,126 @@ VARNEL_API int GPIO_Read(DevHandle DevHandle, uint32_t PinMask, uint32_t* pPinVa
 VARNEL_API int GPIO_SendPulses(DevHandle DevHandle, uint32_t PinMask, uint32_t PulseWidthUs,
                                uint32_t PeriodUs, int32_t PulseNum);
 
+/* ===== I2C ================================================================================== */
+
+/* Channel configuration for IIC_Init, 12 bytes as it lies in memory. AddrBits 7 or 10; any other
+ * width is sent to the adapter as 7 but kept as given (IIC_GetSlaveAddr then scans 1024
+ * addresses). The option bytes go to the adapter unchanged (the virtual adapter ignores them). */
+#pragma pack(push, 1)
+typedef struct IIC_CONFIG {
+  uint32_t ClockSpeedHz;
+  uint16_t OwnAddr; /* the channel's address in slave mode */
+  uint8_t Master;   /* 1 master, 0 slave */
+  uint8_t AddrBits; /* 7 or 10 */
+  uint8_t Option1;
+  uint8_t Option2;
+  uint8_t Reserved[2]; /* not sent */
+} IIC_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(IIC_CONFIG) == 12, "IIC_CONFIG is 12 bytes");
+#pragma pack(pop)
+
+/* Results: 0 success, -2 the command could not be written, -4 no reply or a reply of an
+ * unexpected length, -7 a bad argument found before anything is sent (NULL buffer with a
+ * non-zero length, negative length, more than VARNEL_IIC_MAX_LENGTH bytes, address above 0x3FF),
+ * or the adapter's status byte (a positive number: the virtual adapter's are VARNEL_IIC_STATUS_*).
+ * Reads copy data out only when the status is 0. Lengths are byte counts. */
+#define VARNEL_IIC_MAX_CHANNELS 12
+#define VARNEL_IIC_MAX_LENGTH 0x7FFFF     /* a USB reply holds 0x80000 bytes: status + data */
+#define VARNEL_IIC_SLAVE_BUFFER_SIZE 1024 /* what IIC_SlaveReadBytes may write */
+#define VARNEL_IIC_STATUS_ADDRESS_NACK 1
+#define VARNEL_IIC_STATUS_DATA_NACK 2
+#define VARNEL_IIC_STATUS_BUS_ERROR 3
+#define VARNEL_IIC_STATUS_TIMEOUT 4
+#define VARNEL_IIC_STATUS_PEC_ERROR 5
+#define VARNEL_IIC_STATUS_BAD_REQUEST 6
+#define VARNEL_IIC_STATUS_NOT_MASTER 7
+VARNEL_API int IIC_Init(DevHandle DevHandle, uint8_t IICIndex, const IIC_CONFIG* pConfig);
+/* Probes every address (0-127 on a channel initialised with 7-bit addresses, else 0-1023) with an
+ * empty write; stores the ones that answer in ascending order and returns their count, or -5 if
+ * pSlaveAddr is NULL. pSlaveAddr must hold 128 entries (1024 when not 7-bit). */
+VARNEL_API int IIC_GetSlaveAddr(DevHandle DevHandle, uint8_t IICIndex, uint16_t* pSlaveAddr);
+VARNEL_API int IIC_WriteBytes(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                              const uint8_t* pWriteData, int32_t WriteLen, uint32_t TimeOutMs);
+VARNEL_API int IIC_ReadBytes(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                             uint8_t* pReadData, int32_t ReadLen, uint32_t TimeOutMs);
+/* Write, repeated start, read. */
+VARNEL_API int IIC_WriteReadBytes(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                                  const uint8_t* pWriteData, int32_t WriteLen, uint8_t* pReadData,
+                                  int32_t ReadLen, uint32_t TimeOutMs);
+/* Slave mode. IIC_SlaveWriteBytes loads bytes for a master to read and returns the adapter's
+ * count (the virtual adapter: bytes accepted); IIC_SlaveReadBytes returns the number of bytes a
+ * master wrote (at most VARNEL_IIC_SLAVE_BUFFER_SIZE, a longer reply is -4);
+ * IIC_SlaveWriteRemain the bytes of the last slave write a master has not read yet. The slave
+ * calls wait TimeOutMs + 100 ms for the adapter. */
+VARNEL_API int IIC_SlaveWriteBytes(DevHandle DevHandle, uint8_t IICIndex, const uint8_t* pWriteData,
+                                   int32_t WriteLen, uint32_t TimeOutMs);
+VARNEL_API int IIC_SlaveReadBytes(DevHandle DevHandle, uint8_t IICIndex, uint8_t* pReadData,
+                                  uint32_t TimeOutMs);
+VARNEL_API int IIC_SlaveWriteRemain(DevHandle DevHandle, uint8_t IICIndex);
+/* The transfers above, started by an adapter event; Event and EventWaitMs go to the adapter
+ * unchanged. */
+VARNEL_API int IIC_WriteBytesOfEvent(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                                     const uint8_t* pWriteData, int32_t WriteLen,
+                                     uint32_t TimeOutMs, uint8_t Event, uint32_t EventWaitMs);
+VARNEL_API int IIC_ReadBytesOfEvent(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                                    uint8_t* pReadData, int32_t ReadLen, uint32_t TimeOutMs,
+                                    uint8_t Event, uint32_t EventWaitMs);
+VARNEL_API int IIC_WriteReadBytesOfEvent(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                                         const uint8_t* pWriteData, int32_t WriteLen,
+                                         uint8_t* pReadData, int32_t ReadLen, uint32_t TimeOutMs,
+                                         uint8_t Event, uint32_t EventWaitMs);
+/* BlockNum transfers of BlockSize bytes each, IntervalUs apart; the data are BlockSize x BlockNum
+ * bytes in a row. */
+VARNEL_API int IIC_BlockWriteBytes(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                                   const uint8_t* pWriteData, int32_t BlockSize, int32_t BlockNum,
+                                   uint32_t IntervalUs);
+VARNEL_API int IIC_BlockReadBytes(DevHandle DevHandle, uint8_t IICIndex, uint16_t SlaveAddr,
+                                  uint8_t* pReadData, int32_t BlockSize, int32_t BlockNum,
+                                  uint32_t IntervalUs);
+VARNEL_API int IIC_SetStretchClock(DevHandle DevHandle, uint8_t IICIndex, uint8_t Enable);
+/* Clocks a stuck bus free (nine clocks and a stop). */
+VARNEL_API int IIC_BusReset(DevHandle DevHandle, uint8_t IICIndex);
+
+/* ===== SMBus ================================================================================ */
+
+/* SMBus protocols over an I2C channel, 10 ms time-out each. SlaveAddr is 7-bit (above 0x7F: -7,
+ * nothing sent). WithPEC asks the adapter to append and check the packet error code. Results as
+ * the I2C calls. Words travel high byte first in both directions (not the SMBus order). Block
+ * reads write at most VARNEL_SMBUS_BLOCK_MAX bytes: a reply with more is -4 and nothing is
+ * copied; the count is written on status 0. Block writes take 0 to VARNEL_SMBUS_BLOCK_MAX
+ * bytes (more: -7). */
+#define VARNEL_SMBUS_BLOCK_MAX 32
+VARNEL_API int SMBUS_Init(DevHandle DevHandle, uint8_t SMBUSIndex, uint32_t ClockSpeedHz,
+                          uint8_t Option);
+/* WriteFlag non-zero: a write of no data; zero: a read of no data. */
+VARNEL_API int SMBUS_QuickCommand(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                  uint8_t WriteFlag);
+VARNEL_API int SMBUS_WriteByte(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                               uint8_t Data, uint8_t WithPEC);
+VARNEL_API int SMBUS_ReadByte(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                              uint8_t* pData, uint8_t WithPEC);
+VARNEL_API int SMBUS_WriteByteProtocol(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                       uint8_t CommandCode, uint8_t Data, uint8_t WithPEC);
+VARNEL_API int SMBUS_WriteWordProtocol(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                       uint8_t CommandCode, uint16_t Data, uint8_t WithPEC);
+VARNEL_API int SMBUS_ReadByteProtocol(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                      uint8_t CommandCode, uint8_t* pData, uint8_t WithPEC);
+VARNEL_API int SMBUS_ReadWordProtocol(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                      uint8_t CommandCode, uint16_t* pData, uint8_t WithPEC);
+VARNEL_API int SMBUS_ProcessCall(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                 uint8_t CommandCode, uint16_t WriteData, uint16_t* pReadData,
+                                 uint8_t WithPEC);
+VARNEL_API int SMBUS_BlockWrite(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                uint8_t CommandCode, const uint8_t* pWriteData, uint32_t WriteCount,
+                                uint8_t WithPEC);
+VARNEL_API int SMBUS_BlockRead(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                               uint8_t CommandCode, uint8_t* pReadData, uint32_t* pReadCount,
+                               uint8_t WithPEC);
+VARNEL_API int SMBUS_BlockProcessCall(DevHandle DevHandle, uint8_t SMBUSIndex, uint16_t SlaveAddr,
+                                      uint8_t CommandCode, const uint8_t* pWriteData,
+                                      uint32_t WriteCount, uint8_t* pReadData, uint32_t* pReadCount,
+                                      uint8_t WithPEC);
+
 /* ===== Library extensions (settings outside the adapter families) =========================== */
 
 /* Ports of the network carrier: the discovery probe's and the adapters' TCP port. 0 restores the

@@ -13,14 +13,16 @@ from .adapter import Adapter, DeviceInfo, is_fd_adapter, scan
 from .channel import CanChannel, Frame
 from . import dbc
 from . import records
-from .errors import RESULT_TEXT, VarnelError, result_text
+from .errors import I2cStatusError, RESULT_TEXT, VarnelError, result_text
 from .gpio import Gpio
+from .i2c import I2cBus, i2c_msg
 from .library import lib
 from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
 
 __version__ = "0.1.0"
 __all__ = [
     "Adapter", "CanChannel", "dbc", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
-    "GPIO_PULL_UP", "Gpio", "RESULT_TEXT", "VarnelError", "is_fd_adapter", "lib", "records", "result_text",
+    "GPIO_PULL_UP", "Gpio", "I2cBus", "I2cStatusError", "i2c_msg", "RESULT_TEXT", "VarnelError",
+    "is_fd_adapter", "lib", "records", "result_text",
     "scan",
 ]

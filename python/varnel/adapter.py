@@ -1,5 +1,6 @@
 """Adapters: scanning, opening and closing, device information. The families hang off an open
-adapter, one module each: `adapter.gpio` (varnel.gpio), `adapter.can(...)` (varnel.channel)."""
+adapter, one module each: `adapter.gpio` (varnel.gpio), `adapter.i2c(...)` (varnel.i2c),
+`adapter.can(...)` (varnel.channel)."""
 import ctypes
 import threading
 from dataclasses import dataclass
@@ -109,6 +110,12 @@ class Adapter:
         from .gpio import Gpio
 
         return Gpio(self)
+
+    def i2c(self, channel, clock_hz=100000, pec=False):
+        """Initialises an I2C channel as a 7-bit master; see varnel.i2c.I2cBus."""
+        from .i2c import I2cBus
+
+        return I2cBus(self, channel, clock_hz=clock_hz, pec=pec)
 
     def can(self, channel, bitrate=500000, data_bitrate=None, fd=None):
         """Initialises a CAN channel and starts receiving; see varnel.channel.CanChannel."""

@@ -31,3 +31,25 @@ class VarnelError(Exception):
         self.code = code
         self.call = call
         super().__init__(f"{call}: {code} ({result_text(code)})")
+
+
+# The status bytes of the virtual adapter's I2C firmware (VARNEL_IIC_STATUS_* in varnel.h).
+I2C_STATUS_TEXT = {
+    1: "no acknowledge of the address",
+    2: "a data byte was not acknowledged",
+    3: "bus error (the bus is held; try a bus reset)",
+    4: "bus time-out",
+    5: "packet error code mismatch",
+    6: "the adapter refused the request",
+    7: "the channel is not a master",
+}
+
+
+class I2cStatusError(VarnelError):
+    """An I2C or SMBus transfer ended with the adapter's status byte `code` (positive): a missing
+    acknowledge, a bus error, a PEC mismatch."""
+
+    def __init__(self, code, call):
+        Exception.__init__(self, f"{call}: status {code} ({I2C_STATUS_TEXT.get(code, 'adapter status')})")
+        self.code = code
+        self.call = call

@@ -15,9 +15,9 @@ import glob
 import os
 import threading
 
-from .errors import VarnelError
+from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
-                      DEVICE_INFO, VARNEL_RECEIVE_STATS)
+                      DEVICE_INFO, IIC_CONFIG, VARNEL_RECEIVE_STATS)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -27,6 +27,9 @@ _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
 # USB_ and DEV_ calls, whose false is reported as the common code saying what went wrong;
 # None: the result is returned as it is. Handles are DevHandle (uint32_t), channels uint8_t.
 COUNT = "count"
+# `STATUS`: the I2C and SMBus transfers, whose positive result is the adapter's status byte; any
+# non-zero result raises (I2cStatusError for a status).
+STATUS = "status"
 
 
 def false_is(code):
@@ -87,12 +90,44 @@ DBC = {
     "VARNEL_DbcEncodeFrame": (_int, [_u64, _u32, _dbl_p, _int, _u32, ctypes.c_char_p, _int],
                               COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, DBC)
+_u8p, _u16, _u16p, _u32p = (ctypes.POINTER(_u8), ctypes.c_uint16, ctypes.POINTER(ctypes.c_uint16),
+                            ctypes.POINTER(_u32))
+IIC = {
+    "IIC_Init": (_int, [_u32, _u8, ctypes.POINTER(IIC_CONFIG)], STATUS),
+    "IIC_GetSlaveAddr": (_int, [_u32, _u8, _u16p], COUNT),
+    "IIC_WriteBytes": (_int, [_u32, _u8, _u16, _u8p, _i32, _u32], STATUS),
+    "IIC_ReadBytes": (_int, [_u32, _u8, _u16, _u8p, _i32, _u32], STATUS),
+    "IIC_WriteReadBytes": (_int, [_u32, _u8, _u16, _u8p, _i32, _u8p, _i32, _u32], STATUS),
+}
+SMBUS = {
+    "SMBUS_Init": (_int, [_u32, _u8, _u32, _u8], STATUS),
+    "SMBUS_QuickCommand": (_int, [_u32, _u8, _u16, _u8], STATUS),
+    "SMBUS_WriteByte": (_int, [_u32, _u8, _u16, _u8, _u8], STATUS),
+    "SMBUS_ReadByte": (_int, [_u32, _u8, _u16, _u8p, _u8], STATUS),
+    "SMBUS_WriteByteProtocol": (_int, [_u32, _u8, _u16, _u8, _u8, _u8], STATUS),
+    "SMBUS_WriteWordProtocol": (_int, [_u32, _u8, _u16, _u8, _u16, _u8], STATUS),
+    "SMBUS_ReadByteProtocol": (_int, [_u32, _u8, _u16, _u8, _u8p, _u8], STATUS),
+    "SMBUS_ReadWordProtocol": (_int, [_u32, _u8, _u16, _u8, _u16p, _u8], STATUS),
+    "SMBUS_ProcessCall": (_int, [_u32, _u8, _u16, _u8, _u16, _u16p, _u8], STATUS),
+    "SMBUS_BlockWrite": (_int, [_u32, _u8, _u16, _u8, _u8p, _u32, _u8], STATUS),
+    "SMBUS_BlockRead": (_int, [_u32, _u8, _u16, _u8, _u8p, _u32p, _u8], STATUS),
+    "SMBUS_BlockProcessCall": (_int, [_u32, _u8, _u16, _u8, _u8p, _u32, _u8p, _u32p, _u8],
+                               STATUS),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC)
 
 
 def _raise_on_negative(result, function, _args):
     if result < 0:
         raise VarnelError(result, function.__name__)
+    return result
+
+
+def _raise_on_status(result, function, _args):
+    if result < 0:
+        raise VarnelError(result, function.__name__)
+    if result > 0:
+        raise I2cStatusError(result, function.__name__)
     return result
 
 
@@ -138,6 +173,8 @@ def _declare(library):
             function.argtypes = argtypes
             if failure == COUNT:
                 function.errcheck = _raise_on_negative
+            elif failure == STATUS:
+                function.errcheck = _raise_on_status
             elif failure:
                 function.errcheck = _raise_on_false(failure[1])
     return library

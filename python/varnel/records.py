@@ -123,3 +123,23 @@ class VARNEL_RECEIVE_STATS(ctypes.Structure):
 # Every record above, by its C name: the record-size test walks this list.
 RECORDS = {cls.__name__: cls for cls in (CAN_MSG, CANFD_MSG, CAN_INIT_CONFIG, CANFD_INIT_CONFIG,
                                          DEVICE_INFO, CAN_STATUS, VARNEL_RECEIVE_STATS)}
+
+
+SMBUS_BLOCK_MAX = 32  # VARNEL_SMBUS_BLOCK_MAX
+IIC_MAX_ADDRESSES = 1024  # IIC_GetSlaveAddr stores at most this many
+
+
+class IIC_CONFIG(ctypes.Structure):
+    """I2C channel configuration, 12 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("ClockSpeedHz", ctypes.c_uint32),
+        ("OwnAddr", ctypes.c_uint16),
+        ("Master", ctypes.c_uint8),
+        ("AddrBits", ctypes.c_uint8),
+        ("Option1", ctypes.c_uint8),
+        ("Option2", ctypes.c_uint8),
+        ("Reserved", ctypes.c_uint8 * 2),
+    ]
+RECORDS[IIC_CONFIG.__name__] = IIC_CONFIG

@@ -77,5 +77,14 @@ int main(void) {
   FIELD(VARNEL_RECEIVE_STATS, PollerStopResult);
   FIELD(VARNEL_RECEIVE_STATS, StatusResult);
   FIELD(VARNEL_RECEIVE_STATS, Status);
+
+  RECORD(IIC_CONFIG);
+  FIELD(IIC_CONFIG, ClockSpeedHz);
+  FIELD(IIC_CONFIG, OwnAddr);
+  FIELD(IIC_CONFIG, Master);
+  FIELD(IIC_CONFIG, AddrBits);
+  FIELD(IIC_CONFIG, Option1);
+  FIELD(IIC_CONFIG, Option2);
+  FIELD(IIC_CONFIG, Reserved);
   return 0;
 }
