@@ -396,7 +396,8 @@ VARNEL_API int VARNEL_DbcFormatFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const
  * message's signal count; no look-up by name, and the database's own
  * signal values are left alone. VARNEL_DbcEncodeFrame builds a frame from values in that order
  * (NaN: the signal's start value) and returns its length; a value outside the signal's range is
- * refused (-8) unless Flags has VARNEL_DBC_CLAMP. Both: -4 handle, -5 no message with that
+ * refused (-8) unless Flags has VARNEL_DBC_CLAMP, and so is a value for a multiplexed signal that
+ * the multiplexor values (given or start values) do not select (-6). Both: -4 handle, -5 no message with that
  * identifier, -7 bad argument (or pData shorter than the message). */
 #define VARNEL_DBC_STANDARD 1u
 #define VARNEL_DBC_CLAMP 1u

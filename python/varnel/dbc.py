@@ -80,5 +80,8 @@ class Database:
             if e.code == -8:
                 raise ValueError(f"a value is outside its signal's range in {signals} "
                                  "(clamp=True clamps)") from None
+            if e.code == -6:
+                raise ValueError(f"a signal in {signals} is not selected by the multiplexor "
+                                 "values") from None
             raise
         return out.raw[:n]

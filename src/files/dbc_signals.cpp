@@ -183,6 +183,10 @@ VARNEL_API int VARNEL_DbcEncodeFrame(uint64_t dbc, uint32_t id, const double* va
     }
     uint8_t payload[kPayloadBytes] = {};
     encode_all(*m, values, given, payload, length);
+    // A value for a signal the multiplexor values do not select would be lost: refused.
+    for (size_t i = 0; i < given; ++i) {
+      if (!std::isnan(values[i]) && !signal_active(*m, m->signals[i], payload, length)) return -6;
+    }
     std::memcpy(data, payload, length);
     return int(length);
   });

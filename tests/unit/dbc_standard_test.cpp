@@ -99,8 +99,9 @@ TEST(DbcStandardReading, EncodeRefusesOutOfRangeUnlessClamping) {
       {kCounters, {nan, nan, nan, -204.8}, 0, 8, {0, 0, 0, 0x80, 0, 0, 0, 0}},  // raw 0x800
       {kFloats, {21.5, 1000}, 0, 8, {0, 0, 0xAC, 0x41, 0, 0x80, 0xF7, 0x44}},   // (1000-10)/0.5f
       // SubMux 2 is written only because Mux 1 selects it; C follows SubMux
-      {kMuxed, {1, 2, 0x1234, 7, nan}, 0, 8, {0x21, 0, 0x34, 0x12, 0, 0, 0, 0}},
-      {kMuxed, {2, 2, 0x1234, 7, nan}, 0, 8, {0x02, 7, 0, 0, 0, 0, 0, 0}},
+      {kMuxed, {1, 2, 0x1234, nan, nan}, 0, 8, {0x21, 0, 0x34, 0x12, 0, 0, 0, 0}},
+      {kMuxed, {2, nan, nan, 7, nan}, 0, 8, {0x02, 7, 0, 0, 0, 0, 0, 0}},
+      {kMuxed, {2, 2, 0x1234, 7, nan}, 0, -6, {}},  // Mux 2 selects neither SubMux nor C
   };
   for (const auto& c : cases) {
     std::vector<uint8_t> frame(64, 0xEE);

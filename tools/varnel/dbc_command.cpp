@@ -192,7 +192,12 @@ void run_encode(const DbcOptions& o) {
   CANFD_MSG msg;  // identifier, length and flags of the message
   DBC_SyncValueToCANFDMsg(h, o.message.c_str(), &msg);
   const uint32_t flags = o.clamp || o.legacy ? VARNEL_DBC_CLAMP : 0;  // the DBC_ calls clamp
-  if (VARNEL_DbcEncodeFrame(h, msg.Id, values.data(), count, flags, msg.Data, 64) == -8) {
+  const int built = VARNEL_DbcEncodeFrame(h, msg.Id, values.data(), count, flags, msg.Data, 64);
+  if (built == -6) {
+    fail("a signal given is not selected by the multiplexor values (give the multiplexor too)");
+    return;
+  }
+  if (built == -8) {
     for (size_t i = 0; i < values.size(); ++i) {
       std::vector<double> one(values.size(), std::nan(""));
       one[i] = values[i];
