@@ -45,6 +45,7 @@ TEST(CanFrameLength, AllDominantFrameGetsAStuffBitAfterEveryFiveBits) {
   EXPECT_EQ(frame_bit_length(zero), 50);
   EXPECT_EQ(CAN_GetMsgSendTimeUs(&zero, 500000), 100);
   EXPECT_EQ(CAN_GetMsgSendTimeUs(&zero, 1000000), 50);
+  EXPECT_EQ(CAN_GetMsgSendTimeUs(nullptr, 500000), 0);
 }
 
 TEST(CanFrameLength, StaysWithinTheUnstuffedAndWorstCaseBounds) {

@@ -145,6 +145,8 @@ TEST(HexfileS19, ConvertsRecordsIntoSegments) {
       {"exactly as many segments as allowed", srec(1, 0, {1}) + srec(1, 5, {2}),
        1, 2, 2, {{0, {1}}, {5, {2}}}},
       {"no data records", srec(0, 0, {}) + srec(9, 0, {}), 1, 8, 0, {}},
+      {"an empty data record takes no room", srec(1, 0x10, {}) + srec(1, 0x20, {5}),
+       1, 8, 1, {{0x20, {5}}}},
       {"skipped lines may fill the line buffer exactly",
        "S0" + std::string(1022, '0') + "\n" + srec(1, 0, {1}),
        1, 8, 1, {{0, {1}}}},
@@ -437,6 +439,9 @@ TEST(HexfileCheck, ReportsEveryBadLineWithItsNumber) {
             3);
   EXPECT_EQ(all[2].Line, 7u);
   EXPECT_EQ(all[2].Kind, VARNEL_HEXFILE_OVERLONG);
+  EXPECT_EQ(VARNEL_hexfile_check(text.data(), static_cast<int32_t>(text.size()), VARNEL_HEXFILE_S19,
+                                 nullptr, 4),
+            3);  // only counted
 
   const std::string txt = "0 1\nzz 1\n";
   EXPECT_EQ(VARNEL_hexfile_check(txt.data(), 8, VARNEL_HEXFILE_TXT, all, 4), 1);
