@@ -328,6 +328,54 @@ VARNEL_STATIC_ASSERT(sizeof(VARNEL_RECEIVE_STATS) == 48, "VARNEL_RECEIVE_STATS i
 VARNEL_API int VARNEL_CAN_GetReceiveStats(DevHandle DevHandle, uint8_t CANIndex,
                                           VARNEL_RECEIVE_STATS* pStats);
 
+/* ----- UDS on CAN: ISO 15765-2 transport (single, first, consecutive, flow control frames) --- */
+
+/* Kept per adapter and channel (channel AND 1); all zero until CAN_UDS_Config. */
+#pragma pack(push, 1)
+typedef struct CAN_UDS_CONFIG {
+  uint8_t STmin;       /* ms between consecutive frames; 0: the receiver's flow control decides */
+  uint8_t BlockSize;   /* frames per block; 0: the receiver's flow control decides */
+  uint8_t FillByte;    /* the frame bytes a message does not use */
+  uint8_t Reserved;    /* stored, not read */
+  uint32_t FlowWaitMs; /* how long a request waits for flow control; 0 means 1000 */
+} CAN_UDS_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(CAN_UDS_CONFIG) == 8, "CAN_UDS_CONFIG is 8 bytes");
+
+/* Addressing of one exchange. The calls may rewrite Flags and FrameLen. */
+typedef struct CAN_UDS_ADDR {
+  uint32_t ReqID;   /* identifier of the frames sent */
+  uint32_t ResID;   /* identifier of the frames accepted */
+  uint8_t Flags;    /* bit 0 29-bit identifiers; bit 1 CAN FD frames; bits 1+2 bit-rate switch;
+                       bit 7 the smallest CAN FD frame that holds the data */
+  uint8_t ExtAddr;  /* non-zero: extended addressing, AddrByte in front of every frame */
+  uint8_t AddrByte; /* the extended address */
+  uint8_t FrameLen; /* frame data length 8..64 (CAN FD); any other value means 8 */
+} CAN_UDS_ADDR;
+VARNEL_STATIC_ASSERT(sizeof(CAN_UDS_ADDR) == 12, "CAN_UDS_ADDR is 12 bytes");
+#pragma pack(pop)
+
+/* Result codes of the UDS calls, beside the send calls' own (-2, -4). */
+#define CAN_UDS_ERR_SEND_COUNT (-99)   /* the adapter took another number of frames than sent */
+#define CAN_UDS_ERR_TIMEOUT (-101)     /* no flow control / no whole message in time */
+#define CAN_UDS_ERR_SEQUENCE (-103)    /* consecutive frame out of sequence */
+#define CAN_UDS_ERR_FRAME (-105)       /* bad protocol byte, or a single frame longer than itself */
+#define CAN_UDS_ERR_OVERFLOW (-107)    /* the receiver answered flow control with overflow */
+#define CAN_UDS_ERR_DEVICE (-108)      /* no device index 0..59 for the handle */
+#define VARNEL_CAN_UDS_ERR_SIZE (-109) /* extension: the message does not fit the caller's buffer */
+
+VARNEL_API int CAN_UDS_Config(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_CONFIG* pConfig);
+/* Sends a message of DataLen bytes; 0 when every frame went out. */
+VARNEL_API int CAN_UDS_Request(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
+                               uint8_t* pReqData, int32_t DataLen);
+/* Receives one message from ResID within TimeOutMs: its length. pResData must hold the whole
+ * message, however long the sender announces it: VARNEL_CAN_UDS_ResponseN bounds it. */
+VARNEL_API int CAN_UDS_Response(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
+                                uint8_t* pResData, int32_t TimeOutMs);
+/* Extension: CAN_UDS_Response into a buffer of `Size` bytes; a longer message gives -109 as soon
+ * as its length is known, with nothing written past the buffer. */
+VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
+                                        uint8_t* pResData, uint32_t Size, int32_t TimeOutMs);
+
 /* ===== DBC database files =================================================================== */
 
 /* A DBC handle is the address of a database loaded by DBC_ParserFile; 0 means none. Databases
