@@ -134,6 +134,15 @@ TEST_F(Uds, CanFdFramesFollowTheFrameLength) {
   Bytes escaped{0x00, 0x0A};
   escaped.resize(12, 0x3E);
   EXPECT_EQ(heard_frames().back(), escaped);
+  addr_.ExtAddr = 1, addr_.AddrByte = 0x10;  // 7 bytes and the address: 10 00 07 ..., 12 bytes
+  ASSERT_EQ(request(Bytes(7, 0x3E)), 0);
+  Bytes addressed{0x10, 0x00, 0x07};
+  addressed.resize(12, 0x3E);
+  EXPECT_EQ(heard_frames().back(), addressed);
+  addr_ = {0x7E0, 0x7E8, 0, 0, 0, 8};
+  ASSERT_EQ(request({0x3E, 0x00}), 0);  // without flag bit 1: a classic frame, 8 bytes
+  EXPECT_FALSE(ecu_->heard().back().frame.fd);
+  EXPECT_EQ(heard_frames().back().size(), 8u);
 }
 
 // Answers longer than a frame come back whole, over 12-bit and 32-bit lengths, with or without
@@ -234,7 +243,7 @@ TEST_F(Uds, MalformedAnswersAndBadArguments) {
       {{0x08, 1, 2, 3, 4, 5, 6, 7}, CAN_UDS_ERR_FRAME},     // 8 bytes claimed, 7 carried
       {{0x40, 0, 0, 0, 0, 0, 0, 0}, CAN_UDS_ERR_FRAME},     // no such frame type
       {{0x21, 0, 0, 0, 0, 0, 0, 0}, CAN_UDS_ERR_SEQUENCE},  // consecutive without a first
-      {{0x05, 0x62, 1, 2, 3, 4, 0, 0}, 5},
+      {{0x05, 0x62, 1, 2, 3, 4, 0, 0}, 5},  // after a frame of 0x7E9, which is not ours
       {{0x10, 0x0A, 1, 2, 3, 4, 5, 6}, VARNEL_CAN_UDS_ERR_SIZE},  // 10 bytes, room for 8
   };
   for (const auto& c : cases) {
@@ -242,6 +251,12 @@ TEST_F(Uds, MalformedAnswersAndBadArguments) {
     frame.id = 0x7E8;
     frame.len = 8;
     std::copy(c.frame.begin(), c.frame.end(), frame.data.begin());
+    if (c.result == 5) {
+      sim::CanFrame other = frame;
+      other.id = 0x7E9;
+      other.data[0] = 0x02;
+      node->send(other);
+    }
     node->send(frame);
     Bytes out(8, 0xEE);
     EXPECT_EQ(VARNEL_CAN_UDS_ResponseN(kClassic, 0, &addr_, out.data(), 8, 100), c.result);
