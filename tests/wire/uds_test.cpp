@@ -137,7 +137,8 @@ TEST_F(Uds, CanFdFramesFollowTheFrameLength) {
   addr_.ExtAddr = 1, addr_.AddrByte = 0x10;  // 7 bytes and the address: 10 00 07 ..., 12 bytes
   ASSERT_EQ(request(Bytes(7, 0x3E)), 0);
   Bytes addressed{0x10, 0x00, 0x07};
-  addressed.resize(12, 0x3E);
+  addressed.resize(10, 0x3E);
+  addressed.resize(12, 0x00);  // the fill byte
   EXPECT_EQ(heard_frames().back(), addressed);
   addr_ = {0x7E0, 0x7E8, 0, 0, 0, 8};
   ASSERT_EQ(request({0x3E, 0x00}), 0);  // without flag bit 1: a classic frame, 8 bytes
