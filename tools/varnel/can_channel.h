@@ -2,6 +2,7 @@
 // among the scanned channels, the adapter opened and the channel initialised.
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,5 +20,8 @@ struct OpenCanChannel {
 // Prints why not on stderr, sets the exit code and returns nullopt when the channel cannot be had.
 std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
                                                uint32_t data_bitrate);
+
+// `varnel can filter` and `varnel can schedule` (can_services_command.cpp), under `varnel can`.
+void add_can_service_commands(CLI::App* can);
 
 }  // namespace varnel_cli

@@ -527,6 +527,8 @@ void add_can_commands(CLI::App& app) {
   dump->callback([=] { run_dump(*dump_target, *d); });
 
   auto gen_target = std::make_shared<CanTarget>();
+  add_can_service_commands(can);
+
   auto gen = can->add_subcommand("gen", "generate frames as cangen does");
   auto o = std::make_shared<GenOptions>();
   // cangen's letters: -b is its bit-rate switch, so the bit rate is --bitrate only here
