@@ -63,6 +63,10 @@ CAN = {
     "CAN_GetStatus": (_int, [_u32, _u8, ctypes.POINTER(CAN_STATUS)], None),
     "CAN_Stop": (_int, [_u32, _u8], None),
     "CAN_GetStartTime": (_i64, [_u32, _u8], None),
+    "CAN_SetSchedule": (_int, [_u32, _u8, _CAN_P, ctypes.POINTER(_u8), ctypes.POINTER(_u8), _u8],
+                        COUNT),
+    "CAN_StartSchedule": (_int, [_u32, _u8, _u8, _u8, _u8], COUNT),
+    "CAN_StopSchedule": (_int, [_u32, _u8], COUNT),
     # extension: losses and poller state of a channel (classic or CAN FD)
     "VARNEL_CAN_GetReceiveStats": (_int, [_u32, _u8, ctypes.POINTER(VARNEL_RECEIVE_STATS)], COUNT),
 }

@@ -1,6 +1,6 @@
 """The library's ISO-TP against a peer written here from ISO 15765-2 alone: the library's
 diagnostic client on channel 0, the peer on channel 1 through python-can, multi-frame messages
-both ways."""
+both ways; and frames the adapter schedules on channel 0 reaching python-can on channel 1."""
 import threading
 import time
 import unittest
@@ -85,8 +85,8 @@ class IsoTpBothWays(unittest.TestCase):
     def setUp(self):
         self.adapter = varnel.Adapter(CLASSIC).open()
         self.addCleanup(self.adapter.close)
-        channel = self.adapter.can(0, bitrate=500000)  # initialised, its poller receiving
-        self.addCleanup(channel.close)
+        self.channel = self.adapter.can(0, bitrate=500000)  # initialised, its poller receiving
+        self.addCleanup(self.channel.close)
         self.peer_bus = can.Bus(interface="varnel", channel=f"0x{CLASSIC:08X}:1", bitrate=500000)
         self.addCleanup(self.peer_bus.shutdown)
         self.client = self.adapter.uds(0, TX, RX)
@@ -108,6 +108,12 @@ class IsoTpBothWays(unittest.TestCase):
                 talker.start()
                 self.assertEqual(self.client.receive(timeout=5.0), answer)
                 talker.join(10)
+
+    def test_scheduled_frames_reach_python_can(self):
+        self.channel.start_schedule([(varnel.Frame(0x123, b"\x11"), 10)], periods=3)
+        got = [self.peer_bus.recv(2.0) for _ in range(3)]
+        self.assertEqual([(m.arbitration_id, bytes(m.data)) for m in got], [(0x123, b"\x11")] * 3)
+        self.channel.stop_schedule()
 
     def test_negative_answer_raises_with_its_code(self):
         peer = IsoTpPeer(self.peer_bus)
