@@ -328,6 +328,112 @@ VARNEL_STATIC_ASSERT(sizeof(VARNEL_RECEIVE_STATS) == 48, "VARNEL_RECEIVE_STATS i
 VARNEL_API int VARNEL_CAN_GetReceiveStats(DevHandle DevHandle, uint8_t CANIndex,
                                           VARNEL_RECEIVE_STATS* pStats);
 
+/* ----- CAN filters, schedules and the relay: services the adapter runs on its own ----------- */
+
+/* One acceptance filter, 28 bytes. Mask mode passes a frame whose identifier matches ID in the
+ * bits of MASK; list mode passes exactly ID. No enabled filter on a channel: every frame passes. */
+#pragma pack(push, 1)
+typedef struct CAN_FILTER_CONFIG {
+  uint8_t Enable;      /* 1 enable, 0 disable this filter */
+  uint8_t FilterIndex; /* 0-13 within the channel */
+  uint8_t FilterMode;  /* 0 mask mode, 1 list mode */
+  uint8_t ExtFrame;    /* 1 when the identifier is 29-bit */
+  uint32_t ID;
+  uint32_t IdIDE;   /* the identifier's IDE bit (bit 0) */
+  uint32_t IdRTR;   /* the identifier's RTR bit (bit 0) */
+  uint32_t Mask;
+  uint32_t MaskIDE; /* the mask's IDE bit (bit 0) */
+  uint32_t MaskRTR; /* the mask's RTR bit (bit 0) */
+} CAN_FILTER_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(CAN_FILTER_CONFIG) == 28, "CAN_FILTER_CONFIG is 28 bytes");
+
+/* A CAN FD adapter's filter entry, 12 bytes: words with bit 31 the IDE bit and bit 30 RTR. */
+typedef struct CANFD_FILTER_CONFIG {
+  uint8_t Enable;
+  uint8_t Index; /* 0-13 */
+  uint8_t Reserved[2];
+  uint32_t ID;   /* identifier | IDE << 31 | RTR << 30 */
+  uint32_t Mask; /* 0xFFFFFFFF: exactly ID */
+} CANFD_FILTER_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(CANFD_FILTER_CONFIG) == 12, "CANFD_FILTER_CONFIG is 12 bytes");
+#pragma pack(pop)
+
+/* 0; -2 not written; -4 not read or refused. */
+VARNEL_API int CAN_Filter_Init(DevHandle DevHandle, uint8_t CANIndex, CAN_FILTER_CONFIG* pFilter);
+/* Count 0 disables the channel's 14 filters; otherwise filter i passes exactly pIDList[i] (bit 31
+ * 29-bit, bit 30 remote; at most 14). The first error, or 0. */
+VARNEL_API int CAN_FilterList_Init(DevHandle DevHandle, uint8_t CANIndex, uint32_t* pIDList,
+                                   uint8_t IDListLen);
+/* Extension: the CAN FD adapters' filter command (docs/can.md). */
+VARNEL_API int CANFD_SetFilter(DevHandle DevHandle, uint8_t CANIndex,
+                               CANFD_FILTER_CONFIG* pFilters, uint8_t Count);
+
+/* Cyclic sending held by the adapter: TableCount tables, table i with pCounts[i] records (taken
+ * in order from pMsgs) and the 2 bytes at pTableValues[2i] as they lie in memory (our firmware:
+ * the table's period in ms, little-endian). Each record's TimeStamp goes to the device unchanged
+ * (our firmware: its offset in ms within the period). -4 without a transaction when the schedule
+ * is too large. */
+VARNEL_API int CAN_SetSchedule(DevHandle DevHandle, uint8_t CANIndex, CAN_MSG* pMsgs,
+                               uint8_t* pCounts, uint8_t* pTableValues, uint8_t TableCount);
+VARNEL_API int CAN_UpdateSchedule(DevHandle DevHandle, uint8_t CANIndex, uint8_t TableIndex,
+                                  uint8_t FirstMsgIndex, CAN_MSG* pMsgs, uint8_t Count);
+/* The three bytes go to the device in order (our firmware: the table, 0xFF for all; the number of
+ * periods to play, 0 for no end; an option byte, 0). */
+VARNEL_API int CAN_StartSchedule(DevHandle DevHandle, uint8_t CANIndex, uint8_t Table,
+                                 uint8_t Periods, uint8_t Option);
+VARNEL_API int CAN_StopSchedule(DevHandle DevHandle, uint8_t CANIndex);
+/* 0 when the adapter echoes the state, else -4 (our firmware: 1 forwards frames between the two
+ * channels when they sit on different buses). */
+VARNEL_API int CAN_SetRelay(DevHandle DevHandle, uint8_t RelayState);
+
+/* ----- UDS on CAN: ISO 15765-2 transport (single, first, consecutive, flow control frames) --- */
+
+/* Kept per adapter and channel (channel AND 1); all zero until CAN_UDS_Config. */
+#pragma pack(push, 1)
+typedef struct CAN_UDS_CONFIG {
+  uint8_t STmin;       /* ms between consecutive frames; 0: the receiver's flow control decides */
+  uint8_t BlockSize;   /* frames per block; 0: the receiver's flow control decides */
+  uint8_t FillByte;    /* the frame bytes a message does not use */
+  uint8_t Reserved;    /* stored, not read */
+  uint32_t FlowWaitMs; /* how long a request waits for flow control; 0 means 1000 */
+} CAN_UDS_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(CAN_UDS_CONFIG) == 8, "CAN_UDS_CONFIG is 8 bytes");
+
+/* Addressing of one exchange. The calls may rewrite Flags and FrameLen. */
+typedef struct CAN_UDS_ADDR {
+  uint32_t ReqID;   /* identifier of the frames sent */
+  uint32_t ResID;   /* identifier of the frames accepted */
+  uint8_t Flags;    /* bit 0 29-bit identifiers; bit 1 CAN FD frames; bits 1+2 bit-rate switch;
+                       bit 7 the smallest CAN FD frame that holds the data */
+  uint8_t ExtAddr;  /* non-zero: extended addressing, AddrByte in front of every frame */
+  uint8_t AddrByte; /* the extended address */
+  uint8_t FrameLen; /* frame data length 8..64 (CAN FD); any other value means 8 */
+} CAN_UDS_ADDR;
+VARNEL_STATIC_ASSERT(sizeof(CAN_UDS_ADDR) == 12, "CAN_UDS_ADDR is 12 bytes");
+#pragma pack(pop)
+
+/* Result codes of the UDS calls, beside the send calls' own (-2, -4). */
+#define CAN_UDS_ERR_SEND_COUNT (-99)   /* the adapter took another number of frames than sent */
+#define CAN_UDS_ERR_TIMEOUT (-101)     /* no flow control / no whole message in time */
+#define CAN_UDS_ERR_SEQUENCE (-103)    /* consecutive frame out of sequence */
+#define CAN_UDS_ERR_FRAME (-105)       /* bad protocol byte, or a single frame longer than itself */
+#define CAN_UDS_ERR_OVERFLOW (-107)    /* the receiver answered flow control with overflow */
+#define CAN_UDS_ERR_DEVICE (-108)      /* no device index 0..59 for the handle */
+#define VARNEL_CAN_UDS_ERR_SIZE (-109) /* extension: the message does not fit the caller's buffer */
+
+VARNEL_API int CAN_UDS_Config(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_CONFIG* pConfig);
+/* Sends a message of DataLen bytes; 0 when every frame went out. */
+VARNEL_API int CAN_UDS_Request(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
+                               uint8_t* pReqData, int32_t DataLen);
+/* Receives one message from ResID within TimeOutMs: its length. pResData must hold the whole
+ * message, however long the sender announces it: VARNEL_CAN_UDS_ResponseN bounds it. */
+VARNEL_API int CAN_UDS_Response(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
+                                uint8_t* pResData, int32_t TimeOutMs);
+/* Extension: CAN_UDS_Response into a buffer of `Size` bytes; a longer message gives -109 as soon
+ * as its length is known, with nothing written past the buffer. */
+VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
+                                        uint8_t* pResData, uint32_t Size, int32_t TimeOutMs);
+
 /* ===== DBC database files =================================================================== */
 
 /* A DBC handle is the address of a database loaded by DBC_ParserFile; 0 means none. Databases

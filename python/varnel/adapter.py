@@ -117,6 +117,12 @@ class Adapter:
 
         return I2cBus(self, channel, clock_hz=clock_hz, pec=pec)
 
+    def uds(self, channel, txid, rxid, **options):
+        """A diagnostic client on an initialised CAN channel; see varnel.uds.UdsClient."""
+        from .uds import UdsClient
+
+        return UdsClient(self, channel, txid, rxid, **options)
+
     def can(self, channel, bitrate=500000, data_bitrate=None, fd=None):
         """Initialises a CAN channel and starts receiving; see varnel.channel.CanChannel."""
         from .channel import CanChannel

@@ -221,6 +221,27 @@ class CanChannel:
             to_can_msg(frame, record)
         return lib().CAN_SendMsg(self.handle, self.channel, records, len(frames))
 
+    def start_schedule(self, frames, periods=0):
+        """Has the adapter send classic frames cyclically on its own: `frames` are
+        (Frame, period_ms) pairs, each a table of its own; `periods` 0 plays until
+        stop_schedule()."""
+        frames = list(frames)
+        records = (CAN_MSG * max(len(frames), 1))()
+        counts = (ctypes.c_uint8 * max(len(frames), 1))(*([1] * len(frames)))
+        times = (ctypes.c_uint8 * max(2 * len(frames), 2))()
+        for i, (frame, period_ms) in enumerate(frames):
+            _check_frame(frame, False)
+            if not 0 < period_ms <= 0xFFFF:
+                raise ValueError(f"period {period_ms} ms: 1 to 65535")
+            to_can_msg(frame, records[i])
+            times[2 * i], times[2 * i + 1] = period_ms & 0xFF, period_ms >> 8
+        library = lib()
+        library.CAN_SetSchedule(self.handle, self.channel, records, counts, times, len(frames))
+        library.CAN_StartSchedule(self.handle, self.channel, 0xFF, periods, 0)
+
+    def stop_schedule(self):
+        lib().CAN_StopSchedule(self.handle, self.channel)
+
     def _drain(self):
         library, h, ch = lib(), self.handle, self.channel
         if self.fd_controller:

@@ -17,7 +17,7 @@ import threading
 
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
-                      DEVICE_INFO, IIC_CONFIG, VARNEL_RECEIVE_STATS)
+                      CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, VARNEL_RECEIVE_STATS)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -63,6 +63,10 @@ CAN = {
     "CAN_GetStatus": (_int, [_u32, _u8, ctypes.POINTER(CAN_STATUS)], None),
     "CAN_Stop": (_int, [_u32, _u8], None),
     "CAN_GetStartTime": (_i64, [_u32, _u8], None),
+    "CAN_SetSchedule": (_int, [_u32, _u8, _CAN_P, ctypes.POINTER(_u8), ctypes.POINTER(_u8), _u8],
+                        COUNT),
+    "CAN_StartSchedule": (_int, [_u32, _u8, _u8, _u8, _u8], COUNT),
+    "CAN_StopSchedule": (_int, [_u32, _u8], COUNT),
     # extension: losses and poller state of a channel (classic or CAN FD)
     "VARNEL_CAN_GetReceiveStats": (_int, [_u32, _u8, ctypes.POINTER(VARNEL_RECEIVE_STATS)], COUNT),
 }
@@ -114,7 +118,13 @@ SMBUS = {
     "SMBUS_BlockProcessCall": (_int, [_u32, _u8, _u16, _u8, _u8p, _u32, _u8p, _u32p, _u8],
                                STATUS),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC)
+_ADDR_P = ctypes.POINTER(CAN_UDS_ADDR)
+UDS = {
+    "CAN_UDS_Config": (_int, [_u32, _u8, ctypes.POINTER(CAN_UDS_CONFIG)], COUNT),
+    "CAN_UDS_Request": (_int, [_u32, _u8, _ADDR_P, _u8p, _i32], COUNT),
+    "VARNEL_CAN_UDS_ResponseN": (_int, [_u32, _u8, _ADDR_P, _u8p, _u32, _i32], COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS)
 
 
 def _raise_on_negative(result, function, _args):

@@ -143,3 +143,32 @@ class IIC_CONFIG(ctypes.Structure):
         ("Reserved", ctypes.c_uint8 * 2),
     ]
 RECORDS[IIC_CONFIG.__name__] = IIC_CONFIG
+
+
+class CAN_UDS_CONFIG(ctypes.Structure):
+    """ISO-TP settings of a CAN channel, 8 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("STmin", ctypes.c_uint8),
+        ("BlockSize", ctypes.c_uint8),
+        ("FillByte", ctypes.c_uint8),
+        ("Reserved", ctypes.c_uint8),
+        ("FlowWaitMs", ctypes.c_uint32),
+    ]
+RECORDS[CAN_UDS_CONFIG.__name__] = CAN_UDS_CONFIG
+
+
+class CAN_UDS_ADDR(ctypes.Structure):
+    """Addressing of one ISO-TP exchange, 12 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("ReqID", ctypes.c_uint32),
+        ("ResID", ctypes.c_uint32),
+        ("Flags", ctypes.c_uint8),
+        ("ExtAddr", ctypes.c_uint8),
+        ("AddrByte", ctypes.c_uint8),
+        ("FrameLen", ctypes.c_uint8),
+    ]
+RECORDS[CAN_UDS_ADDR.__name__] = CAN_UDS_ADDR

@@ -241,19 +241,37 @@ void CanController::push_locked(CanRxRecord record) {
 }
 
 bool CanController::deliver(const CanFrame& frame, uint64_t end_us, const CanBitTiming& timing) {
-  std::lock_guard guard(mutex_);
-  if (!started_ || tec_ > 255) return false;
-  if (timing.nominal_bps != timing_.nominal_bps || (frame.fd && kind_ != Kind::kFd)) {
-    last_error_ = 2;  // form error: the frame makes no sense at this controller's bit timing
-    count_error_locked(false);
-    return false;
+  std::function<void(const CanFrame&)> listener;
+  bool acknowledged = false;
+  {
+    std::lock_guard guard(mutex_);
+    if (!started_ || tec_ > 255) return false;
+    if (timing.nominal_bps != timing_.nominal_bps || (frame.fd && kind_ != Kind::kFd)) {
+      last_error_ = 2;  // form error: the frame makes no sense at this controller's bit timing
+      count_error_locked(false);
+      return false;
+    }
+    if (rec_ > 0) --rec_;
+    acknowledged = mode_ != 2;  // a listening controller does not acknowledge
+    if (accepts_ && !accepts_(frame)) return acknowledged;
+    CanRxRecord record;
+    record.frame = frame;
+    record.bus_end_us = end_us;
+    push_locked(std::move(record));
+    listener = listener_;
   }
-  CanRxRecord record;
-  record.frame = frame;
-  record.bus_end_us = end_us;
-  push_locked(std::move(record));
-  if (rec_ > 0) --rec_;
-  return mode_ != 2;  // a listening controller does not acknowledge
+  if (listener) listener(frame);
+  return acknowledged;
+}
+
+void CanController::set_acceptance(std::function<bool(const CanFrame&)> accepts) {
+  std::lock_guard guard(mutex_);
+  accepts_ = std::move(accepts);
+}
+
+void CanController::set_listener(std::function<void(const CanFrame&)> listener) {
+  std::lock_guard guard(mutex_);
+  listener_ = std::move(listener);
 }
 
 void CanController::push_event(const std::array<uint8_t, 8>& data) {

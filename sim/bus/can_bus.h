@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -128,6 +129,11 @@ class CanController : public CanNode, public std::enable_shared_from_this<CanCon
   // Frames lost because the receive FIFO was full.
   uint64_t rx_overflows() const;
 
+  // The firmware's acceptance filters: a frame the predicate refuses is acknowledged but not
+  // kept. The listener hears every frame kept (the relay), outside the controller's lock.
+  void set_acceptance(std::function<bool(const CanFrame&)> accepts);
+  void set_listener(std::function<void(const CanFrame&)> listener);
+
   // Knobs for tests and demos.
   void set_fifo_capacity(size_t records);
   void set_echo(bool on);  // CAN FD controllers echo their own frames by default
@@ -150,6 +156,8 @@ class CanController : public CanNode, public std::enable_shared_from_this<CanCon
   uint8_t last_error_ = 0;
   bool echo_set_ = false, echo_ = false;
   uint8_t error_flags_ = 0;  // last reported error state (CAN FD events)
+  std::function<bool(const CanFrame&)> accepts_;
+  std::function<void(const CanFrame&)> listener_;
 };
 
 // A scripted node: acknowledges frames at its bit rate, records what it received, sends frames

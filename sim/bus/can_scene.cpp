@@ -1,10 +1,12 @@
 #include "sim/bus/can_scene.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "sim/bus/can_scene_text.h"
+#include "sim/ecu/can_diag_ecu.h"
 
 namespace sim {
 namespace {
@@ -56,11 +58,42 @@ std::shared_ptr<CanPeer> start_can_scene(const std::string& timing_text,
   return peer;
 }
 
+std::shared_ptr<CanDiagnosticEcu> start_can_ecu(const std::string& ids,
+                                                const std::string& timing_text,
+                                                const std::shared_ptr<CanBus>& bus,
+                                                std::string* error) {
+  if (ids.empty()) return nullptr;
+  const auto timing = scene_text::parse_timing(timing_text.empty() ? kDefaultTiming : timing_text);
+  const size_t slash = ids.find('/');
+  char* end = nullptr;
+  CanDiagnosticEcu::Config config;
+  const std::string request = ids.substr(0, slash);
+  config.request_id = uint32_t(std::strtoul(request.c_str(), &end, 16));
+  const bool request_ok = !request.empty() && *end == '\0';
+  const std::string response = slash == std::string::npos ? "" : ids.substr(slash + 1);
+  config.response_id = uint32_t(std::strtoul(response.c_str(), &end, 16));
+  if (!timing || !request_ok || response.empty() || *end != '\0' ||
+      std::max(config.request_id, config.response_id) > 0x1FFFFFFF) {
+    *error = "bad diagnostic ECU '" + ids + "' (use REQUEST/RESPONSE in hex, e.g. 7E0/7E8)";
+    return nullptr;
+  }
+  // eight digits or a value over 11 bits: 29-bit identifiers, as cansend reads them
+  config.extended_ids =
+      request.size() == 8 || config.request_id > 0x7FF || config.response_id > 0x7FF;
+  config.timing = {timing->nominal_bps, timing->data_bps};
+  return CanDiagnosticEcu::create(bus, config);
+}
+
 void start_can_scene_from_environment() {
   static std::shared_ptr<CanPeer> scene;
+  static std::shared_ptr<CanDiagnosticEcu> ecu;
   std::string error;
   scene = start_can_scene(environment("VARNEL_SIM_CAN_PEER"), environment("VARNEL_SIM_CAN_TRAFFIC"),
                           default_can_bus(), &error);
+  if (!error.empty()) std::fprintf(stderr, "virtual CAN bus: %s\n", error.c_str());
+  error.clear();
+  ecu = start_can_ecu(environment("VARNEL_SIM_CAN_ECU"), environment("VARNEL_SIM_CAN_PEER"),
+                      default_can_bus(), &error);
   if (!error.empty()) std::fprintf(stderr, "virtual CAN bus: %s\n", error.c_str());
 }
 

@@ -2,6 +2,7 @@
 // (and `varnel --sim`) get a node on the bus without writing code:
 //   VARNEL_SIM_CAN_PEER     bit timing of a node that acknowledges every frame at that timing
 //   VARNEL_SIM_CAN_TRAFFIC  frames that node sends periodically (text form in can_scene_text.h)
+//   VARNEL_SIM_CAN_ECU      a diagnostic ECU's request/response identifiers, e.g. 7E0/7E8
 // Traffic without a peer timing runs at 500000/2000000, the CLI's default bit rates.
 #pragma once
 
@@ -16,6 +17,13 @@ namespace sim {
 // `error`, when the text is malformed; also null (no error) when both texts are empty.
 std::shared_ptr<CanPeer> start_can_scene(const std::string& timing, const std::string& traffic,
                                          const std::shared_ptr<CanBus>& bus, std::string* error);
+
+class CanDiagnosticEcu;
+// A diagnostic ECU answering "REQUEST/RESPONSE" identifiers (hex) at the scene's timing; null, with
+// the reason in `error`, when malformed, and null (no error) when `ids` is empty.
+std::shared_ptr<CanDiagnosticEcu> start_can_ecu(const std::string& ids, const std::string& timing,
+                                                const std::shared_ptr<CanBus>& bus,
+                                                std::string* error);
 
 // The scene of VARNEL_SIM_CAN_PEER / VARNEL_SIM_CAN_TRAFFIC on the default bus, kept for the life
 // of the process. A malformed scene is reported on stderr and not started.

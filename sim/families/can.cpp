@@ -31,7 +31,9 @@ uint32_t le32(const uint8_t* p) {
   return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
-CanFrame frame_of(const uint8_t* record) {
+}  // namespace
+
+CanFrame classic_frame_of(const uint8_t* record) {
   CanFrame frame;
   frame.id = le32(record) & 0x1FFFFFFF;
   frame.remote = record[8] & 1;
@@ -40,6 +42,8 @@ CanFrame frame_of(const uint8_t* record) {
   std::memcpy(frame.data.data(), record + 11, 8);
   return frame;
 }
+
+namespace {
 
 void append_record(std::vector<uint8_t>& out, const CanRxRecord& rx, uint64_t device_us) {
   const uint64_t stamp = device_us / 10;
@@ -58,6 +62,7 @@ void append_record(std::vector<uint8_t>& out, const CanRxRecord& rx, uint64_t de
 std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request) {
   const auto& in = request.payload;
   const uint32_t command = request.command;
+  if (command == 0x0C07) return handle_can_services(adapter, request);  // no channel byte
   if (in.empty()) return refused(command);
   const uint8_t channel = command == 0x0C0A ? (in.size() >= 12 ? in[10] : 2) : in[0];
   auto controller = can_controller(adapter, channel);
@@ -69,7 +74,8 @@ std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request)
       const uint32_t prescaler = uint32_t(in[11]) << 8 | in[12];
       const uint32_t quanta = 1 + (in[9] + 1) + (in[10] + 1);
       if (prescaler == 0) return refused(command);
-      controller->start({classic_clock(adapter.handle()) / (prescaler * quanta), 0}, in[7] & 3);
+      controller->start({classic_clock(adapter.handle()) / (prescaler * quanta), 0}, in[7] & 3,
+                        model.buses[channel]);
       return reply_with(command);
     }
     case 0x0C02:    // send
@@ -80,7 +86,7 @@ std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request)
       for (size_t i = 0; i < n; ++i) {
         const uint8_t* record = in.data() + 1 + i * kRecord;
         uint64_t end_us = 0;
-        controller->send(frame_of(record), 0, earliest, &end_us);
+        controller->send(classic_frame_of(record), 0, earliest, &end_us);
         if (command == 0x0C0C) earliest = end_us + le32(record + 4);
       }
       std::vector<uint8_t> out;
@@ -91,7 +97,7 @@ std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request)
       const size_t n = std::min<size_t>(in[11], (in.size() - 12) / kRecord);
       uint8_t sent = 0, gave_up = 0;
       for (size_t i = 0; i < n && !gave_up; ++i) {
-        if (controller->send(frame_of(in.data() + 12 + i * kRecord)))
+        if (controller->send(classic_frame_of(in.data() + 12 + i * kRecord)))
           ++sent;
         else
           gave_up = 1;
@@ -137,7 +143,7 @@ std::optional<Packet> handle_can(VirtualAdapter& adapter, const Packet& request)
       controller->stop();
       return reply_with(command);
     default:
-      return std::nullopt;
+      return handle_can_services(adapter, request);
   }
 }
 
@@ -149,7 +155,10 @@ CanModel& can_model(VirtualAdapter& adapter) {
   if (!model.channels[0]) {
     const auto kind =
         is_fd_adapter(adapter.handle()) ? CanController::Kind::kFd : CanController::Kind::kClassic;
-    for (auto& channel : model.channels) channel = std::make_shared<CanController>(kind);
+    for (int ch = 0; ch < 2; ++ch) {
+      model.channels[size_t(ch)] = std::make_shared<CanController>(kind);
+      attach_can_services(model, ch);
+    }
   }
   return model;
 }

@@ -88,6 +88,7 @@ void append_device_record(std::vector<uint8_t>& out, const CanRxRecord& rx, uint
 std::optional<Packet> handle_canfd(VirtualAdapter& adapter, const Packet& request) {
   const auto& in = request.payload;
   const uint32_t command = request.command;
+  if (command == 0x4008) return handle_can_services(adapter, request);  // no channel byte
   if (in.empty()) return refused(command);
   const uint8_t channel = in[0];
   auto controller = can_controller(adapter, channel);
@@ -102,7 +103,7 @@ std::optional<Packet> handle_canfd(VirtualAdapter& adapter, const Packet& reques
       CanBitTiming timing;
       timing.nominal_bps = clock / (uint32_t(c[4]) * (1u + c[5] + c[6]));
       if (c[8]) timing.data_bps = clock / (uint32_t(c[8]) * (1u + c[9] + c[10]));
-      controller->start(timing, c[0] & 3);
+      controller->start(timing, c[0] & 3, model.buses[in[0]]);
       return reply_with(command);
     }
     case 0x4002: {  // send a chunk of device records
@@ -178,7 +179,7 @@ std::optional<Packet> handle_canfd(VirtualAdapter& adapter, const Packet& reques
       controller->stop();
       return reply_with(command);
     default:
-      return std::nullopt;
+      return handle_can_services(adapter, request);
   }
 }
 

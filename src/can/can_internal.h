@@ -42,21 +42,33 @@ FdRates fd_rates(uint32_t handle, int device, uint8_t channel);
 enum : uint32_t {
   kDeviceTime = 0x0015,
   kCanInit = 0x0C00,
+  kCanFilter = 0x0C01,
   kCanSend = 0x0C02,
   kCanFetch = 0x0C03,
   kCanStatus = 0x0C04,
+  kCanScheduleStart = 0x0C05,
+  kCanScheduleStop = 0x0C06,
+  kCanRelay = 0x0C07,
+  kCanSchedule = 0x0C08,
   kCanStop = 0x0C09,
   kCanSendSynch = 0x0C0A,
   kCanSynchPoll = 0x0C0B,
   kCanSendTimed = 0x0C0C,
+  kCanScheduleUpdate = 0x0C0D,
   kFdInit = 0x4000,
+  kFdFilter = 0x4001,  // our firmware's filter command
   kFdSend = 0x4002,
   kFdFetch = 0x4003,
   kFdStatus = 0x4005,
+  kFdScheduleStart = 0x4006,
+  kFdScheduleStop = 0x4007,
+  kFdRelay = 0x4008,
   kFdSendAbort = 0x4009,
   kFdSendPoll = 0x400A,
   kFdSendTimed = 0x400B,  // our firmware's timed send, the CAN FD twin of 0x0C0C
   kFdStop = 0x400C,
+  kFdSchedule = 0x400D,  // our firmware's schedule command, 76-byte records
+  kFdScheduleUpdate = 0x400E,
 };
 
 constexpr size_t kClassicChunk = 500;

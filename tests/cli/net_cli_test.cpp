@@ -70,6 +70,11 @@ TEST_F(NetCli, DeviceCommandsReachNetworkAdapters) {
       {"can send 0x55000140:1 123##1112233445566778899AABBCC",
        "  can1  123   \\[12\\]  11 22 33 44 55 66 77 88 99 AA BB CC\n"},
       {"can dump 0x55000140:0 -n 2 -L", "(\\(\\d+\\.\\d{6}\\) can0 321#CAFE\n){2}"},
+      // the daemon's adapter keeps playing the schedule after the command ends
+      {"can schedule 0x55000140:0 123#11@10", "123#11@10\n"},
+      {"can dump 0x55000140:1,123:7FF -n 2 -L", "(\\(\\d+\\.\\d{6}\\) can1 123#11\n){2}"},
+      {"can schedule 0x55000140:0 --stop", ""},
+      {"uds 0x55000140:0 7E0 7E8 22F190", "62 F1 90 56 41 52 4E 45 4C( [0-9A-F]{2}){11}\n"},
   };
   for (const auto& c : cases) {
     ToolRun run = on_network(c.args);

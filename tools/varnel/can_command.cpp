@@ -19,6 +19,7 @@
 
 #include "adapter.h"
 #include "can/can_text.h"
+#include "can_channel.h"
 #include "can_names.h"
 #include "can_time.h"
 #include "command_group.h"
@@ -135,30 +136,15 @@ bool fail(const char* call, int rc) {
 }
 
 bool open_channel(CanTarget& t) {
-  if (!parse_target(t) || !prepare_adapters()) {
+  if (!parse_target(t)) {
     exit_code() = 1;
     return false;
   }
-  const auto scanned = scan_can_channels();
-  const auto id = resolve_can_channel(scanned, t.name);
-  if (!id) {
-    std::fprintf(stderr, "%s: no such channel (%zu CAN channels found; see `varnel scan`)\n",
-                 can_channel_name(t.name.index).c_str(), scanned.size());
-    exit_code() = 1;
-    return false;
-  }
-  t.handle = id->handle;
-  t.channel = id->channel;
-  t.interface = can_interface_name(scanned, *id);
-  const bool found = std::find(scanned.begin(), scanned.end(), *id) != scanned.end();
-  if (!(found ? open_found_adapter(t.handle) : open_adapter(t.handle))) {
-    exit_code() = 1;
-    return false;
-  }
-  const int rc = is_fd_adapter(t.handle)
-                     ? CANFD_Init2(t.handle, t.channel, t.bitrate, t.data_bitrate, 1, 1)
-                     : CAN_Init2(t.handle, t.channel, t.bitrate);
-  if (rc != 0) return fail(is_fd_adapter(t.handle) ? "CANFD_Init2" : "CAN_Init2", rc);
+  const auto open = open_can_channel(t.name, t.bitrate, t.data_bitrate);
+  if (!open) return false;
+  t.handle = open->handle;
+  t.channel = open->channel;
+  t.interface = open->interface;
   return true;
 }
 
@@ -541,6 +527,8 @@ void add_can_commands(CLI::App& app) {
   dump->callback([=] { run_dump(*dump_target, *d); });
 
   auto gen_target = std::make_shared<CanTarget>();
+  add_can_service_commands(can);
+
   auto gen = can->add_subcommand("gen", "generate frames as cangen does");
   auto o = std::make_shared<GenOptions>();
   // cangen's letters: -b is its bit-rate switch, so the bit rate is --bitrate only here

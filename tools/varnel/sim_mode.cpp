@@ -39,7 +39,11 @@ constexpr const char* kNoPeer = "none";
 struct SimCanScene {
   std::string timing;  // empty: VARNEL_SIM_CAN_PEER or the default
   std::string traffic;
+  std::string ecu;  // empty: VARNEL_SIM_CAN_ECU or the default
 };
+
+// The diagnostic ECU on the virtual CAN bus answers on the usual OBD pair of identifiers.
+constexpr const char* kDefaultEcu = "7E0/7E8";
 
 SimCanScene& sim_can_scene() {
   static SimCanScene scene;
@@ -71,11 +75,17 @@ void export_can_scene(const SimCanScene& scene) {
   if (scene.timing == kNoPeer) {
     unsetenv("VARNEL_SIM_CAN_PEER");
     unsetenv("VARNEL_SIM_CAN_TRAFFIC");
+    unsetenv("VARNEL_SIM_CAN_ECU");
     return;
   }
   if (!scene.timing.empty()) setenv("VARNEL_SIM_CAN_PEER", scene.timing.c_str(), 1);
   setenv("VARNEL_SIM_CAN_PEER", kDefaultPeerTiming, 0);
   if (!scene.traffic.empty()) setenv("VARNEL_SIM_CAN_TRAFFIC", scene.traffic.c_str(), 1);
+  if (scene.ecu == kNoPeer)
+    unsetenv("VARNEL_SIM_CAN_ECU");
+  else if (!scene.ecu.empty())
+    setenv("VARNEL_SIM_CAN_ECU", scene.ecu.c_str(), 1);
+  setenv("VARNEL_SIM_CAN_ECU", kDefaultEcu, 0);
 }
 
 bool reexecute_on_sim() {
@@ -135,12 +145,15 @@ void add_sim_flag(CLI::App& app) {
   app.add_option("--sim-traffic", sim_can_scene().traffic,
                  "frames that node sends, each with its period in ms: 123#DEADBEEF@100,...")
       ->check(traffic_validator());
-  app.parse_complete_callback([peer] {
+  auto* ecu = app.add_option("--sim-ecu", sim_can_scene().ecu,
+                             "request/response identifiers of the diagnostic ECU on the virtual "
+                             "CAN bus (default 7E0/7E8; none: no ECU)");
+  app.parse_complete_callback([peer, ecu] {
     if (peer->count() && sim_can_scene().timing == kNoPeer && !sim_can_scene().traffic.empty())
       throw CLI::ValidationError("--sim-traffic",
                                  "needs a node on the bus, not --sim-can-peer none");
     // naming the virtual bus's traffic only makes sense on the virtual adapter
-    if (!sim_can_scene().traffic.empty() || peer->count()) sim_requested() = true;
+    if (!sim_can_scene().traffic.empty() || peer->count() || ecu->count()) sim_requested() = true;
   });
 }
 

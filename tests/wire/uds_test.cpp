@@ -1,0 +1,290 @@
+// Diagnostic messages over ISO 15765-2 against the virtual diagnostic ECU: the frames a request
+// becomes (written out by hand from the frame definitions), flow control, reassembly and the
+// result codes of each failure.
+#include <numeric>
+
+#include "sim/ecu/can_diag_ecu.h"
+#include "wire/can_fixture.h"
+
+using testing_support::CanTest;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+constexpr uint32_t kClassic = 0x12345670;
+constexpr uint32_t kFd = 0x55000011;
+
+class Uds : public CanTest {
+ protected:
+  // An adapter on a 500 kbit/s bus (2 Mbit/s data phase) with the ECU on it.
+  void start(uint32_t handle, sim::CanDiagnosticEcu::Config ecu = {}, CAN_UDS_CONFIG config = {}) {
+    handle_ = handle;
+    adapter_ = open(handle);
+    if (handle == kFd)
+      ASSERT_EQ(CANFD_Init2(handle, 0, 500000, 2000000, 0, 1), 0);
+    else
+      ASSERT_EQ(CAN_Init2(handle, 0, 500000), 0);
+    ecu_ = sim::CanDiagnosticEcu::create(bus_, ecu);
+    ASSERT_EQ(CAN_UDS_Config(handle, 0, &config), 0);
+  }
+  int request(const Bytes& message) {
+    Bytes copy = message;
+    return CAN_UDS_Request(handle_, 0, &addr_, copy.data(), int32_t(copy.size()));
+  }
+  // The response, or the call's error code as a one-element vector marked by `result`.
+  Bytes response(int* result, int32_t timeout_ms = 2000) {
+    Bytes out(70000, 0xEE);
+    *result =
+        VARNEL_CAN_UDS_ResponseN(handle_, 0, &addr_, out.data(), uint32_t(out.size()), timeout_ms);
+    out.resize(size_t(std::max(*result, 0)));
+    return out;
+  }
+  void restart() {
+    TearDown();
+    SetUp();
+  }
+  std::vector<Bytes> heard_frames() {
+    std::vector<Bytes> out;
+    for (auto& h : ecu_->heard())
+      out.emplace_back(h.frame.data.begin(), h.frame.data.begin() + h.frame.len);
+    return out;
+  }
+
+  uint32_t handle_ = 0;
+  std::shared_ptr<sim::VirtualAdapter> adapter_;
+  std::shared_ptr<sim::CanDiagnosticEcu> ecu_;
+  CAN_UDS_ADDR addr_{0x7E0, 0x7E8, 0, 0, 0, 8};
+};
+
+Bytes counting(size_t n) {
+  Bytes b(n);
+  std::iota(b.begin(), b.end(), uint8_t(0));
+  return b;
+}
+
+// Writing n - 3 bytes to identifier 0x0100 is a request of n bytes.
+Bytes write_request(size_t n) {
+  Bytes b = counting(n);
+  b[0] = 0x2E, b[1] = 0x01, b[2] = 0x00;
+  return b;
+}
+
+}  // namespace
+
+// A message of n bytes on 8-byte frames: single frame up to 7; a first frame with 6 bytes (12-bit
+// length) or 2 bytes (32-bit length above 4095) and consecutive frames of 7, numbered from 1 and
+// wrapping from F to 0; the last one filled with the fill byte.
+TEST_F(Uds, RequestsBecomeTheFramesOfTheirLength) {
+  struct Case {
+    size_t length;
+    Bytes first;  // the first frame's protocol bytes
+    size_t frames;
+  } cases[] = {
+      {7, {0x07}, 1},
+      {8, {0x10, 0x08}, 2},                                                  // 6 + 2
+      {4095, {0x1F, 0xFF}, 1 + (4095 - 6 + 6) / 7},                          // 6 + 584 x 7 + 1
+      {5000, {0x10, 0x00, 0x00, 0x00, 0x13, 0x88}, 1 + (5000 - 2 + 6) / 7},  // 2 + 714 x 7
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.length);
+    start(kClassic, {}, {0, 0, 0x55, 0, 0});
+    const Bytes message = write_request(c.length);
+    ASSERT_EQ(request(message), 0);
+    int r = 0;
+    EXPECT_EQ(response(&r), (Bytes{0x6E, 0x01, 0x00}));
+    const auto frames = heard_frames();
+    ASSERT_EQ(frames.size(), c.frames);
+    EXPECT_EQ(Bytes(frames[0].begin(), frames[0].begin() + c.first.size()), c.first);
+    Bytes joined(frames[0].begin() + c.first.size(), frames[0].end());
+    for (size_t i = 1; i < frames.size(); ++i) {
+      ASSERT_EQ(frames[i].size(), 8u);
+      EXPECT_EQ(frames[i][0], 0x20 | (i & 0x0F)) << i;  // ... 2E 2F 20 21 ...
+      joined.insert(joined.end(), frames[i].begin() + 1, frames[i].end());
+    }
+    ASSERT_GE(joined.size(), message.size());
+    EXPECT_EQ(Bytes(joined.begin(), joined.begin() + ptrdiff_t(message.size())), message);
+    EXPECT_EQ(Bytes(joined.begin() + ptrdiff_t(message.size()), joined.end()),
+              Bytes(joined.size() - message.size(), 0x55));
+    EXPECT_EQ(ecu_->requests().back(), message);
+    restart();
+  }
+}
+
+// CAN FD: frames of the configured length carry 62 (first) and 63 (consecutive) bytes; a single
+// frame over 8 bytes has the 00 escape; "smallest frame" picks the first length that holds it.
+TEST_F(Uds, CanFdFramesFollowTheFrameLength) {
+  start(kFd);
+  addr_.Flags = 0x02;
+  addr_.FrameLen = 64;
+  ASSERT_EQ(request(write_request(4095)), 0);
+  auto frames = heard_frames();
+  ASSERT_EQ(frames.size(), 1 + (4095 - 62 + 62) / 63u);
+  EXPECT_EQ(frames[0][0], 0x1F);
+  EXPECT_EQ(frames[0][1], 0xFF);
+  EXPECT_EQ(frames[1][0], 0x21);
+  EXPECT_EQ(frames[1].size(), 64u);
+  int r = 0;
+  EXPECT_EQ(response(&r), (Bytes{0x6E, 0x01, 0x00}));
+  // reading it back: 62 01 00 and the 4092 bytes, 4095 in all
+  addr_.Flags = 0x82;  // smallest frame
+  ASSERT_EQ(request({0x22, 0x01, 0x00}), 0);
+  EXPECT_EQ(heard_frames().back(), (Bytes{0x03, 0x22, 0x01, 0x00, 0, 0, 0, 0}));
+  EXPECT_EQ(response(&r).size(), 4095u);
+  ASSERT_EQ(request(Bytes(10, 0x3E)), 0);  // 00 0A and 10 bytes: 12
+  Bytes escaped{0x00, 0x0A};
+  escaped.resize(12, 0x3E);
+  EXPECT_EQ(heard_frames().back(), escaped);
+  addr_.ExtAddr = 1, addr_.AddrByte = 0x10;  // 7 bytes and the address: 10 00 07 ..., 12 bytes
+  ASSERT_EQ(request(Bytes(7, 0x3E)), 0);
+  Bytes addressed{0x10, 0x00, 0x07};
+  addressed.resize(10, 0x3E);
+  addressed.resize(12, 0x00);  // the fill byte
+  EXPECT_EQ(heard_frames().back(), addressed);
+  addr_ = {0x7E0, 0x7E8, 0, 0, 0, 8};
+  ASSERT_EQ(request({0x3E, 0x00}), 0);  // without flag bit 1: a classic frame, 8 bytes
+  EXPECT_FALSE(ecu_->heard().back().frame.fd);
+  EXPECT_EQ(heard_frames().back().size(), 8u);
+}
+
+// Answers longer than a frame come back whole, over 12-bit and 32-bit lengths, with or without
+// the receive poller running.
+TEST_F(Uds, LongAnswersAreReassembled) {
+  for (bool poller : {false, true}) {
+    start(kClassic);
+    if (poller) ASSERT_EQ(CAN_StartGetMsg(kClassic, 0), 0);
+    for (size_t n : {4095u, 5000u}) {
+      Bytes write = write_request(n);
+      ASSERT_EQ(request(write), 0);
+      int r = 0;
+      response(&r);
+      ASSERT_EQ(request({0x22, 0x01, 0x00}), 0);
+      Bytes want = write;
+      want[0] = 0x62;
+      EXPECT_EQ(response(&r), want) << n << " poller " << poller;
+    }
+    restart();
+  }
+}
+
+// The ECU's block size 2 makes the tester wait for flow control after every two frames; STmin
+// spaces the frames in bus time unless the configuration overrides it; a code above 127 is 0.
+TEST_F(Uds, BlockSizeAndSeparationTime) {
+  struct Case {
+    uint8_t ecu_stmin, config_stmin;
+    uint64_t gap_us;  // at least, between consecutive frames
+    bool timed;       // the timed send carries the gaps
+  } cases[] = {{5, 0, 5000, true}, {5, 2, 2000, true}, {0x80, 0, 0, false}};
+  for (const auto& c : cases) {
+    sim::CanDiagnosticEcu::Config ecu;
+    ecu.block_size = 2;
+    ecu.stmin = c.ecu_stmin;
+    start(kClassic, ecu, {c.config_stmin, 0, 0, 0, 0});
+    ASSERT_EQ(request(write_request(40)), 0);  // first frame + 5 consecutive frames
+    auto heard = ecu_->heard();
+    ASSERT_EQ(heard.size(), 6u);
+    for (size_t i : {2u, 4u})  // within a block
+      EXPECT_GE(heard[i].end_us - heard[i - 1].end_us, c.gap_us) << int(c.ecu_stmin);
+    // first frame, two blocks of two, the last frame: four sends
+    EXPECT_EQ(packets(*adapter_, 0x0C02).size() + packets(*adapter_, 0x0C0C).size(), 4u);
+    EXPECT_EQ(packets(*adapter_, 0x0C0C).empty(), !c.timed);
+    restart();
+  }
+}
+
+TEST_F(Uds, FailuresGiveTheirCodes) {
+  using Faults = sim::CanDiagnosticEcu::Faults;
+  struct Case {
+    const char* name;
+    Faults faults;
+    Bytes message;
+    int request_result, response_result;
+  } cases[] = {
+      {"overflow", {0, true}, write_request(20), CAN_UDS_ERR_OVERFLOW, 0},
+      {"no flow control",
+       {0, false, false, false, true},
+       write_request(20),
+       CAN_UDS_ERR_TIMEOUT,
+       0},
+      {"two waits, then continue", {2}, write_request(20), 0, 3},
+      // two identifiers: 33 bytes, a first frame and four consecutive frames
+      {"lost consecutive frame",
+       {0, false, true},
+       {0x22, 0xF1, 0x90, 0xF1, 0x87},
+       0,
+       CAN_UDS_ERR_SEQUENCE},
+      {"wrong sequence number",
+       {0, false, false, true},
+       {0x22, 0xF1, 0x90, 0xF1, 0x87},
+       0,
+       CAN_UDS_ERR_SEQUENCE},
+      {"silent", {0, false, false, false, true}, {0x3E, 0x00}, 0, CAN_UDS_ERR_TIMEOUT},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    start(kClassic, {}, {0, 0, 0, 0, 200});
+    ecu_->set_faults(c.faults);
+    EXPECT_EQ(request(c.message), c.request_result);
+    if (c.request_result == 0) {
+      int r = 0;
+      response(&r, 200);
+      EXPECT_EQ(r, c.response_result);
+    }
+    restart();
+  }
+}
+
+// Frames the ECU would never send, put on the bus by a scripted node.
+TEST_F(Uds, MalformedAnswersAndBadArguments) {
+  start(kClassic);
+  auto node = sim::CanPeer::create(bus_, {500000, 0});
+  struct Case {
+    Bytes frame;
+    int result;
+  } cases[] = {
+      {{0x08, 1, 2, 3, 4, 5, 6, 7}, CAN_UDS_ERR_FRAME},     // 8 bytes claimed, 7 carried
+      {{0x40, 0, 0, 0, 0, 0, 0, 0}, CAN_UDS_ERR_FRAME},     // no such frame type
+      {{0x21, 0, 0, 0, 0, 0, 0, 0}, CAN_UDS_ERR_SEQUENCE},  // consecutive without a first
+      {{0x05, 0x62, 1, 2, 3, 4, 0, 0}, 5},  // after a frame of 0x7E9, which is not ours
+      {{0x10, 0x0A, 1, 2, 3, 4, 5, 6}, VARNEL_CAN_UDS_ERR_SIZE},  // 10 bytes, room for 8
+  };
+  for (const auto& c : cases) {
+    sim::CanFrame frame;
+    frame.id = 0x7E8;
+    frame.len = 8;
+    std::copy(c.frame.begin(), c.frame.end(), frame.data.begin());
+    if (c.result == 5) {
+      sim::CanFrame other = frame;
+      other.id = 0x7E9;
+      other.data[0] = 0x02;
+      node->send(other);
+    }
+    node->send(frame);
+    Bytes out(8, 0xEE);
+    EXPECT_EQ(VARNEL_CAN_UDS_ResponseN(kClassic, 0, &addr_, out.data(), 8, 100), c.result);
+    if (c.result == VARNEL_CAN_UDS_ERR_SIZE) EXPECT_EQ(out, Bytes(8, 0xEE));
+  }
+  uint8_t byte = 0x3E;
+  CAN_UDS_CONFIG config{};
+  EXPECT_EQ(CAN_UDS_Request(0x0BADF00D, 0, &addr_, &byte, 1), CAN_UDS_ERR_DEVICE);
+  EXPECT_EQ(CAN_UDS_Config(0x0BADF00D, 0, &config), CAN_UDS_ERR_DEVICE);
+  EXPECT_EQ(CAN_UDS_Request(kClassic, 0, nullptr, &byte, 1), -7);
+  EXPECT_EQ(CAN_UDS_Request(kClassic, 0, &addr_, &byte, 0), -7);
+  EXPECT_EQ(CAN_UDS_Response(kClassic, 0, &addr_, nullptr, 10), -7);
+}
+
+// Extended addressing: the address byte leads every frame both ways, so a single frame holds 6.
+TEST_F(Uds, ExtendedAddressingPutsTheAddressFirst) {
+  sim::CanDiagnosticEcu::Config ecu;
+  ecu.address = 0x10;
+  start(kClassic, ecu);
+  addr_.ExtAddr = 1;
+  addr_.AddrByte = 0x10;
+  ASSERT_EQ(request({0x22, 0xF1, 0x90}), 0);
+  EXPECT_EQ(heard_frames()[0], (Bytes{0x10, 0x03, 0x22, 0xF1, 0x90, 0, 0, 0}));
+  int r = 0;
+  Bytes vin = response(&r);
+  EXPECT_EQ(std::string(vin.begin() + 3, vin.end()), "VARNELSIMECU00001");
+  EXPECT_EQ(heard_frames()[1], (Bytes{0x10, 0x30, 0, 0, 0, 0, 0, 0}));  // our flow control
+  ASSERT_EQ(request(write_request(7)), 0);  // 7 bytes: first frame 10 07 and 5 bytes
+  EXPECT_EQ(heard_frames()[2], (Bytes{0x10, 0x10, 0x07, 0x2E, 0x01, 0x00, 3, 4}));
+}

@@ -1,0 +1,41 @@
+#include "can_channel.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "adapter.h"
+#include "command_group.h"
+#include "result_text.h"
+#include "sim_mode.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+
+std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
+                                               uint32_t data_bitrate) {
+  auto failed = [] {
+    exit_code() = 1;
+    return std::nullopt;
+  };
+  if (!prepare_adapters()) return failed();
+  const auto scanned = scan_can_channels();
+  const auto id = resolve_can_channel(scanned, name);
+  if (!id) {
+    std::fprintf(stderr, "%s: no such channel (%zu CAN channels found; see `varnel scan`)\n",
+                 can_channel_name(name.index).c_str(), scanned.size());
+    return failed();
+  }
+  OpenCanChannel out{id->handle, id->channel, can_interface_name(scanned, *id)};
+  const bool found = std::find(scanned.begin(), scanned.end(), *id) != scanned.end();
+  if (!(found ? open_found_adapter(out.handle) : open_adapter(out.handle))) return failed();
+  const bool fd = is_fd_adapter(out.handle);
+  const int rc = fd ? CANFD_Init2(out.handle, out.channel, bitrate, data_bitrate, 1, 1)
+                    : CAN_Init2(out.handle, out.channel, bitrate);
+  if (rc != 0) {
+    std::fprintf(stderr, "%s: %s\n", fd ? "CANFD_Init2" : "CAN_Init2", result_text(rc));
+    return failed();
+  }
+  return out;
+}
+
+}  // namespace varnel_cli

@@ -1,0 +1,243 @@
+// varnel uds CHANNEL TXID RXID REQUEST...   diagnostic requests over ISO-TP, one response line each
+//
+// Each REQUEST is hex (22F190, 22.F1.90 or "22 F1 90"); its response is printed in hex, a
+// negative response with its code's name: 7F 22 31 (requestOutOfRange). "Response pending"
+// answers (7F xx 78) are reported on stderr and waited through. Exit code 1 when a request
+// failed or was answered negatively.
+#include <cctype>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "adapter.h"
+#include "can_channel.h"
+#include "command_group.h"
+#include "result_text.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+namespace {
+
+// Negative response codes of ISO 14229-1.
+const char* nrc_name(uint8_t code) {
+  switch (code) {
+    case 0x10:
+      return "generalReject";
+    case 0x11:
+      return "serviceNotSupported";
+    case 0x12:
+      return "subFunctionNotSupported";
+    case 0x13:
+      return "incorrectMessageLengthOrInvalidFormat";
+    case 0x14:
+      return "responseTooLong";
+    case 0x21:
+      return "busyRepeatRequest";
+    case 0x22:
+      return "conditionsNotCorrect";
+    case 0x24:
+      return "requestSequenceError";
+    case 0x25:
+      return "noResponseFromSubnetComponent";
+    case 0x26:
+      return "failurePreventsExecutionOfRequestedAction";
+    case 0x31:
+      return "requestOutOfRange";
+    case 0x33:
+      return "securityAccessDenied";
+    case 0x35:
+      return "invalidKey";
+    case 0x36:
+      return "exceedNumberOfAttempts";
+    case 0x37:
+      return "requiredTimeDelayNotExpired";
+    case 0x70:
+      return "uploadDownloadNotAccepted";
+    case 0x71:
+      return "transferDataSuspended";
+    case 0x72:
+      return "generalProgrammingFailure";
+    case 0x73:
+      return "wrongBlockSequenceCounter";
+    case 0x78:
+      return "requestCorrectlyReceived-ResponsePending";
+    case 0x7E:
+      return "subFunctionNotSupportedInActiveSession";
+    case 0x7F:
+      return "serviceNotSupportedInActiveSession";
+    default:
+      return "unknown negative response code";
+  }
+}
+
+constexpr ResultMeaning kUdsResults[] = {
+    {CAN_UDS_ERR_SEND_COUNT, "the adapter sent another number of frames than asked"},
+    {CAN_UDS_ERR_TIMEOUT, "no flow control or no whole response in time"},
+    {CAN_UDS_ERR_SEQUENCE, "a consecutive frame came out of sequence"},
+    {CAN_UDS_ERR_FRAME, "a frame that is not ISO-TP, or a single frame longer than itself"},
+    {CAN_UDS_ERR_OVERFLOW, "the ECU answered flow control with overflow"},
+    {CAN_UDS_ERR_DEVICE, "the adapter has no device index"},
+    {VARNEL_CAN_UDS_ERR_SIZE, "the response is longer than 1 MiB"},
+};
+
+constexpr uint8_t kNegative = 0x7F, kPending = 0x78;
+constexpr size_t kResponseLimit = 1 << 20;
+constexpr int kPendingTimeoutMs = 5000;  // P2*: how long an ECU that said "pending" may take
+
+struct UdsOptions {
+  std::string target;
+  std::string tx_text, rx_text;
+  std::vector<std::string> requests;
+  std::string ext_addr;  // hex, as isotpsend -x takes it; empty: normal addressing
+  bool fd = false, brs = false;
+  int timeout_ms = 1000;
+  uint32_t bitrate = 500000, data_bitrate = 2000000;
+};
+
+std::optional<std::vector<uint8_t>> parse_hex_bytes(const std::string& text) {
+  std::vector<uint8_t> out;
+  std::string digits;
+  for (char c : text)
+    if (std::isxdigit(static_cast<unsigned char>(c)))
+      digits += c;
+    else if (c != ' ' && c != '.')
+      return std::nullopt;
+  if (digits.empty() || digits.size() % 2) return std::nullopt;
+  for (size_t i = 0; i < digits.size(); i += 2)
+    out.push_back(uint8_t(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
+std::string hex_line(const uint8_t* bytes, int n) {
+  std::string line;
+  char byte[4];
+  for (int i = 0; i < n; ++i) {
+    std::snprintf(byte, sizeof byte, i ? " %02X" : "%02X", bytes[i]);
+    line += byte;
+  }
+  return line;
+}
+
+// One request and its final response; false when it failed or was refused.
+bool exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8_t> request,
+              int timeout_ms) {
+  const int sent =
+      CAN_UDS_Request(ch.handle, ch.channel, &addr, request.data(), int32_t(request.size()));
+  if (sent != 0) {
+    std::fprintf(stderr, "CAN_UDS_Request: %s\n", describe_result(sent, kUdsResults).c_str());
+    return false;
+  }
+  std::vector<uint8_t> response(kResponseLimit);
+  while (true) {
+    const int n = VARNEL_CAN_UDS_ResponseN(ch.handle, ch.channel, &addr, response.data(),
+                                           uint32_t(response.size()), timeout_ms);
+    if (n < 0) {
+      std::fprintf(stderr, "no response: %s\n", describe_result(n, kUdsResults).c_str());
+      return false;
+    }
+    const bool negative = n == 3 && response[0] == kNegative;
+    if (negative && response[2] == kPending) {
+      std::fprintf(stderr, "%s (%s)\n", hex_line(response.data(), n).c_str(), nrc_name(kPending));
+      timeout_ms = kPendingTimeoutMs;
+      continue;
+    }
+    if (negative)
+      std::printf("%s (%s)\n", hex_line(response.data(), n).c_str(), nrc_name(response[2]));
+    else
+      std::printf("%s\n", hex_line(response.data(), n).c_str());
+    std::fflush(stdout);
+    return !negative;
+  }
+}
+
+void run_uds(const UdsOptions& o) {
+  const auto name = parse_can_channel_name(o.target);
+  uint32_t tx = 0, rx = 0;
+  std::vector<std::vector<uint8_t>> requests;
+  for (const auto& text : o.requests) {
+    auto bytes = parse_hex_bytes(text);
+    if (!bytes) {
+      std::fprintf(stderr, "not a request in hex: %s (use 22F190)\n", text.c_str());
+      exit_code() = 2;
+      return;
+    }
+    requests.push_back(*bytes);
+  }
+  tx = uint32_t(std::stoul(o.tx_text, nullptr, 16));
+  rx = uint32_t(std::stoul(o.rx_text, nullptr, 16));
+  const auto ch = open_can_channel(*name, o.bitrate, o.data_bitrate);
+  if (!ch) return;
+  // identifiers of eight digits are 29-bit, as cansend reads them
+  const bool extended = o.tx_text.size() == 8 || tx > 0x7FF || rx > 0x7FF;
+  const bool ext = !o.ext_addr.empty();
+  CAN_UDS_ADDR addr{tx,
+                    rx,
+                    uint8_t((extended ? 0x01 : 0) | (o.fd ? 0x02 : 0) | (o.brs ? 0x06 : 0)),
+                    uint8_t(ext ? 1 : 0),
+                    uint8_t(ext ? std::stoul(o.ext_addr, nullptr, 16) : 0),
+                    uint8_t(o.fd || o.brs ? 64 : 8)};
+  CAN_StartGetMsg(ch->handle, ch->channel);
+  for (auto& request : requests)
+    if (!exchange(*ch, addr, request, o.timeout_ms)) {
+      exit_code() = 1;
+      break;
+    }
+  CAN_StopGetMsg(ch->handle, ch->channel);
+  close_adapter(ch->handle);
+}
+
+CLI::Validator can_id_validator() {
+  return CLI::Validator(
+      [](std::string& text) {
+        const bool hex = !text.empty() && text.size() <= 8 &&
+                         text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+        return hex && std::stoul(text, nullptr, 16) <= 0x1FFFFFFF
+                   ? std::string()
+                   : "expected a CAN identifier in hex (7E0, 18DA10F1), got " + text;
+      },
+      "ID");
+}
+
+void add_uds_commands(CLI::App& app) {
+  auto o = std::make_shared<UdsOptions>();
+  CLI::App* uds = app.add_subcommand(
+      "uds", "diagnostic requests over ISO-TP: varnel uds can0 7E0 7E8 22F190 (response in hex)");
+  uds->add_option("TARGET", o->target, "CAN channel: canN or HANDLE:CH")
+      ->required()
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return parse_can_channel_name(text) ? std::string()
+                                                : "expected canN or HANDLE:CH, got " + text;
+          },
+          "CHANNEL"));
+  uds->add_option("TXID", o->tx_text, "identifier of the requests (hex)")
+      ->required()
+      ->check(can_id_validator());
+  uds->add_option("RXID", o->rx_text, "identifier of the responses (hex)")
+      ->required()
+      ->check(can_id_validator());
+  uds->add_option("REQUEST", o->requests, "requests in hex, sent in order")->required();
+  uds->add_option("-x,--ext-addr", o->ext_addr, "extended addressing with this address (hex)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            const bool ok = !text.empty() && text.size() <= 2 &&
+                            text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+            return ok ? std::string() : "expected one byte in hex, got " + text;
+          },
+          "ADDR"));
+  uds->add_flag("--fd", o->fd, "CAN FD frames of 64 bytes");
+  uds->add_flag("--brs", o->brs, "CAN FD frames with the bit-rate switch");
+  uds->add_option("-t,--timeout", o->timeout_ms, "ms to wait for a response (default 1000)")
+      ->check(CLI::Range(1, 600000));
+  uds->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");
+  uds->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
+  uds->callback([o] { run_uds(*o); });
+}
+
+}  // namespace
+
+VARNEL_COMMAND_GROUP(add_uds_commands)
+
+}  // namespace varnel_cli
