@@ -76,18 +76,30 @@ Bytes write_request(size_t n) {
 // wrapping from F to 0; the last one filled with the fill byte.
 TEST_F(Uds, RequestsBecomeTheFramesOfTheirLength) {
   struct Case {
+    uint32_t handle;  // CAN FD: 64-byte frames, 62 bytes in a first frame, 63 in the others
     size_t length;
     Bytes first;  // the first frame's protocol bytes
     size_t frames;
   } cases[] = {
-      {7, {0x07}, 1},
-      {8, {0x10, 0x08}, 2},                                                  // 6 + 2
-      {4095, {0x1F, 0xFF}, 1 + (4095 - 6 + 6) / 7},                          // 6 + 584 x 7 + 1
-      {5000, {0x10, 0x00, 0x00, 0x00, 0x13, 0x88}, 1 + (5000 - 2 + 6) / 7},  // 2 + 714 x 7
+      {kClassic, 7, {0x07}, 1},
+      {kClassic, 8, {0x10, 0x08}, 2},                          // 6 + 2
+      {kClassic, 4095, {0x1F, 0xFF}, 1 + (4095 - 6 + 6) / 7},  // 6 + 584 x 7 + 1
+      {kClassic,
+       5000,
+       {0x10, 0x00, 0x00, 0x00, 0x13, 0x88},
+       1 + (5000 - 2 + 6) / 7},  // 2 + 714 x 7
+      {kFd, 7, {0x00, 0x07}, 1},
+      {kFd, 8, {0x00, 0x08}, 1},
+      {kFd,
+       5000,
+       {0x10, 0x00, 0x00, 0x00, 0x13, 0x88},
+       1 + (5000 - 58 + 62) / 63},  // 58 + 78 x 63 + 28
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.length);
-    start(kClassic, {}, {0, 0, 0x55, 0, 0});
+    start(c.handle, {}, {0, 0, 0x55, 0, 0});
+    const size_t frame_length = c.handle == kFd ? 64 : 8;
+    addr_ = {0x7E0, 0x7E8, uint8_t(c.handle == kFd ? 0x02 : 0), 0, 0, uint8_t(frame_length)};
     const Bytes message = write_request(c.length);
     ASSERT_EQ(request(message), 0);
     int r = 0;
@@ -97,7 +109,7 @@ TEST_F(Uds, RequestsBecomeTheFramesOfTheirLength) {
     EXPECT_EQ(Bytes(frames[0].begin(), frames[0].begin() + c.first.size()), c.first);
     Bytes joined(frames[0].begin() + c.first.size(), frames[0].end());
     for (size_t i = 1; i < frames.size(); ++i) {
-      ASSERT_EQ(frames[i].size(), 8u);
+      ASSERT_EQ(frames[i].size(), frame_length);
       EXPECT_EQ(frames[i][0], 0x20 | (i & 0x0F)) << i;  // ... 2E 2F 20 21 ...
       joined.insert(joined.end(), frames[i].begin() + 1, frames[i].end());
     }
