@@ -81,17 +81,6 @@ TEST(DbcParser, MessageLineForms) {
   }
 }
 
-TEST(DbcParser, ConvertsMotorolaStartBitToLeastSignificantBit) {
-  const std::tuple<uint32_t, uint16_t, uint16_t> rows[] = {
-      // file start, length, stored{7, 16, 8},   {0, 2, 15},   {3, 12, 8},  {7, 8, 0}, {7, 1, 7},
-      {15, 16, 16},
-      {39, 32, 56},
-      {63, 8, 56},
-      {5, 0, 6}};  // no bits: one past the start
-  for (const auto& [start, length, stored] : rows)
-    EXPECT_EQ(varnel::dbc::motorola_lsb_start(start, length), stored) << start << "|" << length;
-}
-
 std::string num(double v) {
   char buf[32];
   return std::string(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
@@ -122,7 +111,11 @@ TEST(DbcParser, SignalLineForms) {
       {" SG_ S m3 : 8|8@1+ (1,0) [0|0] \"\" N\n", "S 8|8@1+ mux 1,3 (1,0) [0|255] \"\" N\n"},
       {" SG_ S m0x10: 8|8@1+ (1,0) [0|0] \"\" N\n", "S 8|8@1+ mux 1,16 (1,0) [0|255] \"\" N\n"},
       {" SG_ S m1M : 8|8@1+ (1,0) [0|0] \"\" N\n", "S 8|8@1+ mux 2,0 (1,0) [0|255] \"\" N\n"},
+      // Motorola start bits are stored as the least significant bit's position.
       {" SG_ S : 0x7|0x10@0- (1,0) [0|0] \"\" N\n", "S 8|16@0- mux 0,0 (1,0) [0|65535] \"\" N\n"},
+      {" SG_ S : 39|32@0+ (1,0) [0|1] \"\" N\n", "S 56|32@0+ mux 0,0 (1,0) [0|1] \"\" N\n"},
+      {" SG_ S : 3|12@0+ (1,0) [0|1] \"\" N\n", "S 8|12@0+ mux 0,0 (1,0) [0|1] \"\" N\n"},
+      {" SG_ S : 5|0@0+ (1,0) [0|1] \"\" N\n", "S 6|0@0+ mux 0,0 (1,0) [0|1] \"\" N\n"},
       // A zero-width range widens to what the bits hold, whatever the sign.
       {" SG_ S : 7|16@0+ (1,0) [0|0] \"\" N\n", "S 8|16@0+ mux 0,0 (1,0) [0|65535] \"\" N\n"},
       {" SG_ S : 0|8@1+ (0.5,-10) [0|0] \"\" N\n",
