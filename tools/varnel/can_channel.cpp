@@ -38,4 +38,15 @@ std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint3
   return out;
 }
 
+CLI::Option* add_channel_argument(CLI::App* command, std::string& target) {
+  return command->add_option("TARGET", target, "CAN channel: canN or HANDLE:CH")
+      ->required()
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return parse_can_channel_name(text) ? std::string()
+                                                : "expected canN or HANDLE:CH, got " + text;
+          },
+          "CHANNEL"));
+}
+
 }  // namespace varnel_cli

@@ -21,6 +21,9 @@ struct OpenCanChannel {
 std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
                                                uint32_t data_bitrate);
 
+// The TARGET argument of a command on one channel (canN or HANDLE:CH), checked as it parses.
+CLI::Option* add_channel_argument(CLI::App* command, std::string& target);
+
 // `varnel can filter` and `varnel can schedule` (can_services_command.cpp), under `varnel can`.
 void add_can_service_commands(CLI::App* can);
 

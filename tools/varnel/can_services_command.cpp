@@ -129,14 +129,7 @@ void run_schedule(const ServiceOptions& o) {
 CLI::App* add_common(CLI::App* can, const char* name, const char* what,
                      std::shared_ptr<ServiceOptions> o) {
   CLI::App* command = can->add_subcommand(name, what);
-  command->add_option("TARGET", o->target, "CAN channel: canN or HANDLE:CH")
-      ->required()
-      ->check(CLI::Validator(
-          [](std::string& text) {
-            return parse_can_channel_name(text) ? std::string()
-                                                : "expected canN or HANDLE:CH, got " + text;
-          },
-          "CHANNEL"));
+  add_channel_argument(command, o->target);
   command->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");
   command->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
   return command;

@@ -204,14 +204,7 @@ void add_uds_commands(CLI::App& app) {
   auto o = std::make_shared<UdsOptions>();
   CLI::App* uds = app.add_subcommand(
       "uds", "diagnostic requests over ISO-TP: varnel uds can0 7E0 7E8 22F190 (response in hex)");
-  uds->add_option("TARGET", o->target, "CAN channel: canN or HANDLE:CH")
-      ->required()
-      ->check(CLI::Validator(
-          [](std::string& text) {
-            return parse_can_channel_name(text) ? std::string()
-                                                : "expected canN or HANDLE:CH, got " + text;
-          },
-          "CHANNEL"));
+  add_channel_argument(uds, o->target);
   uds->add_option("TXID", o->tx_text, "identifier of the requests (hex)")
       ->required()
       ->check(can_id_validator());
