@@ -738,6 +738,78 @@ VARNEL_API int SMBUS_BlockProcessCall(DevHandle DevHandle, uint8_t SMBUSIndex, u
                                       uint32_t WriteCount, uint8_t* pReadData, uint32_t* pReadCount,
                                       uint8_t WithPEC);
 
+/* ===== SPI ================================================================================== */
+
+/* Channels 0 and 1. Every call answers 0 or a negative code: -2 the command could not be written,
+ * -4 the reply could not be read or was refused, -5 a bit text with characters other than 0 and 1,
+ * -6 a flash that stays busy past the time-out, -7 a NULL buffer or a length out of range. */
+#define VARNEL_SPI_MAX_LENGTH 0x100000 /* bytes of one transfer */
+#define VARNEL_SPI_MAX_BITS 163840     /* a longer bit text is cut to this */
+#define VARNEL_SPI_FLASH_ID_SIZE 8     /* SPI_FlashReadID writes at most this many bytes */
+
+#pragma pack(push, 1)
+/* Channel configuration, 12 bytes. The library sends the six option bytes and ClockSpeedHz and
+ * does not read them: their meaning is the adapter's (docs/spi.md has our firmware's). */
+typedef struct SPI_CONFIG {
+  uint8_t Mode;
+  uint8_t Master;
+  uint8_t CPOL;
+  uint8_t CPHA;
+  uint8_t LSBFirst;
+  uint8_t SelPolarity;
+  uint8_t Reserved[2]; /* not sent */
+  uint32_t ClockSpeedHz;
+} SPI_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(SPI_CONFIG) == 12, "SPI_CONFIG is 12 bytes");
+
+/* SPI NOR flash description, 44 bytes. The library itself uses Commands[0] (write enable),
+ * Commands[7] (chip erase) and Commands[13] (read status; bit 0 set while busy), and SPI_FlashErase
+ * Commands[6] (4 KiB sector erase); the rest goes to the adapter. Commands[31] 0 is sent as 1. */
+typedef struct SPI_FLASH_CONFIG {
+  uint8_t Commands[32];
+  uint64_t Param64; /* our firmware: the flash size in bytes */
+  uint32_t Param32; /* our firmware: the page size in bytes */
+} SPI_FLASH_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(SPI_FLASH_CONFIG) == 44, "SPI_FLASH_CONFIG is 44 bytes");
+#pragma pack(pop)
+
+VARNEL_API int SPI_Init(DevHandle DevHandle, uint8_t SPIIndex, SPI_CONFIG* pConfig);
+VARNEL_API int SPI_WriteBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                              int32_t WriteLen);
+VARNEL_API int SPI_WriteBytesAsync(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                   int32_t WriteLen);
+VARNEL_API int SPI_ReadBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                             int32_t ReadLen);
+/* Writes WriteLen bytes, then reads ReadLen with IntervalUs between the two phases. */
+VARNEL_API int SPI_WriteReadBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                  int32_t WriteLen, uint8_t* pReadData, int32_t ReadLen,
+                                  int32_t IntervalUs);
+/* Bit texts: one character '0' or '1' per bit, first bit first. SPI_ReadBits and
+ * SPI_WriteReadBits write BitCount (or the written count) characters and a terminating zero. */
+VARNEL_API int SPI_WriteBits(DevHandle DevHandle, uint8_t SPIIndex, const char* pWriteBitStr);
+VARNEL_API int SPI_ReadBits(DevHandle DevHandle, uint8_t SPIIndex, char* pReadBitStr,
+                            int32_t ReadBitsNum);
+VARNEL_API int SPI_WriteReadBits(DevHandle DevHandle, uint8_t SPIIndex, const char* pWriteBitStr,
+                                 char* pReadBitStr);
+
+VARNEL_API int SPI_FlashInit(DevHandle DevHandle, uint8_t SPIIndex, uint32_t ClockSpeedHz,
+                             SPI_FLASH_CONFIG* pConfig);
+VARNEL_API int SPI_FlashReadID(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pID);
+VARNEL_API int SPI_FlashWrite(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
+                              uint8_t* pWriteData, int32_t WriteLen);
+VARNEL_API int SPI_FlashRead(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
+                             uint8_t* pReadData, int32_t ReadLen);
+VARNEL_API int SPI_FlashReadFast(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
+                                 uint8_t* pReadData, int32_t ReadLen);
+/* SectorNum sectors from StartAddr, erased by the adapter within TimeOutMs. */
+VARNEL_API int SPI_FlashEraseSector(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
+                                    int32_t SectorNum, int32_t TimeOutMs);
+/* Composed on the host from byte transfers with the description's commands: waits for the flash
+ * to be idle, enables writing, erases, and polls the status until done; -6 past TimeOutMs. */
+VARNEL_API int SPI_FlashEraseChip(DevHandle DevHandle, uint8_t SPIIndex, int32_t TimeOutMs);
+VARNEL_API int SPI_FlashErase(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
+                              int32_t Length, int32_t TimeOutMs);
+
 /* ===== Library extensions (settings outside the adapter families) =========================== */
 
 /* Ports of the network carrier: the discovery probe's and the adapters' TCP port. 0 restores the

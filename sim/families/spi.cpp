@@ -1,0 +1,152 @@
+// SPI commands (0x200 block) of the virtual adapter's firmware; multi-byte fields big-endian.
+#include "sim/families/spi.h"
+
+#include <algorithm>
+
+#include "sim/virtual_adapter.h"
+
+namespace sim {
+namespace {
+
+// Our firmware's reading of the flash description: which command byte does what.
+constexpr size_t kWriteEnable = 0, kRead = 1, kFastRead = 2, kProgram = 3, kReadId = 4,
+                 kSectorErase = 6;
+
+uint32_t be32(const uint8_t* p) {
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+
+Packet refused(uint32_t command) {
+  return reply_with(command, {1});
+}
+
+std::vector<uint8_t> with_address(uint8_t command, uint32_t address) {
+  return {command, uint8_t(address >> 16), uint8_t(address >> 8), uint8_t(address)};
+}
+
+// A program or erase on the flash, the device clock moved past its busy time.
+void wait_idle(VirtualAdapter& adapter, SpiModel::Channel& ch) {
+  const uint64_t now = adapter.clock().now_us(), until = ch.flash.busy_until_us();
+  if (until > now) adapter.clock().advance_us(until - now);
+}
+
+void run_and_wait(VirtualAdapter& adapter, SpiModel::Channel& ch, std::vector<uint8_t> session) {
+  wait_idle(adapter, ch);  // as the firmware polls the status before it starts
+  ch.flash.transfer(std::vector<uint8_t>{ch.commands[kWriteEnable]}, 0, adapter.clock().now_us());
+  ch.flash.transfer(session, 0, adapter.clock().now_us());
+  wait_idle(adapter, ch);
+}
+
+std::optional<Packet> flash_command(VirtualAdapter& adapter, SpiModel::Channel& ch,
+                                    const Packet& request) {
+  const auto& in = request.payload;
+  const uint32_t command = request.command;
+  if (command == 0x207) {
+    if (in.size() != 49) return refused(command);
+    std::copy(in.begin() + 5, in.begin() + 37, ch.commands.begin());
+    ch.flash_known = true;
+    return reply_with(command);
+  }
+  if (!ch.flash_known) return refused(command);
+  const uint64_t now = adapter.clock().now_us();
+  if (command == 0x208)
+    return reply_with(command,
+                      ch.flash.transfer(std::vector<uint8_t>{ch.commands[kReadId]}, 3, now));
+  if (in.size() < 5) return refused(command);
+  const uint32_t address = be32(&in[1]);
+  switch (command) {
+    case 0x209:  // program page by page
+      for (size_t done = 0; done < in.size() - 5;) {
+        const size_t at = address + done;
+        const size_t n =
+            std::min(in.size() - 5 - done, SpiNorFlash::kPage - at % SpiNorFlash::kPage);
+        auto session = with_address(ch.commands[kProgram], uint32_t(at));
+        session.insert(session.end(), in.begin() + 5 + ptrdiff_t(done),
+                       in.begin() + 5 + ptrdiff_t(done + n));
+        run_and_wait(adapter, ch, session);
+        done += n;
+      }
+      return reply_with(command);
+    case 0x20A:
+    case 0x20C: {
+      if (in.size() != 9) return refused(command);
+      auto session = with_address(ch.commands[command == 0x20A ? kRead : kFastRead], address);
+      if (command == 0x20C) session.push_back(0);  // the dummy byte
+      return reply_with(command, ch.flash.transfer(session, be32(&in[5]), now));
+    }
+    case 0x20B:
+      if (in.size() != 9) return refused(command);
+      for (uint32_t i = 0; i < be32(&in[5]); ++i)
+        run_and_wait(
+            adapter, ch,
+            with_address(ch.commands[kSectorErase], uint32_t(address + i * SpiNorFlash::kSector)));
+      return reply_with(command);
+    default:
+      return std::nullopt;
+  }
+}
+
+std::vector<uint8_t> repeated(const std::vector<uint8_t>& pattern, size_t n) {
+  std::vector<uint8_t> out(n);
+  for (size_t i = 0; i < n; ++i) out[i] = pattern[i % pattern.size()];
+  return out;
+}
+
+std::optional<Packet> handle_spi(VirtualAdapter& adapter, const Packet& request) {
+  const auto& in = request.payload;
+  const uint32_t command = request.command;
+  if (in.empty() || in[0] >= SpiModel::kChannels) return refused(command);
+  SpiModel& model = spi_model(adapter);
+  std::lock_guard guard(model.mutex);
+  SpiModel::Channel& ch = model.channels[in[0]];
+  const uint64_t now = adapter.clock().now_us();
+  const std::vector<uint8_t> rest(in.begin() + 1, in.end());
+  switch (command) {
+    case 0x200:
+      if (in.size() != 11) return refused(command);
+      ch.config = rest;
+      return reply_with(command);
+    case 0x201:
+    case 0x202:
+      ch.sessions.push_back(rest);
+      ch.flash.transfer(rest, 0, now);
+      return reply_with(command);
+    case 0x203:
+      if (in.size() != 5) return refused(command);
+      return reply_with(command, ch.flash.transfer({}, be32(&in[1]), now));
+    case 0x204: {
+      if (in.size() < 9) return refused(command);
+      const std::vector<uint8_t> out(in.begin() + 9, in.end());
+      ch.sessions.push_back(out);
+      return reply_with(command, ch.flash.transfer(out, be32(&in[1]), now));
+    }
+    case 0x210:
+    case 0x211:
+    case 0x212: {
+      if (in.size() < 5) return refused(command);
+      const uint32_t bits = be32(&in[1]);
+      const size_t bytes = (bits + 7) / 8;
+      if (command == 0x211) return reply_with(command, repeated(ch.read_pattern, bytes));
+      if (in.size() != 5 + bytes) return refused(command);
+      if (command == 0x210) return reply_with(command);
+      return reply_with(command, std::vector<uint8_t>(in.begin() + 5, in.end()));  // loopback
+    }
+    default:
+      return flash_command(adapter, ch, request);
+  }
+}
+
+}  // namespace
+
+SpiModel& spi_model(VirtualAdapter& adapter) {
+  return adapter.state<SpiModel>();
+}
+
+void install_spi(VirtualAdapter& adapter) {
+  adapter.on(0x200, 0x20C, handle_spi);
+  adapter.on(0x210, 0x212, handle_spi);
+}
+
+VARNEL_SIM_FAMILY(install_spi)
+
+}  // namespace sim

@@ -1,0 +1,35 @@
+// The virtual adapter's SPI firmware: two master ports, each with an SPI NOR flash on its chip
+// select. Byte transfers reach the flash as sessions; bit transfers reach a loopback wire (what a
+// write-read sends comes back) and a read-only pattern; the flash commands of the 0x207-0x20C
+// block run on the flash with the description the host gave (which command byte does what), page
+// by page and sector by sector, advancing the device clock over busy times instead of waiting.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "sim/bus/spi_flash.h"
+
+namespace sim {
+
+class VirtualAdapter;
+
+struct SpiModel {
+  static constexpr int kChannels = 2;
+  struct Channel {
+    std::vector<uint8_t> config;         // the option bytes and clock of the last init
+    std::array<uint8_t, 32> commands{};  // the flash description's command bytes
+    bool flash_known = false;
+    SpiNorFlash flash;
+    std::vector<uint8_t> read_pattern{0xA5};     // what a bit read clocks in, repeated
+    std::vector<std::vector<uint8_t>> sessions;  // every byte write, as the flash saw it
+  };
+  std::mutex mutex;
+  std::array<Channel, kChannels> channels;
+};
+
+SpiModel& spi_model(VirtualAdapter& adapter);
+
+}  // namespace sim

@@ -1,0 +1,194 @@
+// SPI over a USB layer (see wire_fixture.h): the bytes of each request against the written
+// layout, bit texts packed most significant bit first, and the SPI NOR flash seen through the
+// calls (page program wrap, erase sequences, a flash that stays busy).
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "sim/families/spi.h"
+#include "support/wire_fixture.h"
+
+namespace testing_support {
+
+constexpr uint32_t kSpiHandle = 0x12345678;
+using SpiBytes = std::vector<uint8_t>;
+
+// The description of a common SPI NOR flash: write enable 06, read 03, fast read 0B, page program
+// 02, identification 9F, write disable 04, 4 KiB sector erase 20, chip erase C7, status 05.
+inline SPI_FLASH_CONFIG nor_flash() {
+  SPI_FLASH_CONFIG f{};
+  const uint8_t commands[14] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20,
+                                0xC7, 0,    0,    0,    0,    0,    0x05};
+  std::copy(commands, commands + 14, f.Commands);
+  f.Param64 = 1 << 20;
+  f.Param32 = 256;
+  return f;
+}
+
+template <class Layer>
+class SpiCases : public WireTest<Layer> {
+ protected:
+  SpiBytes take_request() {
+    auto out = this->bulk_on(kSpiHandle, 0x01);
+    Layer::clear_transfers(kSpiHandle);
+    return out.size() == 1 ? out[0].data : SpiBytes{};
+  }
+  size_t requests_sent() { return this->bulk_on(kSpiHandle, 0x01).size(); }
+  sim::SpiModel::Channel& channel(Adapter& adapter, int ch = 0) {
+    return sim::spi_model(*adapter).channels[size_t(ch)];
+  }
+};
+TYPED_TEST_SUITE_P(SpiCases);
+
+// Each request: the command and its length big-endian, the channel, then the fields big-endian.
+TYPED_TEST_P(SpiCases, EachCallSendsItsLayoutBigEndian) {
+  constexpr uint32_t h = kSpiHandle;
+  uint8_t w[2] = {0xA1, 0xB2}, in[16];
+  char text[16];
+  SPI_CONFIG config{1, 1, 0, 1, 0, 0, {9, 9}, 1000000};
+  SPI_FLASH_CONFIG flash = nor_flash();
+  flash.Param64 = 0x0102030405060708;
+  SpiBytes flash_init = {0, 0, 2, 7, 0, 0, 0, 49, 0, 0x01, 0x31, 0x2D, 0x00};  // 20 MHz
+  flash_init.insert(flash_init.end(), flash.Commands, flash.Commands + 31);
+  flash_init.insert(flash_init.end(), {1, 1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 1, 0});  // byte 31: 0 -> 1
+  struct Case {
+    std::function<int()> call;
+    SpiBytes wire;
+  } cases[] = {
+      // clang-format off
+      // the two reserved bytes stay home
+      {[&] { return SPI_Init(h, 1, &config); },
+       {0, 0, 2, 0, 0, 0, 0, 11, 1, 1, 1, 0, 1, 0, 0, 0x00, 0x0F, 0x42, 0x40}},
+      {[&] { return SPI_WriteBytes(h, 0, w, 2); }, {0, 0, 2, 1, 0, 0, 0, 3, 0, 0xA1, 0xB2}},
+      {[&] { return SPI_WriteBytesAsync(h, 1, w, 1); }, {0, 0, 2, 2, 0, 0, 0, 2, 1, 0xA1}},
+      {[&] { return SPI_ReadBytes(h, 0, in, 4); }, {0, 0, 2, 3, 0, 0, 0, 5, 0, 0, 0, 0, 4}},
+      {[&] { return SPI_WriteReadBytes(h, 0, w, 1, in, 2, 0x10); },
+       {0, 0, 2, 4, 0, 0, 0, 10, 0, 0, 0, 0, 2, 0, 0, 0, 0x10, 0xA1}},
+      {[&] { return SPI_WriteBits(h, 0, "0110"); }, {0, 0, 2, 0x10, 0, 0, 0, 6, 0, 0, 0, 0, 4, 0x60}},
+      {[&] { return SPI_WriteBits(h, 0, "101010101"); },
+       {0, 0, 2, 0x10, 0, 0, 0, 7, 0, 0, 0, 0, 9, 0xAA, 0x80}},
+      {[&] { return SPI_ReadBits(h, 1, text, 12); }, {0, 0, 2, 0x11, 0, 0, 0, 5, 1, 0, 0, 0, 12}},
+      {[&] { return SPI_FlashInit(h, 0, 20000000, &flash); }, flash_init},
+      {[&] { return SPI_FlashRead(h, 0, 0x012345, in, 16); },
+       {0, 0, 2, 0x0A, 0, 0, 0, 9, 0, 0, 0x01, 0x23, 0x45, 0, 0, 0, 16}},
+      {[&] { return SPI_FlashReadFast(h, 0, 0x10, in, 2); },
+       {0, 0, 2, 0x0C, 0, 0, 0, 9, 0, 0, 0, 0, 0x10, 0, 0, 0, 2}},
+      {[&] { return SPI_FlashEraseSector(h, 0, 0x1000, 2, 500); },
+       {0, 0, 2, 0x0B, 0, 0, 0, 9, 0, 0, 0, 0x10, 0, 0, 0, 0, 2}},
+      {[&] { return SPI_FlashWrite(h, 0, 0x20, w, 2); },
+       {0, 0, 2, 0x09, 0, 0, 0, 7, 0, 0, 0, 0, 0x20, 0xA1, 0xB2}},
+      {[&] { return SPI_FlashReadID(h, 0, in); }, {0, 0, 2, 0x08, 0, 0, 0, 1, 0}},
+      // clang-format on
+  };
+  this->plug_and_open(h);
+  for (auto& c : cases) {
+    EXPECT_EQ(c.call(), 0) << testing::PrintToString(c.wire);
+    EXPECT_EQ(this->take_request(), c.wire);
+  }
+  EXPECT_EQ(SpiBytes(in, in + 3), (SpiBytes{0xEF, 0x40, 0x14}));  // JEDEC identification
+}
+
+// Text bits: 0 and 1 only; a read unpacks most significant bit first.
+TYPED_TEST_P(SpiCases, BitTextsArePackedAndUnpackedMostSignificantFirst) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  char out[32] = "unchanged";
+  EXPECT_EQ(SPI_WriteBits(h, 0, "01x0"), -5);
+  EXPECT_EQ(SPI_WriteReadBits(h, 0, "0102", out), -5);
+  EXPECT_EQ(this->requests_sent(), 0u);
+  EXPECT_STREQ(out, "unchanged");
+  this->channel(adapter).read_pattern = {0xA5, 0x0F};
+  ASSERT_EQ(SPI_ReadBits(h, 0, out, 12), 0);
+  EXPECT_STREQ(out, "101001010000");
+  ASSERT_EQ(SPI_WriteReadBits(h, 0, "1100101", out), 0);  // the wire loops back
+  EXPECT_STREQ(out, "1100101");
+  ASSERT_EQ(SPI_ReadBits(h, 0, out, 0), 0);
+  EXPECT_STREQ(out, "");
+}
+
+// A page program clears bits only and wraps within its 256-byte page; the firmware's flash
+// write splits at page ends, so the same bytes land in order.
+TYPED_TEST_P(SpiCases, FlashProgramsOnlyClearBitsAndWrapAtThePageEnd) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  SPI_FLASH_CONFIG flash = nor_flash();
+  ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
+  uint8_t enable = 0x06, program[8] = {0x02, 0x00, 0x00, 0xFE, 1, 2, 3, 4};
+  ASSERT_EQ(SPI_WriteBytes(h, 0, &enable, 1), 0);
+  ASSERT_EQ(SPI_WriteBytes(h, 0, program, 8), 0);
+  auto flash_bytes = [&] { return this->channel(adapter).flash.contents(); };
+  auto memory = flash_bytes();
+  EXPECT_EQ(SpiBytes(memory.begin() + 0xFE, memory.begin() + 0x102), (SpiBytes{1, 2, 0xFF, 0xFF}));
+  EXPECT_EQ(SpiBytes(memory.begin(), memory.begin() + 2), (SpiBytes{3, 4}));
+  uint8_t data[4] = {0xF0, 0x0F, 0xAA, 0x55};
+  ASSERT_EQ(SPI_FlashWrite(h, 0, 0x1FE, data, 4), 0);
+  ASSERT_EQ(SPI_FlashWrite(h, 0, 0x1FE, data + 1, 1), 0);  // 0x0F over 0xF0: 0x00
+  uint8_t back[4];
+  ASSERT_EQ(SPI_FlashRead(h, 0, 0x1FE, back, 4), 0);
+  EXPECT_EQ(SpiBytes(back, back + 4), (SpiBytes{0x00, 0x0F, 0xAA, 0x55}));
+  ASSERT_EQ(SPI_FlashReadFast(h, 0, 0x200, back, 2), 0);
+  EXPECT_EQ(SpiBytes(back, back + 2), (SpiBytes{0xAA, 0x55}));
+}
+
+// The host's erases: status (05) until idle, write enable (06), the erase, status until done.
+TYPED_TEST_P(SpiCases, ErasesEnableWritingFirstAndPollTheBusyBit) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  EXPECT_EQ(SPI_FlashEraseChip(h, 1, 1000), -5);  // no description for channel 1 yet
+  SPI_FLASH_CONFIG flash = nor_flash();
+  ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
+  uint8_t data[2] = {0, 0};
+  ASSERT_EQ(SPI_FlashWrite(h, 0, 0x0FF0, data, 2), 0);
+  ASSERT_EQ(SPI_FlashWrite(h, 0, 0x1010, data, 2), 0);
+  auto& ch = this->channel(adapter);
+  ch.sessions.clear();
+  ASSERT_EQ(SPI_FlashErase(h, 0, 0x0FF8, 0x20, 1000), 0);  // touches sectors 0x0000 and 0x1000
+  std::vector<SpiBytes> erases;
+  for (auto& s : ch.sessions)
+    if (s[0] != 0x05) erases.push_back(s);
+  EXPECT_EQ(erases, (std::vector<SpiBytes>{{0x06}, {0x20, 0, 0, 0}, {0x06}, {0x20, 0, 0x10, 0}}));
+  EXPECT_EQ(ch.sessions.front(), (SpiBytes{0x05}));
+  EXPECT_EQ(ch.sessions.back(), (SpiBytes{0x05}));
+  auto memory = ch.flash.contents();
+  EXPECT_EQ(memory[0x0FF0], 0xFF);
+  EXPECT_EQ(memory[0x1010], 0xFF);
+  ASSERT_EQ(SPI_FlashEraseChip(h, 0, 1000), 0);
+  ch.flash.set_stuck_busy(true);
+  EXPECT_EQ(SPI_FlashEraseChip(h, 0, 50), -6);
+  EXPECT_EQ(SPI_FlashErase(h, 0, 0, 1, 50), -6);
+}
+
+TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  uint8_t b[4] = {7, 7, 7, 7};
+  std::function<int()> refused[] = {
+      [&] { return SPI_Init(h, 0, nullptr); },
+      [&] { return SPI_WriteBytes(h, 0, nullptr, 1); },
+      [&] { return SPI_ReadBytes(h, 0, b, -1); },
+      [&] { return SPI_ReadBytes(h, 0, b, VARNEL_SPI_MAX_LENGTH + 1); },
+      [&] { return SPI_WriteReadBytes(h, 0, b, 1, nullptr, 1, 0); },
+      [&] { return SPI_WriteBits(h, 0, nullptr); },
+      [&] { return SPI_ReadBits(h, 0, nullptr, 8); },
+      [&] { return SPI_FlashInit(h, 0, 1, nullptr); },
+      [&] { return SPI_FlashReadID(h, 0, nullptr); },
+      [&] { return SPI_FlashRead(h, 0, 0, nullptr, 4); },
+      [&] { return SPI_FlashErase(h, 0, 0, -1, 10); },
+  };
+  for (auto& call : refused) EXPECT_EQ(call(), -7);
+  EXPECT_EQ(this->requests_sent(), 0u);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 2, 0x203});
+  EXPECT_EQ(SPI_ReadBytes(h, 0, b, 4), -4);
+  EXPECT_EQ(SpiBytes(b, b + 4), SpiBytes(4, 7));
+  EXPECT_EQ(SPI_WriteBytes(h, 2, b, 1), -4);    // no channel 2
+  EXPECT_EQ(SPI_FlashRead(h, 0, 0, b, 4), -4);  // no flash description on the adapter yet
+}
+
+REGISTER_TYPED_TEST_SUITE_P(SpiCases, EachCallSendsItsLayoutBigEndian,
+                            BitTextsArePackedAndUnpackedMostSignificantFirst,
+                            FlashProgramsOnlyClearBitsAndWrapAtThePageEnd,
+                            ErasesEnableWritingFirstAndPollTheBusyBit,
+                            BadInputAndBadRepliesGiveTheirCodes);
+
+}  // namespace testing_support
