@@ -1,0 +1,296 @@
+// `varnel spi`: byte transfers, and the SPI NOR flash in the manner of flashrom.
+//   varnel spi transfer TARGET DEADBEEF [-r N]       write the bytes, then read N and print them
+//   varnel spi flash TARGET id                       the flash's identification and size
+//   varnel spi flash TARGET read|write|verify FILE   the whole flash (or --size bytes) to/from FILE
+//   varnel spi flash TARGET erase                    the whole chip
+// TARGET is HANDLE:CHANNEL. `write` erases only the 4 KiB sectors that need it, writes only the
+// sectors that differ, and verifies. Progress goes to stderr: a bar on a terminal, a line per
+// quarter otherwise.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "adapter.h"
+#include "command_group.h"
+#include "result_text.h"
+#include "sim_mode.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+namespace {
+
+constexpr uint32_t kSector = 4096;
+constexpr int kEraseTimeoutMs = 5000;
+
+constexpr ResultMeaning kSpiResults[] = {
+    {-5, "bad bit text, or no flash description"},
+    {-6, "the flash stayed busy past the time-out"},
+};
+
+struct SpiOptions {
+  std::string target, operation, data, file;
+  uint32_t read = 0;
+  uint32_t size = 1 << 20;
+  uint32_t clock = 10000000;
+};
+
+struct Target {
+  uint32_t handle = 0;
+  uint8_t channel = 0;
+};
+
+bool parse_target(const std::string& text, Target& t) {
+  const size_t colon = text.find(':');
+  uint32_t channel = 0;
+  if (colon != std::string::npos && (!parse_handle(text.substr(colon + 1), channel) || channel > 1))
+    return false;
+  t.channel = uint8_t(channel);
+  return parse_handle(text.substr(0, colon), t.handle);
+}
+
+// The common SPI NOR description: 06 write enable, 03 read, 0B fast read, 02 page program, 9F
+// identification, 04 write disable, 20 sector erase, C7 chip erase, 05 status.
+SPI_FLASH_CONFIG nor_flash(uint32_t size) {
+  SPI_FLASH_CONFIG f{};
+  const uint8_t commands[14] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20,
+                                0xC7, 0,    0,    0,    0,    0,    0x05};
+  std::copy(commands, commands + 14, f.Commands);
+  f.Param64 = size;
+  f.Param32 = 256;
+  return f;
+}
+
+bool failed(const char* what, int rc) {
+  if (rc == 0) return false;
+  std::fprintf(stderr, "%s: %s\n", what, describe_result(rc, kSpiResults).c_str());
+  exit_code() = 1;
+  return true;
+}
+
+class Progress {
+ public:
+  Progress(const char* what, uint64_t total) : what_(what), total_(total), tty_(isatty(2)) {}
+  void at(uint64_t done) {
+    const int percent = total_ ? int(done * 100 / total_) : 100;
+    if (tty_) {
+      const int bar = percent / 5;
+      std::fprintf(stderr, "\r%s [%s%s] %3d%%", what_, std::string(size_t(bar), '#').c_str(),
+                   std::string(size_t(20 - bar), ' ').c_str(), percent);
+      if (done == total_) std::fprintf(stderr, "\n");
+    } else if (percent / 25 > last_quarter_) {
+      last_quarter_ = percent / 25;
+      std::fprintf(stderr, "%s: %d%% (%llu of %llu bytes)\n", what_, percent,
+                   static_cast<unsigned long long>(done), static_cast<unsigned long long>(total_));
+    }
+  }
+
+ private:
+  const char* what_;
+  uint64_t total_;
+  bool tty_;
+  int last_quarter_ = 0;
+};
+
+bool read_flash(const Target& t, uint32_t size, std::vector<uint8_t>& out, const char* what) {
+  out.assign(size, 0);
+  Progress progress(what, size);
+  for (uint32_t at = 0; at < size; at += kSector) {
+    const uint32_t n = std::min(kSector, size - at);
+    if (failed("SPI_FlashRead", SPI_FlashRead(t.handle, t.channel, at, &out[at], int32_t(n))))
+      return false;
+    progress.at(at + n);
+  }
+  return true;
+}
+
+// Sectors that differ: erased when a bit must go from 0 to 1, then written.
+bool write_flash(const Target& t, const std::vector<uint8_t>& image) {
+  std::vector<uint8_t> current;
+  if (!read_flash(t, uint32_t(image.size()), current, "reading")) return false;
+  Progress progress("writing", image.size());
+  for (uint32_t at = 0; at < image.size(); at += kSector) {
+    const uint32_t n = std::min<uint32_t>(kSector, uint32_t(image.size()) - at);
+    bool differs = false, needs_erase = false;
+    for (uint32_t i = at; i < at + n; ++i) {
+      differs |= current[i] != image[i];
+      needs_erase |= (image[i] & ~current[i]) != 0;
+    }
+    if (needs_erase && failed("SPI_FlashErase",
+                              SPI_FlashErase(t.handle, t.channel, at, int32_t(n), kEraseTimeoutMs)))
+      return false;
+    std::vector<uint8_t> sector(image.begin() + at, image.begin() + at + n);
+    if (differs && failed("SPI_FlashWrite", SPI_FlashWrite(t.handle, t.channel, at, sector.data(),
+                                                           int32_t(sector.size()))))
+      return false;
+    progress.at(at + n);
+  }
+  return true;
+}
+
+bool verify_flash(const Target& t, const std::vector<uint8_t>& image) {
+  std::vector<uint8_t> current;
+  if (!read_flash(t, uint32_t(image.size()), current, "verifying")) return false;
+  for (size_t i = 0; i < image.size(); ++i)
+    if (current[i] != image[i]) {
+      std::printf("Verifying flash... FAILED at 0x%08zx: expected 0x%02x, read 0x%02x\n", i,
+                  image[i], current[i]);
+      exit_code() = 1;
+      return false;
+    }
+  std::printf("Verifying flash... VERIFIED.\n");
+  return true;
+}
+
+bool load_image(const SpiOptions& o, std::vector<uint8_t>& image) {
+  std::ifstream in(o.file, std::ios::binary);
+  image.assign(std::istreambuf_iterator<char>(in), {});
+  if (!in.good() && !in.eof()) image.clear();
+  if (!in || image.empty() || image.size() > o.size) {
+    std::fprintf(stderr, "%s: not a readable image of 1 to %u bytes\n", o.file.c_str(), o.size);
+    exit_code() = 1;
+    return false;
+  }
+  return true;
+}
+
+void run_flash(const SpiOptions& o) {
+  Target t;
+  parse_target(o.target, t);
+  std::vector<uint8_t> image;
+  if ((o.operation == "write" || o.operation == "verify") && !load_image(o, image)) return;
+  if (!prepare_adapters() || !open_adapter(t.handle)) {
+    exit_code() = 1;
+    return;
+  }
+  SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, o.clock};
+  SPI_FLASH_CONFIG flash = nor_flash(o.size);
+  if (!failed("SPI_Init", SPI_Init(t.handle, t.channel, &config)) &&
+      !failed("SPI_FlashInit", SPI_FlashInit(t.handle, t.channel, o.clock, &flash))) {
+    if (o.operation == "id") {
+      uint8_t id[VARNEL_SPI_FLASH_ID_SIZE] = {};
+      if (!failed("SPI_FlashReadID", SPI_FlashReadID(t.handle, t.channel, id)))
+        std::printf("flash ID %02X %02X %02X: manufacturer 0x%02X, device 0x%02X%02X, %u kB\n",
+                    id[0], id[1], id[2], id[0], id[1], id[2],
+                    id[2] >= 10 && id[2] < 32 ? (1u << id[2]) / 1024 : 0);
+    } else if (o.operation == "read") {
+      std::vector<uint8_t> data;
+      if (read_flash(t, o.size, data, "reading")) {
+        std::ofstream out(o.file, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
+        if (!out) {
+          std::fprintf(stderr, "%s: cannot write\n", o.file.c_str());
+          exit_code() = 1;
+        } else {
+          std::printf("Reading flash... done.\n");
+        }
+      }
+    } else if (o.operation == "write") {
+      if (write_flash(t, image)) {
+        std::printf("Erasing and writing flash chip... Erase/write done.\n");
+        verify_flash(t, image);
+      }
+    } else if (o.operation == "verify") {
+      verify_flash(t, image);
+    } else if (!failed("SPI_FlashEraseChip",
+                       SPI_FlashEraseChip(t.handle, t.channel, 20 * kEraseTimeoutMs))) {
+      std::printf("Erasing flash chip... Erase done.\n");
+    }
+  }
+  close_adapter(t.handle);
+}
+
+bool parse_hex(const std::string& text, std::vector<uint8_t>& out) {
+  std::string digits;
+  for (char c : text)
+    if (std::isxdigit(static_cast<unsigned char>(c)))
+      digits += c;
+    else if (c != '.' && c != ' ')
+      return false;
+  if (digits.size() % 2) return false;
+  for (size_t i = 0; i < digits.size(); i += 2)
+    out.push_back(uint8_t(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  return true;
+}
+
+void run_transfer(const SpiOptions& o) {
+  Target t;
+  parse_target(o.target, t);
+  std::vector<uint8_t> out;
+  if (!parse_hex(o.data, out)) {
+    std::fprintf(stderr, "not hex bytes: %s\n", o.data.c_str());
+    exit_code() = 2;
+    return;
+  }
+  if (!prepare_adapters() || !open_adapter(t.handle)) {
+    exit_code() = 1;
+    return;
+  }
+  SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, o.clock};
+  std::vector<uint8_t> in(o.read);
+  if (!failed("SPI_Init", SPI_Init(t.handle, t.channel, &config)) &&
+      !failed("SPI_WriteReadBytes",
+              SPI_WriteReadBytes(t.handle, t.channel, out.data(), int32_t(out.size()), in.data(),
+                                 int32_t(in.size()), 0))) {
+    for (size_t i = 0; i < in.size(); ++i) std::printf(i ? " %02X" : "%02X", in[i]);
+    if (!in.empty()) std::printf("\n");
+  }
+  close_adapter(t.handle);
+}
+
+CLI::Validator target_validator() {
+  return CLI::Validator(
+      [](std::string& text) {
+        Target t;
+        return parse_target(text, t) ? std::string() : "expected HANDLE:CHANNEL, got " + text;
+      },
+      "HANDLE:CH");
+}
+
+void add_spi_commands(CLI::App& app) {
+  CLI::App* spi = app.add_subcommand("spi", "SPI transfers and SPI NOR flash (flashrom-like)");
+  spi->require_subcommand(1);
+  auto o = std::make_shared<SpiOptions>();
+  CLI::App* transfer = spi->add_subcommand("transfer", "write bytes, then read -r N of them");
+  transfer->add_option("TARGET", o->target, "HANDLE:CHANNEL")
+      ->required()
+      ->check(target_validator());
+  transfer->add_option("DATA", o->data, "bytes in hex: DEADBEEF")->required();
+  transfer->add_option("-r,--read", o->read, "bytes to read after writing")
+      ->check(CLI::Range(0, VARNEL_SPI_MAX_LENGTH));
+  transfer->callback([o] { run_transfer(*o); });
+
+  CLI::App* flash = spi->add_subcommand("flash", "SPI NOR flash: id, read, write, verify, erase");
+  flash->add_option("TARGET", o->target, "HANDLE:CHANNEL")->required()->check(target_validator());
+  flash->add_option("OPERATION", o->operation, "id|read|write|verify|erase")
+      ->required()
+      ->check(CLI::IsMember({"id", "read", "write", "verify", "erase"}));
+  flash->add_option("FILE", o->file, "the image (read, write, verify)");
+  flash->add_option("--size", o->size, "flash size in bytes (default 1 MiB)")
+      ->check(CLI::Range(1u, 1u << 28));
+  flash->callback([o] {
+    const bool needs_file =
+        o->operation == "read" || o->operation == "write" || o->operation == "verify";
+    if (needs_file == o->file.empty()) {
+      std::fprintf(stderr, "%s %s a FILE\n", o->operation.c_str(),
+                   needs_file ? "needs" : "takes no");
+      exit_code() = 2;
+      return;
+    }
+    run_flash(*o);
+  });
+  for (CLI::App* command : {transfer, flash})
+    command->add_option("--clock", o->clock, "SPI clock in Hz (default 10000000)");
+}
+
+}  // namespace
+
+VARNEL_COMMAND_GROUP(add_spi_commands)
+
+}  // namespace varnel_cli
