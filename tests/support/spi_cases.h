@@ -175,14 +175,31 @@ TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
       [&] { return SPI_FlashReadID(h, 0, nullptr); },
       [&] { return SPI_FlashRead(h, 0, 0, nullptr, 4); },
       [&] { return SPI_FlashErase(h, 0, 0, -1, 10); },
+      [&] { return SPI_FlashEraseSector(h, 0, 0, -1, 10); },
+      [&] { return SPI_WriteReadBits(h, 0, "01", nullptr); },
   };
   for (auto& call : refused) EXPECT_EQ(call(), -7);
   EXPECT_EQ(this->requests_sent(), 0u);
   adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 2, 0x203});
   EXPECT_EQ(SPI_ReadBytes(h, 0, b, 4), -4);
   EXPECT_EQ(SpiBytes(b, b + 4), SpiBytes(4, 7));
-  EXPECT_EQ(SPI_WriteBytes(h, 2, b, 1), -4);    // no channel 2
-  EXPECT_EQ(SPI_FlashRead(h, 0, 0, b, 4), -4);  // no flash description on the adapter yet
+  EXPECT_EQ(SPI_WriteBytes(h, 2, b, 1), -4);       // no channel 2
+  EXPECT_EQ(SPI_FlashRead(h, 0, 0, b, 4), -4);     // no flash description on the adapter yet
+  EXPECT_EQ(SPI_WriteBytes(h, 0, nullptr, 0), 0);  // nothing to send needs no buffer
+  // identification: 1 to 8 bytes
+  uint8_t id[VARNEL_SPI_FLASH_ID_SIZE];
+  for (int length : {0, 9, 8}) {
+    adapter->on(0x208, 0x208, [length](sim::VirtualAdapter&, const sim::Packet& request) {
+      return std::optional<sim::Packet>(
+          sim::reply_with(request.command, SpiBytes(size_t(length), 1)));
+    });
+    EXPECT_EQ(SPI_FlashReadID(h, 0, id), length == 8 ? 0 : -4) << length;
+  }
+  // an erase's answer may take the time-out and 3 s more
+  SPI_FLASH_CONFIG flash = nor_flash();
+  ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 1000, 0x20B});
+  EXPECT_EQ(SPI_FlashEraseSector(h, 0, 0, 1, 100), 0);
 }
 
 REGISTER_TYPED_TEST_SUITE_P(SpiCases, EachCallSendsItsLayoutBigEndian,
