@@ -117,6 +117,12 @@ class Adapter:
 
         return I2cBus(self, channel, clock_hz=clock_hz, pec=pec)
 
+    def spi(self, channel, clock_hz=10000000, mode=0):
+        """Initialises an SPI port as a master; see varnel.spi.SpiPort."""
+        from .spi import SpiPort
+
+        return SpiPort(self, channel, clock_hz=clock_hz, mode=mode)
+
     def uds(self, channel, txid, rxid, **options):
         """A diagnostic client on an initialised CAN channel; see varnel.uds.UdsClient."""
         from .uds import UdsClient

@@ -17,7 +17,8 @@ import threading
 
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
-                      CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, VARNEL_RECEIVE_STATS)
+                      CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, SPI_CONFIG,
+                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -124,7 +125,21 @@ UDS = {
     "CAN_UDS_Request": (_int, [_u32, _u8, _ADDR_P, _u8p, _i32], COUNT),
     "VARNEL_CAN_UDS_ResponseN": (_int, [_u32, _u8, _ADDR_P, _u8p, _u32, _i32], COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS)
+SPI = {
+    "SPI_Init": (_int, [_u32, _u8, ctypes.POINTER(SPI_CONFIG)], COUNT),
+    "SPI_WriteBytes": (_int, [_u32, _u8, _u8p, _i32], COUNT),
+    "SPI_ReadBytes": (_int, [_u32, _u8, _u8p, _i32], COUNT),
+    "SPI_WriteReadBytes": (_int, [_u32, _u8, _u8p, _i32, _u8p, _i32, _i32], COUNT),
+    "SPI_WriteBits": (_int, [_u32, _u8, _char_p], COUNT),
+    "SPI_ReadBits": (_int, [_u32, _u8, _char_p, _i32], COUNT),
+    "SPI_FlashInit": (_int, [_u32, _u8, _u32, ctypes.POINTER(SPI_FLASH_CONFIG)], COUNT),
+    "SPI_FlashReadID": (_int, [_u32, _u8, _u8p], COUNT),
+    "SPI_FlashRead": (_int, [_u32, _u8, _u32, _u8p, _i32], COUNT),
+    "SPI_FlashWrite": (_int, [_u32, _u8, _u32, _u8p, _i32], COUNT),
+    "SPI_FlashErase": (_int, [_u32, _u8, _u32, _i32, _i32], COUNT),
+    "SPI_FlashEraseChip": (_int, [_u32, _u8, _i32], COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI)
 
 
 def _raise_on_negative(result, function, _args):

@@ -172,3 +172,32 @@ class CAN_UDS_ADDR(ctypes.Structure):
         ("FrameLen", ctypes.c_uint8),
     ]
 RECORDS[CAN_UDS_ADDR.__name__] = CAN_UDS_ADDR
+
+
+class SPI_CONFIG(ctypes.Structure):
+    """SPI port configuration, 12 bytes (the option bytes are the adapter's to read)."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Mode", ctypes.c_uint8),
+        ("Master", ctypes.c_uint8),
+        ("CPOL", ctypes.c_uint8),
+        ("CPHA", ctypes.c_uint8),
+        ("LSBFirst", ctypes.c_uint8),
+        ("SelPolarity", ctypes.c_uint8),
+        ("Reserved", ctypes.c_uint8 * 2),
+        ("ClockSpeedHz", ctypes.c_uint32),
+    ]
+RECORDS[SPI_CONFIG.__name__] = SPI_CONFIG
+
+
+class SPI_FLASH_CONFIG(ctypes.Structure):
+    """SPI NOR flash description, 44 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Commands", ctypes.c_uint8 * 32),
+        ("Param64", ctypes.c_uint64),
+        ("Param32", ctypes.c_uint32),
+    ]
+RECORDS[SPI_FLASH_CONFIG.__name__] = SPI_FLASH_CONFIG
