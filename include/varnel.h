@@ -792,6 +792,10 @@ VARNEL_API int SPI_ReadBits(DevHandle DevHandle, uint8_t SPIIndex, char* pReadBi
 VARNEL_API int SPI_WriteReadBits(DevHandle DevHandle, uint8_t SPIIndex, const char* pWriteBitStr,
                                  char* pReadBitStr);
 
+/* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages
+ * (write enable 06, read 03, fast read 0B, page program 02, identification 9F, write disable 04,
+ * 4 KiB sector erase 20, chip erase C7, read status 05). 0; -7 for NULL. */
+VARNEL_API int VARNEL_SPI_NorFlashConfig(SPI_FLASH_CONFIG* pConfig, uint64_t Size);
 VARNEL_API int SPI_FlashInit(DevHandle DevHandle, uint8_t SPIIndex, uint32_t ClockSpeedHz,
                              SPI_FLASH_CONFIG* pConfig);
 VARNEL_API int SPI_FlashReadID(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pID);

@@ -133,6 +133,7 @@ SPI = {
     "SPI_WriteBits": (_int, [_u32, _u8, _char_p], COUNT),
     "SPI_ReadBits": (_int, [_u32, _u8, _char_p, _i32], COUNT),
     "SPI_FlashInit": (_int, [_u32, _u8, _u32, ctypes.POINTER(SPI_FLASH_CONFIG)], COUNT),
+    "VARNEL_SPI_NorFlashConfig": (_int, [ctypes.POINTER(SPI_FLASH_CONFIG), ctypes.c_uint64], COUNT),
     "SPI_FlashReadID": (_int, [_u32, _u8, _u8p], COUNT),
     "SPI_FlashRead": (_int, [_u32, _u8, _u32, _u8p, _i32], COUNT),
     "SPI_FlashWrite": (_int, [_u32, _u8, _u32, _u8p, _i32], COUNT),

@@ -15,9 +15,6 @@ import ctypes
 from .library import lib
 from .records import SPI_CONFIG, SPI_FLASH_CONFIG
 
-# write enable, read, fast read, page program, identification, write disable, 4 KiB sector erase,
-# chip erase; byte 13 read status
-NOR_COMMANDS = bytes([0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20, 0xC7, 0, 0, 0, 0, 0, 0x05])
 _ERASE_TIMEOUT_MS = 5000
 
 
@@ -58,16 +55,16 @@ class SpiPort:
         self._call("SPI_ReadBits", out, count)
         return out.value.decode("ascii")
 
-    def flash(self, size=1 << 20, page=256, commands=NOR_COMMANDS):
-        """The SPI NOR flash on this port's chip select."""
-        return SpiFlash(self, size, page, commands)
+    def flash(self, size=1 << 20):
+        """The SPI NOR flash on this port's chip select, with the common NOR commands."""
+        return SpiFlash(self, size)
 
 
 class SpiFlash:
-    def __init__(self, port, size, page, commands):
+    def __init__(self, port, size):
         self.port, self.size = port, size
-        config = SPI_FLASH_CONFIG(Param64=size, Param32=page)
-        config.Commands[:len(commands)] = list(commands)
+        config = SPI_FLASH_CONFIG()
+        lib().VARNEL_SPI_NorFlashConfig(ctypes.byref(config), size)
         port._call("SPI_FlashInit", port.clock_hz, ctypes.byref(config))
 
     def read_id(self):

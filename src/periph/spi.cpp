@@ -260,6 +260,16 @@ VARNEL_API int SPI_WriteReadBits(DevHandle handle, uint8_t channel, const char* 
   });
 }
 
+VARNEL_API int VARNEL_SPI_NorFlashConfig(SPI_FLASH_CONFIG* config, uint64_t size) {
+  if (!config) return kBadArgument;
+  *config = SPI_FLASH_CONFIG{};
+  const uint8_t commands[] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20, 0xC7, 0, 0, 0, 0, 0, 0x05};
+  std::memcpy(config->Commands, commands, sizeof commands);
+  config->Param64 = size;
+  config->Param32 = 256;
+  return 0;
+}
+
 VARNEL_API int SPI_FlashInit(DevHandle handle, uint8_t channel, uint32_t clock_hz,
                              SPI_FLASH_CONFIG* config) {
   return guarded(result::kFailed, [&] {

@@ -3,6 +3,7 @@
 // calls (page program wrap, erase sequences, a flash that stays busy).
 #pragma once
 
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -186,6 +187,10 @@ TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
   EXPECT_EQ(SPI_WriteBytes(h, 2, b, 1), -4);       // no channel 2
   EXPECT_EQ(SPI_FlashRead(h, 0, 0, b, 4), -4);     // no flash description on the adapter yet
   EXPECT_EQ(SPI_WriteBytes(h, 0, nullptr, 0), 0);  // nothing to send needs no buffer
+  SPI_FLASH_CONFIG from_library, expected = nor_flash();
+  ASSERT_EQ(VARNEL_SPI_NorFlashConfig(&from_library, 1 << 20), 0);
+  EXPECT_EQ(std::memcmp(&from_library, &expected, sizeof expected), 0);
+  EXPECT_EQ(VARNEL_SPI_NorFlashConfig(nullptr, 1), -7);
   // identification: 1 to 8 bytes
   uint8_t id[VARNEL_SPI_FLASH_ID_SIZE];
   for (int length : {0, 9, 8}) {

@@ -55,18 +55,6 @@ bool parse_target(const std::string& text, Target& t) {
   return parse_handle(text.substr(0, colon), t.handle);
 }
 
-// The common SPI NOR description: 06 write enable, 03 read, 0B fast read, 02 page program, 9F
-// identification, 04 write disable, 20 sector erase, C7 chip erase, 05 status.
-SPI_FLASH_CONFIG nor_flash(uint32_t size) {
-  SPI_FLASH_CONFIG f{};
-  const uint8_t commands[14] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20,
-                                0xC7, 0,    0,    0,    0,    0,    0x05};
-  std::copy(commands, commands + 14, f.Commands);
-  f.Param64 = size;
-  f.Param32 = 256;
-  return f;
-}
-
 bool failed(const char* what, int rc) {
   if (rc == 0) return false;
   std::fprintf(stderr, "%s: %s\n", what, describe_result(rc, kSpiResults).c_str());
@@ -170,7 +158,8 @@ void run_flash(const SpiOptions& o) {
     return;
   }
   SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, o.clock};
-  SPI_FLASH_CONFIG flash = nor_flash(o.size);
+  SPI_FLASH_CONFIG flash;
+  VARNEL_SPI_NorFlashConfig(&flash, o.size);
   if (!failed("SPI_Init", SPI_Init(t.handle, t.channel, &config)) &&
       !failed("SPI_FlashInit", SPI_FlashInit(t.handle, t.channel, o.clock, &flash))) {
     if (o.operation == "id") {
