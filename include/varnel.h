@@ -792,6 +792,43 @@ VARNEL_API int SPI_ReadBits(DevHandle DevHandle, uint8_t SPIIndex, char* pReadBi
 VARNEL_API int SPI_WriteReadBits(DevHandle DevHandle, uint8_t SPIIndex, const char* pWriteBitStr,
                                  char* pReadBitStr);
 
+/* Blocks: BlockCount blocks of BlockSize bytes with IntervalUs between them, in one request. */
+VARNEL_API int SPI_BlockWriteBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                   uint16_t BlockSize, uint16_t BlockCount, uint32_t IntervalUs);
+VARNEL_API int SPI_BlockReadBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                                  uint16_t BlockSize, uint16_t BlockCount, uint32_t IntervalUs);
+VARNEL_API int SPI_BlockWriteReadBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                       uint16_t WriteBlockSize, uint8_t* pReadData,
+                                       uint16_t ReadBlockSize, uint16_t BlockCount,
+                                       uint32_t IntervalUs);
+/* Started by an event on EventPins (EventType: the adapter's; ours 0 rising, 1 falling, 2 either
+ * edge) within WaitMs; -6 when the adapter reports that none came. */
+VARNEL_API int SPI_WriteBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                     int32_t WriteLen, uint32_t EventPins, uint8_t EventType,
+                                     uint32_t WaitMs);
+VARNEL_API int SPI_ReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                                    int32_t ReadLen, uint32_t EventPins, uint8_t EventType,
+                                    uint32_t WaitMs);
+VARNEL_API int SPI_WriteReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
+                                         uint8_t* pWriteData, int32_t WriteLen,
+                                         uint8_t* pReadData, int32_t ReadLen, int32_t IntervalUs,
+                                         uint32_t EventPins, uint8_t EventType, uint32_t WaitMs);
+/* Each block waits for its own event (BlockCount x WaitMs at the most). */
+VARNEL_API int SPI_BlockWriteBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
+                                          uint8_t* pWriteData, uint16_t BlockSize,
+                                          uint16_t BlockCount, uint32_t IntervalUs,
+                                          uint32_t EventPins, uint8_t EventType, uint32_t WaitMs);
+VARNEL_API int SPI_BlockReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
+                                         uint8_t* pReadData, uint16_t BlockSize,
+                                         uint16_t BlockCount, uint32_t IntervalUs,
+                                         uint32_t EventPins, uint8_t EventType, uint32_t WaitMs);
+VARNEL_API int SPI_BlockWriteReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
+                                              uint8_t* pWriteData, uint16_t WriteBlockSize,
+                                              uint8_t* pReadData, uint16_t ReadBlockSize,
+                                              uint16_t BlockCount, uint32_t IntervalUs,
+                                              uint32_t EventPins, uint8_t EventType,
+                                              uint32_t WaitMs);
+
 /* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages
  * (write enable 06, read 03, fast read 0B, page program 02, identification 9F, write disable 04,
  * 4 KiB sector erase 20, chip erase C7, read status 05). 0; -7 for NULL. */

@@ -15,6 +15,9 @@ constexpr size_t kWriteEnable = 0, kRead = 1, kFastRead = 2, kProgram = 3, kRead
 uint32_t be32(const uint8_t* p) {
   return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
+uint16_t be16(const uint8_t* p) {
+  return uint16_t(p[0] << 8 | p[1]);
+}
 
 Packet refused(uint32_t command) {
   return reply_with(command, {1});
@@ -86,6 +89,56 @@ std::optional<Packet> flash_command(VirtualAdapter& adapter, SpiModel::Channel& 
   }
 }
 
+// Blocks (0x20D-0x20F) and event-started transfers (0x213-0x218): sizes big-endian, the event
+// fields (pins, type, wait) after the block fields; each block is one session of the flash.
+std::optional<Packet> blocks_and_events(VirtualAdapter& adapter, SpiModel::Channel& ch,
+                                        const Packet& request) {
+  const auto& in = request.payload;
+  const uint32_t command = request.command;
+  const bool event = command >= 0x213,
+             block = command != 0x213 && command != 0x214 && command != 0x215;
+  const bool write_read = command == 0x20F || command == 0x218;
+  size_t at = 1, write_size = 0, read_size = 0, count = 1;
+  uint32_t interval_us = 0;
+  auto need = [&](size_t n) { return in.size() >= at + n; };
+  if (block) {
+    if (!need(write_read ? 10 : 8)) return refused(command);
+    const size_t first = be16(&in[at]);
+    write_size = command == 0x20E || command == 0x217 ? 0 : first;
+    read_size = command == 0x20E || command == 0x217 ? first : 0;
+    if (write_read) read_size = be16(&in[at + 2]), at += 2;
+    count = be16(&in[at + 2]);
+    interval_us = be32(&in[at + 4]);
+    at += 8;
+  } else if (command != 0x213) {  // read length (and the interval of a write-read)
+    if (!need(command == 0x215 ? 8 : 4)) return refused(command);
+    read_size = be32(&in[at]);
+    if (command == 0x215) interval_us = be32(&in[at + 4]);
+    at += command == 0x215 ? 8 : 4;
+  }
+  if (event) {
+    if (!need(9)) return refused(command);
+    at += 9;
+  }
+  const std::vector<uint8_t> data(in.begin() + ptrdiff_t(std::min(at, in.size())), in.end());
+  if (!block) write_size = data.size();
+  if (data.size() != write_size * count) return refused(command);
+  std::vector<uint8_t> out;
+  if (event) {
+    out.push_back(ch.event_never ? 1 : 0);
+    if (ch.event_never) return reply_with(command, out);
+  }
+  for (size_t i = 0; i < count; ++i) {
+    const std::vector<uint8_t> piece(data.begin() + ptrdiff_t(i * write_size),
+                                     data.begin() + ptrdiff_t((i + 1) * write_size));
+    if (!piece.empty()) ch.sessions.push_back(piece);
+    auto got = ch.flash.transfer(piece, read_size, adapter.clock().now_us());
+    out.insert(out.end(), got.begin(), got.end());
+    adapter.clock().advance_us(interval_us);
+  }
+  return reply_with(command, out);
+}
+
 std::vector<uint8_t> repeated(const std::vector<uint8_t>& pattern, size_t n) {
   std::vector<uint8_t> out(n);
   for (size_t i = 0; i < n; ++i) out[i] = pattern[i % pattern.size()];
@@ -132,6 +185,8 @@ std::optional<Packet> handle_spi(VirtualAdapter& adapter, const Packet& request)
       return reply_with(command, std::vector<uint8_t>(in.begin() + 5, in.end()));  // loopback
     }
     default:
+      if (command >= 0x20D && command <= 0x218 && (command <= 0x20F || command >= 0x213))
+        return blocks_and_events(adapter, ch, request);
       return flash_command(adapter, ch, request);
   }
 }
@@ -143,8 +198,7 @@ SpiModel& spi_model(VirtualAdapter& adapter) {
 }
 
 void install_spi(VirtualAdapter& adapter) {
-  adapter.on(0x200, 0x20C, handle_spi);
-  adapter.on(0x210, 0x212, handle_spi);
+  adapter.on(0x200, 0x218, handle_spi);
 }
 
 VARNEL_SIM_FAMILY(install_spi)

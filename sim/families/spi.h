@@ -25,6 +25,7 @@ struct SpiModel {
     SpiNorFlash flash;
     std::vector<uint8_t> read_pattern{0xA5};     // what a bit read clocks in, repeated
     std::vector<std::vector<uint8_t>> sessions;  // every byte write, as the flash saw it
+    bool event_never = false;                    // event-started transfers find no event (status 1)
   };
   std::mutex mutex;
   std::array<Channel, kChannels> channels;

@@ -1,6 +1,8 @@
 // SPI master transfers (bytes and bit texts) and the SPI NOR flash layer. Each call is one
 // transaction, except the flash erases, which the host composes from byte transfers with the
 // command bytes of the flash description it keeps per adapter and channel.
+#include "periph/spi.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -16,8 +18,39 @@
 #include "core/transaction.h"
 #include "varnel.h"
 
+namespace varnel::spi {
+
+bool bad_buffer(const void* data, int64_t length) {
+  return length < 0 || length > VARNEL_SPI_MAX_LENGTH || (length > 0 && !data);
+}
+
+TransactionOptions reply_within(int read_timeout_ms) {
+  TransactionOptions options;
+  options.read_timeout_ms = read_timeout_ms;
+  return options;
+}
+
+int acknowledged(uint32_t handle, uint32_t command, const PayloadWriter& request,
+                 int read_timeout_ms) {
+  return transact_ack(handle, command, request.bytes(), reply_within(read_timeout_ms))
+      .acknowledged();
+}
+
+int read_exactly(uint32_t handle, uint32_t command, const PayloadWriter& request,
+                 std::span<uint8_t> out, int read_timeout_ms) {
+  std::vector<uint8_t> reply(out.size());
+  const int r = transact(handle, command, request.bytes(), reply, reply_within(read_timeout_ms))
+                    .expect_length(int32_t(out.size()));
+  if (r == 0 && !out.empty()) std::memcpy(out.data(), reply.data(), out.size());
+  return r;
+}
+
+}  // namespace varnel::spi
+
 namespace varnel {
 namespace {
+
+using namespace spi;
 
 enum : uint32_t {
   kSpiInit = 0x200,
@@ -37,7 +70,6 @@ enum : uint32_t {
 };
 
 constexpr int kChannels = 2;
-constexpr int kTransferTimeoutMs = 10000;
 constexpr int kBitsSendTimeoutMs = 100;
 constexpr int kFlashPollMs = 10;
 constexpr uint32_t kSectorSize = 4096;
@@ -57,33 +89,6 @@ struct FlashStore {
 FlashStore& flash_store() {
   static FlashStore store;
   return store;
-}
-
-bool bad_buffer(const void* data, int32_t length) {
-  return length < 0 || length > VARNEL_SPI_MAX_LENGTH || (length > 0 && !data);
-}
-
-TransactionOptions reply_within(int read_timeout_ms) {
-  TransactionOptions options;
-  options.read_timeout_ms = read_timeout_ms;
-  return options;
-}
-
-// A request whose reply carries no data.
-int acknowledged(uint32_t handle, uint32_t command, const PayloadWriter& request,
-                 int read_timeout_ms = kTransferTimeoutMs) {
-  return transact_ack(handle, command, request.bytes(), reply_within(read_timeout_ms))
-      .acknowledged();
-}
-
-// A request whose reply is exactly `out`.
-int read_exactly(uint32_t handle, uint32_t command, const PayloadWriter& request,
-                 std::span<uint8_t> out, int read_timeout_ms = kTransferTimeoutMs) {
-  std::vector<uint8_t> reply(out.size());
-  const int r = transact(handle, command, request.bytes(), reply, reply_within(read_timeout_ms))
-                    .expect_length(int32_t(out.size()));
-  if (r == 0 && !out.empty()) std::memcpy(out.data(), reply.data(), out.size());
-  return r;
 }
 
 // Bit texts: '0' and '1', first bit first, packed most significant bit first.

@@ -160,6 +160,50 @@ TYPED_TEST_P(SpiCases, ErasesEnableWritingFirstAndPollTheBusyBit) {
   EXPECT_EQ(SPI_FlashErase(h, 0, 0, 1, 50), -6);
 }
 
+// Block fields (sizes and count u16, interval u32) come before the event fields (pins u32, type
+// u8, wait u32); each block reaches the flash as a session of its own.
+TYPED_TEST_P(SpiCases, BlocksAndEventsSendTheirFieldsAndReportMissingEvents) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  uint8_t w[4] = {0xA1, 0xB2, 0xC3, 0xD4}, ids[2] = {0x9F, 0x9F}, in[8] = {};
+  struct Case {
+    std::function<int()> call;
+    SpiBytes wire;
+  } cases[] = {
+      // clang-format off
+      {[&] { return SPI_BlockWriteBytes(h, 0, w, 2, 2, 0x100); },
+       {0, 0, 2, 0x0D, 0, 0, 0, 13, 0, 0, 2, 0, 2, 0, 0, 1, 0, 0xA1, 0xB2, 0xC3, 0xD4}},
+      {[&] { return SPI_BlockReadBytes(h, 1, in, 3, 2, 5); },
+       {0, 0, 2, 0x0E, 0, 0, 0, 9, 1, 0, 3, 0, 2, 0, 0, 0, 5}},
+      {[&] { return SPI_BlockWriteReadBytes(h, 0, ids, 1, in, 3, 2, 0); },
+       {0, 0, 2, 0x0F, 0, 0, 0, 13, 0, 0, 1, 0, 3, 0, 2, 0, 0, 0, 0, 0x9F, 0x9F}},
+      {[&] { return SPI_WriteBytesOfEvent(h, 0, w, 1, 0x1, 1, 50); },
+       {0, 0, 2, 0x13, 0, 0, 0, 11, 0, 0, 0, 0, 1, 1, 0, 0, 0, 50, 0xA1}},
+      {[&] { return SPI_ReadBytesOfEvent(h, 0, in, 2, 0x10, 0, 7); },
+       {0, 0, 2, 0x14, 0, 0, 0, 14, 0, 0, 0, 0, 2, 0, 0, 0, 0x10, 0, 0, 0, 0, 7}},
+      {[&] { return SPI_WriteReadBytesOfEvent(h, 0, w, 1, in, 1, 3, 0x2, 2, 9); },
+       {0, 0, 2, 0x15, 0, 0, 0, 19, 0, 0, 0, 0, 1, 0, 0, 0, 3, 0, 0, 0, 2, 2, 0, 0, 0, 9, 0xA1}},
+      {[&] { return SPI_BlockWriteBytesOfEvent(h, 0, w, 1, 2, 0, 1, 0, 5); },
+       {0, 0, 2, 0x16, 0, 0, 0, 20, 0, 0, 1, 0, 2, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 5, 0xA1, 0xB2}},
+      {[&] { return SPI_BlockReadBytesOfEvent(h, 0, in, 1, 2, 0, 1, 0, 5); },
+       {0, 0, 2, 0x17, 0, 0, 0, 18, 0, 0, 1, 0, 2, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 5}},
+      {[&] { return SPI_BlockWriteReadBytesOfEvent(h, 0, w, 1, in, 1, 1, 0, 1, 0, 5); },
+       {0, 0, 2, 0x18, 0, 0, 0, 21, 0, 0, 1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 5, 0xA1}},
+      // clang-format on
+  };
+  for (auto& c : cases) {
+    EXPECT_EQ(c.call(), 0) << testing::PrintToString(c.wire);
+    EXPECT_EQ(this->take_request(), c.wire);
+  }
+  ASSERT_EQ(SPI_BlockWriteReadBytes(h, 0, ids, 1, in, 3, 2, 0), 0);
+  EXPECT_EQ(SpiBytes(in, in + 6), (SpiBytes{0xEF, 0x40, 0x14, 0xEF, 0x40, 0x14}));
+  this->channel(adapter).event_never = true;
+  std::fill(std::begin(in), std::end(in), 7);
+  EXPECT_EQ(SPI_ReadBytesOfEvent(h, 0, in, 2, 1, 0, 5), -6);
+  EXPECT_EQ(SPI_BlockWriteBytesOfEvent(h, 0, w, 1, 1, 0, 1, 0, 5), -6);
+  EXPECT_EQ(SpiBytes(in, in + 2), (SpiBytes{7, 7}));
+}
+
 TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
   constexpr uint32_t h = kSpiHandle;
   Adapter adapter = this->plug_and_open(h);
@@ -211,6 +255,7 @@ REGISTER_TYPED_TEST_SUITE_P(SpiCases, EachCallSendsItsLayoutBigEndian,
                             BitTextsArePackedAndUnpackedMostSignificantFirst,
                             FlashProgramsOnlyClearBitsAndWrapAtThePageEnd,
                             ErasesEnableWritingFirstAndPollTheBusyBit,
+                            BlocksAndEventsSendTheirFieldsAndReportMissingEvents,
                             BadInputAndBadRepliesGiveTheirCodes);
 
 }  // namespace testing_support
