@@ -829,6 +829,40 @@ VARNEL_API int SPI_BlockWriteReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIn
                                               uint32_t EventPins, uint8_t EventType,
                                               uint32_t WaitMs);
 
+/* The slave side. Receiving bytes a master clocks in: one read (SPI_SlaveReadBytes), or the
+ * continuous read, whose stream thread fetches them into a host buffer of at most 20 MiB (the
+ * oldest bytes go first) or hands them to a callback. */
+typedef void (*SPI_SLAVE_DATA_CALLBACK)(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pData,
+                                        int32_t DataNum);
+/* Loads bytes for a master to read within WaitMs: the count the adapter took. */
+VARNEL_API int SPI_SlaveWriteBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                   int32_t WriteLen, int32_t WaitMs);
+VARNEL_API int SPI_SlaveWriteReadBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                       uint8_t* pReadData, int32_t Length, int32_t WaitMs);
+VARNEL_API int SPI_SlaveReadWriteBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                                       uint8_t* pWriteData, int32_t Length, int32_t WaitMs);
+/* Reads until Length bytes came, or TimeOutMs in 10 ms rounds (below 1: without limit): the
+ * number read. */
+VARNEL_API int SPI_SlaveReadBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                                  int32_t Length, int32_t TimeOutMs);
+VARNEL_API int SPI_SlaveStartContinueRead(DevHandle DevHandle, uint8_t SPIIndex);
+VARNEL_API int SPI_SlaveStopContinueRead(DevHandle DevHandle, uint8_t SPIIndex);
+VARNEL_API int SPI_SlaveContinueWrite(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                      int32_t WriteLen);
+/* Starts the stream; Callback NULL keeps the bytes for SPI_SlaveGetBytes. */
+VARNEL_API int SPI_SlaveContinueRead(DevHandle DevHandle, uint8_t SPIIndex,
+                                     SPI_SLAVE_DATA_CALLBACK Callback);
+/* Moves up to Size buffered bytes, oldest first: the count, 0 when none. */
+VARNEL_API int SPI_SlaveGetBytes(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                                 int32_t Size);
+VARNEL_API int SPI_SlaveContinueWriteReadStop(DevHandle DevHandle, uint8_t SPIIndex);
+VARNEL_API int SPI_SlaveContinueReadStop(DevHandle DevHandle, uint8_t SPIIndex);
+/* One fetch of what the adapter holds, straight into pReadData (at most Size bytes): the count. */
+VARNEL_API int SPI_SlaveReadBytesFromBuffer(DevHandle DevHandle, uint8_t SPIIndex,
+                                            uint8_t* pReadData, int32_t Size);
+/* Extension: bytes the full host buffer dropped, oldest first, since the stream started. */
+VARNEL_API int64_t VARNEL_SPI_SlaveDropped(DevHandle DevHandle, uint8_t SPIIndex);
+
 /* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages
  * (write enable 06, read 03, fast read 0B, page program 02, identification 9F, write disable 04,
  * 4 KiB sector erase 20, chip erase C7, read status 05). 0; -7 for NULL. */

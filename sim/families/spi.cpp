@@ -139,6 +139,54 @@ std::optional<Packet> blocks_and_events(VirtualAdapter& adapter, SpiModel::Chann
   return reply_with(command, out);
 }
 
+// The next `n` bytes of the master's running counter.
+std::vector<uint8_t> counter_bytes(SpiModel::Channel& ch, size_t n) {
+  std::vector<uint8_t> out(n);
+  for (auto& b : out) b = uint8_t(ch.counter++);
+  return out;
+}
+
+// The slave port (0x205, 0x222-0x227): fetches return what the master clocked in since the last
+// one, at most 61440 bytes, as the device time passes.
+std::optional<Packet> slave_command(VirtualAdapter& adapter, SpiModel::Channel& ch,
+                                    const Packet& request) {
+  const auto& in = request.payload;
+  const uint32_t command = request.command;
+  const uint64_t now = adapter.clock().now_us();
+  switch (command) {
+    case 0x205: {
+      if (in.size() < 5) return refused(command);
+      ch.slave_tx.assign(in.begin() + 5, in.end());
+      const uint32_t n = uint32_t(ch.slave_tx.size());
+      return reply_with(command, {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
+    }
+    case 0x222:
+    case 0x224:
+      if (in.size() < 9 || in.size() != 9 + be32(&in[5])) return refused(command);
+      return reply_with(command, counter_bytes(ch, be32(&in[5])));
+    case 0x223: {
+      if (!ch.streaming) return reply_with(command);
+      const uint64_t due = (now - ch.stream_start_us) * ch.feed_bytes_per_ms / 1000;
+      const size_t n = size_t(std::min<uint64_t>(due - std::min(due, ch.fed), 61440));
+      ch.fed += n;
+      return reply_with(command, counter_bytes(ch, n));
+    }
+    case 0x225:
+      ch.streaming = true;
+      ch.stream_start_us = now;
+      ch.fed = 0;
+      return reply_with(command);
+    case 0x226:
+      ch.streaming = false;
+      return reply_with(command);
+    case 0x227:
+      ch.slave_tx.insert(ch.slave_tx.end(), in.begin() + 1, in.end());
+      return reply_with(command);
+    default:
+      return std::nullopt;
+  }
+}
+
 std::vector<uint8_t> repeated(const std::vector<uint8_t>& pattern, size_t n) {
   std::vector<uint8_t> out(n);
   for (size_t i = 0; i < n; ++i) out[i] = pattern[i % pattern.size()];
@@ -185,6 +233,8 @@ std::optional<Packet> handle_spi(VirtualAdapter& adapter, const Packet& request)
       return reply_with(command, std::vector<uint8_t>(in.begin() + 5, in.end()));  // loopback
     }
     default:
+      if (command == 0x205 || (command >= 0x222 && command <= 0x227))
+        return slave_command(adapter, ch, request);
       if (command >= 0x20D && command <= 0x218 && (command <= 0x20F || command >= 0x213))
         return blocks_and_events(adapter, ch, request);
       return flash_command(adapter, ch, request);
@@ -198,7 +248,7 @@ SpiModel& spi_model(VirtualAdapter& adapter) {
 }
 
 void install_spi(VirtualAdapter& adapter) {
-  adapter.on(0x200, 0x218, handle_spi);
+  adapter.on(0x200, 0x227, handle_spi);
 }
 
 VARNEL_SIM_FAMILY(install_spi)

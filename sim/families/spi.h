@@ -26,6 +26,12 @@ struct SpiModel {
     std::vector<uint8_t> read_pattern{0xA5};     // what a bit read clocks in, repeated
     std::vector<std::vector<uint8_t>> sessions;  // every byte write, as the flash saw it
     bool event_never = false;                    // event-started transfers find no event (status 1)
+    // The slave port: a master elsewhere clocks in a running byte counter at this rate while the
+    // continuous read runs (and for each slave write-read), and reads what the host loaded.
+    uint32_t feed_bytes_per_ms = 1000;
+    bool streaming = false;
+    uint64_t stream_start_us = 0, fed = 0, counter = 0;
+    std::vector<uint8_t> slave_tx;
   };
   std::mutex mutex;
   std::array<Channel, kChannels> channels;

@@ -131,7 +131,7 @@ void Pollers::run(Slot& slot) {
         return;
       }
     }
-    sleep_for_ms(10);
+    sleep_for_ms(pause_ms_);
     for (uint8_t channel = 0; channel < channels_; ++channel) {
       if (!slot.flags[channel]) continue;
       const int r = step_(handle, channel);

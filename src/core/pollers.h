@@ -1,7 +1,8 @@
 // Receive pollers of the streaming families (CAN, CAN FD; later LIN, the slave streams, the ADC):
-// one thread per adapter that every 10 ms runs the family's fetch step for each channel being
-// polled. A poller works for its handle, not for a device index: a rescan renumbers the adapters
-// while the thread runs, so the step resolves the handle afresh every time.
+// one thread per adapter that every 10 ms (or the family's own pause) runs the family's fetch
+// step for each channel being polled. A poller works for its handle, not for a device index: a
+// rescan renumbers the adapters while the thread runs, so the step resolves the handle afresh every
+// time.
 #pragma once
 
 #include <array>
@@ -22,7 +23,9 @@ class Pollers {
   // One fetch of one channel; a negative result stops polling that channel and is kept as the
   // reason (a handle that is gone answers with a negative result too).
   using Step = std::function<int(uint32_t handle, uint8_t channel)>;
-  Pollers(int channels, Step step) : channels_(channels), step_(std::move(step)) {}
+  // The thread pauses `pause_ms` between rounds (10 ms for the CAN queues).
+  Pollers(int channels, Step step, int pause_ms = 10)
+      : channels_(channels), step_(std::move(step)), pause_ms_(pause_ms) {}
   ~Pollers();  // stops every channel and joins every thread
 
   // Polls the channel, starting the handle's thread when it is not running. 0, or -4 when no
@@ -56,6 +59,7 @@ class Pollers {
 
   const int channels_;
   const Step step_;
+  const int pause_ms_;
   mutable std::mutex table_mutex_;  // taken before a slot's mutex, never the other way round
   mutable Slot slots_[kSlots];
 };

@@ -3,9 +3,12 @@
 // calls (page program wrap, erase sequences, a flash that stays busy).
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "sim/families/spi.h"
 #include "support/wire_fixture.h"
@@ -204,6 +207,60 @@ TYPED_TEST_P(SpiCases, BlocksAndEventsSendTheirFieldsAndReportMissingEvents) {
   EXPECT_EQ(SpiBytes(in, in + 2), (SpiBytes{7, 7}));
 }
 
+inline std::atomic<int64_t> spi_callback_bytes{0};
+inline void count_spi_bytes(DevHandle, uint8_t, uint8_t*, int32_t n) {
+  spi_callback_bytes += n;
+}
+
+// The virtual master clocks in a running counter: what the host gets must run on without a gap.
+inline bool runs_on(const SpiBytes& bytes, uint8_t first) {
+  for (size_t i = 0; i < bytes.size(); ++i)
+    if (bytes[i] != uint8_t(first + i)) return false;
+  return true;
+}
+
+TYPED_TEST_P(SpiCases, SlaveSideReadsTheMastersBytesInOrderOnceOrAsAStream) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  uint8_t load[3] = {1, 2, 3};
+  EXPECT_EQ(SPI_SlaveWriteBytes(h, 0, load, 3, 100), 3);
+  EXPECT_EQ(this->take_request(), (SpiBytes{0, 0, 2, 5, 0, 0, 0, 8, 0, 0, 0, 0, 100, 1, 2, 3}));
+  SpiBytes once(5000);
+  ASSERT_EQ(SPI_SlaveReadBytes(h, 0, once.data(), 5000, 0), 5000);  // 5 ms of the master's bytes
+  EXPECT_TRUE(runs_on(once, once[0]));
+  EXPECT_EQ(this->bulk_on(h, 0x01).back().data, (SpiBytes{0, 0, 2, 0x26, 0, 0, 0, 1, 0}));
+
+  ASSERT_EQ(SPI_SlaveContinueRead(h, 1, nullptr), 0);
+  SpiBytes got;
+  uint8_t piece[4096];
+  for (int i = 0; i < 400 && got.size() < 20000; ++i) {
+    const int n = SPI_SlaveGetBytes(h, 1, piece, sizeof piece);
+    got.insert(got.end(), piece, piece + std::max(n, 0));
+    if (n <= 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_GE(got.size(), 20000u);
+  EXPECT_TRUE(runs_on(got, got[0]));
+  EXPECT_EQ(SPI_SlaveContinueReadStop(h, 1), 0);
+  while (SPI_SlaveGetBytes(h, 1, piece, sizeof piece) > 0) {
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(SPI_SlaveGetBytes(h, 1, piece, sizeof piece), 0);  // stopped: nothing more comes
+  EXPECT_EQ(VARNEL_SPI_SlaveDropped(h, 1), 0);
+
+  spi_callback_bytes = 0;
+  ASSERT_EQ(SPI_SlaveContinueRead(h, 0, count_spi_bytes), 0);
+  for (int i = 0; i < 400 && spi_callback_bytes < 10000; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_GE(spi_callback_bytes.load(), 10000);
+  EXPECT_EQ(SPI_SlaveGetBytes(h, 0, piece, sizeof piece), 0);  // the callback took them all
+  // the adapter goes away mid-stream: the stream ends by itself, nothing is left running
+  TypeParam::unplug(h);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const int64_t settled = spi_callback_bytes;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(spi_callback_bytes.load(), settled);
+}
+
 TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
   constexpr uint32_t h = kSpiHandle;
   Adapter adapter = this->plug_and_open(h);
@@ -256,6 +313,7 @@ REGISTER_TYPED_TEST_SUITE_P(SpiCases, EachCallSendsItsLayoutBigEndian,
                             FlashProgramsOnlyClearBitsAndWrapAtThePageEnd,
                             ErasesEnableWritingFirstAndPollTheBusyBit,
                             BlocksAndEventsSendTheirFieldsAndReportMissingEvents,
+                            SlaveSideReadsTheMastersBytesInOrderOnceOrAsAStream,
                             BadInputAndBadRepliesGiveTheirCodes);
 
 }  // namespace testing_support
