@@ -339,8 +339,8 @@ typedef struct CAN_FILTER_CONFIG {
   uint8_t FilterMode;  /* 0 mask mode, 1 list mode */
   uint8_t ExtFrame;    /* 1 when the identifier is 29-bit */
   uint32_t ID;
-  uint32_t IdIDE;   /* the identifier's IDE bit (bit 0) */
-  uint32_t IdRTR;   /* the identifier's RTR bit (bit 0) */
+  uint32_t IdIDE; /* the identifier's IDE bit (bit 0) */
+  uint32_t IdRTR; /* the identifier's RTR bit (bit 0) */
   uint32_t Mask;
   uint32_t MaskIDE; /* the mask's IDE bit (bit 0) */
   uint32_t MaskRTR; /* the mask's RTR bit (bit 0) */
@@ -365,8 +365,8 @@ VARNEL_API int CAN_Filter_Init(DevHandle DevHandle, uint8_t CANIndex, CAN_FILTER
 VARNEL_API int CAN_FilterList_Init(DevHandle DevHandle, uint8_t CANIndex, uint32_t* pIDList,
                                    uint8_t IDListLen);
 /* Extension: the CAN FD adapters' filter command (docs/can.md). */
-VARNEL_API int CANFD_SetFilter(DevHandle DevHandle, uint8_t CANIndex,
-                               CANFD_FILTER_CONFIG* pFilters, uint8_t Count);
+VARNEL_API int CANFD_SetFilter(DevHandle DevHandle, uint8_t CANIndex, CANFD_FILTER_CONFIG* pFilters,
+                               uint8_t Count);
 
 /* Cyclic sending held by the adapter: TableCount tables, table i with pCounts[i] records (taken
  * in order from pMsgs) and the 2 bytes at pTableValues[2i] as they lie in memory (our firmware:
@@ -419,7 +419,8 @@ VARNEL_STATIC_ASSERT(sizeof(CAN_UDS_ADDR) == 12, "CAN_UDS_ADDR is 12 bytes");
 #define CAN_UDS_ERR_FRAME (-105)       /* bad protocol byte, or a single frame longer than itself */
 #define CAN_UDS_ERR_OVERFLOW (-107)    /* the receiver answered flow control with overflow */
 #define CAN_UDS_ERR_DEVICE (-108)      /* no device index 0..59 for the handle */
-#define VARNEL_CAN_UDS_ERR_SIZE (-109) /* extension: the message does not fit the caller's buffer */
+#define VARNEL_CAN_UDS_ERR_SIZE (-109) /* extension: the message does not fit the caller's buffer \
+                                        */
 
 VARNEL_API int CAN_UDS_Config(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_CONFIG* pConfig);
 /* Sends a message of DataLen bytes; 0 when every frame went out. */
@@ -503,8 +504,8 @@ VARNEL_API int VARNEL_DbcFormatFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const
  * signal values are left alone. VARNEL_DbcEncodeFrame builds a frame from values in that order
  * (NaN: the signal's start value) and returns its length; a value outside the signal's range is
  * refused (-8) unless Flags has VARNEL_DBC_CLAMP, and so is a value for a multiplexed signal that
- * the multiplexor values (given or start values) do not select (-6). Both: -4 handle, -5 no message with that
- * identifier, -7 bad argument (or pData shorter than the message). */
+ * the multiplexor values (given or start values) do not select (-6). Both: -4 handle, -5 no message
+ * with that identifier, -7 bad argument (or pData shorter than the message). */
 #define VARNEL_DBC_STANDARD 1u
 #define VARNEL_DBC_CLAMP 1u
 VARNEL_API DBC_HANDLE VARNEL_DbcLoadFileEx(const char* pDBCFileName, uint32_t Options);
@@ -809,19 +810,19 @@ VARNEL_API int SPI_WriteBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex, uint
 VARNEL_API int SPI_ReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
                                     int32_t ReadLen, uint32_t EventPins, uint8_t EventType,
                                     uint32_t WaitMs);
-VARNEL_API int SPI_WriteReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
-                                         uint8_t* pWriteData, int32_t WriteLen,
-                                         uint8_t* pReadData, int32_t ReadLen, int32_t IntervalUs,
-                                         uint32_t EventPins, uint8_t EventType, uint32_t WaitMs);
+VARNEL_API int SPI_WriteReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pWriteData,
+                                         int32_t WriteLen, uint8_t* pReadData, int32_t ReadLen,
+                                         int32_t IntervalUs, uint32_t EventPins, uint8_t EventType,
+                                         uint32_t WaitMs);
 /* Each block waits for its own event (BlockCount x WaitMs at the most). */
 VARNEL_API int SPI_BlockWriteBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
                                           uint8_t* pWriteData, uint16_t BlockSize,
                                           uint16_t BlockCount, uint32_t IntervalUs,
                                           uint32_t EventPins, uint8_t EventType, uint32_t WaitMs);
-VARNEL_API int SPI_BlockReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
-                                         uint8_t* pReadData, uint16_t BlockSize,
-                                         uint16_t BlockCount, uint32_t IntervalUs,
-                                         uint32_t EventPins, uint8_t EventType, uint32_t WaitMs);
+VARNEL_API int SPI_BlockReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex, uint8_t* pReadData,
+                                         uint16_t BlockSize, uint16_t BlockCount,
+                                         uint32_t IntervalUs, uint32_t EventPins, uint8_t EventType,
+                                         uint32_t WaitMs);
 VARNEL_API int SPI_BlockWriteReadBytesOfEvent(DevHandle DevHandle, uint8_t SPIIndex,
                                               uint8_t* pWriteData, uint16_t WriteBlockSize,
                                               uint8_t* pReadData, uint16_t ReadBlockSize,
@@ -884,6 +885,38 @@ VARNEL_API int SPI_FlashEraseSector(DevHandle DevHandle, uint8_t SPIIndex, uint3
 VARNEL_API int SPI_FlashEraseChip(DevHandle DevHandle, uint8_t SPIIndex, int32_t TimeOutMs);
 VARNEL_API int SPI_FlashErase(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
                               int32_t Length, int32_t TimeOutMs);
+
+/* ===== ADC ================================================================================== */
+
+/* Inputs 0..7: bit n of ChannelMask samples input n. Samples are 16-bit values as the adapter
+ * sends them; ours sends 12-bit readings (0..4095), little-endian, the inputs of one instant in
+ * ascending order one after the other (docs/adc.md). Codes: -2 the command could not be written,
+ * -4 the reply could not be read, had another length or was refused, -7 a NULL buffer or a
+ * count out of range. */
+typedef void (*ADC_DATA_CALLBACK)(DevHandle DevHandle, uint16_t* pData, int32_t DataNum);
+/* Stores the mask and the rate (samples per second per input) and sends them. */
+VARNEL_API int ADC_Init(DevHandle DevHandle, uint8_t ChannelMask, uint32_t SampleRateHz);
+/* One block of SampleNumOfChannel samples of every input of the stored mask, straight into
+ * pData (SampleNumOfChannel x inputs samples). */
+VARNEL_API int ADC_Read(DevHandle DevHandle, uint16_t* pData, uint32_t SampleNumOfChannel);
+/* The adapter pushes packets of PacketSamples samples; a thread of the library receives them for
+ * Callback (called on that thread) or, with Callback NULL, queues them for ADC_GetData (at most
+ * 20 MiB; when full the oldest packet goes and is counted). A start while streaming stops the
+ * running stream first. USB adapters only: elsewhere the stream cannot start and the call gives
+ * -2 after stopping the adapter's side. */
+VARNEL_API int ADC_StartContinueRead(DevHandle DevHandle, uint8_t ChannelMask,
+                                     uint32_t SampleRateHz, uint32_t PacketSamples,
+                                     ADC_DATA_CALLBACK Callback);
+/* Tells the adapter to stop and ends the thread; no callback runs after it returns. Always 0. */
+VARNEL_API int ADC_StopContinueRead(DevHandle DevHandle);
+/* Whole queued packets, oldest first, as many as MaxSamples holds: the number of samples copied
+ * (0 when fewer than one packet fits); -7 for a NULL buffer, -1 for an unknown handle. */
+VARNEL_API int ADC_GetData(DevHandle DevHandle, uint16_t* pData, int32_t MaxSamples);
+/* Extension: packets the full queue dropped since the stream started. */
+VARNEL_API int64_t VARNEL_ADC_Dropped(DevHandle DevHandle);
+/* Extension: the queue's bound in bytes for the next start (at least one packet is kept);
+ * 0 restores 20 MiB. 0, or -1 for an unknown handle. */
+VARNEL_API int VARNEL_ADC_SetQueueLimit(DevHandle DevHandle, uint32_t Bytes);
 
 /* ===== Library extensions (settings outside the adapter families) =========================== */
 

@@ -411,9 +411,9 @@ int LIBUSB_CALL libusb_control_transfer(libusb_device_handle* dev_handle, uint8_
     std::memcpy(data, &identity, 4);  // the firmware sends its identity in host byte order
     log.data.assign(data, data + 4);
     result = 4;
-  } else if (result == 0 && request_type == 0x41 && bRequest == 0x60) {
-    device->adapter->reset();
-  } else if (result == 0 && request_type != 0x41) {
+  } else if (result == 0 && request_type == 0x41 && wLength == 0) {
+    if (!device->adapter->control_out(bRequest)) result = LIBUSB_ERROR_PIPE;
+  } else if (result == 0) {
     result = LIBUSB_ERROR_PIPE;  // the firmware stalls requests it does not know
   }
   log.result = result;
@@ -525,13 +525,24 @@ int complete_ready_transfers() {
 
 }  // namespace
 
+namespace {
+std::atomic<int> interrupts{0};  // wake-ups asked for and not yet taken by an event pump
+}  // namespace
+
 int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context*, struct timeval* tv, int*) {
   auto deadline = std::chrono::steady_clock::now() +
                   (tv ? std::chrono::seconds(tv->tv_sec) + std::chrono::microseconds(tv->tv_usec)
                       : std::chrono::seconds(60));
-  while (complete_ready_transfers() == 0 && std::chrono::steady_clock::now() < deadline)
+  while (complete_ready_transfers() == 0 && std::chrono::steady_clock::now() < deadline) {
+    for (int pending = interrupts; pending > 0;)
+      if (interrupts.compare_exchange_weak(pending, pending - 1)) return 0;
     std::this_thread::sleep_for(std::chrono::microseconds(500));
+  }
   return 0;
+}
+
+void LIBUSB_CALL libusb_interrupt_event_handler(libusb_context*) {
+  ++interrupts;
 }
 
 int LIBUSB_CALL libusb_handle_events_timeout(libusb_context* ctx, struct timeval* tv) {

@@ -163,6 +163,33 @@ void VirtualAdapter::push_stream_data(std::vector<uint8_t> bytes) {
   output_ready_.notify_all();
 }
 
+void VirtualAdapter::set_stream_source(StreamSource source) {
+  std::lock_guard guard(output_mutex_);
+  stream_source_ = std::move(source);
+}
+
+void VirtualAdapter::on_control(uint8_t request, std::function<void(VirtualAdapter&)> handler) {
+  std::lock_guard guard(handlers_mutex_);
+  control_handlers_[request] = std::move(handler);
+}
+
+bool VirtualAdapter::control_out(uint8_t request) {
+  constexpr uint8_t kRequestReset = 0x60;
+  if (request == kRequestReset) {
+    reset();
+    return true;
+  }
+  std::function<void(VirtualAdapter&)> handler;
+  {
+    std::lock_guard guard(handlers_mutex_);
+    auto it = control_handlers_.find(request);
+    if (it == control_handlers_.end()) return false;
+    handler = it->second;
+  }
+  handler(*this);
+  return true;
+}
+
 int VirtualAdapter::read(uint8_t* out, size_t max, std::chrono::milliseconds timeout) {
   return read_impl(out, max, timeout, false);
 }
@@ -176,6 +203,10 @@ int VirtualAdapter::read_impl(uint8_t* out, size_t max, std::chrono::millisecond
   std::unique_lock guard(output_mutex_);
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (true) {
+    if (!stream && segments_.empty() && stream_source_) {  // USB only: not into a TCP stream
+      std::vector<uint8_t> due = stream_source_();
+      if (!due.empty()) segments_.push_back({std::move(due), 0, std::chrono::steady_clock::now()});
+    }
     if (!segments_.empty()) {
       auto ready_at = segments_.front().ready_at;
       if (ready_at <= std::chrono::steady_clock::now()) break;
@@ -215,6 +246,7 @@ void VirtualAdapter::reset() {
   }
   std::lock_guard guard(output_mutex_);
   segments_.clear();
+  stream_source_ = nullptr;
   ++resets_;
 }
 

@@ -104,6 +104,17 @@ class VirtualAdapter {
 
   // Queues raw bytes for the IN side, outside any reply (continuous data streams).
   void push_stream_data(std::vector<uint8_t> bytes);
+  // A stream the firmware produces on demand (the ADC's packets): when the host reads and nothing
+  // is queued, the source is asked, under the output lock, for the bytes due by now (maybe
+  // none). An empty function ends the stream; so does a reset.
+  using StreamSource = std::function<std::vector<uint8_t>()>;
+  void set_stream_source(StreamSource source);
+
+  // Vendor OUT requests without data (request type 0x41). The adapter knows the reset (0x60);
+  // families add theirs. False: the firmware stalls the request.
+  void on_control(uint8_t request, std::function<void(VirtualAdapter&)> handler);
+  bool control_out(uint8_t request);
+
   // Queues a whole packet as if a handler had produced it (unsolicited data, tests).
   void push_reply(const Packet& reply);
 
@@ -148,6 +159,7 @@ class VirtualAdapter {
     Handler handler;
   };
   std::vector<Route> routes_;
+  std::map<uint8_t, std::function<void(VirtualAdapter&)>> control_handlers_;
 
   std::mutex input_mutex_;  // serialises receive(): packets are dispatched in arrival order
   std::vector<uint8_t> partial_;
@@ -155,6 +167,7 @@ class VirtualAdapter {
   mutable std::mutex output_mutex_;
   std::condition_variable output_ready_;
   std::deque<Segment> segments_;
+  StreamSource stream_source_;
   std::vector<Packet> received_;
   uint32_t order_violations_ = 0;
   uint32_t resets_ = 0;

@@ -26,7 +26,6 @@ namespace usbfs {
 namespace {
 
 constexpr uint8_t kRequestIdentity = 0x50;
-constexpr uint8_t kRequestReset = 0x60;
 // What an xHCI host reports: one URB per transfer of any size, zero-length packets on request.
 constexpr uint32_t kCapabilities =
     USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM;
@@ -225,7 +224,8 @@ void complete(Node& node, ClientUrbs& urbs, Urb urb, int status, int actual) {
   urbs.completed.push_back(urb);
 }
 
-// The adapter answers the two vendor requests the library makes; it stalls any other.
+// The adapter answers its identity request and the vendor OUT requests its firmware knows; it
+// stalls any other.
 void control(Node& node, ClientUrbs& urbs, Urb urb) {
   uint8_t* setup = urb.buffer ? urb.buffer->data : nullptr;
   if (!setup || urb.fields()->buffer_length < 8) return complete(node, urbs, urb, -EPIPE, 0);
@@ -236,10 +236,8 @@ void control(Node& node, ClientUrbs& urbs, Urb urb) {
     std::memcpy(setup + 8, &identity, 4);  // the firmware answers in host byte order
     return complete(node, urbs, urb, 0, 4);
   }
-  if (type == 0x41 && request == kRequestReset) {
-    node.adapter->reset();
+  if (type == 0x41 && length == 0 && node.adapter->control_out(request))
     return complete(node, urbs, urb, 0, 0);
-  }
   complete(node, urbs, urb, -EPIPE, 0);
 }
 

@@ -84,7 +84,11 @@ void BulkInStream::stop() {
     std::lock_guard guard(submit_mutex_);
     stop_ = true;
   }
-  if (worker_.joinable()) worker_.join();
+  // The worker may sit in a two-second pass of the event pump with nothing arriving: wake it.
+  if (worker_.joinable()) {
+    libusb_interrupt_event_handler(usb_context());
+    worker_.join();
+  }
   if (!transfer_) return;
   pump_for(options_.drain_passes, options_.drain_pass_ms);
   {
