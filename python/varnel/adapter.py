@@ -123,6 +123,12 @@ class Adapter:
 
         return SpiPort(self, channel, clock_hz=clock_hz, mode=mode)
 
+    def adc(self):
+        """The analogue inputs; see varnel.adc.Adc."""
+        from .adc import Adc
+
+        return Adc(self)
+
     def uds(self, channel, txid, rxid, **options):
         """A diagnostic client on an initialised CAN channel; see varnel.uds.UdsClient."""
         from .uds import UdsClient

@@ -140,7 +140,17 @@ SPI = {
     "SPI_FlashErase": (_int, [_u32, _u8, _u32, _i32, _i32], COUNT),
     "SPI_FlashEraseChip": (_int, [_u32, _u8, _i32], COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI)
+_u16p = ctypes.POINTER(ctypes.c_uint16)
+ADC_CALLBACK = ctypes.CFUNCTYPE(None, _u32, _u16p, _i32)
+ADC = {
+    "ADC_Init": (_int, [_u32, _u8, _u32], COUNT),
+    "ADC_Read": (_int, [_u32, _u16p, _u32], COUNT),
+    "ADC_StartContinueRead": (_int, [_u32, _u8, _u32, _u32, ADC_CALLBACK], COUNT),
+    "ADC_StopContinueRead": (_int, [_u32], COUNT),
+    "ADC_GetData": (_int, [_u32, _u16p, _i32], COUNT),
+    "VARNEL_ADC_Dropped": (_i64, [_u32], COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC)
 
 
 def _raise_on_negative(result, function, _args):

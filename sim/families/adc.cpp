@@ -86,6 +86,7 @@ std::optional<Packet> handle_adc(VirtualAdapter& adapter, const Packet& request)
       std::lock_guard guard(model.mutex);
       model.mask = request.payload[0];
       model.rate = be32(request.payload, 1);
+      model.next_instant = 0;  // a new configuration starts the conversion over
       return reply_with(kInit);
     }
     case kRead:

@@ -19,7 +19,7 @@ struct AdcModel {
   AdcSignals signals;
   uint8_t mask = 0;
   uint32_t rate = 0;
-  uint64_t next_instant = 0;  // block reads continue where the last one ended
+  uint64_t next_instant = 0;  // block reads continue where the last one ended, until an init
   struct Stream {
     bool running = false;
     uint8_t mask = 0;
