@@ -306,3 +306,15 @@ TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
     varnel::net_forget_all();
   }
 }
+
+// A network adapter has no bulk-in stream: the start gives up cleanly, and no stream bytes reach
+// the TCP stream to answer the next request.
+TEST_F(NetTransport, AdcStreamDoesNotStartOverTcpAndBlockReadsGoOn) {
+  auto daemon = start();
+  ASSERT_EQ(ADC_Init(kHandle, 0x01, 1000), 0);
+  EXPECT_EQ(ADC_StartContinueRead(kHandle, 0x01, 1000000, 64, nullptr), -2);
+  ASSERT_EQ(ADC_Init(kHandle, 0x01, 1000), 0);
+  uint16_t block[3] = {};
+  ASSERT_EQ(ADC_Read(kHandle, block, 3), 0);
+  EXPECT_EQ(std::vector<uint16_t>(block, block + 3), (std::vector<uint16_t>{0, 1, 2}));
+}

@@ -1,7 +1,21 @@
-// The shared ADC cases over the usbsim.
+// The shared ADC cases over the usbsim, and the block read's reply time-out.
 #include "support/adc_cases.h"
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
 INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, AdcCases, UsbsimLayer);
+
+// A block waits its duration at the rate and 3 s more: 2 samples at 2 per second,
+// (2000 - 1000) / 2 + 3000 = 3500 ms, outlast a reply 3.3 s late. (One sample per input waits
+// 100 ms, which the USB transport's floor of a second hides.)
+TEST(AdcReadTimeout, GrowsWithTheBlocksDurationAtTheRate) {
+  UsbsimLayer::unplug_all();
+  Adapter adapter = UsbsimLayer::plug(kAdcHandle, {});
+  ASSERT_TRUE(scan_until_listed(kAdcHandle) && USB_OpenDevice(kAdcHandle));
+  uint16_t samples[2];
+  ASSERT_EQ(ADC_Init(kAdcHandle, 0x01, 2), 0);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 3300, 0x501});
+  EXPECT_EQ(ADC_Read(kAdcHandle, samples, 2), 0);
+  UsbsimLayer::unplug_all();
+}
 }  // namespace testing_support
