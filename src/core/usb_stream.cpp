@@ -44,6 +44,7 @@ void BulkInStream::on_transfer_done(libusb_transfer* transfer) {
     case LIBUSB_TRANSFER_COMPLETED:
       if (self->on_data_) self->on_data_(transfer->buffer, transfer->actual_length);
       if (self->resubmit(transfer)) return;
+      self->stop_ = true;  // stopping, or the adapter went away between two transfers
       break;
     case LIBUSB_TRANSFER_STALL:      // the firmware stalls the pipe when it goes away
     case LIBUSB_TRANSFER_NO_DEVICE:  // unplugged
