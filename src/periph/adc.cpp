@@ -42,8 +42,8 @@ struct AdcDevice {
   PacketQueue queue;
 };
 
-// Created at the first ADC call, after the USB context: destroyed before it at exit, so a stream
-// left running is stopped while libusb is still there.
+// The table lives until exit (the libusb context does too); a stream left running is stopped at
+// exit, so that its thread is joined before the process ends.
 std::array<AdcDevice, kMaxDevices>& devices() {
   static auto* table = new std::array<AdcDevice, kMaxDevices>;
   static struct Reaper {
