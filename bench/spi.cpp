@@ -22,10 +22,8 @@ struct Bench {
     USB_ScanDevice(nullptr);
     USB_OpenDevice(kHandle);
     SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, 10000000};
-    SPI_FLASH_CONFIG flash{};
-    const uint8_t commands[14] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20,
-                                  0xC7, 0,    0,    0,    0,    0,    0x05};
-    std::copy(commands, commands + 14, flash.Commands);
+    SPI_FLASH_CONFIG flash;
+    VARNEL_SPI_NorFlashConfig(&flash, 1 << 20);
     ok = SPI_Init(kHandle, 0, &config) == 0 && SPI_FlashInit(kHandle, 0, 10000000, &flash) == 0;
   }
   ~Bench() { usbsim::unplug_all(); }

@@ -14,12 +14,8 @@ bool spi_flash_step(DemoContext& demo) {
   if (!demo.need_adapter()) return false;
   const uint32_t h = demo.handle;
   SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, 10000000};
-  SPI_FLASH_CONFIG flash{};
-  const uint8_t commands[14] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20,
-                                0xC7, 0,    0,    0,    0,    0,    0x05};
-  std::copy(commands, commands + 14, flash.Commands);
-  flash.Param64 = 1 << 20;
-  flash.Param32 = 256;
+  SPI_FLASH_CONFIG flash;
+  VARNEL_SPI_NorFlashConfig(&flash, 1 << 20);
   int rc = SPI_Init(h, 0, &config);
   if (!demo.check(rc == 0, "SPI_Init", rc)) return false;
   rc = SPI_FlashInit(h, 0, 10000000, &flash);
