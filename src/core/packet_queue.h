@@ -9,19 +9,19 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace varnel {
 
 class PacketQueue {
  public:
-  // Packets of at most `packet_bytes`, as many as `limit_bytes` holds (at least one).
+  // Packets of at most `packet_bytes`, as many as `limit_bytes` of samples hold (at least one);
+  // each slot keeps its packet's length before the bytes.
   void reset(size_t packet_bytes, size_t limit_bytes) {
     std::lock_guard guard(mutex_);
     packet_bytes_ = std::max<size_t>(packet_bytes, 1);
+    slot_bytes_ = sizeof(uint32_t) + packet_bytes_;
     slots_ = std::max<size_t>(limit_bytes / packet_bytes_, 1);
     storage_.reset();
-    lengths_.assign(slots_, 0);
     head_ = size_ = 0;
     dropped_ = 0;
   }
@@ -29,29 +29,31 @@ class PacketQueue {
   void append(const uint8_t* data, size_t size) {
     std::lock_guard guard(mutex_);
     if (slots_ == 0) return;
-    if (!storage_) storage_ = std::make_unique<uint8_t[]>(slots_ * packet_bytes_);
+    if (!storage_) storage_ = std::make_unique<uint8_t[]>(slots_ * slot_bytes_);
     if (size_ == slots_) {  // full: the oldest packet makes room
       head_ = (head_ + 1) % slots_;
       --size_;
       ++dropped_;
     }
-    const size_t slot = (head_ + size_) % slots_;
-    size = std::min(size, packet_bytes_);
-    std::memcpy(&storage_[slot * packet_bytes_], data, size);
-    lengths_[slot] = size;
+    uint8_t* slot = &storage_[(head_ + size_) % slots_ * slot_bytes_];
+    const auto length = uint32_t(std::min(size, packet_bytes_));
+    std::memcpy(slot, &length, sizeof length);
+    std::memcpy(slot + sizeof length, data, length);
     ++size_;
   }
 
-  // Whole packets, oldest first, while the next one fits in `capacity` bytes counted as whole
-  // packets: nothing is taken unless a full-size packet fits, and no packet is split. The bytes
+  // Whole packets, oldest first, while a full-size packet still fits in `capacity` bytes: no
+  // packet is split, and a short one still counts as a whole one against the capacity. The bytes
   // copied.
   size_t take(uint8_t* out, size_t capacity) {
     std::lock_guard guard(mutex_);
     size_t copied = 0;
     while (size_ > 0 && capacity >= packet_bytes_) {
-      const size_t n = lengths_[head_];
-      std::memcpy(out + copied, &storage_[head_ * packet_bytes_], n);
-      copied += n;
+      const uint8_t* slot = &storage_[head_ * slot_bytes_];
+      uint32_t length;
+      std::memcpy(&length, slot, sizeof length);
+      std::memcpy(out + copied, slot + sizeof length, length);
+      copied += length;
       capacity -= packet_bytes_;
       head_ = (head_ + 1) % slots_;
       --size_;
@@ -59,10 +61,6 @@ class PacketQueue {
     return copied;
   }
 
-  size_t size() const {
-    std::lock_guard guard(mutex_);
-    return size_;
-  }
   uint64_t dropped() const {
     std::lock_guard guard(mutex_);
     return dropped_;
@@ -71,9 +69,9 @@ class PacketQueue {
  private:
   mutable std::mutex mutex_;
   size_t packet_bytes_ = 1;
+  size_t slot_bytes_ = 1;
   size_t slots_ = 0;
   std::unique_ptr<uint8_t[]> storage_;
-  std::vector<size_t> lengths_;
   size_t head_ = 0;
   size_t size_ = 0;
   uint64_t dropped_ = 0;
