@@ -37,6 +37,7 @@ struct AdcDevice {
   std::atomic<uint32_t> rate{0};
   std::atomic<uint32_t> packet_samples{0};
   std::atomic<ADC_DATA_CALLBACK> callback{nullptr};
+  std::atomic<bool> queueing{false};  // the stream was started without a callback
   std::atomic<size_t> queue_limit{kDefaultQueueLimit};
   std::unique_ptr<BulkInStream> stream;
   PacketQueue queue;
@@ -73,33 +74,36 @@ int read_timeout_ms(uint32_t samples_per_channel, uint32_t rate) {
   return int(std::min<uint64_t>(duration_ms + kConfigTimeoutMs, INT_MAX));
 }
 
+void tell_adapter_to_stop(uint32_t handle) {
+  DeviceLockGuard lock(handle);
+  usb_control_out(handle, kRequestStreamStop, kConfigTimeoutMs);
+}
+
 // Stops the adapter's side and reaps the thread. The caller holds the device's control mutex.
 void stop_stream(uint32_t handle, AdcDevice& device) {
-  if (!device.stream || device.stream->stopped()) {
-    device.stream.reset();  // a stream the adapter's unplug ended still has a thread to join
-    return;
+  if (device.stream && !device.stream->stopped()) {
+    tell_adapter_to_stop(handle);
+    device.callback = nullptr;
   }
-  {
-    DeviceLockGuard lock(handle);
-    usb_control_out(handle, kRequestStreamStop, kConfigTimeoutMs);
-  }
-  device.callback = nullptr;
-  device.stream.reset();  // cancels, drains and joins; bounded by the pump's 2 s and the drain
+  // Cancels, drains and joins (the pump is woken, the drain is bounded); a stream that the
+  // adapter's unplug ended still has a thread to join.
+  device.stream.reset();
 }
 
 void on_packet(uint32_t handle, AdcDevice& device, const uint8_t* data, int size) {
   if (ADC_DATA_CALLBACK callback = device.callback) {
     // The transfer's buffer comes from new[], aligned for 16-bit samples.
     callback(handle, reinterpret_cast<uint16_t*>(const_cast<uint8_t*>(data)), size / 2);
-    return;
-  }
-  device.queue.append(data, size_t(size));
+  } else if (device.queueing) {
+    device.queue.append(data, size_t(size));
+  }  // else a callback stream is stopping: what arrives during the drain is not the queue's
 }
 
 int start_stream(uint32_t handle, AdcDevice& device, ADC_DATA_CALLBACK callback) {
   const size_t packet_bytes = size_t(device.packet_samples) * 2;
   device.queue.reset(packet_bytes, device.queue_limit);
   device.callback = callback;
+  device.queueing = callback == nullptr;
   BulkInStream::Options options;
   options.buffer_size = int(packet_bytes);
   device.stream = std::make_unique<BulkInStream>(
@@ -108,10 +112,7 @@ int start_stream(uint32_t handle, AdcDevice& device, ADC_DATA_CALLBACK callback)
   if (device.stream->start()) return 0;
   // No transfer could be submitted (not a USB adapter, or it went away): the adapter is told to
   // stop as ADC_StopContinueRead does.
-  {
-    DeviceLockGuard lock(handle);
-    usb_control_out(handle, kRequestStreamStop, kConfigTimeoutMs);
-  }
+  tell_adapter_to_stop(handle);
   device.stream.reset();
   return result::kWriteFailed;
 }
