@@ -5,17 +5,19 @@
 namespace testing_support {
 INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, AdcCases, UsbsimLayer);
 
-// A block waits its duration at the rate and 3 s more: 2 samples at 2 per second,
-// (2000 - 1000) / 2 + 3000 = 3500 ms, outlast a reply 3.3 s late. (One sample per input waits
-// 100 ms, which the USB transport's floor of a second hides.)
-TEST(AdcReadTimeout, GrowsWithTheBlocksDurationAtTheRate) {
+// A block waits its duration at the rate and 3 s more: at 2 samples per second, 3 samples wait
+// (3000 - 1000) / 2 + 3000 = 4000 ms and outlast a reply 3.7 s late, 2 samples wait 3500 ms and
+// do not. (One sample per input waits 100 ms, which the USB transport's floor of a second hides.)
+TEST(AdcReadTimeout, IsTheBlocksDurationAtTheRateAndThreeSeconds) {
   UsbsimLayer::unplug_all();
   Adapter adapter = UsbsimLayer::plug(kAdcHandle, {});
   ASSERT_TRUE(scan_until_listed(kAdcHandle) && USB_OpenDevice(kAdcHandle));
-  uint16_t samples[2];
+  uint16_t samples[3];
   ASSERT_EQ(ADC_Init(kAdcHandle, 0x01, 2), 0);
-  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 3300, 0x501});
-  EXPECT_EQ(ADC_Read(kAdcHandle, samples, 2), 0);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 3700, 0x501});
+  EXPECT_EQ(ADC_Read(kAdcHandle, samples, 3), 0);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 3700, 0x501});
+  EXPECT_EQ(ADC_Read(kAdcHandle, samples, 2), -4);
   UsbsimLayer::unplug_all();
 }
 }  // namespace testing_support
