@@ -93,7 +93,9 @@ TYPED_TEST_P(AdcCases, BadRepliesAndBadArgumentsGiveTheirCodes) {
   adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 1, 0x500});
   EXPECT_EQ(ADC_Init(kAdcHandle, 0x01, 1000), -4);  // a reply with data is a refusal
   EXPECT_EQ(ADC_Read(kAdcHandle, nullptr, 4), -7);
+  EXPECT_EQ(ADC_Read(kAdcHandle, nullptr, 0), 0) << "an empty block needs no buffer";
   EXPECT_EQ(ADC_GetData(kAdcHandle, nullptr, 4), -7);
+  EXPECT_EQ(ADC_GetData(kAdcHandle, samples, 0), 0);
   EXPECT_EQ(ADC_StartContinueRead(kAdcHandle, 1, 1000, 0, nullptr), -7);
   EXPECT_EQ(ADC_GetData(0x0BADF00D, samples, 8), -1);
 }
