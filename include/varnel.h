@@ -413,14 +413,15 @@ VARNEL_STATIC_ASSERT(sizeof(CAN_UDS_ADDR) == 12, "CAN_UDS_ADDR is 12 bytes");
 #pragma pack(pop)
 
 /* Result codes of the UDS calls, beside the send calls' own (-2, -4). */
-#define CAN_UDS_ERR_SEND_COUNT (-99)   /* the adapter took another number of frames than sent */
-#define CAN_UDS_ERR_TIMEOUT (-101)     /* no flow control / no whole message in time */
-#define CAN_UDS_ERR_SEQUENCE (-103)    /* consecutive frame out of sequence */
-#define CAN_UDS_ERR_FRAME (-105)       /* bad protocol byte, or a single frame longer than itself */
-#define CAN_UDS_ERR_OVERFLOW (-107)    /* the receiver answered flow control with overflow */
-#define CAN_UDS_ERR_DEVICE (-108)      /* no device index 0..59 for the handle */
-#define VARNEL_CAN_UDS_ERR_SIZE (-109) /* extension: the message does not fit the caller's buffer \
-                                        */
+#define CAN_UDS_ERR_SEND_COUNT (-99) /* the adapter took another number of frames than sent */
+#define CAN_UDS_ERR_TIMEOUT (-101)   /* no flow control / no whole message in time */
+#define CAN_UDS_ERR_SEQUENCE (-103)  /* consecutive frame out of sequence */
+#define CAN_UDS_ERR_FRAME (-105)     /* bad protocol byte, or a single frame longer than itself */
+#define CAN_UDS_ERR_OVERFLOW (-107)  /* the receiver answered flow control with overflow */
+#define CAN_UDS_ERR_DEVICE (-108)    /* no device index 0..59 for the handle */
+#define VARNEL_CAN_UDS_ERR_SIZE                                     \
+  (-109) /* extension: the message does not fit the caller's buffer \
+          */
 
 VARNEL_API int CAN_UDS_Config(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_CONFIG* pConfig);
 /* Sends a message of DataLen bytes; 0 when every frame went out. */
@@ -434,6 +435,100 @@ VARNEL_API int CAN_UDS_Response(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_A
  * as its length is known, with nothing written past the buffer. */
 VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
                                         uint8_t* pResData, uint32_t Size, int32_t TimeOutMs);
+
+/* ===== LIN ================================================================================== */
+
+/* Channels 0..7, as bus master (mode 1) or slave (mode 0). Codes: -2 the command could not be
+ * written, -4 the reply could not be read, had another length or was refused (or a master call got
+ * other than one record back), -5 the channel is not initialised, -7 a device index or channel out
+ * of range, a NULL pointer, a count of 0 or a stored baud rate below 101. */
+#define VARNEL_LIN_MAX_CHANNELS 8
+#define VARNEL_LIN_BUFFER_SIZE 10001 /* LIN_EX_GetMsg keeps at most this many frames a channel */
+
+/* MsgType */
+#define LIN_EX_MSG_TYPE_MW 1 /* master write: header and data */
+#define LIN_EX_MSG_TYPE_MR 2 /* master read: header, a slave answers */
+#define LIN_EX_MSG_TYPE_SW 3 /* slave response (bit 7 may be set) */
+#define LIN_EX_MSG_TYPE_SC 4 /* slave entry with its checksum computed */
+#define LIN_EX_MSG_TYPE_BK 5 /* break only */
+#define LIN_EX_MSG_TYPE_SR 8 /* incoming: the checksum read back as the last data byte */
+#define LIN_EX_MSG_TYPE_DA 9 /* incoming: 8 data bytes, the checksum in Check */
+/* CheckType: outgoing what to send; incoming the verdict on the checksum */
+#define LIN_EX_CHECK_STD 0   /* classic: data only / matched the classic sum */
+#define LIN_EX_CHECK_EXT 1   /* enhanced: PID and data / matched the enhanced sum */
+#define LIN_EX_CHECK_USER 2  /* the caller's Check as it is / not checked */
+#define LIN_EX_CHECK_NONE 3  /* no checksum / none to check */
+#define LIN_EX_CHECK_ERROR 4 /* incoming: matched neither sum */
+
+#pragma pack(push, 1)
+/* One LIN frame, 20 bytes, the same in both directions and on the wire. */
+typedef struct LIN_EX_MSG {
+  uint32_t TimeStamp; /* out: delay or interval in ms; in: the device's time stamp (ms) */
+  uint8_t MsgType;
+  uint8_t CheckType;
+  uint8_t DataLen; /* 0..8 */
+  uint8_t Sync;    /* set to 0x55 by the library */
+  uint8_t PID;     /* the 6-bit ID is enough: both parity bits are recomputed */
+  uint8_t Data[8]; /* below 8 bytes, Data[DataLen] also gets the checksum */
+  uint8_t Check;
+  uint8_t BreakBits; /* 10..40, else 13 */
+  uint8_t Tag; /* out: repeat count in schedules (0 counts as 1); in: request kind << 4 | ch */
+} LIN_EX_MSG;
+VARNEL_STATIC_ASSERT(sizeof(LIN_EX_MSG) == 20, "LIN_EX_MSG is 20 bytes");
+#pragma pack(pop)
+
+VARNEL_API int LIN_EX_Init(DevHandle DevHandle, uint8_t LINIndex, uint32_t BaudRate,
+                           uint8_t MasterMode);
+/* The three settings go to the adapter as they are (A, then C, then B). */
+VARNEL_API int LIN_EX_Init2(DevHandle DevHandle, uint8_t LINIndex, uint32_t BaudRate,
+                            uint8_t MasterMode, uint32_t SettingA, uint32_t SettingB,
+                            uint32_t SettingC);
+VARNEL_API int LIN_EX_Stop(DevHandle DevHandle, uint8_t LINIndex);
+/* Sends the records (split into pieces the adapter takes) and writes what the bus returned, judged,
+ * to pOutMsg: the number of records returned. */
+VARNEL_API int LIN_EX_MasterSync(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pInMsg,
+                                 LIN_EX_MSG* pOutMsg, uint32_t MsgLen);
+VARNEL_API int LIN_EX_MasterBreak(DevHandle DevHandle, uint8_t LINIndex);
+VARNEL_API int LIN_EX_MasterWrite(DevHandle DevHandle, uint8_t LINIndex, uint8_t PID,
+                                  uint8_t* pData, uint8_t DataLen, uint8_t CheckType);
+/* pData: 8 bytes, zeroed first. The number of data bytes read; 0 for a bad checksum. */
+VARNEL_API int LIN_EX_MasterRead(DevHandle DevHandle, uint8_t LINIndex, uint8_t PID,
+                                 uint8_t* pData);
+/* Plays the records once as a schedule and collects what the bus returned: the number received
+ * (at most MsgLen are written). Sets Tag to 1 in pInMsg. */
+VARNEL_API int LIN_EX_MasterSendMsg(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pInMsg,
+                                    LIN_EX_MSG* pOutMsg, uint32_t MsgLen);
+VARNEL_API int LIN_EX_MasterStartSch(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pMsg,
+                                     uint32_t MsgLen);
+VARNEL_API int LIN_EX_MasterStopSch(DevHandle DevHandle, uint8_t LINIndex);
+/* pMsg must hold the whole schedule (at most 128 records). */
+VARNEL_API int LIN_EX_MasterGetSch(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pMsg);
+VARNEL_API int LIN_EX_MasterGetSchState(DevHandle DevHandle, uint8_t LINIndex);
+VARNEL_API int LIN_EX_MasterSetSchRunTimes(DevHandle DevHandle, uint8_t LINIndex,
+                                           uint32_t RunTimes);
+VARNEL_API int LIN_EX_SlaveSetIDMode(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pLINMsg,
+                                     uint32_t MsgLen);
+/* pLINMsg must hold the adapter's whole slave table (VARNEL_LIN_SLAVE_TABLE_SIZE records). */
+VARNEL_API int LIN_EX_SlaveGetIDMode(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pLINMsg);
+VARNEL_API int LIN_EX_SetSlaveRespData(DevHandle DevHandle, uint8_t LINIndex, uint8_t PID,
+                                       uint8_t BytesPerFrame, uint8_t* pData, uint32_t DataLen,
+                                       uint8_t CheckType, int32_t Mode);
+VARNEL_API int LIN_EX_StopSlaveResp(DevHandle DevHandle, uint8_t LINIndex, uint8_t PID);
+/* pLINMsg must hold VARNEL_LIN_FETCH_SIZE records. */
+VARNEL_API int LIN_EX_SlaveGetData(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pLINMsg);
+/* Frames the channel saw, through the host buffer: up to MaxMsgNum, oldest first. */
+VARNEL_API int LIN_EX_GetMsg(DevHandle DevHandle, uint8_t LINIndex, LIN_EX_MSG* pLINMsg,
+                             int32_t MaxMsgNum);
+/* 0 off, 5 and 12 volts (13 and more count as 12). */
+VARNEL_API int LIN_EX_CtrlPowerOut(DevHandle DevHandle, uint8_t LINIndex, uint8_t State);
+/* The battery voltage in mV. */
+VARNEL_API int LIN_EX_GetVbatValue(DevHandle DevHandle, uint16_t* pBatValue);
+VARNEL_API int LIN_EX_SetBusState(DevHandle DevHandle, uint8_t LINIndex, uint8_t State);
+VARNEL_API int LIN_EX_ResetStartTime(DevHandle DevHandle, uint8_t LINIndex);
+VARNEL_API int LIN_EX_SetStartTime(DevHandle DevHandle, uint8_t LINIndex, uint64_t StartTime);
+VARNEL_API int64_t LIN_EX_GetStartTime(DevHandle DevHandle, uint8_t LINIndex);
+#define VARNEL_LIN_SLAVE_TABLE_SIZE 64 /* records LIN_EX_SlaveGetIDMode may write */
+#define VARNEL_LIN_FETCH_SIZE 512      /* records LIN_EX_SlaveGetData may write */
 
 /* ===== DBC database files =================================================================== */
 

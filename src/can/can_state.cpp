@@ -34,11 +34,4 @@ int channel_device(uint32_t handle, uint8_t channel) {
   return device;
 }
 
-uint64_t read_start_time(uint32_t handle) {
-  DEV_CorrectionTimestamp(handle);
-  const uint64_t host_ms = wall_clock_ms();
-  const int64_t device_ms = DEV_GetTimestampMs(handle);  // 0: not sent, -1: not read
-  return host_ms - uint64_t(device_ms);
-}
-
 }  // namespace varnel::can

@@ -2,6 +2,8 @@
 // channel.
 #pragma once
 
+#include "core/device.h"
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -69,8 +71,5 @@ class DataLock {
   uint8_t channel_;
 };
 
-// Start times: CAN_ResetStartTime's arithmetic (host ms - device ms; the device time counts as 0
-// when the command could not be sent and -1 when the reply could not be read).
-uint64_t read_start_time(uint32_t handle);
 
 }  // namespace varnel::can

@@ -242,3 +242,14 @@ VARNEL_API bool DEV_GetDllBuildTime(char* pBuildTime) {
                 month_number(month), day, __TIME__);
   return true;
 }
+
+namespace varnel {
+
+uint64_t read_start_time(uint32_t handle) {
+  DEV_CorrectionTimestamp(handle);
+  const uint64_t host_ms = wall_clock_ms();
+  const int64_t device_ms = DEV_GetTimestampMs(handle);
+  return host_ms - uint64_t(device_ms);
+}
+
+}  // namespace varnel

@@ -14,4 +14,9 @@ struct CorrectionTimes {
 // Times of the device at `index` (0..59); zeros for an index out of range.
 CorrectionTimes correction_times(int index);
 
+// A channel's start time, as the CAN and LIN channels reset it: the device's clock corrected, then
+// host ms - device ms (the device time counts as 0 when the command could not be sent and -1 when
+// the reply could not be read).
+uint64_t read_start_time(uint32_t handle);
+
 }  // namespace varnel
