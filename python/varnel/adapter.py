@@ -123,6 +123,12 @@ class Adapter:
 
         return SpiPort(self, channel, clock_hz=clock_hz, mode=mode)
 
+    def lin(self, channel, baud=19200, master=True):
+        """Initialises a LIN channel; see varnel.lin.LinChannel."""
+        from .lin import LinChannel
+
+        return LinChannel(self, channel, baud=baud, master=master)
+
     def adc(self):
         """The analogue inputs; see varnel.adc.Adc."""
         from .adc import Adc

@@ -18,7 +18,7 @@ import threading
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
                       CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, SPI_CONFIG,
-                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS)
+                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -150,7 +150,21 @@ ADC = {
     "ADC_GetData": (_int, [_u32, _u16p, _i32], COUNT),
     "VARNEL_ADC_Dropped": (_i64, [_u32], COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC)
+_LIN_P = ctypes.POINTER(LIN_EX_MSG)
+LIN = {
+    "LIN_EX_Init": (_int, [_u32, _u8, _u32, _u8], COUNT),
+    "LIN_EX_Stop": (_int, [_u32, _u8], COUNT),
+    "LIN_EX_MasterSync": (_int, [_u32, _u8, _LIN_P, _LIN_P, _u32], COUNT),
+    "LIN_EX_MasterWrite": (_int, [_u32, _u8, _u8, _u8p, _u8, _u8], COUNT),
+    "LIN_EX_MasterStartSch": (_int, [_u32, _u8, _LIN_P, _u32], COUNT),
+    "LIN_EX_MasterStopSch": (_int, [_u32, _u8], COUNT),
+    "LIN_EX_MasterSetSchRunTimes": (_int, [_u32, _u8, _u32], COUNT),
+    "LIN_EX_SlaveSetIDMode": (_int, [_u32, _u8, _LIN_P, _u32], COUNT),
+    "LIN_EX_StopSlaveResp": (_int, [_u32, _u8, _u8], COUNT),
+    "LIN_EX_GetMsg": (_int, [_u32, _u8, _LIN_P, _i32], COUNT),
+    "LIN_EX_GetStartTime": (_i64, [_u32, _u8], COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN)
 
 
 def _raise_on_negative(result, function, _args):

@@ -201,3 +201,22 @@ class SPI_FLASH_CONFIG(ctypes.Structure):
         ("Param32", ctypes.c_uint32),
     ]
 RECORDS[SPI_FLASH_CONFIG.__name__] = SPI_FLASH_CONFIG
+
+
+class LIN_EX_MSG(ctypes.Structure):
+    """LIN frame record, 20 bytes, the same in both directions."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("TimeStamp", ctypes.c_uint32),  # out: delay or interval in ms; in: device time in ms
+        ("MsgType", ctypes.c_uint8),  # 1 write, 2 read, 3 slave response, 5 break; in: 8 or 9
+        ("CheckType", ctypes.c_uint8),  # out: 0 classic, 1 enhanced...; in: the verdict
+        ("DataLen", ctypes.c_uint8),
+        ("Sync", ctypes.c_uint8),
+        ("PID", ctypes.c_uint8),
+        ("Data", ctypes.c_uint8 * 8),
+        ("Check", ctypes.c_uint8),
+        ("BreakBits", ctypes.c_uint8),
+        ("Tag", ctypes.c_uint8),
+    ]
+RECORDS[LIN_EX_MSG.__name__] = LIN_EX_MSG

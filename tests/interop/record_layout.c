@@ -112,5 +112,17 @@ int main(void) {
   FIELD(CAN_UDS_ADDR, ExtAddr);
   FIELD(CAN_UDS_ADDR, AddrByte);
   FIELD(CAN_UDS_ADDR, FrameLen);
+
+  RECORD(LIN_EX_MSG);
+  FIELD(LIN_EX_MSG, TimeStamp);
+  FIELD(LIN_EX_MSG, MsgType);
+  FIELD(LIN_EX_MSG, CheckType);
+  FIELD(LIN_EX_MSG, DataLen);
+  FIELD(LIN_EX_MSG, Sync);
+  FIELD(LIN_EX_MSG, PID);
+  FIELD(LIN_EX_MSG, Data);
+  FIELD(LIN_EX_MSG, Check);
+  FIELD(LIN_EX_MSG, BreakBits);
+  FIELD(LIN_EX_MSG, Tag);
   return 0;
 }

@@ -1,0 +1,107 @@
+"""A LIN channel: `adapter.lin(channel, baud=19200, master=True)`.
+
+    with varnel.Adapter(0x12345678) as adapter:
+        lin = adapter.lin(0)
+        lin.write(0x3C, b"\\x01\\x02")          # classic checksum for 3C/3D, enhanced otherwise
+        frame = lin.read(0x21)                 # a LinFrame, or None when nobody answered
+        lin.start_schedule([(0x21, None, 10), (0x22, b"\\x05", 20)])   # (id, data or None, ms)
+        lin.stop_schedule()
+        monitor = adapter.lin(1, master=False)
+        monitor.set_response(0x30, b"\\x11\\x22")  # the adapter answers this id
+        for frame in monitor.receive():          # what the channel saw since the last call
+            print(frame)
+
+A failed call raises VarnelError with its code.
+"""
+import ctypes
+from dataclasses import dataclass
+
+from .library import lib
+from .records import LIN_EX_MSG
+
+VERDICTS = ("classic", "enhanced", "unchecked", "none", "error")
+_READ, _WRITE, _SLAVE = 2, 1, 3
+
+
+@dataclass(frozen=True)
+class LinFrame:
+    id: int
+    data: bytes
+    check: int
+    verdict: str  # classic, enhanced, unchecked, none or error
+    timestamp: float  # host time in seconds
+
+    def __str__(self):
+        return "%02X#%s %s" % (self.id, self.data.hex().upper(), self.verdict)
+
+
+def _check_type(frame_id, classic):
+    if classic is None:
+        classic = frame_id in (0x3C, 0x3D)
+    return 0 if classic else 1
+
+
+class LinChannel:
+    def __init__(self, adapter, channel, baud=19200, master=True):
+        self.adapter, self.channel = adapter, channel
+        self._call("LIN_EX_Init", baud, 1 if master else 0)
+
+    def _call(self, name, *args):
+        self.adapter.require_open(name)
+        return getattr(lib(), name)(self.adapter.handle, self.channel, *args)
+
+    def _frame(self, msg):
+        start = self._call("LIN_EX_GetStartTime")
+        return LinFrame(msg.PID & 0x3F, bytes(msg.Data[:min(msg.DataLen, 8)]), msg.Check,
+                        VERDICTS[msg.CheckType] if msg.CheckType < 5 else "?",
+                        (start + msg.TimeStamp) / 1000.0)
+
+    def write(self, frame_id, data, classic=None):
+        data = bytes(data)
+        buffer = (ctypes.c_uint8 * 8).from_buffer_copy(data.ljust(8, b"\0")[:8])
+        self._call("LIN_EX_MasterWrite", frame_id, buffer, len(data),
+                   _check_type(frame_id, classic))
+
+    def read(self, frame_id, classic=None):
+        """The answer to a header, or None when nobody answered."""
+        request, reply = LIN_EX_MSG(), LIN_EX_MSG()
+        request.TimeStamp, request.MsgType, request.PID = 1, _READ, frame_id
+        request.CheckType, request.BreakBits = _check_type(frame_id, classic), 13
+        self._call("LIN_EX_MasterSync", ctypes.byref(request), ctypes.byref(reply), 1)
+        return self._frame(reply) if reply.DataLen else None
+
+    def start_schedule(self, entries, runs=0):
+        """entries: (id, data or None for a read header, period in ms); runs 0: forever."""
+        records = (LIN_EX_MSG * len(entries))()
+        for record, (frame_id, data, period_ms) in zip(records, entries):
+            record.TimeStamp, record.PID, record.BreakBits, record.Tag = period_ms, frame_id, 13, 1
+            record.MsgType = _READ if data is None else _WRITE
+            if data is not None:
+                record.DataLen = len(data)
+                record.Data[:len(data)] = list(data)
+                record.CheckType = _check_type(frame_id, None)
+        self._call("LIN_EX_MasterSetSchRunTimes", runs)
+        self._call("LIN_EX_MasterStartSch", records, len(entries))
+
+    def stop_schedule(self):
+        self._call("LIN_EX_MasterStopSch")
+
+    def set_response(self, frame_id, data, classic=None):
+        """The adapter answers `frame_id` headers with `data` (the channel as slave)."""
+        record = LIN_EX_MSG()
+        record.MsgType, record.PID, record.DataLen = _SLAVE, frame_id, len(data)
+        record.Data[:len(data)] = list(data)
+        record.CheckType = _check_type(frame_id, classic)
+        self._call("LIN_EX_SlaveSetIDMode", ctypes.byref(record), 1)
+
+    def stop_response(self, frame_id):
+        self._call("LIN_EX_StopSlaveResp", frame_id)
+
+    def receive(self, max_frames=1024):
+        """The frames the channel saw since the last call, oldest first."""
+        records = (LIN_EX_MSG * max_frames)()
+        n = self._call("LIN_EX_GetMsg", records, max_frames)
+        return [self._frame(records[i]) for i in range(n)]
+
+    def stop(self):
+        self._call("LIN_EX_Stop")
