@@ -1,0 +1,7 @@
+// The shared LIN cases over the usbsim.
+#include "support/lin_cases.h"
+#include "support/usbsim_layer.h"
+
+namespace testing_support {
+INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, LinCases, UsbsimLayer);
+}  // namespace testing_support
