@@ -1,0 +1,39 @@
+"""The LIN module against the virtual adapter, whose buses carry a node answering 0x21 with
+11 22 33 44 (enhanced checksum: 0x61 + 0xAA = 0x10B -> 0x0C, inverted 0xF3)."""
+import time
+import unittest
+
+import varnel
+
+HANDLE = 0x12345678
+
+
+class Lin(unittest.TestCase):
+    def setUp(self):
+        self.adapter = varnel.Adapter(HANDLE).open()
+        self.addCleanup(self.adapter.close)
+        self.lin = self.adapter.lin(0)
+
+    def test_read_write_and_a_schedule_seen_by_the_channel(self):
+        frame = self.lin.read(0x21)
+        self.assertEqual((frame.id, frame.data, frame.check, frame.verdict),
+                         (0x21, b"\x11\x22\x33\x44", 0xF3, "enhanced"))
+        self.assertIsNone(self.lin.read(0x22))
+        self.lin.write(0x3C, b"\x01\x02")
+        self.lin.receive()  # the frames so far
+        self.lin.start_schedule([(0x21, None, 10), (0x22, b"\x05", 10)], runs=2)
+        frames, deadline = [], time.monotonic() + 2
+        while len(frames) < 4 and time.monotonic() < deadline:
+            frames += self.lin.receive()
+            time.sleep(0.01)
+        self.assertEqual([str(f) for f in frames],
+                         ["21#11223344 enhanced", "22#05 enhanced"] * 2)
+
+    def test_bad_channel_raises_with_its_code(self):
+        with self.assertRaises(varnel.VarnelError) as caught:
+            self.adapter.lin(8)
+        self.assertEqual(caught.exception.code, -7)
+
+
+if __name__ == "__main__":
+    unittest.main()
