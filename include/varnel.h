@@ -530,6 +530,36 @@ VARNEL_API int64_t LIN_EX_GetStartTime(DevHandle DevHandle, uint8_t LINIndex);
 #define VARNEL_LIN_SLAVE_TABLE_SIZE 64 /* records LIN_EX_SlaveGetIDMode may write */
 #define VARNEL_LIN_FETCH_SIZE 512      /* records LIN_EX_SlaveGetData may write */
 
+/* The older LIN calls, on both generations of adapter firmware: LIN_Init reads the firmware
+ * version (below 1.5.0.30 the adapter takes the old commands), then every call either sends its
+ * old command or runs the LIN_EX_ calls with the records translated. Old firmware has channels 0
+ * and 1. Codes as above; -4 also when the LIN_EX_ path did not return every record. */
+#pragma pack(push, 1)
+typedef struct LIN_MSG {
+  uint8_t ID;      /* read back: the protected identifier */
+  uint8_t DataLen; /* read back: data bytes + 1 (the checksum counted), 0 stays 0 */
+  uint8_t Data[8];
+  uint8_t Check;
+} LIN_MSG;
+VARNEL_STATIC_ASSERT(sizeof(LIN_MSG) == 11, "LIN_MSG is 11 bytes");
+typedef struct LIN_CONFIG {
+  uint32_t BaudRate;
+  uint8_t Config1; /* old firmware only, sent as it is */
+  uint8_t MasterMode;
+  uint8_t Config3; /* old firmware only, sent as it is */
+} LIN_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(LIN_CONFIG) == 7, "LIN_CONFIG is 7 bytes");
+#pragma pack(pop)
+#define VARNEL_LIN_LEGACY_FETCH_SIZE 512 /* records LIN_SlaveGetData may write */
+
+VARNEL_API int LIN_Init(DevHandle DevHandle, uint8_t LINIndex, LIN_CONFIG* pConfig);
+VARNEL_API int LIN_SendBreak(DevHandle DevHandle, uint8_t LINIndex);
+VARNEL_API int LIN_Write(DevHandle DevHandle, uint8_t LINIndex, LIN_MSG* pLINMsg, uint32_t Len);
+VARNEL_API int LIN_Read(DevHandle DevHandle, uint8_t LINIndex, LIN_MSG* pLINMsg, uint32_t Len);
+VARNEL_API int LIN_SlaveSetIDMode(DevHandle DevHandle, uint8_t LINIndex, uint8_t IDMode,
+                                  LIN_MSG* pLINMsg, uint32_t Len);
+VARNEL_API int LIN_SlaveGetData(DevHandle DevHandle, uint8_t LINIndex, LIN_MSG* pLINMsg);
+
 /* ===== DBC database files =================================================================== */
 
 /* A DBC handle is the address of a database loaded by DBC_ParserFile; 0 means none. Databases

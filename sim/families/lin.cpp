@@ -262,6 +262,89 @@ std::optional<Packet> handle_lin(VirtualAdapter& adapter, const Packet& request)
   return channel_command(adapter, model, p[0], request);
 }
 
+// The older firmware's commands (0xF00-0xF05): two channels, 11-byte records (ID, length, data,
+// check), the identifier's parity and the checksum computed here: classic for the diagnostic
+// identifiers 3C and 3D, enhanced for the others.
+constexpr size_t kOldRecordSize = 11;
+enum : uint32_t { kOldInit = 0xF00, kOldWrite, kOldRead, kOldSlaveSet, kOldSlaveGet, kOldBreak };
+
+LinRecord from_old(const uint8_t* r, uint8_t type) {
+  LinRecord rec;
+  rec.type = type;
+  rec.pid = lin_protected_id(r[0]);
+  rec.length = std::min<uint8_t>(r[1], 8);
+  std::copy_n(r + 2, 8, rec.data.begin());
+  const bool classic = (r[0] & 0x3F) == 0x3C || (r[0] & 0x3F) == 0x3D;
+  rec.check = lin_checksum(rec.pid, {rec.data.begin(), rec.data.begin() + rec.length}, !classic);
+  return rec;
+}
+
+void append_old(std::vector<uint8_t>& out, const LinRecord& r) {
+  const int n = r.type == 9 ? 8 : std::max(r.length - 1, 0);
+  out.push_back(r.pid);
+  out.push_back(uint8_t(n ? n + 1 : 0));
+  for (int i = 0; i < 8; ++i) out.push_back(i < n ? r.data[size_t(i)] : 0);
+  out.push_back(r.type == 9 ? r.check : n ? r.data[size_t(n)] : 0);
+}
+
+std::optional<Packet> old_command(VirtualAdapter& adapter, LinModel& model, int ch,
+                                  const Packet& request) {
+  const auto& p = request.payload;
+  LinModel::Channel& c = model.channels[size_t(ch)];
+  uint64_t at = adapter.clock().now_us();
+  const uint64_t now = at;
+  std::vector<uint8_t> out;
+  switch (request.command) {
+    case kOldInit:
+      if (p.size() != 8) return refused(kOldInit);
+      c.baud = be32(p, 1);
+      c.master = p[6] == 1;
+      c.initialised = true;
+      return reply_with(kOldInit);
+    case kOldWrite:
+      for (size_t i = 1; i + kOldRecordSize <= p.size(); i += kOldRecordSize)
+        play(model, ch, from_old(&p[i], kWrite), at, &at);
+      break;
+    case kOldRead:
+      for (size_t i = 1; i < p.size(); ++i) {
+        LinRecord header;
+        header.type = kRead;
+        header.pid = lin_protected_id(p[i]);
+        append_old(out, play(model, ch, header, at, &at));
+      }
+      break;
+    case kOldSlaveSet:
+      for (size_t i = 2; i + kOldRecordSize <= p.size(); i += kOldRecordSize) {
+        LinRecord entry = from_old(&p[i], p[1] ? kSlaveChecked : kSlave);
+        c.slave_table[entry.pid] = entry;
+      }
+      return reply_with(kOldSlaveSet);
+    case kOldSlaveGet:
+      while (!c.received.empty() && out.size() < LinModel::kFetchLimit * kOldRecordSize) {
+        append_old(out, c.received.front());
+        c.received.pop_front();
+      }
+      return reply_with(kOldSlaveGet, std::move(out));
+    case kOldBreak: {
+      LinRecord brk;
+      brk.type = kBreak;
+      play(model, ch, brk, at, &at);
+      break;
+    }
+  }
+  adapter.clock().advance_us(at - now);
+  return reply_with(request.command, std::move(out));
+}
+
+std::optional<Packet> handle_old_lin(VirtualAdapter& adapter, const Packet& request) {
+  LinModel& model = lin_model(adapter);
+  std::lock_guard guard(model.mutex);
+  catch_up(model, adapter.clock().now_us());
+  const auto& p = request.payload;
+  if (p.empty() || p[0] >= 2) return refused(request.command);
+  return old_command(adapter, model, p[0], request);
+}
+
 }  // namespace
 
 LinRecord LinRecord::parse(const uint8_t* b) {
@@ -304,6 +387,7 @@ LinModel& lin_model(VirtualAdapter& adapter) {
 
 void install_lin(VirtualAdapter& adapter) {
   adapter.on(kInit, kResponseStop, handle_lin);
+  adapter.on(kOldInit, kOldBreak, handle_old_lin);
 }
 
 VARNEL_SIM_FAMILY(install_lin)

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 
+#include "sim/families/device.h"
 #include "sim/families/lin.h"
 #include "support/stream_cases.h"  // eventually()
 #include "support/wire_fixture.h"
@@ -222,10 +223,49 @@ TYPED_TEST_P(LinCases, BadInputAndBadRepliesGiveTheirCodes) {
   EXPECT_EQ(LIN_EX_MasterSync(kLinHandle, 0, &m, out, 1), -5);
 }
 
+// Firmware 1.5.0.30 and later: the older calls become LIN_EX_ records (writes of 3C classic,
+// reads of 3C still enhanced); before it, the old commands with their 11-byte records.
+TYPED_TEST_P(LinCases, OlderCallsOnBothFirmwareGenerations) {
+  LIN_CONFIG config{19200, 7, 1, 9};
+  LIN_MSG write{0x3C, 2, {1, 2}, 0}, read[2] = {{0x3C}, {0x21}};
+  for (uint32_t firmware : {0x0105001Eu, 0x0105001Du}) {
+    Adapter adapter = this->fresh_adapter(kLinHandle);
+    adapter->state<sim::DeviceModel>().firmware_version = firmware;
+    ASSERT_EQ(LIN_Init(kLinHandle, 0, &config), 0);
+    ASSERT_EQ(LIN_Write(kLinHandle, 0, &write, 1), 0);
+    ASSERT_EQ(LIN_Read(kLinHandle, 0, read, 2), 0);
+    EXPECT_EQ(read[1].DataLen, 5) << "four bytes and the checksum";
+    EXPECT_EQ(LinBytes(read[1].Data, read[1].Data + 4), (LinBytes{0x11, 0x22, 0x33, 0x44}));
+    EXPECT_EQ(read[1].Check, 0xF3);
+    EXPECT_EQ(read[0].DataLen, 0) << "nobody answers 3C";
+    std::vector<LinBytes> sent;
+    for (auto& r : this->requests())
+      if (r[2] == 0xF) sent.push_back(LinBytes(r.begin() + 3, r.end()));
+    if (firmware == 0x0105001E) {
+      ASSERT_EQ(sent.size(), 4u);                             // init, power, write, read
+      EXPECT_EQ(sent[1], (LinBytes{0xA, 0, 0, 0, 2, 1, 0}));  // 12 V on channel 0
+      EXPECT_EQ(sent[2][5 + 1 + 5], LIN_EX_CHECK_STD) << "a write of 3C is classic";
+      EXPECT_EQ(sent[2][5 + 1 + 17], 0xFC);
+      EXPECT_EQ(sent[3][5 + 1 + 5], LIN_EX_CHECK_EXT) << "a read of 3C is enhanced";
+    } else {
+      ASSERT_EQ(sent.size(), 3u);
+      EXPECT_EQ(sent[0], (LinBytes{0, 0, 0, 0, 8, 0, 0, 0, 0x4B, 0, 7, 1, 9}));
+      EXPECT_EQ(read[1].ID, 0x61) << "the old firmware reports the protected identifier";
+      EXPECT_EQ(sent[1], (LinBytes{1, 0, 0, 0, 12, 0, 0x3C, 2, 1, 2, 0, 0, 0, 0, 0, 0, 0}));
+      EXPECT_EQ(sent[2], (LinBytes{2, 0, 0, 0, 3, 0, 0x3C, 0x21}));
+      LIN_MSG seen[VARNEL_LIN_LEGACY_FETCH_SIZE];
+      ASSERT_EQ(LIN_SlaveGetData(kLinHandle, 0, seen), 3);
+      EXPECT_EQ(seen[0].DataLen, 3);
+      EXPECT_EQ(seen[0].Check, 0xFC) << "the old firmware's classic sum for 3C";
+    }
+  }
+}
+
 REGISTER_TYPED_TEST_SUITE_P(LinCases, RequestsCarryTheirLayoutAndRecordsAsTheyLie,
                             MasterReadsAreJudgedOnTheChecksumTheNodeSent,
                             LongListsAreSplitWhereTheAdaptersLimitFalls,
                             ReplyTimeOutFollowsTheBaudRate, TheSlaveTableAnswersAnotherChannel,
-                            SchedulesPlayInBusTime, BadInputAndBadRepliesGiveTheirCodes);
+                            SchedulesPlayInBusTime, BadInputAndBadRepliesGiveTheirCodes,
+                            OlderCallsOnBothFirmwareGenerations);
 
 }  // namespace testing_support
