@@ -75,6 +75,9 @@ TEST_F(NetCli, DeviceCommandsReachNetworkAdapters) {
       {"can dump 0x55000140:1,123:7FF -n 2 -L", "(\\(\\d+\\.\\d{6}\\) can1 123#11\n){2}"},
       {"can schedule 0x55000140:0 --stop", ""},
       {"uds 0x55000140:0 7E0 7E8 22F190", "62 F1 90 56 41 52 4E 45 4C( [0-9A-F]{2}){11}\n"},
+      {"lin schedule 0x55000140:2 21@10", ""},  // the adapter plays it between the commands
+      {"lin dump 0x55000140:2 -n 2",
+       "(\\(\\d+\\.\\d{3}\\) 0x55000140:2 21#11223344 pid=61 check=F3 enhanced\n){2}"},
   };
   for (const auto& c : cases) {
     ToolRun run = on_network(c.args);

@@ -219,6 +219,9 @@ TYPED_TEST_P(LinCases, BadInputAndBadRepliesGiveTheirCodes) {
   EXPECT_EQ(LIN_EX_MasterStopSch(kLinHandle, 0), -4);
   adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 10, 0xF07});
   EXPECT_EQ(LIN_EX_MasterRead(kLinHandle, 0, 0x21, data), -4) << "half a record";
+  LIN_EX_MSG schedule[128];
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 129 * 20, 0xF0E});
+  EXPECT_EQ(LIN_EX_MasterGetSch(kLinHandle, 0, schedule), 0) << "129 records do not fit";
   EXPECT_EQ(LIN_EX_Stop(kLinHandle, 0), 0);
   EXPECT_EQ(LIN_EX_MasterSync(kLinHandle, 0, &m, out, 1), -5);
 }
