@@ -46,9 +46,12 @@ LegacyDevice* device_of(uint32_t handle) {
   return index >= 0 && index < kMaxDevices ? &devices[size_t(index)] : nullptr;
 }
 
-bool old_firmware(uint32_t handle) {
+// Which path a call takes: 1 the old commands, 0 the LIN_EX_ calls, -7 a channel that old
+// firmware does not have.
+int old_path(uint32_t handle, uint8_t ch) {
   const LegacyDevice* device = device_of(handle);
-  return device && device->old_firmware;
+  if (!device || !device->old_firmware) return 0;
+  return ch < kOldChannels ? 1 : result::kBadArgument;
 }
 
 // The firmware version from the device information, after the function string answered too:
@@ -148,7 +151,9 @@ VARNEL_API int LIN_Init(DevHandle handle, uint8_t ch, LIN_CONFIG* config) {
 
 VARNEL_API int LIN_SendBreak(DevHandle handle, uint8_t ch) {
   return guarded(result::kFailed, [&] {
-    if (old_firmware(handle)) return acknowledged(handle, kOldBreak, {&ch, 1});
+    const int old = old_path(handle, ch);
+    if (old < 0) return old;
+    if (old) return acknowledged(handle, kOldBreak, {&ch, 1});
     return LIN_EX_MasterBreak(handle, ch);
   });
 }
@@ -156,7 +161,9 @@ VARNEL_API int LIN_SendBreak(DevHandle handle, uint8_t ch) {
 VARNEL_API int LIN_Write(DevHandle handle, uint8_t ch, LIN_MSG* records, uint32_t count) {
   return guarded(result::kFailed, [&] {
     if (bad_list(records, count)) return result::kBadArgument;
-    if (old_firmware(handle))
+    const int old = old_path(handle, ch);
+    if (old < 0) return old;
+    if (old)
       return transact_ack(handle, kOldWrite, old_records(ch, records, count),
                           within(old_timeout_ms(handle, ch)))
           .acknowledged();
@@ -172,7 +179,9 @@ VARNEL_API int LIN_Write(DevHandle handle, uint8_t ch, LIN_MSG* records, uint32_
 VARNEL_API int LIN_Read(DevHandle handle, uint8_t ch, LIN_MSG* records, uint32_t count) {
   return guarded(result::kFailed, [&] {
     if (bad_list(records, count)) return result::kBadArgument;
-    if (old_firmware(handle)) {
+    const int old = old_path(handle, ch);
+    if (old < 0) return old;
+    if (old) {
       std::vector<uint8_t> request{ch};
       for (uint32_t i = 0; i < count; ++i) request.push_back(records[i].ID);
       std::span<uint8_t> reply(reinterpret_cast<uint8_t*>(records), count * sizeof(LIN_MSG));
@@ -192,7 +201,9 @@ VARNEL_API int LIN_SlaveSetIDMode(DevHandle handle, uint8_t ch, uint8_t id_mode,
                                   uint32_t count) {
   return guarded(result::kFailed, [&] {
     if (bad_list(records, count)) return result::kBadArgument;
-    if (old_firmware(handle)) {
+    const int old = old_path(handle, ch);
+    if (old < 0) return old;
+    if (old) {
       std::vector<uint8_t> request = old_records(ch, records, count);
       request.insert(request.begin() + 1, id_mode);
       return acknowledged(handle, kOldSlaveSet, request);
@@ -207,7 +218,9 @@ VARNEL_API int LIN_SlaveSetIDMode(DevHandle handle, uint8_t ch, uint8_t id_mode,
 VARNEL_API int LIN_SlaveGetData(DevHandle handle, uint8_t ch, LIN_MSG* records) {
   return guarded(result::kFailed, [&] {
     if (!records) return result::kBadArgument;
-    if (old_firmware(handle)) {
+    const int old = old_path(handle, ch);
+    if (old < 0) return old;
+    if (old) {
       std::vector<LIN_MSG> reply(VARNEL_LIN_LEGACY_FETCH_SIZE);
       const auto r =
           transact(handle, kOldSlaveGet, {&ch, 1},
