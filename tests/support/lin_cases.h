@@ -260,6 +260,7 @@ TYPED_TEST_P(LinCases, OlderCallsOnBothFirmwareGenerations) {
       ASSERT_EQ(LIN_SlaveGetData(kLinHandle, 0, seen), 3);
       EXPECT_EQ(seen[0].DataLen, 3);
       EXPECT_EQ(seen[0].Check, 0xFC) << "the old firmware's classic sum for 3C";
+      EXPECT_EQ(LIN_Write(kLinHandle, 2, &write, 1), -7) << "old firmware has two channels";
     }
   }
 }
