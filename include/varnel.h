@@ -530,6 +530,35 @@ VARNEL_API int64_t LIN_EX_GetStartTime(DevHandle DevHandle, uint8_t LINIndex);
 #define VARNEL_LIN_SLAVE_TABLE_SIZE 64 /* records LIN_EX_SlaveGetIDMode may write */
 #define VARNEL_LIN_FETCH_SIZE 512      /* records LIN_EX_SlaveGetData may write */
 
+/* Diagnostic messages over a LIN channel in master mode: master request frames (ReqID, usually
+ * 3C) and slave response frames (ResID, usually 3D) of 8 bytes, the node address first, then the
+ * PCI. Codes besides those above: -98 a single frame could not be sent, -99 its echo or a batch of
+ * frames did not come back as sent, -101 no complete response in time, -103 a consecutive frame
+ * out of sequence, -105 a bad PCI, -109 (extension) a response longer than the buffer. */
+#pragma pack(push, 1)
+typedef struct LIN_UDS_ADDR {
+  uint8_t ReqID;
+  uint8_t ResID;
+  uint8_t NAD;
+  uint8_t CheckType;
+  uint8_t FrameSpacing; /* ms between frames */
+} LIN_UDS_ADDR;
+VARNEL_STATIC_ASSERT(sizeof(LIN_UDS_ADDR) == 5, "LIN_UDS_ADDR is 5 bytes");
+#pragma pack(pop)
+/* A request of up to 4095 bytes (longer ones are cut to 4095). */
+VARNEL_API int LIN_UDS_Request(DevHandle DevHandle, uint8_t LINIndex, LIN_UDS_ADDR* pUDSAddr,
+                               uint8_t* pReqData, int32_t DataLen);
+/* The response's length; pResData must hold what the ECU announces (4095 bytes, or the 32-bit
+ * length of a first frame whose 12-bit length is 0). VARNEL_LIN_UDS_ResponseN bounds it. */
+VARNEL_API int LIN_UDS_Response(DevHandle DevHandle, uint8_t LINIndex, LIN_UDS_ADDR* pUDSAddr,
+                                uint8_t* pResData, int32_t TimeOutMs);
+VARNEL_API int VARNEL_LIN_UDS_ResponseN(DevHandle DevHandle, uint8_t LINIndex,
+                                        LIN_UDS_ADDR* pUDSAddr, uint8_t* pResData, uint32_t ResSize,
+                                        int32_t TimeOutMs);
+/* The raw frames of the last request, oldest first: the number moved. */
+VARNEL_API int LIN_UDS_GetMsgFromUDSBuffer(DevHandle DevHandle, uint8_t LINIndex,
+                                           LIN_EX_MSG* pLINMsg, int32_t MaxMsgNum);
+
 /* The older LIN calls, on both generations of adapter firmware: LIN_Init reads the firmware
  * version (below 1.5.0.30 the adapter takes the old commands), then every call either sends its
  * old command or runs the LIN_EX_ calls with the records translated. Old firmware has channels 0

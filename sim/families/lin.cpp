@@ -55,6 +55,24 @@ void answer_from_tables(LinModel& model, int sender, LinFrame& frame) {
   }
 }
 
+constexpr uint8_t kMasterRequestPid = 0x3C, kSlaveResponsePid = 0x7D;  // 3C and 3D protected
+
+// Diagnostic frames: master requests go to every control unit on the bus; a slave response header
+// is answered by whichever unit has something to say (with the classic checksum).
+void hear_request(LinModel& model, int bus, const LinFrame& frame) {
+  if (frame.pid != kMasterRequestPid || frame.data.size() != 8) return;
+  for (auto& ecu : model.ecus[size_t(bus)]) ecu->hear(frame.data);
+}
+
+void answer_from_ecus(LinModel& model, int bus, LinFrame& frame) {
+  if (frame.pid != kSlaveResponsePid) return;
+  for (auto& ecu : model.ecus[size_t(bus)])
+    if (auto a = ecu->answer()) {
+      uint8_t check = lin_checksum(frame.pid, a->data, false);
+      lin_collide(frame, a->data, a->bad_checksum ? uint8_t(~check) : check);
+    }
+}
+
 void answer_from_nodes(LinModel& model, int bus, LinFrame& frame) {
   for (const LinSlaveNode& node : model.nodes[size_t(bus)]) {
     if (lin_protected_id(node.id) != frame.pid || node.silent) continue;
@@ -102,9 +120,11 @@ LinRecord play(LinModel& model, int ch, const LinRecord& request, uint64_t start
     frame.data.assign(request.data.begin(),
                       request.data.begin() + std::min<int>(request.length, 8));
     frame.check = request.check;
+    hear_request(model, sender.bus, frame);
   } else if (request.type == kRead) {
     answer_from_tables(model, ch, frame);
     answer_from_nodes(model, sender.bus, frame);
+    answer_from_ecus(model, sender.bus, frame);
   }
   frame.end_us = start_us + frame_us(frame, sender.baud);
   if (end_us) *end_us = frame.end_us;
@@ -120,8 +140,10 @@ void catch_up(LinModel& model, uint64_t now_us) {
     auto& c = model.channels[size_t(ch)];
     while (c.running && !c.schedule.empty() && c.next_us <= now_us) {
       const LinRecord& r = c.schedule[c.position];
-      play(model, ch, r, c.next_us);
-      c.next_us += uint64_t(r.time_stamp) * 1000;
+      uint64_t end_us = c.next_us;
+      play(model, ch, r, c.next_us, &end_us);
+      // a slot lasts its interval, and never less than its frame
+      c.next_us = std::max(c.next_us + uint64_t(r.time_stamp) * 1000, end_us);
       if (++c.repeats < std::max<uint8_t>(r.tag, 1)) continue;
       c.repeats = 0;
       if (++c.position < c.schedule.size()) continue;
@@ -374,6 +396,7 @@ LinModel::LinModel() {
     channels[size_t(ch)].bus = ch;
     nodes[size_t(ch)].push_back({0x21, {0x11, 0x22, 0x33, 0x44}, true});
   }
+  ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x10));
 }
 
 void LinModel::join(int a, int b) {

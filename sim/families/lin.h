@@ -11,10 +11,12 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <vector>
 
 #include "sim/bus/lin_bus.h"
+#include "sim/ecu/lin_diag_ecu.h"
 
 namespace sim {
 
@@ -52,6 +54,8 @@ struct LinModel {
   std::mutex mutex;
   std::array<Channel, kChannels> channels;
   std::array<std::vector<LinSlaveNode>, kChannels> nodes;  // the slave nodes of each bus
+  // Diagnostic control units on each bus (one with NAD 10 on bus 0 to begin with).
+  std::array<std::vector<std::shared_ptr<LinDiagnosticEcu>>, kChannels> ecus;
   uint16_t battery_mv = 12000;
 
   LinModel();

@@ -1,5 +1,6 @@
 #include "lin/lin_state.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 
@@ -45,16 +46,21 @@ void record_diagnostic(uint32_t handle, uint8_t channel, const LIN_EX_MSG& msg) 
   lin_unlock(handle, slot);
 }
 
-std::vector<LIN_EX_MSG> take_diagnostics(uint32_t handle, uint8_t channel) {
+std::vector<LIN_EX_MSG> take_diagnostics(uint32_t handle, uint8_t channel, size_t max) {
   Device* device = device_of(handle);
   if (!device) return {};
   const uint8_t slot = channel & 3;
   lin_lock(handle, slot);
   auto& buffer = device->diagnostics[slot];
-  std::vector<LIN_EX_MSG> out(buffer.begin(), buffer.end());
-  buffer.clear();
+  const size_t n = std::min(max, buffer.size());
+  std::vector<LIN_EX_MSG> out(buffer.begin(), buffer.begin() + long(n));
+  buffer.erase(buffer.begin(), buffer.begin() + long(n));
   lin_unlock(handle, slot);
   return out;
+}
+
+void clear_diagnostics(uint32_t handle, uint8_t channel) {
+  take_diagnostics(handle, channel, kDiagnosticBufferLimit);
 }
 
 }  // namespace varnel::lin

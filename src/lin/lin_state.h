@@ -33,7 +33,8 @@ Channel* channel_of(uint32_t handle, uint8_t channel);
 // Appends under the buffer's own lock (lin_lock of the handle and channel modulo 4); the oldest
 // record goes first while the buffer holds 1000.
 void record_diagnostic(uint32_t handle, uint8_t channel, const LIN_EX_MSG& msg);
-// Moves the buffered records of (handle, channel modulo 4) out, oldest first.
-std::vector<LIN_EX_MSG> take_diagnostics(uint32_t handle, uint8_t channel);
+// Moves up to `max` buffered records of (handle, channel modulo 4) out, oldest first.
+std::vector<LIN_EX_MSG> take_diagnostics(uint32_t handle, uint8_t channel, size_t max);
+void clear_diagnostics(uint32_t handle, uint8_t channel);
 
 }  // namespace varnel::lin

@@ -1,0 +1,133 @@
+// Diagnostic messages over LIN (see wire_fixture.h) against the virtual LIN control unit with NAD
+// 10 on channel 0's bus: the request frames as the LIN diagnostic transport lays them out (NAD,
+// PCI, data, FF padding), written out by hand; long messages both ways; each fault's code.
+#pragma once
+
+#include <numeric>
+
+#include "sim/families/lin.h"
+#include "support/lin_cases.h"
+
+namespace testing_support {
+
+// A fast bit rate keeps 700 frames in the adapter's real-time bus time short.
+constexpr uint32_t kFastBaud = 1000000;
+
+template <class Layer>
+class LinUdsCases : public WireTest<Layer> {
+ protected:
+  LIN_UDS_ADDR addr{0x3C, 0x3D, 0x10, LIN_EX_CHECK_STD, 0};
+  std::shared_ptr<sim::LinDiagnosticEcu> ecu;
+
+  Adapter open() {
+    Adapter adapter = this->plug_and_open(kLinHandle);
+    EXPECT_EQ(LIN_EX_Init(kLinHandle, 0, kFastBaud, 1), 0);
+    ecu = sim::lin_model(*adapter).ecus[0].front();
+    Layer::clear_transfers(kLinHandle);
+    return adapter;
+  }
+  // The Data bytes of every frame record in the requests of `command`, in order.
+  std::vector<LinBytes> frames_sent(uint16_t command) {
+    std::vector<LinBytes> out;
+    for (auto& t : this->bulk_on(kLinHandle, 0x01)) {
+      if ((t.data[2] << 8 | t.data[3]) != command) continue;
+      for (size_t at = 9; at + 20 <= t.data.size(); at += 20)
+        if (t.data[at + 4] == LIN_EX_MSG_TYPE_MW)  // master requests, not response reads
+          out.emplace_back(t.data.begin() + long(at) + 9, t.data.begin() + long(at) + 17);
+    }
+    return out;
+  }
+  int commands(uint16_t command) {
+    int n = 0;
+    for (auto& t : this->bulk_on(kLinHandle, 0x01)) n += (t.data[2] << 8 | t.data[3]) == command;
+    return n;
+  }
+  std::vector<uint8_t> exchange(std::vector<uint8_t> request, int32_t timeout_ms = 5000) {
+    EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &addr, request.data(), int32_t(request.size())), 0);
+    std::vector<uint8_t> out(8192);
+    const int n = VARNEL_LIN_UDS_ResponseN(kLinHandle, 0, &addr, out.data(), 8192, timeout_ms);
+    out.resize(size_t(std::max(n, 0)));
+    return out;
+  }
+};
+TYPED_TEST_SUITE_P(LinUdsCases);
+
+TYPED_TEST_P(LinUdsCases, RequestsBecomeTheFramesOfTheirLength) {
+  this->open();
+  EXPECT_EQ(this->exchange({0x22, 0xF1, 0x90, 1, 2, 3}).size(), 3u) << "7F 22 13: a bad length";
+  EXPECT_EQ(this->frames_sent(0xF07),
+            (std::vector<LinBytes>{{0x10, 0x06, 0x22, 0xF1, 0x90, 1, 2, 3}}));
+  TypeParam::clear_transfers(kLinHandle);
+  this->exchange({0x2E, 0x01, 0x00, 1, 2, 3, 4});
+  EXPECT_EQ(this->frames_sent(0xF0C),
+            (std::vector<LinBytes>{{0x10, 0x10, 7, 0x2E, 0x01, 0x00, 1, 2},
+                                   {0x10, 0x21, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF}}));
+  LIN_EX_MSG raw[8];  // the request's two frames, then the read of its single-frame answer
+  ASSERT_EQ(LIN_UDS_GetMsgFromUDSBuffer(kLinHandle, 0, raw, 8), 3);
+  EXPECT_EQ(raw[1].Data[1], 0x21);
+  EXPECT_EQ(raw[1].Tag, 0x10);
+  EXPECT_EQ(raw[2].Data[1], 0x03);
+  EXPECT_EQ(raw[2].Tag, 0x20);
+  EXPECT_EQ(this->ecu->requests().back(), (LinBytes{0x2E, 0x01, 0x00, 1, 2, 3, 4}));
+
+  // 5 + 69 x 6 bytes: 70 frames, a schedule of 64 and one of 6, the run count set once.
+  TypeParam::clear_transfers(kLinHandle);
+  std::vector<uint8_t> long_request(419);
+  long_request[0] = 0x2E, long_request[1] = 0x01, long_request[2] = 0x00;
+  this->exchange(long_request);
+  EXPECT_EQ(this->frames_sent(0xF0C).size(), 70u);
+  EXPECT_EQ(this->commands(0xF0C), 2);
+  EXPECT_EQ(this->commands(0xF10), 1);
+}
+
+// 4095 bytes each way: a 12-bit first frame of FFF and consecutive frames numbered round and
+// round; beyond 4095 the answer's first frame carries a 32-bit length.
+TYPED_TEST_P(LinUdsCases, LongMessagesGoBothWaysWhole) {
+  this->open();
+  std::vector<uint8_t> write(5000);
+  std::iota(write.begin(), write.end(), uint8_t(0));
+  write[0] = 0x2E, write[1] = 0x01, write[2] = 0x00;
+  EXPECT_EQ(this->exchange(write), (LinBytes{0x6E, 0x01, 0x00})) << "cut to 4095 bytes";
+  EXPECT_EQ(this->ecu->requests().back(), LinBytes(write.begin(), write.begin() + 4095));
+  std::vector<uint8_t> read = this->exchange({0x22, 0x01, 0x00});
+  ASSERT_EQ(read.size(), 4095u);
+  EXPECT_EQ(LinBytes(read.begin() + 3, read.end()),
+            LinBytes(write.begin() + 3, write.begin() + 4095));
+  this->exchange({0x2E, 0x01, 0x01, 0xAB});
+  read = this->exchange({0x22, 0x01, 0x00, 0x01, 0x01});
+  ASSERT_EQ(read.size(), 4095u + 3) << "two identifiers: 4098 bytes";
+  EXPECT_EQ(LinBytes(read.end() - 3, read.end()), (LinBytes{0x01, 0x01, 0xAB}));
+}
+
+TYPED_TEST_P(LinUdsCases, FaultsGiveTheirCodes) {
+  Adapter adapter = this->open();
+  std::vector<uint8_t> vin = {0x22, 0xF1, 0x90}, out(64);
+  struct Case {
+    void (*fault)(sim::LinDiagnosticEcu::Faults&);
+    int result;
+  } cases[] = {
+      {[](auto& f) { f.wrong_sequence = true; }, -103},
+      // a first frame with a bad checksum is not taken, and consecutive frames without one are
+      // the tail of something else: nothing complete comes
+      {[](auto& f) { f.bad_checksum = true; }, -101},
+      {[](auto& f) { f.silent = true; }, -101},
+  };
+  for (auto& c : cases) {
+    this->ecu->faults = {};
+    ASSERT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), 0);
+    c.fault(this->ecu->faults);
+    EXPECT_EQ(VARNEL_LIN_UDS_ResponseN(kLinHandle, 0, &this->addr, out.data(), 64, 200), c.result);
+  }
+  this->ecu->faults = {};
+  ASSERT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), 0);
+  EXPECT_EQ(VARNEL_LIN_UDS_ResponseN(kLinHandle, 0, &this->addr, out.data(), 10, 200), -109);
+  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 1, &this->addr, vin.data(), 3), -5);
+  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, nullptr, vin.data(), 3), -7);
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 10, 0xF07});
+  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), -98);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(LinUdsCases, RequestsBecomeTheFramesOfTheirLength,
+                            LongMessagesGoBothWaysWhole, FaultsGiveTheirCodes);
+
+}  // namespace testing_support
