@@ -121,7 +121,7 @@ TYPED_TEST_P(LinUdsCases, FaultsGiveTheirCodes) {
   this->ecu->faults = {};
   ASSERT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), 0);
   EXPECT_EQ(VARNEL_LIN_UDS_ResponseN(kLinHandle, 0, &this->addr, out.data(), 10, 200), -109);
-  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 1, &this->addr, vin.data(), 3), -5);
+  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 6, &this->addr, vin.data(), 3), -5);
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, nullptr, vin.data(), 3), -7);
   adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 10, 0xF07});
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), -98);
