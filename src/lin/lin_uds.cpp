@@ -49,7 +49,7 @@ LIN_EX_MSG request_frame(const LIN_UDS_ADDR& a, uint8_t pci, const uint8_t* byte
   LIN_EX_MSG m = diagnostic_record(a, LIN_EX_MSG_TYPE_MW, a.ReqID);
   m.Data[0] = a.NAD;
   m.Data[1] = pci;
-  std::memcpy(m.Data + 2, bytes, n);
+  if (n) std::memcpy(m.Data + 2, bytes, n);
   return m;
 }
 

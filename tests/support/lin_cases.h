@@ -23,7 +23,7 @@ inline LIN_EX_MSG lin_record(uint8_t type, uint8_t id, LinBytes data = {}, uint8
   m.PID = id;
   m.CheckType = check;
   m.DataLen = uint8_t(data.size());
-  std::memcpy(m.Data, data.data(), std::min<size_t>(data.size(), 8));
+  if (!data.empty()) std::memcpy(m.Data, data.data(), std::min<size_t>(data.size(), 8));
   m.BreakBits = 13;
   return m;
 }

@@ -16,7 +16,7 @@ LIN_EX_MSG record(uint8_t type, uint8_t check_type, std::vector<uint8_t> data, u
   msg.CheckType = check_type;
   msg.PID = pid;
   msg.DataLen = uint8_t(data.size());
-  std::memcpy(msg.Data, data.data(), std::min<size_t>(data.size(), 8));
+  if (!data.empty()) std::memcpy(msg.Data, data.data(), std::min<size_t>(data.size(), 8));
   return msg;
 }
 
