@@ -24,4 +24,16 @@ TEST(LinCli, FramesPrintAsParsableLinesAndBadArgumentsExitTwo) {
         "--sim lin schedule 0x12345678:0 21", "--sim lin schedule 0x12345678:0"})
     EXPECT_EQ(varnel(bad).exit_code, 2) << bad;
   EXPECT_EQ(varnel("lin read 0x12345678:0 21").exit_code, 1) << "no adapter without --sim";
+
+  // the control unit with NAD 10 on channel 0's bus; its VIN is VARNELSIMECU00001
+  ToolRun uds = varnel("--sim lin uds 0x12345678:0 10 22F190 2201FF");
+  EXPECT_EQ(uds.exit_code, 1) << "the second request is refused";
+  EXPECT_EQ(uds.out,
+            "62 F1 90 56 41 52 4E 45 4C 53 49 4D 45 43 55 30 30 30 30 31\n"
+            "7F 22 31 (requestOutOfRange)\n");
+  for (const char* bad : {"--sim lin uds 0x12345678:0 0 22F190", "--sim lin uds 0x12345678:0 80 22",
+                          "--sim lin uds 0x12345678:0 10 22F19"})
+    EXPECT_EQ(varnel(bad).exit_code, 2) << bad;
+  EXPECT_EQ(varnel("--sim lin uds 0x12345678:1 10 22F190 -t 100").exit_code, 1)
+      << "no control unit on channel 1's bus";
 }

@@ -6,6 +6,8 @@
 //                                              by the adapter every MS (-n times, default forever)
 //   varnel lin slave TARGET ID#DATA | --stop ID   the adapter's answer to a header
 //   varnel lin dump TARGET [-n N] [-T MS]      every frame the channel sees, until Ctrl-C
+//   varnel lin uds TARGET NAD REQUEST... [-t MS]  diagnostic requests to node NAD (hex), one
+//                                              response line each, as `varnel uds` prints them
 // TARGET is HANDLE:CHANNEL (0..7). Frame lines, one per frame:
 //   (1732490000.123) 0x12345678:0 21#11223344 pid=61 check=8F enhanced
 // host time in s, target, ID#DATA, protected ID, checksum byte and its verdict (classic, enhanced,
@@ -24,6 +26,7 @@
 #include "command_group.h"
 #include "result_text.h"
 #include "sim_mode.h"
+#include "uds_text.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -31,7 +34,9 @@ namespace {
 
 struct LinOptions {
   std::string target, frame, id;
-  std::vector<std::string> frames;
+  std::vector<std::string> frames, requests;
+  std::string nad;
+  int timeout_ms = 1000;
   uint32_t baud = 19200;
   bool classic = false, enhanced = false, stop = false;
   int count = 0, time_limit_ms = 0;
@@ -247,6 +252,47 @@ void run_dump(const LinOptions& o) {
   close_adapter(t.handle);
 }
 
+constexpr ResultMeaning kLinUdsResults[] = {
+    {-98, "the request frame could not be sent"},
+    {-99, "the frames did not come back from the bus as sent"},
+    {-101, "no whole response in time"},
+    {-103, "a consecutive frame came out of sequence"},
+    {-105, "a frame that is not of the LIN diagnostic transport"},
+    {-109, "the response is longer than 1 MiB"},
+};
+
+void run_uds(const LinOptions& o) {
+  std::vector<std::vector<uint8_t>> requests;
+  for (const auto& text : o.requests) {
+    auto bytes = parse_hex_bytes(text);
+    if (!bytes) {
+      std::fprintf(stderr, "not a request in hex: %s (use 22F190)\n", text.c_str());
+      exit_code() = 2;
+      return;
+    }
+    requests.push_back(*bytes);
+  }
+  Target t;
+  if (!open_channel(o, t, 1)) return;
+  LIN_UDS_ADDR addr{0x3C, 0x3D, uint8_t(hex_value(o.nad, 2)), check_type(o, 0x3C), 0};
+  for (auto& request : requests) {
+    const int sent =
+        LIN_UDS_Request(t.handle, t.channel, &addr, request.data(), int32_t(request.size()));
+    if (sent != 0) {
+      std::fprintf(stderr, "LIN_UDS_Request: %s\n", describe_result(sent, kLinUdsResults).c_str());
+      exit_code() = 1;
+      break;
+    }
+    const bool ok = print_final_response(
+        [&](uint8_t* out, uint32_t size, int wait_ms) {
+          return VARNEL_LIN_UDS_ResponseN(t.handle, t.channel, &addr, out, size, wait_ms);
+        },
+        o.timeout_ms, kLinUdsResults);
+    if (!ok) exit_code() = 1;
+  }
+  close_adapter(t.handle);
+}
+
 CLI::Validator checked(bool (*parse)(std::string, Frame&, bool), bool with_period,
                        const char* shape) {
   return CLI::Validator(
@@ -313,7 +359,19 @@ void add_lin_commands(CLI::App& app) {
   dump->add_option("-n,--count", o->count, "frames to show (default: until Ctrl-C)");
   dump->add_option("-T,--timeout", o->time_limit_ms, "stop after this many ms");
   dump->callback([o] { run_dump(*o); });
-  for (CLI::App* command : {write, read, schedule, slave}) {
+  CLI::App* uds = add("uds", "diagnostic requests to a node (LIN diagnostic transport)");
+  uds->add_option("NAD", o->nad, "node address in hex (1..7F)")
+      ->required()
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            const int nad = hex_value(text, 2);
+            return nad >= 1 && nad <= 0x7F ? std::string() : "expected a NAD of 1..7F, got " + text;
+          },
+          "NAD"));
+  uds->add_option("REQUESTS", o->requests, "requests in hex: 22F190")->required();
+  uds->add_option("-t,--timeout", o->timeout_ms, "ms to wait for each response (default 1000)");
+  uds->callback([o] { run_uds(*o); });
+  for (CLI::App* command : {write, read, schedule, slave, uds}) {
     command->add_flag("--classic", o->classic, "classic checksums");
     command->add_flag("--enhanced", o->enhanced, "enhanced checksums");
   }

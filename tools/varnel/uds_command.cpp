@@ -15,62 +15,11 @@
 #include "can_channel.h"
 #include "command_group.h"
 #include "result_text.h"
+#include "uds_text.h"
 #include "varnel.h"
 
 namespace varnel_cli {
 namespace {
-
-// Negative response codes of ISO 14229-1.
-const char* nrc_name(uint8_t code) {
-  switch (code) {
-    case 0x10:
-      return "generalReject";
-    case 0x11:
-      return "serviceNotSupported";
-    case 0x12:
-      return "subFunctionNotSupported";
-    case 0x13:
-      return "incorrectMessageLengthOrInvalidFormat";
-    case 0x14:
-      return "responseTooLong";
-    case 0x21:
-      return "busyRepeatRequest";
-    case 0x22:
-      return "conditionsNotCorrect";
-    case 0x24:
-      return "requestSequenceError";
-    case 0x25:
-      return "noResponseFromSubnetComponent";
-    case 0x26:
-      return "failurePreventsExecutionOfRequestedAction";
-    case 0x31:
-      return "requestOutOfRange";
-    case 0x33:
-      return "securityAccessDenied";
-    case 0x35:
-      return "invalidKey";
-    case 0x36:
-      return "exceedNumberOfAttempts";
-    case 0x37:
-      return "requiredTimeDelayNotExpired";
-    case 0x70:
-      return "uploadDownloadNotAccepted";
-    case 0x71:
-      return "transferDataSuspended";
-    case 0x72:
-      return "generalProgrammingFailure";
-    case 0x73:
-      return "wrongBlockSequenceCounter";
-    case 0x78:
-      return "requestCorrectlyReceived-ResponsePending";
-    case 0x7E:
-      return "subFunctionNotSupportedInActiveSession";
-    case 0x7F:
-      return "serviceNotSupportedInActiveSession";
-    default:
-      return "unknown negative response code";
-  }
-}
 
 constexpr ResultMeaning kUdsResults[] = {
     {CAN_UDS_ERR_SEND_COUNT, "the adapter sent another number of frames than asked"},
@@ -82,10 +31,6 @@ constexpr ResultMeaning kUdsResults[] = {
     {VARNEL_CAN_UDS_ERR_SIZE, "the response is longer than 1 MiB"},
 };
 
-constexpr uint8_t kNegative = 0x7F, kPending = 0x78;
-constexpr size_t kResponseLimit = 1 << 20;
-constexpr int kPendingTimeoutMs = 5000;  // P2*: how long an ECU that said "pending" may take
-
 struct UdsOptions {
   std::string target;
   std::string tx_text, rx_text;
@@ -96,30 +41,6 @@ struct UdsOptions {
   uint32_t bitrate = 500000, data_bitrate = 2000000;
 };
 
-std::optional<std::vector<uint8_t>> parse_hex_bytes(const std::string& text) {
-  std::vector<uint8_t> out;
-  std::string digits;
-  for (char c : text)
-    if (std::isxdigit(static_cast<unsigned char>(c)))
-      digits += c;
-    else if (c != ' ' && c != '.')
-      return std::nullopt;
-  if (digits.empty() || digits.size() % 2) return std::nullopt;
-  for (size_t i = 0; i < digits.size(); i += 2)
-    out.push_back(uint8_t(std::stoul(digits.substr(i, 2), nullptr, 16)));
-  return out;
-}
-
-std::string hex_line(const uint8_t* bytes, int n) {
-  std::string line;
-  char byte[4];
-  for (int i = 0; i < n; ++i) {
-    std::snprintf(byte, sizeof byte, i ? " %02X" : "%02X", bytes[i]);
-    line += byte;
-  }
-  return line;
-}
-
 // One request and its final response; false when it failed or was refused.
 bool exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8_t> request,
               int timeout_ms) {
@@ -129,27 +50,11 @@ bool exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8_t>
     std::fprintf(stderr, "CAN_UDS_Request: %s\n", describe_result(sent, kUdsResults).c_str());
     return false;
   }
-  std::vector<uint8_t> response(kResponseLimit);
-  while (true) {
-    const int n = VARNEL_CAN_UDS_ResponseN(ch.handle, ch.channel, &addr, response.data(),
-                                           uint32_t(response.size()), timeout_ms);
-    if (n < 0) {
-      std::fprintf(stderr, "no response: %s\n", describe_result(n, kUdsResults).c_str());
-      return false;
-    }
-    const bool negative = n == 3 && response[0] == kNegative;
-    if (negative && response[2] == kPending) {
-      std::fprintf(stderr, "%s (%s)\n", hex_line(response.data(), n).c_str(), nrc_name(kPending));
-      timeout_ms = kPendingTimeoutMs;
-      continue;
-    }
-    if (negative)
-      std::printf("%s (%s)\n", hex_line(response.data(), n).c_str(), nrc_name(response[2]));
-    else
-      std::printf("%s\n", hex_line(response.data(), n).c_str());
-    std::fflush(stdout);
-    return !negative;
-  }
+  return print_final_response(
+      [&](uint8_t* out, uint32_t size, int wait_ms) {
+        return VARNEL_CAN_UDS_ResponseN(ch.handle, ch.channel, &addr, out, size, wait_ms);
+      },
+      timeout_ms, kUdsResults);
 }
 
 void run_uds(const UdsOptions& o) {
