@@ -18,7 +18,7 @@ import threading
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
                       CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, SPI_CONFIG,
-                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG)
+                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG, LIN_UDS_ADDR)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -163,6 +163,9 @@ LIN = {
     "LIN_EX_StopSlaveResp": (_int, [_u32, _u8, _u8], COUNT),
     "LIN_EX_GetMsg": (_int, [_u32, _u8, _LIN_P, _i32], COUNT),
     "LIN_EX_GetStartTime": (_i64, [_u32, _u8], COUNT),
+    "LIN_UDS_Request": (_int, [_u32, _u8, ctypes.POINTER(LIN_UDS_ADDR), _u8p, _i32], COUNT),
+    "VARNEL_LIN_UDS_ResponseN": (_int, [_u32, _u8, ctypes.POINTER(LIN_UDS_ADDR), _u8p, _u32,
+                                        _i32], COUNT),
 }
 FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN)
 

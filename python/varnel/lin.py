@@ -103,5 +103,11 @@ class LinChannel:
         n = self._call("LIN_EX_GetMsg", records, max_frames)
         return [self._frame(records[i]) for i in range(n)]
 
+    def uds(self, nad, frame_spacing_ms=0):
+        """A diagnostic client for node `nad`; see varnel.uds.LinUdsClient."""
+        from .uds import LinUdsClient
+
+        return LinUdsClient(self, nad, frame_spacing_ms)
+
     def stop(self):
         self._call("LIN_EX_Stop")

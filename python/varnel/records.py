@@ -220,3 +220,17 @@ class LIN_EX_MSG(ctypes.Structure):
         ("Tag", ctypes.c_uint8),
     ]
 RECORDS[LIN_EX_MSG.__name__] = LIN_EX_MSG
+
+
+class LIN_UDS_ADDR(ctypes.Structure):
+    """Addressing of LIN diagnostic messages, 5 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("ReqID", ctypes.c_uint8),
+        ("ResID", ctypes.c_uint8),
+        ("NAD", ctypes.c_uint8),
+        ("CheckType", ctypes.c_uint8),
+        ("FrameSpacing", ctypes.c_uint8),
+    ]
+RECORDS[LIN_UDS_ADDR.__name__] = LIN_UDS_ADDR

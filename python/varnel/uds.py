@@ -12,7 +12,7 @@ overflowed).
 import ctypes
 
 from .library import lib
-from .records import CAN_UDS_ADDR, CAN_UDS_CONFIG
+from .records import CAN_UDS_ADDR, CAN_UDS_CONFIG, LIN_UDS_ADDR
 
 _RESPONSE_LIMIT = 1 << 20
 _PENDING = 0x78
@@ -28,7 +28,23 @@ class NegativeResponse(Exception):
         super().__init__(f"negative response to service 0x{service:02X}: 0x{code:02X}")
 
 
-class UdsClient:
+class _Requests:
+    """request() on top of a transport's send() and receive()."""
+
+    def request(self, data, timeout=1.0):
+        """Sends a request and returns the ECU's final positive response."""
+        self.send(data)
+        while True:
+            response = self.receive(timeout)
+            if len(response) == 3 and response[0] == 0x7F:
+                if response[2] == _PENDING:
+                    timeout = max(timeout, _PENDING_TIMEOUT_MS / 1000)
+                    continue
+                raise NegativeResponse(response[1], response[2])
+            return response
+
+
+class UdsClient(_Requests):
     def __init__(self, adapter, channel, txid, rxid, extended_address=None, fd=False, brs=False,
                  stmin=0, block_size=0, fill=0xCC):
         self.adapter, self.channel = adapter, channel
@@ -56,14 +72,23 @@ class UdsClient:
                        _RESPONSE_LIMIT, int(timeout * 1000))
         return bytes(buffer[:n])
 
-    def request(self, data, timeout=1.0):
-        """Sends a request and returns the ECU's final positive response."""
-        self.send(data)
-        while True:
-            response = self.receive(timeout)
-            if len(response) == 3 and response[0] == 0x7F:
-                if response[2] == _PENDING:
-                    timeout = max(timeout, _PENDING_TIMEOUT_MS / 1000)
-                    continue
-                raise NegativeResponse(response[1], response[2])
-            return response
+
+class LinUdsClient(_Requests):
+    """Diagnostic requests to the LIN node `nad` over a master channel (the LIN diagnostic
+    transport: master requests on 3C, slave responses on 3D, classic checksums)."""
+
+    def __init__(self, lin_channel, nad, frame_spacing_ms=0):
+        self.lin = lin_channel
+        self._addr = LIN_UDS_ADDR(0x3C, 0x3D, nad, 0, frame_spacing_ms)
+
+    def send(self, data):
+        """Sends one message of up to 4095 bytes (longer ones are cut to 4095)."""
+        data = bytes(data)
+        buffer = (ctypes.c_uint8 * max(len(data), 1)).from_buffer_copy(data or b"\0")
+        self.lin._call("LIN_UDS_Request", ctypes.byref(self._addr), buffer, len(data))
+
+    def receive(self, timeout=1.0):
+        buffer = (ctypes.c_uint8 * _RESPONSE_LIMIT)()
+        n = self.lin._call("VARNEL_LIN_UDS_ResponseN", ctypes.byref(self._addr), buffer,
+                           _RESPONSE_LIMIT, int(timeout * 1000))
+        return bytes(buffer[:n])

@@ -124,5 +124,12 @@ int main(void) {
   FIELD(LIN_EX_MSG, Check);
   FIELD(LIN_EX_MSG, BreakBits);
   FIELD(LIN_EX_MSG, Tag);
+
+  RECORD(LIN_UDS_ADDR);
+  FIELD(LIN_UDS_ADDR, ReqID);
+  FIELD(LIN_UDS_ADDR, ResID);
+  FIELD(LIN_UDS_ADDR, NAD);
+  FIELD(LIN_UDS_ADDR, CheckType);
+  FIELD(LIN_UDS_ADDR, FrameSpacing);
   return 0;
 }

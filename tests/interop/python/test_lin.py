@@ -29,6 +29,13 @@ class Lin(unittest.TestCase):
         self.assertEqual([str(f) for f in frames],
                          ["21#11223344 enhanced", "22#05 enhanced"] * 2)
 
+    def test_diagnostic_requests_to_the_control_unit(self):
+        ecu = self.lin.uds(0x10)
+        self.assertEqual(ecu.request(bytes.fromhex("22F190"))[3:], b"VARNELSIMECU00001")
+        with self.assertRaises(varnel.NegativeResponse) as caught:
+            ecu.request(bytes.fromhex("2201FF"))
+        self.assertEqual((caught.exception.service, caught.exception.code), (0x22, 0x31))
+
     def test_bad_channel_raises_with_its_code(self):
         with self.assertRaises(varnel.VarnelError) as caught:
             self.adapter.lin(8)
