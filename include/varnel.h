@@ -559,6 +559,24 @@ VARNEL_API int VARNEL_LIN_UDS_ResponseN(DevHandle DevHandle, uint8_t LINIndex,
 VARNEL_API int LIN_UDS_GetMsgFromUDSBuffer(DevHandle DevHandle, uint8_t LINIndex,
                                            LIN_EX_MSG* pLINMsg, int32_t MaxMsgNum);
 
+/* Reprogramming a LIN control unit at node address NAD over its boot loader's transport (frames
+ * on 3C and 3D, classic checksums). Codes besides those above: -8 a frame did not come back as
+ * sent (or the wake-up record of USDLINBoot_Init did not), -9 a response frame could not be read,
+ * -10 a wrong answer, -11 no programming session before the time-out, -12 a message longer than
+ * 4095 bytes, -13 a bad download answer, -14 a transfer counter not echoed. A positive result is
+ * the number of frames that came back when fewer did. Security access: the key is the seed
+ * rotated left by 5 bits, XOR KeyConstant (our targets' key routine). */
+VARNEL_API int USDLINBoot_Init(DevHandle DevHandle, uint8_t LINIndex, uint32_t BaudRate);
+VARNEL_API int USDLINBoot_Start(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
+                                uint16_t KeyConstant, uint32_t TimeOutMs);
+VARNEL_API int USDLINBoot_Erase(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
+                                uint32_t StartAddr, uint32_t Size);
+VARNEL_API int USDLINBoot_WriteData(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
+                                    uint32_t StartAddr, uint8_t* pData, uint32_t Size);
+VARNEL_API int USDLINBoot_MemCheck(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
+                                   uint32_t CheckValue);
+VARNEL_API int USDLINBoot_ResetECU(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD);
+
 /* The older LIN calls, on both generations of adapter firmware: LIN_Init reads the firmware
  * version (below 1.5.0.30 the adapter takes the old commands), then every call either sends its
  * old command or runs the LIN_EX_ calls with the records translated. Old firmware has channels 0

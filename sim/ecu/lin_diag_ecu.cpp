@@ -52,7 +52,8 @@ void LinDiagnosticEcu::hear(const std::vector<uint8_t>& f) {
 void LinDiagnosticEcu::respond(const std::vector<uint8_t>& request) {
   requests_.push_back(request);
   outgoing_.clear();
-  const UdsAnswer a = server_.handle(request);
+  const UdsAnswer a = kind_ == Kind::kBootLoader ? boot_.handle(request) : server_.handle(request);
+  if (kind_ == Kind::kBootLoader) unanswered_ = boot_.take_silent_reads();
   for (int i = 0; i < a.pending; ++i) queue_message({0x7F, request[0], kNrcResponsePending});
   if (!a.response.empty()) queue_message(a.response);
 }
@@ -86,6 +87,10 @@ void LinDiagnosticEcu::queue_message(const std::vector<uint8_t>& m) {
 
 std::optional<LinDiagnosticEcu::Answer> LinDiagnosticEcu::answer() {
   if (faults.silent || outgoing_.empty()) return std::nullopt;
+  if (unanswered_ > 0) {
+    --unanswered_;
+    return std::nullopt;
+  }
   Answer a{outgoing_.front(), false};
   outgoing_.pop_front();
   if (faults.lose_frame) {

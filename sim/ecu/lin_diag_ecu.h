@@ -10,6 +10,7 @@
 #include <optional>
 #include <vector>
 
+#include "sim/ecu/lin_boot_server.h"
 #include "sim/ecu/uds_server.h"
 
 namespace sim {
@@ -18,7 +19,10 @@ class LinDiagnosticEcu {
  public:
   static constexpr uint8_t kWildcardNad = 0x7F;
 
-  explicit LinDiagnosticEcu(uint8_t nad = 0x10) : nad_(nad) {}
+  // An application (the diagnostic services) or a boot loader.
+  enum class Kind { kApplication, kBootLoader };
+  explicit LinDiagnosticEcu(uint8_t nad = 0x10, Kind kind = Kind::kApplication)
+      : nad_(nad), kind_(kind) {}
 
   struct Faults {
     bool lose_frame = false;      // the next response frame is never sent (the header goes empty)
@@ -40,6 +44,7 @@ class LinDiagnosticEcu {
 
   uint8_t nad() const { return nad_; }
   UdsServer& server() { return server_; }
+  LinBootServer& boot() { return boot_; }
   // Every complete request heard, for tests.
   const std::vector<std::vector<uint8_t>>& requests() const { return requests_; }
 
@@ -48,7 +53,10 @@ class LinDiagnosticEcu {
   void queue_message(const std::vector<uint8_t>& message);
 
   uint8_t nad_;
+  Kind kind_;
   UdsServer server_;
+  LinBootServer boot_;
+  int unanswered_ = 0;  // response headers to leave empty (a boot loader restarting)
   std::vector<uint8_t> partial_;
   size_t expected_ = 0;
   uint8_t next_sequence_ = 1;

@@ -397,6 +397,7 @@ LinModel::LinModel() {
     nodes[size_t(ch)].push_back({0x21, {0x11, 0x22, 0x33, 0x44}, true});
   }
   ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x10));
+  ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x20, LinDiagnosticEcu::Kind::kBootLoader));
 }
 
 void LinModel::join(int a, int b) {

@@ -127,7 +127,59 @@ TYPED_TEST_P(LinUdsCases, FaultsGiveTheirCodes) {
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), -98);
 }
 
+// The boot loader with NAD 20 on channel 0's bus takes an Intel HEX file of this repository
+// segment by segment; its flash must then hold the image's bytes and nothing else.
+TYPED_TEST_P(LinUdsCases, BootLoaderReprogramsTheUnitFromAnImageFile) {
+  Adapter adapter = this->open();
+  auto boot = sim::lin_model(*adapter).ecus[0][1];
+  ASSERT_EQ(USDLINBoot_Init(kLinHandle, 0, kFastBaud), 0);
+  EXPECT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0x1111, 1000), -10) << "a wrong key constant";
+  ASSERT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0xBEEF, 1000), 0);
+  EXPECT_EQ(boot->boot().session(), 2);
+  // the first seed, 1234, rotated left by 5 bits is 4682; XOR the wrong constant 1111: 5793
+  EXPECT_EQ(boot->requests()[2], (LinBytes{0x27, 0x02, 0x57, 0x93}));
+
+  std::vector<char> text(4096);
+  const int length = VARNEL_hexfile_load_file_n(VARNEL_SOURCE_DIR "/tests/cli/data/gapped.hex",
+                                                text.data(), text.size());
+  ASSERT_GT(length, 0);
+  HEXFILE_SEGMENT segments[4];
+  const int n = hexfile_convert_ihx(text.data(), length, segments, 4, 1);
+  ASSERT_EQ(n, 2);
+  std::vector<uint8_t> expected(sim::LinBootServer::kFlashSize, 0xFF);
+  for (int i = 0; i < n; ++i) {
+    const HEXFILE_SEGMENT& seg = segments[i];
+    ASSERT_EQ(USDLINBoot_Erase(kLinHandle, 0, 0x20, seg.StartAddr, seg.DataLen), 0) << i;
+    ASSERT_EQ(USDLINBoot_WriteData(kLinHandle, 0, 0x20, seg.StartAddr, seg.pData, seg.DataLen), 0);
+    std::copy_n(seg.pData, seg.DataLen, expected.begin() + seg.StartAddr);
+  }
+  hexfile_free_data(segments, 4);
+  EXPECT_EQ(boot->boot().flash(), expected);
+
+  // block length 12: 10 data bytes a transfer, so 25 bytes go as 10, 10 and 5 with counters 1-3
+  boot->boot().block_length = 12;
+  std::vector<uint8_t> data(25, 0x5A);
+  ASSERT_EQ(USDLINBoot_Erase(kLinHandle, 0, 0x20, 0x1000, 25), 0);
+  ASSERT_EQ(USDLINBoot_WriteData(kLinHandle, 0, 0x20, 0x1000, data.data(), 25), 0);
+  const auto& heard = boot->requests();
+  ASSERT_GE(heard.size(), 4u);
+  for (size_t i = 0; i < 3; ++i) {
+    const LinBytes& t = heard[heard.size() - 4 + i];
+    EXPECT_EQ(t.size(), 2u + (i < 2 ? 10 : 5)) << i;
+    EXPECT_EQ(t[1], i + 1);
+  }
+  EXPECT_EQ(USDLINBoot_MemCheck(kLinHandle, 0, 0x20, 0x12345678), 0);
+  EXPECT_EQ(USDLINBoot_Erase(kLinHandle, 0, 0x20, 0x1FFF0, 0x100), -10) << "beyond the flash";
+  ASSERT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x20), 0);
+  EXPECT_EQ(boot->boot().session(), 1);
+  boot->faults.silent = true;
+  EXPECT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x20), -9);
+  EXPECT_EQ(USDLINBoot_WriteData(kLinHandle, 0, 0x20, 0, data.data(), 25), -9)
+      << "the silent unit does not answer the download";
+}
+
 REGISTER_TYPED_TEST_SUITE_P(LinUdsCases, RequestsBecomeTheFramesOfTheirLength,
-                            LongMessagesGoBothWaysWhole, FaultsGiveTheirCodes);
+                            LongMessagesGoBothWaysWhole, FaultsGiveTheirCodes,
+                            BootLoaderReprogramsTheUnitFromAnImageFile);
 
 }  // namespace testing_support
