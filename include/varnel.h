@@ -576,6 +576,10 @@ VARNEL_API int USDLINBoot_WriteData(DevHandle DevHandle, uint8_t LINIndex, uint8
 VARNEL_API int USDLINBoot_MemCheck(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
                                    uint32_t CheckValue);
 VARNEL_API int USDLINBoot_ResetECU(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD);
+/* Extension: USDLINBoot_MemCheck that also gives the routine's status byte (byte 4 of the results
+ * answer; our targets: 0 the CRC-32 of the last download matches CheckValue, 1 not). */
+VARNEL_API int VARNEL_USDLINBoot_MemCheckResult(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
+                                                uint32_t CheckValue, uint8_t* pStatus);
 
 /* The older LIN calls, on both generations of adapter firmware: LIN_Init reads the firmware
  * version (below 1.5.0.30 the adapter takes the old commands), then every call either sends its

@@ -162,7 +162,7 @@ std::vector<uint8_t> with_be32(std::vector<uint8_t> bytes, std::initializer_list
 
 // Routine control: start, wait what the node asks (bytes 4..5, ms), then the results.
 int run_routine(uint32_t handle, uint8_t ch, uint8_t nad, std::vector<uint8_t> start,
-                size_t start_length_exact, uint8_t routine_low) {
+                size_t start_length_exact, uint8_t routine_low, uint8_t* status = nullptr) {
   const Exchange started = exchange(handle, ch, nad, start);
   const bool ok = started.positive(0x71, 6) && started.answer[2] == 0xDF &&
                   started.answer[3] == routine_low &&
@@ -172,6 +172,7 @@ int run_routine(uint32_t handle, uint8_t ch, uint8_t nad, std::vector<uint8_t> s
   const Exchange results = exchange(handle, ch, nad, {0x31, 0x03, 0xDF, routine_low});
   const bool done = results.positive(0x71, 4) && results.answer[1] == 0x03 &&
                     results.answer[2] == 0xDF && results.answer[3] == routine_low;
+  if (done && status) *status = results.answer.size() > 4 ? results.answer[4] : 0;
   return done ? 0 : results.result < 0 ? results.result : kWrongAnswer;
 }
 
@@ -239,5 +240,15 @@ VARNEL_API int USDLINBoot_ResetECU(DevHandle handle, uint8_t ch, uint8_t nad) {
     return reset.positive(0x51, 2) && reset.answer[1] == 0x01 ? 0
            : reset.result < 0                                 ? reset.result
                                                               : kWrongAnswer;
+  });
+}
+
+VARNEL_API int VARNEL_USDLINBoot_MemCheckResult(DevHandle handle, uint8_t ch, uint8_t nad,
+                                                uint32_t value, uint8_t* status) {
+  return guarded(result::kFailed, [&] {
+    if (!status) return result::kBadArgument;
+    *status = 0xFF;
+    return run_routine(handle, ch, nad, with_be32({0x31, 0x01, 0xDF, 0xFE}, {value}), 6, 0xFE,
+                       status);
   });
 }

@@ -1,5 +1,6 @@
 // `varnel lin` against the virtual adapter, whose buses carry a node answering 21 with 11 22 33 44
 // (enhanced checksum: 61 + AA = 10B -> 0C -> F3).
+#include <fstream>
 #include <regex>
 
 #include "cli_support.h"
@@ -36,4 +37,27 @@ TEST(LinCli, FramesPrintAsParsableLinesAndBadArgumentsExitTwo) {
     EXPECT_EQ(varnel(bad).exit_code, 2) << bad;
   EXPECT_EQ(varnel("--sim lin uds 0x12345678:1 10 22F190 -t 100").exit_code, 1)
       << "no control unit on channel 1's bus";
+}
+
+// The boot loader with NAD 20 on channel 0's bus: 128 KiB of flash from address 0, key constant
+// BEEF. An S2 record at 0x20000 (05 02 00 00 12, checksum FF - 19 = E6) lies beyond it.
+TEST(LinCli, FlashProgramsAndVerifiesAnImageWithAnExitCodePerOutcome) {
+  const std::string image = VARNEL_SOURCE_DIR "/tests/cli/data/gapped.hex";
+  const std::string beyond = testing::TempDir() + "varnel_lin_" + std::to_string(getpid()) + ".s19";
+  std::ofstream(beyond) << "S20502000012E6\n";
+  struct Case {
+    std::string args;
+    int exit_code;
+  } cases[] = {
+      {"--sim lin flash 0x12345678:0 20 " + image, 0},
+      {"--sim lin flash 0x12345678:0 20 " + image + " --key 0x1111", 3},
+      {"--sim lin flash 0x12345678:0 20 " + beyond, 4},
+      {"--sim lin flash 0x12345678:1 20 " + image, 1},  // nobody on channel 1's bus
+      {"--sim lin flash 0x12345678:0 20 /nonexistent.hex", 2},
+      {"--sim lin flash 0x12345678:0 7F " + image, 2},
+  };
+  for (const auto& c : cases) EXPECT_EQ(varnel(c.args).exit_code, c.exit_code) << c.args;
+  EXPECT_EQ(varnel(cases[0].args).out,
+            "Erasing, writing and verifying 20 bytes in 2 segment(s)... VERIFIED.\n");
+  std::remove(beyond.c_str());
 }

@@ -9,7 +9,12 @@
 #include <vector>
 
 #include "command_group.h"
+#include "image_file.h"
 #include "varnel.h"
+
+using varnel_cli::detect_image_format;
+using varnel_cli::ImageSegments;
+using varnel_cli::load_image_text;
 
 namespace {
 
@@ -46,52 +51,15 @@ const char* problem_name(int kind) {
   }
 }
 
-// The first line that is not blank tells the format: ':' Intel HEX, 'S' and a digit S-records.
-int detect_format(const std::vector<char>& text) {
-  for (size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (c == '\r' || c == '\n' || c == ' ' || c == '\t') continue;
-    if (c == ':') return VARNEL_HEXFILE_IHX;
-    if (c == 'S' && i + 1 < text.size() && text[i + 1] >= '0' && text[i + 1] <= '9')
-      return VARNEL_HEXFILE_S19;
-    return VARNEL_HEXFILE_TXT;
-  }
-  return VARNEL_HEXFILE_TXT;
-}
-
 int format_from_option(const std::string& option, const std::vector<char>& text) {
   if (option == "s19" || option == "srec") return VARNEL_HEXFILE_S19;
   if (option == "ihx" || option == "hex") return VARNEL_HEXFILE_IHX;
   if (option == "txt") return VARNEL_HEXFILE_TXT;
-  return detect_format(text);
+  return detect_image_format(text);
 }
 
-bool load(const std::string& path, std::vector<char>& text) {
-  int size = VARNEL_hexfile_load_file_n(path.c_str(), nullptr, 0);
-  if (size == -2) {
-    std::fprintf(stderr, "%s: file too large\n", path.c_str());
-    return false;
-  }
-  if (size >= 0) {
-    text.resize(static_cast<size_t>(size));
-    size = VARNEL_hexfile_load_file_n(path.c_str(), text.data(), text.size());
-  }
-  if (size < 0) {
-    std::fprintf(stderr, "%s: cannot read the file\n", path.c_str());
-    return false;
-  }
-  text.resize(static_cast<size_t>(size));
-  return true;
-}
-
-// Converted segments; the data is released with the object.
-struct Segments {
-  std::vector<HEXFILE_SEGMENT> array;
-  int count = 0;
-  ~Segments() { hexfile_free_data(array.data(), static_cast<int32_t>(array.size())); }
-};
-
-void convert(int format, const std::vector<char>& text, const HexOptions& options, Segments& out) {
+void convert(int format, const std::vector<char>& text, const HexOptions& options,
+             ImageSegments& out) {
   auto converter = format == VARNEL_HEXFILE_S19   ? hexfile_convert_s19
                    : format == VARNEL_HEXFILE_IHX ? hexfile_convert_ihx
                                                   : hexfile_convert_txt;
@@ -123,7 +91,7 @@ void explain_failure(const std::string& path, int problems, const HexOptions& op
 
 void run_info(const HexOptions& options) {
   std::vector<char> text;
-  if (!load(options.file, text)) {
+  if (!load_image_text(options.file, text)) {
     varnel_cli::exit_code() = 1;
     return;
   }
@@ -131,7 +99,7 @@ void run_info(const HexOptions& options) {
   std::printf("file: %s\nformat: %s\ntext: %zu bytes\n", options.file.c_str(), format_name(format),
               text.size());
   int problems = report_problems(options.file, format, text);
-  Segments segments;
+  ImageSegments segments;
   convert(format, text, options, segments);
   if (segments.count == 0) {
     explain_failure(options.file, problems, options);
@@ -181,12 +149,12 @@ void run_convert(const HexOptions& options) {
     return;
   }
   std::vector<char> text;
-  if (!load(options.file, text)) {
+  if (!load_image_text(options.file, text)) {
     varnel_cli::exit_code() = 1;
     return;
   }
   int format = format_from_option(options.format, text);
-  Segments segments;
+  ImageSegments segments;
   convert(format, text, options, segments);
   if (segments.count == 0) {
     explain_failure(options.file, report_problems(options.file, format, text), options);

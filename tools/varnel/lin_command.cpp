@@ -8,6 +8,7 @@
 //   varnel lin dump TARGET [-n N] [-T MS]      every frame the channel sees, until Ctrl-C
 //   varnel lin uds TARGET NAD REQUEST... [-t MS]  diagnostic requests to node NAD (hex), one
 //                                              response line each, as `varnel uds` prints them
+//   varnel lin flash TARGET NAD FILE           reprograms a control unit (lin_flash_command.cpp)
 // TARGET is HANDLE:CHANNEL (0..7). Frame lines, one per frame:
 //   (1732490000.123) 0x12345678:0 21#11223344 pid=61 check=8F enhanced
 // host time in s, target, ID#DATA, protected ID, checksum byte and its verdict (classic, enhanced,
@@ -24,6 +25,7 @@
 
 #include "adapter.h"
 #include "command_group.h"
+#include "lin_flash_command.h"
 #include "result_text.h"
 #include "sim_mode.h"
 #include "uds_text.h"
@@ -371,6 +373,7 @@ void add_lin_commands(CLI::App& app) {
   uds->add_option("REQUESTS", o->requests, "requests in hex: 22F190")->required();
   uds->add_option("-t,--timeout", o->timeout_ms, "ms to wait for each response (default 1000)");
   uds->callback([o] { run_uds(*o); });
+  add_lin_flash_command(lin);
   for (CLI::App* command : {write, read, schedule, slave, uds}) {
     command->add_flag("--classic", o->classic, "classic checksums");
     command->add_flag("--enhanced", o->enhanced, "enhanced checksums");

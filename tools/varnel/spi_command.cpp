@@ -19,6 +19,7 @@
 
 #include "adapter.h"
 #include "command_group.h"
+#include "progress.h"
 #include "result_text.h"
 #include "sim_mode.h"
 #include "varnel.h"
@@ -61,30 +62,6 @@ bool failed(const char* what, int rc) {
   exit_code() = 1;
   return true;
 }
-
-class Progress {
- public:
-  Progress(const char* what, uint64_t total) : what_(what), total_(total), tty_(isatty(2)) {}
-  void at(uint64_t done) {
-    const int percent = total_ ? int(done * 100 / total_) : 100;
-    if (tty_) {
-      const int bar = percent / 5;
-      std::fprintf(stderr, "\r%s [%s%s] %3d%%", what_, std::string(size_t(bar), '#').c_str(),
-                   std::string(size_t(20 - bar), ' ').c_str(), percent);
-      if (done == total_) std::fprintf(stderr, "\n");
-    } else if (percent / 25 > last_quarter_) {
-      last_quarter_ = percent / 25;
-      std::fprintf(stderr, "%s: %d%% (%llu of %llu bytes)\n", what_, percent,
-                   static_cast<unsigned long long>(done), static_cast<unsigned long long>(total_));
-    }
-  }
-
- private:
-  const char* what_;
-  uint64_t total_;
-  bool tty_;
-  int last_quarter_ = 0;
-};
 
 bool read_flash(const Target& t, uint32_t size, std::vector<uint8_t>& out, const char* what) {
   out.assign(size, 0);
