@@ -52,4 +52,13 @@ bool read_image(const std::string& path, ImageSegments& out) {
   return true;
 }
 
+uint32_t image_crc32(const uint8_t* data, size_t n) {
+  uint32_t crc = 0xFFFFFFFF;
+  for (size_t i = 0; i < n; ++i) {
+    crc ^= data[i];
+    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (0xEDB88320 & (0u - (crc & 1)));
+  }
+  return ~crc;
+}
+
 }  // namespace varnel_cli

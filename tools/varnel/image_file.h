@@ -2,6 +2,8 @@
 // line, and the segments the library's converters make of it.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -24,5 +26,8 @@ struct ImageSegments {
 // The file read and converted with its own format (byte addresses, at most 256 segments); false,
 // with the reason on stderr.
 bool read_image(const std::string& path, ImageSegments& out);
+
+// CRC-32 of IEEE 802.3 (reflected polynomial EDB88320), what boot loaders check images with.
+uint32_t image_crc32(const uint8_t* data, size_t n);
 
 }  // namespace varnel_cli

@@ -47,16 +47,6 @@ struct FlashOptions {
   std::string key_text = "0xBEEF";
 };
 
-// CRC-32 of IEEE 802.3 (reflected polynomial EDB88320), what the boot loader's check computes.
-uint32_t crc32(const uint8_t* data, size_t n) {
-  uint32_t crc = 0xFFFFFFFF;
-  for (size_t i = 0; i < n; ++i) {
-    crc ^= data[i];
-    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (0xEDB88320 & (0u - (crc & 1)));
-  }
-  return ~crc;
-}
-
 int fail(const char* what, int rc, int code) {
   std::fprintf(stderr, "%s: %s\n", what, describe_result(rc, kBootResults).c_str());
   return code;
@@ -72,7 +62,8 @@ int program(uint32_t h, uint8_t ch, uint8_t nad, const HEXFILE_SEGMENT& seg, Pro
     if (int rc = USDLINBoot_WriteData(h, ch, nad, seg.StartAddr + at, seg.pData + at, n); rc != 0)
       return fail("USDLINBoot_WriteData", rc, rc <= -10 ? kRefusedWrite : kTransport);
     uint8_t status = 0xFF;
-    if (int rc = VARNEL_USDLINBoot_MemCheckResult(h, ch, nad, crc32(seg.pData + at, n), &status);
+    if (int rc =
+            VARNEL_USDLINBoot_MemCheckResult(h, ch, nad, image_crc32(seg.pData + at, n), &status);
         rc != 0)
       return fail("USDLINBoot_MemCheck", rc, kTransport);
     if (status != 0) {
