@@ -18,7 +18,8 @@ import threading
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
                       CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, SPI_CONFIG,
-                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG, LIN_UDS_ADDR)
+                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG, LIN_UDS_ADDR,
+                      HEXFILE_SEGMENT)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -167,7 +168,22 @@ LIN = {
     "VARNEL_LIN_UDS_ResponseN": (_int, [_u32, _u8, ctypes.POINTER(LIN_UDS_ADDR), _u8p, _u32,
                                         _i32], COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN)
+_SEG_P = ctypes.POINTER(HEXFILE_SEGMENT)
+IMAGES = {
+    "hexfile_convert_s19": (_int, [_char_p, _i32, _SEG_P, _u32, ctypes.c_int8], None),
+    "hexfile_convert_ihx": (_int, [_char_p, _i32, _SEG_P, _u32, ctypes.c_int8], None),
+    "hexfile_convert_txt": (_int, [_char_p, _i32, _SEG_P, _u32, ctypes.c_int8], None),
+    "hexfile_free_data": (_int, [_SEG_P, _i32], None),
+}
+LIN_BOOT = {
+    "USDLINBoot_Init": (_int, [_u32, _u8, _u32], COUNT),
+    "USDLINBoot_Start": (_int, [_u32, _u8, _u8, ctypes.c_uint16, _u32], COUNT),
+    "USDLINBoot_Erase": (_int, [_u32, _u8, _u8, _u32, _u32], COUNT),
+    "USDLINBoot_WriteData": (_int, [_u32, _u8, _u8, _u32, _u8p, _u32], COUNT),
+    "VARNEL_USDLINBoot_MemCheckResult": (_int, [_u32, _u8, _u8, _u32, _u8p], COUNT),
+    "USDLINBoot_ResetECU": (_int, [_u32, _u8, _u8], COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT)
 
 
 def _raise_on_negative(result, function, _args):

@@ -14,10 +14,11 @@
 A failed call raises VarnelError with its code.
 """
 import ctypes
+import zlib
 from dataclasses import dataclass
 
 from .library import lib
-from .records import LIN_EX_MSG
+from .records import HEXFILE_SEGMENT, LIN_EX_MSG
 
 VERDICTS = ("classic", "enhanced", "unchecked", "none", "error")
 _READ, _WRITE, _SLAVE = 2, 1, 3
@@ -43,7 +44,7 @@ def _check_type(frame_id, classic):
 
 class LinChannel:
     def __init__(self, adapter, channel, baud=19200, master=True):
-        self.adapter, self.channel = adapter, channel
+        self.adapter, self.channel, self._baud = adapter, channel, baud
         self._call("LIN_EX_Init", baud, 1 if master else 0)
 
     def _call(self, name, *args):
@@ -109,5 +110,50 @@ class LinChannel:
 
         return LinUdsClient(self, nad, frame_spacing_ms)
 
+    def flash(self, nad, image, key_constant=0xBEEF, timeout_ms=2000, progress=None,
+              piece=1024):
+        """Reprograms node `nad` through its boot loader: `image` is a file (S-records, Intel HEX
+        or text, read by the library) or a list of (address, bytes). Each segment is erased,
+        written in pieces and checked with the unit's CRC-32 check; progress(done, total) is
+        called after each piece. Raises VarnelError, or ValueError when a check disagrees."""
+        segments = read_image(image) if isinstance(image, str) else list(image)
+        total, done = sum(len(data) for _, data in segments), 0
+        self._call("USDLINBoot_Init", self._baud)
+        self._call("USDLINBoot_Start", nad, key_constant, timeout_ms)
+        for address, data in segments:
+            self._call("USDLINBoot_Erase", nad, address, len(data))
+            for at in range(0, len(data), piece):
+                chunk = bytes(data[at:at + piece])
+                buffer = (ctypes.c_uint8 * len(chunk)).from_buffer_copy(chunk)
+                self._call("USDLINBoot_WriteData", nad, address + at, buffer, len(chunk))
+                status = ctypes.c_uint8(0xFF)
+                self._call("VARNEL_USDLINBoot_MemCheckResult", nad, zlib.crc32(chunk),
+                           ctypes.byref(status))
+                if status.value:
+                    raise ValueError("the unit's check disagrees at 0x%08X" % (address + at))
+                done += len(chunk)
+                if progress:
+                    progress(done, total)
+        self._call("USDLINBoot_ResetECU", nad)
+
     def stop(self):
         self._call("LIN_EX_Stop")
+
+
+def read_image(path, max_segments=256):
+    """The segments of an image file as [(address, bytes)], read by the library's converters
+    (the format from the first line: ':' Intel HEX, 'S' and a digit S-records, else text)."""
+    with open(path, "rb") as f:
+        text = f.read()
+    first = text.lstrip()[:2]
+    name = ("hexfile_convert_ihx" if first[:1] == b":" else
+            "hexfile_convert_s19" if first[:1] == b"S" and first[1:2].isdigit() else
+            "hexfile_convert_txt")
+    segments = (HEXFILE_SEGMENT * max_segments)()
+    n = getattr(lib(), name)(text, len(text), segments, max_segments, 1)
+    try:
+        if n <= 0:
+            raise ValueError("%s: not a readable image" % path)
+        return [(s.StartAddr, bytes(s.pData[:s.DataLen])) for s in segments[:n]]
+    finally:
+        lib().hexfile_free_data(segments, max_segments)

@@ -234,3 +234,15 @@ class LIN_UDS_ADDR(ctypes.Structure):
         ("FrameSpacing", ctypes.c_uint8),
     ]
 RECORDS[LIN_UDS_ADDR.__name__] = LIN_UDS_ADDR
+
+
+class HEXFILE_SEGMENT(ctypes.Structure):
+    """One segment of a firmware image, 16 bytes; pData is owned by the library."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("StartAddr", ctypes.c_uint32),
+        ("DataLen", ctypes.c_uint32),
+        ("pData", ctypes.POINTER(ctypes.c_uint8)),
+    ]
+RECORDS[HEXFILE_SEGMENT.__name__] = HEXFILE_SEGMENT

@@ -131,5 +131,10 @@ int main(void) {
   FIELD(LIN_UDS_ADDR, NAD);
   FIELD(LIN_UDS_ADDR, CheckType);
   FIELD(LIN_UDS_ADDR, FrameSpacing);
+
+  RECORD(HEXFILE_SEGMENT);
+  FIELD(HEXFILE_SEGMENT, StartAddr);
+  FIELD(HEXFILE_SEGMENT, DataLen);
+  FIELD(HEXFILE_SEGMENT, pData);
   return 0;
 }

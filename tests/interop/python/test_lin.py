@@ -1,5 +1,6 @@
 """The LIN module against the virtual adapter, whose buses carry a node answering 0x21 with
 11 22 33 44 (enhanced checksum: 0x61 + 0xAA = 0x10B -> 0x0C, inverted 0xF3)."""
+import os
 import time
 import unittest
 
@@ -35,6 +36,15 @@ class Lin(unittest.TestCase):
         with self.assertRaises(varnel.NegativeResponse) as caught:
             ecu.request(bytes.fromhex("2201FF"))
         self.assertEqual((caught.exception.service, caught.exception.code), (0x22, 0x31))
+
+    def test_flashing_an_image_file_with_progress(self):
+        image = os.path.join(os.path.dirname(__file__), "..", "..", "cli", "data", "gapped.hex")
+        seen = []
+        self.lin.flash(0x20, image, progress=lambda done, total: seen.append((done, total)))
+        self.assertEqual(seen, [(16, 20), (20, 20)])
+        with self.assertRaises(varnel.VarnelError) as caught:
+            self.lin.flash(0x20, [(0x100, b"\x01")], key_constant=0x1111)
+        self.assertEqual(caught.exception.code, -10)
 
     def test_bad_channel_raises_with_its_code(self):
         with self.assertRaises(varnel.VarnelError) as caught:
