@@ -122,6 +122,11 @@ struct Exchange {
 
 Exchange exchange(uint32_t handle, uint8_t ch, uint8_t nad, const std::vector<uint8_t>& request) {
   Exchange e;
+  // NAD 0 is the sleep command's; the wildcard 7F would make every node answer at once
+  if (nad == 0 || nad == 0x7F) {
+    e.result = result::kBadArgument;
+    return e;
+  }
   e.result = send_message(handle, ch, nad, request);
   if (e.result == 0) e.result = receive_message(handle, ch, e.answer);
   return e;

@@ -190,7 +190,8 @@ VARNEL_API int LIN_UDS_Request(DevHandle handle, uint8_t ch, LIN_UDS_ADDR* a, ui
     int refusal;
     Channel* channel = usable(handle, ch, a, &refusal);
     if (!channel) return refusal;
-    if (length < 0 || (!data && length > 0)) return result::kBadArgument;
+    // NAD 0 is the sleep command's, and a message has at least its service byte
+    if (a->NAD == 0 || length <= 0 || !data) return result::kBadArgument;
     length = std::min(length, kMaxMessage);
     clear_diagnostics(handle, ch);
     const uint32_t baud = channel->baud;

@@ -123,6 +123,11 @@ TYPED_TEST_P(LinUdsCases, FaultsGiveTheirCodes) {
   EXPECT_EQ(VARNEL_LIN_UDS_ResponseN(kLinHandle, 0, &this->addr, out.data(), 10, 200), -109);
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 6, &this->addr, vin.data(), 3), -5);
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, nullptr, vin.data(), 3), -7);
+  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 0), -7) << "no service";
+  LIN_UDS_ADDR sleep = this->addr;
+  sleep.NAD = 0;
+  EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &sleep, vin.data(), 3), -7) << "NAD 0 is for sleep";
+  EXPECT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x7F), -7) << "not every node at once";
   adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 10, 0xF07});
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), -98);
 }
