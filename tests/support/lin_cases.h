@@ -111,13 +111,17 @@ TYPED_TEST_P(LinCases, MasterReadsAreJudgedOnTheChecksumTheNodeSent) {
   EXPECT_EQ(LinBytes(data, data + 8), LinBytes(8, 0));
 }
 
-// 31 records a command for adapters 0x460..., 511 for others: 520 breaks go as 16 x 31 + 24, or
-// as 511 + 9.
+// 31 records a command for adapters 0x460..., 127 for 0x41..0x45 with the next four bits clear,
+// 511 for others: 520 breaks go as 16 x 31 + 24, 4 x 127 + 12, or 511 + 9.
 TYPED_TEST_P(LinCases, LongListsAreSplitWhereTheAdaptersLimitFalls) {
   std::vector<size_t> kind_460(16, 31);
   kind_460.push_back(24);
-  for (const auto& [handle, pieces] :
-       {std::pair{0x46012340u, kind_460}, std::pair{kLinHandle, std::vector<size_t>{511, 9}}}) {
+  const std::vector<std::pair<uint32_t, std::vector<size_t>>> kinds = {
+      {0x46012340u, kind_460},
+      {0x41012340u, {127, 127, 127, 127, 12}},
+      {0x41112340u, {511, 9}},  // bits 20..23 not clear
+      {kLinHandle, {511, 9}}};
+  for (const auto& [handle, pieces] : kinds) {
     this->fresh_adapter(handle);
     ASSERT_EQ(LIN_EX_Init(handle, 0, 19200, 1), 0);
     TypeParam::clear_transfers(handle);
@@ -165,6 +169,12 @@ TYPED_TEST_P(LinCases, TheSlaveTableAnswersAnotherChannel) {
   EXPECT_EQ(LinBytes(sent[1].begin() + 8, sent[1].begin() + 14), (LinBytes{1, 0xB1, 0, 0, 0, 0}));
   EXPECT_EQ(sent[1][14 + 6], 8);
   EXPECT_EQ(sent[1][34 + 6], 0) << "the last piece goes out empty";
+  // Mode 0 takes the pieces' command even when the data fit one frame (one empty piece).
+  ASSERT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 1, 0x31, 8, ten, 5, 1, 0), 0);
+  sent = this->requests();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[1][3], 0x13);
+  EXPECT_EQ(sent[1].size(), 8u + 6 + 20);
 }
 
 // Two runs of a schedule of two 10 ms slots, in the adapter's time.
@@ -220,6 +230,8 @@ TYPED_TEST_P(LinCases, BadInputAndBadRepliesGiveTheirCodes) {
   adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 10, 0xF07});
   EXPECT_EQ(LIN_EX_MasterRead(kLinHandle, 0, 0x21, data), -4) << "half a record";
   LIN_EX_MSG schedule[128];
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 128 * 20, 0xF0E});
+  EXPECT_EQ(LIN_EX_MasterGetSch(kLinHandle, 0, schedule), 128) << "128 records fit";
   adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 129 * 20, 0xF0E});
   EXPECT_EQ(LIN_EX_MasterGetSch(kLinHandle, 0, schedule), 0) << "129 records do not fit";
   EXPECT_EQ(LIN_EX_Stop(kLinHandle, 0), 0);

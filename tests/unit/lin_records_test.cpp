@@ -43,6 +43,8 @@ TEST(LinRecords, ChecksumsAddWithCarryAndInvert) {
   EXPECT_EQ(checksum(0x00, ff, 2, false), 0x00);    // 1FE - FF = FF, inverted
   EXPECT_EQ(checksum(0xC1, eight, 8, true), 0x1A);  // C1 + 24 = E5, inverted
   EXPECT_EQ(checksum(0xC1, eight, 0, true), 0x3E);  // the PID alone
+  const uint8_t half[] = {0x80, 0x80};
+  EXPECT_EQ(checksum(0x00, half, 2, false), 0xFE);  // exactly 100: the carry goes round to 01
 }
 
 // Each call clamps its own way: times 5,000,000 (sync) or 600,000 (schedule), breaks outside
@@ -71,6 +73,15 @@ TEST(LinRecords, OutgoingRecordsAreClampedAndChecksummed) {
   read.BreakBits = 13;
   prepare(read, Outgoing::kSchedule, 19200);
   EXPECT_EQ(read.TimeStamp, 4u) << "(13 + 47) bits at 19200 baud: 3.1 ms, rounded up";
+  read.TimeStamp = 0;
+  read.BreakBits = 40;  // the longest break kept
+  prepare(read, Outgoing::kSchedule, 20000);
+  EXPECT_EQ(read.BreakBits, 40);
+  EXPECT_EQ(read.TimeStamp, 5u) << "87 bits at 20000 baud: 4.35 ms";
+  read.TimeStamp = 0;
+  read.BreakBits = 10;
+  prepare(read, Outgoing::kSchedule, 19000);
+  EXPECT_EQ(read.TimeStamp, 3u) << "57 bits at 19000 baud: exactly 3 ms";
 
   LIN_EX_MSG user = record(0x83, LIN_EX_CHECK_USER, {7});
   user.Check = 0xAB;
