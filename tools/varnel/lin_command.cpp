@@ -264,20 +264,15 @@ constexpr ResultMeaning kLinUdsResults[] = {
 };
 
 void run_uds(const LinOptions& o) {
-  std::vector<std::vector<uint8_t>> requests;
-  for (const auto& text : o.requests) {
-    auto bytes = parse_hex_bytes(text);
-    if (!bytes) {
-      std::fprintf(stderr, "not a request in hex: %s (use 22F190)\n", text.c_str());
-      exit_code() = 2;
-      return;
-    }
-    requests.push_back(*bytes);
+  const auto requests = parse_requests(o.requests);
+  if (!requests) {
+    exit_code() = 2;
+    return;
   }
   Target t;
   if (!open_channel(o, t, 1)) return;
   LIN_UDS_ADDR addr{0x3C, 0x3D, uint8_t(hex_value(o.nad, 2)), check_type(o, 0x3C), 0};
-  for (auto& request : requests) {
+  for (auto request : *requests) {
     const int sent =
         LIN_UDS_Request(t.handle, t.channel, &addr, request.data(), int32_t(request.size()));
     if (sent != 0) {

@@ -60,15 +60,10 @@ bool exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8_t>
 void run_uds(const UdsOptions& o) {
   const auto name = parse_can_channel_name(o.target);
   uint32_t tx = 0, rx = 0;
-  std::vector<std::vector<uint8_t>> requests;
-  for (const auto& text : o.requests) {
-    auto bytes = parse_hex_bytes(text);
-    if (!bytes) {
-      std::fprintf(stderr, "not a request in hex: %s (use 22F190)\n", text.c_str());
-      exit_code() = 2;
-      return;
-    }
-    requests.push_back(*bytes);
+  const auto requests = parse_requests(o.requests);
+  if (!requests) {
+    exit_code() = 2;
+    return;
   }
   tx = uint32_t(std::stoul(o.tx_text, nullptr, 16));
   rx = uint32_t(std::stoul(o.rx_text, nullptr, 16));
@@ -84,7 +79,7 @@ void run_uds(const UdsOptions& o) {
                     uint8_t(ext ? std::stoul(o.ext_addr, nullptr, 16) : 0),
                     uint8_t(o.fd || o.brs ? 64 : 8)};
   CAN_StartGetMsg(ch->handle, ch->channel);
-  for (auto& request : requests)
+  for (const auto& request : *requests)
     if (!exchange(*ch, addr, request, o.timeout_ms)) {
       exit_code() = 1;
       break;

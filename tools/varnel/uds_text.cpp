@@ -81,6 +81,20 @@ std::string hex_line(const uint8_t* bytes, int n) {
   return line;
 }
 
+std::optional<std::vector<std::vector<uint8_t>>> parse_requests(
+    const std::vector<std::string>& texts) {
+  std::vector<std::vector<uint8_t>> requests;
+  for (const auto& text : texts) {
+    auto bytes = parse_hex_bytes(text);
+    if (!bytes) {
+      std::fprintf(stderr, "not a request in hex: %s (use 22F190)\n", text.c_str());
+      return std::nullopt;
+    }
+    requests.push_back(*bytes);
+  }
+  return requests;
+}
+
 namespace {
 constexpr uint8_t kNegative = 0x7F, kPending = 0x78;
 constexpr uint32_t kResponseLimit = 1 << 20;

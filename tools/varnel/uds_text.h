@@ -18,6 +18,9 @@ const char* nrc_name(uint8_t code);
 // "22F190", "22.F1.90" or "22 F1 90"; nothing for anything else.
 std::optional<std::vector<uint8_t>> parse_hex_bytes(const std::string& text);
 std::string hex_line(const uint8_t* bytes, int n);
+// Each request parsed; nothing (and the bad one named on stderr) when one is not hex.
+std::optional<std::vector<std::vector<uint8_t>>> parse_requests(
+    const std::vector<std::string>& texts);
 
 // Reads responses with `receive(buffer, size, timeout_ms)` (a length or a negative code) until a
 // final one and prints it: a line of hex, a negative one with its code's name; "response
