@@ -6,6 +6,11 @@
 
 namespace varnel {
 
+// The device information record and the function string, which other families read too (the
+// LIN calls learn the firmware generation from them).
+inline constexpr uint32_t kDeviceInfoCommand = 0x0100;
+inline constexpr uint32_t kFunctionStringCommand = 0x0106;
+
 struct CorrectionTimes {
   uint64_t first_ms = 0;  // wall clock ms since 1970; 0 until the first correction
   uint64_t last_ms = 0;

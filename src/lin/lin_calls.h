@@ -12,7 +12,14 @@
 namespace varnel::lin {
 
 enum : uint32_t {
-  kDeviceTime = 0x15,
+  // the older firmware's own commands
+  kOldInit = 0xF00,
+  kOldWrite = 0xF01,
+  kOldRead = 0xF02,
+  kOldSlaveSet = 0xF03,
+  kOldSlaveGet = 0xF04,
+  kOldBreak = 0xF05,
+  // the LIN_EX_ commands
   kInit = 0xF06,
   kMasterSync = 0xF07,
   kSlaveSetTable = 0xF08,

@@ -10,6 +10,7 @@
 
 #include "core/bytes.h"
 #include "core/c_boundary.h"
+#include "core/device.h"
 #include "core/result_codes.h"
 #include "core/transaction.h"
 #include "core/transport.h"
@@ -20,16 +21,6 @@ using namespace varnel::lin;
 
 namespace {
 
-enum : uint32_t {
-  kDeviceInfo = 0x100,
-  kFunctionString = 0x106,
-  kOldInit = 0xF00,
-  kOldWrite = 0xF01,
-  kOldRead = 0xF02,
-  kOldSlaveSet = 0xF03,
-  kOldSlaveGet = 0xF04,
-  kOldBreak = 0xF05,
-};
 constexpr uint32_t kFirstExtendedFirmware = 0x0105001E;
 constexpr int kOldChannels = 2;
 constexpr size_t kFirmwareVersionAt = 68;
@@ -58,15 +49,16 @@ int old_path(uint32_t handle, uint8_t ch) {
 // 0 and the version, or -2/-4.
 int read_firmware_version(uint32_t handle, uint32_t& version) {
   uint8_t info[sizeof(DEVICE_INFO)];
-  auto r = transact(handle, kDeviceInfo, {}, info);
+  auto r = transact(handle, kDeviceInfoCommand, {}, info);
   if (r.send_result != 0) return result::kWriteFailed;
-  if (!r.ok() || r.reply_command != kDeviceInfo || r.reply_length < int32_t(kFirmwareVersionAt + 4))
+  if (!r.ok() || r.reply_command != kDeviceInfoCommand ||
+      r.reply_length < int32_t(kFirmwareVersionAt + 4))
     return result::kReplyFailed;
   std::memcpy(&version, info + kFirmwareVersionAt, 4);  // the record goes raw: host order
   uint8_t text[kMaxFunctionString];
-  r = transact(handle, kFunctionString, {}, text);
+  r = transact(handle, kFunctionStringCommand, {}, text);
   if (r.send_result != 0) return result::kWriteFailed;
-  if (!r.ok() || r.reply_command != kFunctionString || r.reply_length > kMaxFunctionString)
+  if (!r.ok() || r.reply_command != kFunctionStringCommand || r.reply_length > kMaxFunctionString)
     return result::kReplyFailed;
   return 0;
 }
