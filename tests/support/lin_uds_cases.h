@@ -110,6 +110,7 @@ TYPED_TEST_P(LinUdsCases, FaultsGiveTheirCodes) {
       // a first frame with a bad checksum is not taken, and consecutive frames without one are
       // the tail of something else: nothing complete comes
       {[](auto& f) { f.bad_checksum = true; }, -101},
+      {[](auto& f) { f.lose_frame = true; }, -101},  // the first frame never comes
       {[](auto& f) { f.silent = true; }, -101},
   };
   for (auto& c : cases) {
