@@ -57,6 +57,8 @@ TYPED_TEST_P(LinUdsCases, RequestsBecomeTheFramesOfTheirLength) {
   EXPECT_EQ(this->exchange({0x22, 0xF1, 0x90, 1, 2, 3}).size(), 3u) << "7F 22 13: a bad length";
   EXPECT_EQ(this->frames_sent(0xF07),
             (std::vector<LinBytes>{{0x10, 0x06, 0x22, 0xF1, 0x90, 1, 2, 3}}));
+  EXPECT_EQ(this->exchange({0x10, 0x03}), (LinBytes{0x50, 0x03, 0x00, 0x32, 0x01, 0xF4}))
+      << "six bytes: the longest single frame";
   TypeParam::clear_transfers(kLinHandle);
   this->exchange({0x2E, 0x01, 0x00, 1, 2, 3, 4});
   EXPECT_EQ(this->frames_sent(0xF0C),
