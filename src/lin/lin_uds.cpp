@@ -80,6 +80,19 @@ int send_single(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR& a, const uint8_
   return as_sent ? 0 : kNotAsSent;
 }
 
+// What the channel saw before this request (a long answer read frame by frame leaves hundreds)
+// must not count as its echo. The adapter hands out a full fetch while more are waiting; the
+// bound keeps a bus that never falls quiet from holding the caller.
+int drain_earlier_frames(uint32_t handle, uint8_t ch, std::vector<LIN_EX_MSG>& scratch) {
+  constexpr int kMaxFetches = 64;
+  int n = 0;
+  for (int i = 0; i < kMaxFetches; ++i) {
+    n = LIN_EX_SlaveGetData(handle, ch, scratch.data());
+    if (n < int(VARNEL_LIN_FETCH_SIZE)) break;
+  }
+  return std::min(n, 0);
+}
+
 // One schedule of up to 64 frames: started, waited for `wait_ms`, then its frames collected
 // from the channel (each into the diagnostic buffer) for up to a second more.
 int play_batch(uint32_t handle, uint8_t ch, std::vector<LIN_EX_MSG>& batch, uint32_t wait_ms,
@@ -87,7 +100,7 @@ int play_batch(uint32_t handle, uint8_t ch, std::vector<LIN_EX_MSG>& batch, uint
   std::vector<LIN_EX_MSG> got(VARNEL_LIN_FETCH_SIZE);
   if (first) {
     if (int r = LIN_EX_MasterSetSchRunTimes(handle, ch, 1); r != 0) return r;
-    if (int r = LIN_EX_SlaveGetData(handle, ch, got.data()); r < 0) return r;
+    if (int r = drain_earlier_frames(handle, ch, got); r < 0) return r;
   }
   if (int r = LIN_EX_MasterStartSch(handle, ch, batch.data(), uint32_t(batch.size())); r != 0)
     return r;

@@ -95,6 +95,8 @@ TYPED_TEST_P(LinUdsCases, LongMessagesGoBothWaysWhole) {
   ASSERT_EQ(read.size(), 4095u);
   EXPECT_EQ(LinBytes(read.begin() + 3, read.end()),
             LinBytes(write.begin() + 3, write.begin() + 4095));
+  EXPECT_EQ(this->exchange(write), (LinBytes{0x6E, 0x01, 0x00}))
+      << "the long answer's frames are not taken for the next request's";
   this->exchange({0x2E, 0x01, 0x01, 0xAB});
   read = this->exchange({0x22, 0x01, 0x00, 0x01, 0x01});
   ASSERT_EQ(read.size(), 4095u + 3) << "two identifiers: 4098 bytes";
