@@ -83,6 +83,18 @@ bool parse_handle(const std::string& text, uint32_t& handle) {
   return true;
 }
 
+bool parse_channel_target(const std::string& text, uint32_t channels, bool channel_optional,
+                          ChannelTarget& target) {
+  const size_t colon = text.find(':');
+  uint32_t channel = 0;
+  if (colon == std::string::npos
+          ? !channel_optional
+          : !parse_handle(text.substr(colon + 1), channel) || channel >= channels)
+    return false;
+  target.channel = uint8_t(channel);
+  return parse_handle(text.substr(0, colon), target.handle);
+}
+
 CLI::Validator handle_validator() {
   return CLI::Validator(
       [](std::string& text) -> std::string {

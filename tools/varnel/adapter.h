@@ -14,6 +14,15 @@ CLI::Validator handle_validator();
 // The same for any 32-bit number (masks, pin values, times): hex with 0x, or decimal.
 CLI::Validator u32_validator(const std::string& name);
 
+// One channel of one adapter, as the commands on a channel take it: "HANDLE:CH".
+struct ChannelTarget {
+  uint32_t handle = 0;
+  uint8_t channel = 0;
+};
+// "HANDLE:CH" with CH below `channels`; "HANDLE" alone means channel 0 where `channel_optional`.
+bool parse_channel_target(const std::string& text, uint32_t channels, bool channel_optional,
+                          ChannelTarget& target);
+
 std::string handle_text(uint32_t handle);
 // "USB" or "network", and the controller the handle's kind brings.
 std::string handle_kind(uint32_t handle);

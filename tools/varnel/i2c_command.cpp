@@ -31,10 +31,7 @@ constexpr ResultMeaning kI2cResults[] = {
     {VARNEL_IIC_STATUS_NOT_MASTER, "the channel is not a master"},
 };
 
-struct Target {
-  uint32_t handle = 0;
-  uint8_t channel = 0;
-};
+using Target = ChannelTarget;
 
 struct I2cOptions {
   std::string target;
@@ -62,12 +59,7 @@ CLI::Validator number_validator(const std::string& name, uint32_t max) {
 }
 
 bool parse_target(const std::string& text, Target& target) {
-  auto colon = text.find(':');
-  uint32_t channel = 0;
-  if (colon != std::string::npos && !parse_number(text.substr(colon + 1), 255, channel))
-    return false;
-  target.channel = uint8_t(channel);
-  return parse_handle(text.substr(0, colon), target.handle);
+  return parse_channel_target(text, 256, true, target);
 }
 
 uint32_t number(const std::string& text) {

@@ -42,18 +42,10 @@ struct SpiOptions {
   uint32_t clock = 10000000;
 };
 
-struct Target {
-  uint32_t handle = 0;
-  uint8_t channel = 0;
-};
+using Target = ChannelTarget;
 
 bool parse_target(const std::string& text, Target& t) {
-  const size_t colon = text.find(':');
-  uint32_t channel = 0;
-  if (colon != std::string::npos && (!parse_handle(text.substr(colon + 1), channel) || channel > 1))
-    return false;
-  t.channel = uint8_t(channel);
-  return parse_handle(text.substr(0, colon), t.handle);
+  return parse_channel_target(text, 2, true, t);
 }
 
 bool failed(const char* what, int rc) {
