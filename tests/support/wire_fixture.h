@@ -2,8 +2,10 @@
 // umockdev testbed (Debian's libusb over emulated usbdevfs). A family writes its cases once, as
 // typed tests over WireTest<Layer> in a *_cases.h header here (TYPED_TEST_SUITE_P, then
 // REGISTER_TYPED_TEST_SUITE_P), and each program instantiates them with its own layer:
-//   INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, GpioCases, UsbsimLayer);    in tests/wire
-//   INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, GpioCases, UsbfsLayer);   in tests/umockdev
+//   INSTANTIATE_TYPED_TEST_SUITE_P(GpioOnUsbsim, GpioCases, UsbsimLayer);    in tests/wire
+//   INSTANTIATE_TYPED_TEST_SUITE_P(GpioOnUmockdev, GpioCases, UsbfsLayer);   in tests/umockdev
+// The prefix names family and layer: CTest lists a typed case as prefix.Case<Layer>, without the
+// suite's name, so a bare layer name would give two families' cases the same name.
 // A layer is a struct of static calls: plug(handle, port), unplug(handle), unplug_all(),
 // transfers(handle) and clear_transfers(handle) (every transfer, as usbsim::Transfer),
 // counters(handle) (.opens .resets .claims), fail_next_write(handle) and fail_next_read(handle)

@@ -3,5 +3,5 @@
 #include "support/usbfs_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, I2cCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(I2cOnUmockdev, I2cCases, UsbfsLayer);
 }  // namespace testing_support

@@ -4,6 +4,6 @@
 #include "support/usbfs_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, LinCases, UsbfsLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, LinUdsCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(LinOnUmockdev, LinCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(LinUdsOnUmockdev, LinUdsCases, UsbfsLayer);
 }  // namespace testing_support

@@ -3,5 +3,5 @@
 #include "support/usbfs_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, SpiCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(SpiOnUmockdev, SpiCases, UsbfsLayer);
 }  // namespace testing_support

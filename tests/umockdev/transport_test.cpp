@@ -10,9 +10,9 @@
 
 namespace testing_support {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, TransportCases, UsbfsLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, StreamCases, UsbfsLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, GpioCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(TransportOnUmockdev, TransportCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(StreamOnUmockdev, StreamCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(GpioOnUmockdev, GpioCases, UsbfsLayer);
 
 class UsbfsUrbs : public WireTest<UsbfsLayer> {
  protected:

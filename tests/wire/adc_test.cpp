@@ -3,7 +3,7 @@
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, AdcCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(AdcOnUsbsim, AdcCases, UsbsimLayer);
 
 // A block waits its duration at the rate and 3 s more: at 2 samples per second, 3 samples wait
 // (3000 - 1000) / 2 + 3000 = 4000 ms and outlast a reply 3.7 s late, 2 samples wait 3500 ms and

@@ -32,5 +32,5 @@ TEST(GpioPulses, ReadTimeoutCoversTheTrainIn32BitArithmetic) {
 }
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, GpioCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(GpioOnUsbsim, GpioCases, UsbsimLayer);
 }  // namespace testing_support

@@ -3,5 +3,5 @@
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, I2cCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(I2cOnUsbsim, I2cCases, UsbsimLayer);
 }  // namespace testing_support

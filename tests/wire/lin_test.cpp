@@ -4,6 +4,6 @@
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, LinCases, UsbsimLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, LinUdsCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(LinOnUsbsim, LinCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(LinUdsOnUsbsim, LinUdsCases, UsbsimLayer);
 }  // namespace testing_support

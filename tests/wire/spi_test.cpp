@@ -3,5 +3,5 @@
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, SpiCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(SpiOnUsbsim, SpiCases, UsbsimLayer);
 }  // namespace testing_support

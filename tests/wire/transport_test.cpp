@@ -24,6 +24,6 @@ TEST(TransportHandles, TopByteFFIndexesByLowByte) {
 }
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, TransportCases, UsbsimLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, StreamCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(TransportOnUsbsim, TransportCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(StreamOnUsbsim, StreamCases, UsbsimLayer);
 }  // namespace testing_support
