@@ -158,6 +158,8 @@ TEST_F(CanServices, ScheduleSizeBoundAndLayout) {
               (Bytes{0, 3, counts[0], counts[1], counts[2], 10, 0, 20, 0, 0xE8, 0x03}));
     EXPECT_EQ(le32(&p[11 + 4]), 0x01020304u);
   }
+  EXPECT_EQ(CAN_SetSchedule(kClassic, 0, nullptr, nullptr, nullptr, 0), 0)
+      << "no tables: nothing to point at";
 }
 
 // Table 0: 0x100 at the start of each 10 ms period and 0x200 5 ms into it, three periods; the

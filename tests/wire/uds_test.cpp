@@ -146,6 +146,10 @@ TEST_F(Uds, CanFdFramesFollowTheFrameLength) {
   Bytes escaped{0x00, 0x0A};
   escaped.resize(12, 0x3E);
   EXPECT_EQ(heard_frames().back(), escaped);
+  ASSERT_EQ(request(Bytes(7, 0x3E)), 0);  // 07 and 7 bytes: the longest 8-byte single frame
+  Bytes seven{0x07};
+  seven.resize(8, 0x3E);
+  EXPECT_EQ(heard_frames().back(), seven);
   addr_.ExtAddr = 1, addr_.AddrByte = 0x10;  // 7 bytes and the address: 10 00 07 ..., 12 bytes
   ASSERT_EQ(request(Bytes(7, 0x3E)), 0);
   Bytes addressed{0x10, 0x00, 0x07};
