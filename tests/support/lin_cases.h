@@ -67,7 +67,7 @@ TYPED_TEST_P(LinCases, RequestsCarryTheirLayoutAndRecordsAsTheyLie) {
             (std::vector<LinBytes>{{0, 0,    0xF,  7, 0, 0,    0, 21, 0, 1, 0, 0,    0,  1, 1,
                                     2, 0x55, 0x3C, 1, 2, 0xC0, 0, 0,  0, 0, 0, 0xC0, 13, 0}}));
   ASSERT_EQ(LIN_EX_CtrlPowerOut(kLinHandle, 3, 5), 0);
-  ASSERT_EQ(LIN_EX_CtrlPowerOut(kLinHandle, 3, 24), 0);
+  ASSERT_EQ(LIN_EX_CtrlPowerOut(kLinHandle, 3, 12), 0);
   ASSERT_EQ(LIN_EX_StopSlaveResp(kLinHandle, 1, 0x21), 0);
   EXPECT_EQ(this->requests(), (std::vector<LinBytes>{{0, 0, 0xF, 0xA, 0, 0, 0, 2, 2, 3},
                                                      {0, 0, 0xF, 0xA, 0, 0, 0, 2, 1, 3},
@@ -169,6 +169,10 @@ TYPED_TEST_P(LinCases, TheSlaveTableAnswersAnotherChannel) {
   EXPECT_EQ(LinBytes(sent[1].begin() + 8, sent[1].begin() + 14), (LinBytes{1, 0xB1, 0, 0, 0, 0}));
   EXPECT_EQ(sent[1][14 + 6], 8);
   EXPECT_EQ(sent[1][34 + 6], 0) << "the last piece goes out empty";
+  uint8_t sixteen[16] = {};
+  ASSERT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 1, 0x31, 8, sixteen, 16, 1, 0), 0);
+  sent = this->requests();
+  EXPECT_EQ(sent[1][34 + 6], 8) << "a last piece that fills its frame keeps its length";
   // Mode 0 takes the pieces' command even when the data fit one frame (one empty piece).
   ASSERT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 1, 0x31, 8, ten, 5, 1, 0), 0);
   sent = this->requests();
@@ -262,6 +266,12 @@ TYPED_TEST_P(LinCases, OlderCallsOnBothFirmwareGenerations) {
       EXPECT_EQ(sent[2][5 + 1 + 5], LIN_EX_CHECK_STD) << "a write of 3C is classic";
       EXPECT_EQ(sent[2][5 + 1 + 17], 0xFC);
       EXPECT_EQ(sent[3][5 + 1 + 5], LIN_EX_CHECK_EXT) << "a read of 3C is enhanced";
+      LIN_MSG seen[VARNEL_LIN_LEGACY_FETCH_SIZE];
+      std::memset(seen, 0xEE, sizeof seen);
+      ASSERT_EQ(LIN_SlaveGetData(kLinHandle, 0, seen), 3);  // 3C written, 3C and 21 read
+      EXPECT_EQ(LinBytes(seen[2].Data, seen[2].Data + 4), (LinBytes{0x11, 0x22, 0x33, 0x44}))
+          << "a frame with a good enhanced sum keeps its data";
+      EXPECT_EQ(seen[3].ID, 0xEE) << "nothing written past the frames read";
     } else {
       ASSERT_EQ(sent.size(), 3u);
       EXPECT_EQ(sent[0], (LinBytes{0, 0, 0, 0, 8, 0, 0, 0, 0x4B, 0, 7, 1, 9}));

@@ -59,6 +59,9 @@ TYPED_TEST_P(LinUdsCases, RequestsBecomeTheFramesOfTheirLength) {
             (std::vector<LinBytes>{{0x10, 0x06, 0x22, 0xF1, 0x90, 1, 2, 3}}));
   EXPECT_EQ(this->exchange({0x10, 0x03}), (LinBytes{0x50, 0x03, 0x00, 0x32, 0x01, 0xF4}))
       << "six bytes: the longest single frame";
+  this->addr.CheckType = LIN_EX_CHECK_EXT;  // the frame comes back judged enhanced: as sent
+  EXPECT_EQ(this->exchange({0x3E, 0x00}), (LinBytes{0x7E, 0x00}));
+  this->addr.CheckType = LIN_EX_CHECK_STD;
   TypeParam::clear_transfers(kLinHandle);
   this->exchange({0x2E, 0x01, 0x00, 1, 2, 3, 4});
   EXPECT_EQ(this->frames_sent(0xF0C),
@@ -91,8 +94,12 @@ TYPED_TEST_P(LinUdsCases, LongMessagesGoBothWaysWhole) {
   write[0] = 0x2E, write[1] = 0x01, write[2] = 0x00;
   EXPECT_EQ(this->exchange(write), (LinBytes{0x6E, 0x01, 0x00})) << "cut to 4095 bytes";
   EXPECT_EQ(this->ecu->requests().back(), LinBytes(write.begin(), write.begin() + 4095));
-  std::vector<uint8_t> read = this->exchange({0x22, 0x01, 0x00});
-  ASSERT_EQ(read.size(), 4095u);
+  uint8_t read_0100[] = {0x22, 0x01, 0x00};
+  ASSERT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, read_0100, 3), 0);
+  std::vector<uint8_t> read(4100, 0xEE);
+  ASSERT_EQ(VARNEL_LIN_UDS_ResponseN(kLinHandle, 0, &this->addr, read.data(), 4100, 5000), 4095);
+  EXPECT_EQ(read[4095], 0xEE) << "the last frame's padding stays out of the caller's buffer";
+  read.resize(4095);
   EXPECT_EQ(LinBytes(read.begin() + 3, read.end()),
             LinBytes(write.begin() + 3, write.begin() + 4095));
   EXPECT_EQ(this->exchange(write), (LinBytes{0x6E, 0x01, 0x00}))
@@ -178,6 +185,12 @@ TYPED_TEST_P(LinUdsCases, BootLoaderReprogramsTheUnitFromAnImageFile) {
     EXPECT_EQ(t.size(), 2u + (i < 2 ? 10 : 5)) << i;
     EXPECT_EQ(t[1], i + 1);
   }
+  // the last transfer, 36 03 and 5 bytes: 5 in the first frame, 2 and FF padding in the next
+  const auto frames = this->frames_sent(0xF07);
+  const auto first = std::find(frames.begin(), frames.end(),
+                               LinBytes{0x20, 0x10, 0x07, 0x36, 0x03, 0x5A, 0x5A, 0x5A});
+  ASSERT_NE(first, frames.end());
+  EXPECT_EQ(first[1], (LinBytes{0x20, 0x21, 0x5A, 0x5A, 0xFF, 0xFF, 0xFF, 0xFF}));
   EXPECT_EQ(USDLINBoot_MemCheck(kLinHandle, 0, 0x20, 0x12345678), 0);
   EXPECT_EQ(USDLINBoot_Erase(kLinHandle, 0, 0x20, 0x1FFF0, 0x100), -10) << "beyond the flash";
   ASSERT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x20), 0);
