@@ -205,6 +205,10 @@ TYPED_TEST_P(SpiCases, BlocksAndEventsSendTheirFieldsAndReportMissingEvents) {
   EXPECT_EQ(SPI_ReadBytesOfEvent(h, 0, in, 2, 1, 0, 5), -6);
   EXPECT_EQ(SPI_BlockWriteBytesOfEvent(h, 0, w, 1, 1, 0, 1, 0, 5), -6);
   EXPECT_EQ(SpiBytes(in, in + 2), (SpiBytes{7, 7}));
+  this->channel(adapter).event_never = false;
+  adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 1, 0x214});
+  EXPECT_EQ(SPI_ReadBytesOfEvent(h, 0, in, 2, 1, 0, 5), -4) << "the status byte and no data";
+  EXPECT_EQ(SpiBytes(in, in + 2), (SpiBytes{7, 7}));
 }
 
 inline std::atomic<int64_t> spi_callback_bytes{0};
