@@ -18,6 +18,10 @@ void UartModel::Channel::deliver(uint8_t byte, uint64_t end_us) {
     ++overruns;
     return;
   }
+  if (received.empty() || received.back().end_us <= end_us) {
+    received.push_back(Byte{byte, end_us});  // the usual case: after everything queued
+    return;
+  }
   auto after = std::upper_bound(received.begin(), received.end(), end_us,
                                 [](uint64_t t, const Byte& b) { return t < b.end_us; });
   received.insert(after, Byte{byte, end_us});
@@ -106,7 +110,12 @@ uint64_t UartModel::transmit(int index, const std::vector<uint8_t>& bytes, uint8
     if (c.peer) c.peer->on_break(c, start, at());
     bits += 1;  // the delimiter: the line high for a bit before the first start bit
   }
-  for (size_t i = 0; i < bytes.size(); ++i) {
+  const bool heard = c.echo || c.partner >= 0 || c.peer;
+  if (!heard && !bytes.empty()) {  // nobody listens: only the end matters
+    pauses += gap_us * (bytes.size() - 1);
+    bits += uint64_t(c.bits_per_byte()) * bytes.size();
+  }
+  for (size_t i = 0; heard && i < bytes.size(); ++i) {
     if (i) pauses += gap_us;
     bits += c.bits_per_byte();
     hear(index, bytes[i], at());
