@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "sim/families/uart.h"
 #include "support/wire_fixture.h"
@@ -144,6 +145,23 @@ TYPED_TEST_P(UartCases, ReadPollsUntilItsTimeOutHasPassed) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
   EXPECT_GE(this->requests_sent(), 2u);
   EXPECT_EQ(UART_ReadBytes(h, 0, in, -5), 0);  // a negative time-out is one poll too
+}
+
+// The read lets go of the adapter between polls: a write from another thread gets through while
+// it waits, and the read returns what that write brought.
+TYPED_TEST_P(UartCases, ReadLetsOtherCallsThroughWhileItWaits) {
+  constexpr uint32_t h = kUartHandle;
+  Adapter adapter = this->open_channels();
+  sim::uart_model(*adapter).join(0, 1);
+  int got = -100;
+  uint8_t in[VARNEL_UART_READ_SIZE];
+  std::thread reader([&] { got = UART_ReadBytes(h, 1, in, 5000); });
+  while (this->requests_sent() < 3) std::this_thread::yield();  // it is polling
+  const uint8_t w[3] = {7, 8, 9};
+  EXPECT_EQ(UART_WriteBytes(h, 0, w, 3), 0);
+  reader.join();
+  EXPECT_EQ(got, 3);
+  EXPECT_EQ(UartBytes(in, in + 3), (UartBytes{7, 8, 9}));
 }
 
 // Device time: 10 bits a byte at the baud rate (rounded down from the start of the write), the
@@ -298,7 +316,8 @@ TYPED_TEST_P(UartCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
 
 REGISTER_TYPED_TEST_SUITE_P(UartCases, EachCallSendsItsLayout,
                             BytesComeBackOnTheLoopbackOrOnTheJoinedChannel,
-                            ReadPollsUntilItsTimeOutHasPassed, WritesArePlayedOnTheDeviceClock,
+                            ReadPollsUntilItsTimeOutHasPassed,
+                            ReadLetsOtherCallsThroughWhileItWaits, WritesArePlayedOnTheDeviceClock,
                             WriteReadTakesWhatArrivesWithinItsTimeOut,
                             IdleChannelsAndBadRepliesGiveTheirCodes,
                             BadArgumentsAreRefusedBeforeAnythingIsSent);
