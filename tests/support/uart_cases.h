@@ -195,6 +195,13 @@ TYPED_TEST_P(UartCases, WritesArePlayedOnTheDeviceClock) {
   // a synchronous write answers when its bytes are out: the device clock has passed the last
   const uint64_t last_end = peer->events[1].end_us;
   EXPECT_GE(adapter->clock().now_us(), last_end);
+  peer->events.clear();
+  UART_CONFIG even_two_stop = uart_config(9600);  // 12 bits a byte: 1250 us
+  even_two_stop.Parity = 2;
+  even_two_stop.StopBits = 2;
+  ASSERT_EQ(UART_Init(h, 0, &even_two_stop), 0);
+  ASSERT_EQ(UART_WriteBytes(h, 0, w, 2), 0);
+  EXPECT_EQ(gaps(), (std::vector<uint64_t>{1250}));
   // an asynchronous one answers at once; its bytes arrive as the device clock gets there
   peer->events.clear();
   UART_CONFIG slow = uart_config(300);  // 33.3 ms a byte
