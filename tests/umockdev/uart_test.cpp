@@ -3,5 +3,5 @@
 #include "support/usbfs_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, UartCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(UartOnUmockdev, UartCases, UsbfsLayer);
 }  // namespace testing_support

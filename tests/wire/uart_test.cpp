@@ -5,7 +5,7 @@
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, UartCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(UartOnUsbsim, UartCases, UsbsimLayer);
 
 // Each row: a call whose answer comes late, and whether the call still takes it. Writes wait
 // 5000 ms (4 s late is in time), a read's poll 3000 ms (3.3 s is too late); for 5.6 s late: the

@@ -30,19 +30,10 @@ struct UartOptions {
   uint32_t count = 0;  // 0: all that comes
 };
 
-struct Target {
-  uint32_t handle = 0;
-  uint8_t channel = 0;
-};
+using Target = ChannelTarget;
 
 bool parse_target(const std::string& text, Target& t) {
-  const size_t colon = text.find(':');
-  uint32_t channel = 0;
-  if (colon != std::string::npos &&
-      (!parse_handle(text.substr(colon + 1), channel) || channel >= VARNEL_UART_MAX_CHANNELS))
-    return false;
-  t.channel = uint8_t(channel);
-  return parse_handle(text.substr(0, colon), t.handle);
+  return parse_channel_target(text, VARNEL_UART_MAX_CHANNELS, true, t);
 }
 
 int hex_digit(char c) {
