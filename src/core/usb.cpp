@@ -200,15 +200,18 @@ DeviceListPtr cached_device_list() {
 bool rescan_known_entry(UsbDeviceEntry& entry, libusb_device* device) {
   uint32_t identity = 0;
   DeviceLockGuard guard(entry.handle);  // a transaction may be using the entry meanwhile
+  // Whatever answers must answer with this entry's identity: another adapter plugged into the
+  // port is a newcomer under its own handle, and this entry goes.
   if (entry.opened) {
     set_device(entry, device);
-    if (read_identity(entry.device_handle, &identity)) return true;
+    if (read_identity(entry.device_handle, &identity)) return identity == entry.handle;
     libusb_device_handle* dh = nullptr;
     if (libusb_open(entry.device, &dh) != 0) return true;  // still counted as seen
     close_handle(entry);
     entry.device_handle = dh;
+    if (!read_identity(dh, &identity) || identity != entry.handle) return false;
     // the entry stays open for the application, so its new handle gets the interface too
-    if (!read_identity(dh, &identity) || libusb_claim_interface(dh, 0) != 0) return false;
+    if (libusb_claim_interface(dh, 0) != 0) return false;
     entry.opened = 1;
     return true;
   }

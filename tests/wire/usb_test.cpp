@@ -76,9 +76,10 @@ TEST_F(UsbDiscovery, ReopenRechecksIdentityAtTheLocation) {
   // Another adapter takes the same port while the first is open.
   usbsim::unplug(kFirst);
   usbsim::plug(kSecond, {1, {1}});
-  scan();  // the entry at that location reads the new identity
+  EXPECT_EQ(scan(), std::vector<DevHandle>{kSecond}) << "the newcomer, under its own handle";
   EXPECT_FALSE(USB_OpenDevice(kFirst));
-  EXPECT_FALSE(USB_CloseDevice(kFirst));  // the entry was marked closed
+  EXPECT_FALSE(USB_CloseDevice(kFirst));
+  EXPECT_TRUE(USB_OpenDevice(kSecond));
 }
 
 // A closed adapter's port changes hands between two scans: the adapter itself plugged back (a new
