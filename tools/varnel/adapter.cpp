@@ -83,6 +83,16 @@ bool parse_handle(const std::string& text, uint32_t& handle) {
   return true;
 }
 
+bool parse_channel_target(const std::string& text, uint32_t& handle, uint8_t& channel) {
+  const size_t colon = text.find(':');
+  uint32_t ch = 0;
+  if (colon == std::string::npos || !parse_handle(text.substr(colon + 1), ch) ||
+      ch >= VARNEL_LIN_MAX_CHANNELS)
+    return false;
+  channel = uint8_t(ch);
+  return parse_handle(text.substr(0, colon), handle);
+}
+
 CLI::Validator handle_validator() {
   return CLI::Validator(
       [](std::string& text) -> std::string {

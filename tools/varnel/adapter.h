@@ -9,6 +9,8 @@ namespace varnel_cli {
 
 // "0x12345678" (or decimal) to a handle; false for anything else.
 bool parse_handle(const std::string& text, uint32_t& handle);
+// "HANDLE:CHANNEL" with a channel of 0..7 (LIN and K-line channels); false for anything else.
+bool parse_channel_target(const std::string& text, uint32_t& handle, uint8_t& channel);
 // A CLI11 check that rejects what parse_handle rejects (a usage error, exit 2).
 CLI::Validator handle_validator();
 // The same for any 32-bit number (masks, pin values, times): hex with 0x, or decimal.

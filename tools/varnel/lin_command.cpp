@@ -51,13 +51,7 @@ struct Target {
 };
 
 bool parse_target(const std::string& text, Target& t) {
-  const size_t colon = text.find(':');
-  uint32_t channel = 0;
-  if (colon == std::string::npos || !parse_handle(text.substr(colon + 1), channel) ||
-      channel >= VARNEL_LIN_MAX_CHANNELS)
-    return false;
-  t.channel = uint8_t(channel);
-  return parse_handle(text.substr(0, colon), t.handle);
+  return parse_channel_target(text, t.handle, t.channel);
 }
 
 int hex_value(const std::string& text, size_t max_digits) {
