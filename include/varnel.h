@@ -1141,6 +1141,66 @@ VARNEL_API int SPI_FlashEraseChip(DevHandle DevHandle, uint8_t SPIIndex, int32_t
 VARNEL_API int SPI_FlashErase(DevHandle DevHandle, uint8_t SPIIndex, uint32_t StartAddr,
                               int32_t Length, int32_t TimeOutMs);
 
+/* ===== UART ================================================================================= */
+
+/* Channel configuration for UART_Init: 8 bytes, sent to the adapter as they lie in memory (the
+ * baud rate in host byte order); the library does not read them. The layout is the firmware's; the
+ * virtual adapter's (docs/virtual-adapter.md): Parity 0 none, 1 odd, 2 even; StopBits 0 or 1 one,
+ * 2 two; Reserved 0; Mode 0 for a plain UART, or the K-line letters 'B', 'R', 'Z'. All zeros
+ * after the baud rate is 8N1. */
+typedef struct UART_CONFIG {
+  uint32_t BaudRate;
+  uint8_t Parity;
+  uint8_t StopBits;
+  uint8_t Reserved;
+  uint8_t Mode;
+} UART_CONFIG;
+VARNEL_STATIC_ASSERT(sizeof(UART_CONFIG) == 8, "UART_CONFIG is 8 bytes");
+
+/* Channels 0 to VARNEL_UART_MAX_CHANNELS - 1; another channel is -7 before anything is sent, as
+ * are a null pointer with a non-zero length, a negative length and more than
+ * VARNEL_UART_MAX_LENGTH bytes to send.
+ * Results: 0 success (or a count of bytes received), -2 the command could not be written, -4 the
+ * reply could not be read, had data where none was expected (the adapter's refusal: a channel not
+ * initialised, a configuration it cannot take) or was longer than the caller's buffer. */
+#define VARNEL_UART_MAX_CHANNELS 8
+#define VARNEL_UART_MAX_LENGTH 65536
+/* What one UART_ReadBytes may write into pReadData: its buffer must hold this many bytes. */
+#define VARNEL_UART_READ_SIZE 4096
+VARNEL_API int UART_Init(DevHandle DevHandle, uint8_t UARTIndex, const UART_CONFIG* pConfig);
+/* Returns when the adapter has sent the bytes; the Async forms as soon as it has taken them. */
+VARNEL_API int UART_WriteBytes(DevHandle DevHandle, uint8_t UARTIndex, const uint8_t* pWriteData,
+                               int32_t DataSize);
+VARNEL_API int UART_WriteBytesAsync(DevHandle DevHandle, uint8_t UARTIndex,
+                                    const uint8_t* pWriteData, int32_t DataSize);
+/* Polls the adapter every millisecond or so until bytes came (their number, at most
+ * VARNEL_UART_READ_SIZE) or TimeOutMs passed (0). A time-out of 0 or less polls once. */
+VARNEL_API int UART_ReadBytes(DevHandle DevHandle, uint8_t UARTIndex, uint8_t* pReadData,
+                              int32_t TimeOutMs);
+/* Drops what the adapter has received so far. */
+VARNEL_API int UART_ClearData(DevHandle DevHandle, uint8_t UARTIndex);
+/* A pause of IntervalMs (IntervalUs) between consecutive bytes; returns when all were sent. */
+VARNEL_API int UART_WriteBytesInterval(DevHandle DevHandle, uint8_t UARTIndex,
+                                       const uint8_t* pWriteData, int32_t DataSize,
+                                       uint8_t IntervalMs);
+VARNEL_API int UART_WriteBytesIntervalUs(DevHandle DevHandle, uint8_t UARTIndex,
+                                         const uint8_t* pWriteData, int32_t DataSize,
+                                         uint8_t IntervalUs);
+/* A break of BreakBits bit times (the line held low; 0: none) before the bytes. */
+VARNEL_API int UART_WriteBytesWithBreak(DevHandle DevHandle, uint8_t UARTIndex, uint8_t BreakBits,
+                                        const uint8_t* pWriteData, int32_t DataSize);
+VARNEL_API int UART_WriteBytesAsyncWithBreak(DevHandle DevHandle, uint8_t UARTIndex,
+                                             uint8_t BreakBits, const uint8_t* pWriteData,
+                                             int32_t DataSize);
+/* Break, bytes, then what the channel receives until ReadSize bytes came or TimeOutMs passed:
+ * the number of bytes written to pReadData (may be fewer than ReadSize; pReadData may be NULL
+ * when ReadSize is 0). */
+VARNEL_API int UART_WriteReadBytesWithBreak(DevHandle DevHandle, uint8_t UARTIndex,
+                                            uint8_t BreakBits, const uint8_t* pWriteData,
+                                            int32_t WriteSize, uint8_t* pReadData,
+                                            uint16_t ReadSize, uint16_t TimeOutMs);
+VARNEL_API int UART_Stop(DevHandle DevHandle, uint8_t UARTIndex);
+
 /* ===== ADC ================================================================================== */
 
 /* Inputs 0..7: bit n of ChannelMask samples input n. Samples are 16-bit values as the adapter

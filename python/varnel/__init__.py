@@ -18,11 +18,13 @@ from .gpio import Gpio
 from .i2c import I2cBus, i2c_msg
 from .library import lib
 from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
+from .uart import Uart
 from .uds import NegativeResponse, UdsClient
 
 __version__ = "0.1.0"
 __all__ = [
     "Adapter", "CanChannel", "dbc", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
     "GPIO_PULL_UP", "Gpio", "I2cBus", "I2cStatusError", "i2c_msg", "RESULT_TEXT", "VarnelError",
-    "is_fd_adapter", "lib", "NegativeResponse", "records", "result_text", "scan", "UdsClient",
+    "is_fd_adapter", "lib", "NegativeResponse", "records", "result_text", "scan", "Uart",
+    "UdsClient",
 ]

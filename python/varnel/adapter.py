@@ -1,6 +1,6 @@
 """Adapters: scanning, opening and closing, device information. The families hang off an open
 adapter, one module each: `adapter.gpio` (varnel.gpio), `adapter.i2c(...)` (varnel.i2c),
-`adapter.can(...)` (varnel.channel)."""
+`adapter.uart(...)` (varnel.uart), `adapter.can(...)` (varnel.channel)."""
 import ctypes
 import threading
 from dataclasses import dataclass
@@ -140,6 +140,12 @@ class Adapter:
         from .adc import Adc
 
         return Adc(self)
+
+    def uart(self, channel, baudrate=115200, **options):
+        """Configures a UART channel; see varnel.uart.Uart."""
+        from .uart import Uart
+
+        return Uart(self, channel, baudrate=baudrate, **options)
 
     def uds(self, channel, txid, rxid, **options):
         """A diagnostic client on an initialised CAN channel; see varnel.uds.UdsClient."""

@@ -18,8 +18,8 @@ import threading
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
                       CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, SPI_CONFIG,
-                      SPI_FLASH_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG, LIN_UDS_ADDR,
-                      KWP_MSG, HEXFILE_SEGMENT)
+                      SPI_FLASH_CONFIG, UART_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG,
+                      LIN_UDS_ADDR, KWP_MSG, HEXFILE_SEGMENT)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -168,6 +168,20 @@ LIN = {
     "VARNEL_LIN_UDS_ResponseN": (_int, [_u32, _u8, ctypes.POINTER(LIN_UDS_ADDR), _u8p, _u32,
                                         _i32], COUNT),
 }
+UART = {
+    "UART_Init": (_int, [_u32, _u8, ctypes.POINTER(UART_CONFIG)], COUNT),
+    "UART_WriteBytes": (_int, [_u32, _u8, _u8p, _i32], COUNT),
+    "UART_WriteBytesAsync": (_int, [_u32, _u8, _u8p, _i32], COUNT),
+    "UART_ReadBytes": (_int, [_u32, _u8, _u8p, _i32], COUNT),
+    "UART_ClearData": (_int, [_u32, _u8], COUNT),
+    "UART_WriteBytesInterval": (_int, [_u32, _u8, _u8p, _i32, _u8], COUNT),
+    "UART_WriteBytesIntervalUs": (_int, [_u32, _u8, _u8p, _i32, _u8], COUNT),
+    "UART_WriteBytesWithBreak": (_int, [_u32, _u8, _u8, _u8p, _i32], COUNT),
+    "UART_WriteBytesAsyncWithBreak": (_int, [_u32, _u8, _u8, _u8p, _i32], COUNT),
+    "UART_WriteReadBytesWithBreak": (_int, [_u32, _u8, _u8, _u8p, _i32, _u8p, _u16, _u16],
+                                     COUNT),
+    "UART_Stop": (_int, [_u32, _u8], COUNT),
+}
 _SEG_P = ctypes.POINTER(HEXFILE_SEGMENT)
 IMAGES = {
     "hexfile_convert_s19": (_int, [_char_p, _i32, _SEG_P, _u32, ctypes.c_int8], None),
@@ -191,7 +205,7 @@ KLINE = {
     "KWP_Request": (_int, [_u32, _u8, _KWP_P], COUNT),
     "KWP_Response": (_int, [_u32, _u8, _KWP_P, _u32], COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT,
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT, UART,
             KLINE)
 
 

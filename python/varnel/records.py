@@ -203,6 +203,26 @@ class SPI_FLASH_CONFIG(ctypes.Structure):
 RECORDS[SPI_FLASH_CONFIG.__name__] = SPI_FLASH_CONFIG
 
 
+UART_READ_SIZE = 4096  # VARNEL_UART_READ_SIZE: what one UART_ReadBytes may write
+UART_MAX_LENGTH = 65536  # VARNEL_UART_MAX_LENGTH: the most one write sends
+
+
+class UART_CONFIG(ctypes.Structure):
+    """UART channel configuration, 8 bytes as they lie in memory: the baud rate in host order,
+    then the virtual adapter's parity (0 none, 1 odd, 2 even), stop bits (0/1 one, 2 two), a
+    reserved byte and the mode letter (0 plain, or K-line's b"B", b"R", b"Z")."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("BaudRate", ctypes.c_uint32),
+        ("Parity", ctypes.c_uint8),
+        ("StopBits", ctypes.c_uint8),
+        ("Reserved", ctypes.c_uint8),
+        ("Mode", ctypes.c_uint8),
+    ]
+RECORDS[UART_CONFIG.__name__] = UART_CONFIG
+
+
 class LIN_EX_MSG(ctypes.Structure):
     """LIN frame record, 20 bytes, the same in both directions."""
 

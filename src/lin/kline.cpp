@@ -67,8 +67,8 @@ int request(DevHandle handle, uint8_t ch, const K_MSG& req, K_MSG& resp, uint8_t
 VARNEL_API int K_Init(DevHandle handle, uint8_t ch, uint32_t baud) {
   return varnel::guarded(varnel::result::kFailed, [&] {
     if (ch >= kChannels) return kBadArgument;
-    UartConfig config = uart_config(baud, kModeK);
-    int r = UART_Init(handle, ch, config.data());
+    const UartConfig config = uart_config(baud, kModeK);
+    int r = UART_Init(handle, ch, &config);
     if (r != 0) return r;
     store_config(handle, ch, config);
     return LIN_EX_CtrlPowerOut(handle, ch, 1);

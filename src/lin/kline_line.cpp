@@ -2,7 +2,6 @@
 #include "lin/kline_line.h"
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -13,8 +12,7 @@ namespace varnel::kline {
 namespace {
 
 constexpr uint32_t kDefaultBaud = 10400;
-// One UART_ReadBytes reply carries at most this many bytes.
-constexpr size_t kReadBuffer = 4096;
+constexpr size_t kReadBuffer = VARNEL_UART_READ_SIZE;
 
 struct ConfigTable {
   std::mutex mutex;
@@ -51,8 +49,8 @@ void wait_until(uint64_t deadline_ns) {
 
 UartConfig uart_config(uint32_t baud, uint8_t letter) {
   UartConfig c{};
-  std::memcpy(c.data(), &baud, sizeof baud);
-  c[7] = letter;
+  c.BaudRate = baud;
+  c.Mode = letter;
   return c;
 }
 
@@ -77,8 +75,8 @@ UartConfig stored_config(uint32_t handle, uint8_t channel) {
 }
 
 int init_uart(uint32_t handle, uint8_t channel) {
-  UartConfig config = stored_config(handle, channel);
-  return UART_Init(handle, channel, config.data());
+  const UartConfig config = stored_config(handle, channel);
+  return UART_Init(handle, channel, &config);
 }
 
 int send_five_baud_address(uint32_t handle, uint8_t channel, uint8_t address) {
@@ -113,11 +111,10 @@ int send_fast_pattern_counted(uint32_t handle, uint8_t channel) {
 
 int send_with_echo(uint32_t handle, uint8_t channel, std::span<const uint8_t> frame, int p4,
                    int echo_timeout_ms) {
-  std::vector<uint8_t> out(frame.begin(), frame.end());
+  const auto size = int32_t(frame.size());
   const int r = p4 == kNoInterval
-                    ? UART_WriteBytes(handle, channel, out.data(), int(out.size()))
-                    : UART_WriteBytesInterval(handle, channel, out.data(), int(out.size()),
-                                              uint8_t(p4));
+                    ? UART_WriteBytes(handle, channel, frame.data(), size)
+                    : UART_WriteBytesInterval(handle, channel, frame.data(), size, uint8_t(p4));
   if (r != 0) return r;
   std::vector<uint8_t> echo(kReadBuffer);
   const int n = UART_ReadBytes(handle, channel, echo.data(), echo_timeout_ms);

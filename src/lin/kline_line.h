@@ -14,6 +14,7 @@
 namespace varnel::kline {
 
 constexpr int kChannels = VARNEL_LIN_MAX_CHANNELS;
+static_assert(kChannels <= VARNEL_UART_MAX_CHANNELS, "each K-line rides on a UART");
 // The mode letters of the UART configuration (see docs/kline.md).
 constexpr uint8_t kModeK = 'B', kModeRaw = 'R', kModeZ = 'Z';
 constexpr int kPollIntervalMs = 10;
@@ -26,7 +27,7 @@ enum : int {
   kChecksumError = -8,  // the response's checksum did not match; the record is still filled
 };
 
-using UartConfig = std::array<uint8_t, 8>;
+using UartConfig = UART_CONFIG;
 // The baud rate as it lies in memory, three zero bytes, the mode letter.
 UartConfig uart_config(uint32_t baud, uint8_t letter);
 

@@ -102,9 +102,9 @@ VARNEL_API int KWP_Init(DevHandle handle, uint8_t ch, uint32_t baud, uint8_t mod
   return varnel::guarded(varnel::result::kFailed, [&] {
     if (!known_handle(handle)) return KWP_ERR_UNKNOWN_HANDLE;
     if (ch >= kChannels) return kBadArgument;
-    UartConfig config = uart_config(baud, mode_letter(mode));
+    const UartConfig config = uart_config(baud, mode_letter(mode));
     store_config(handle, ch, config);
-    return UART_Init(handle, ch, config.data());
+    return UART_Init(handle, ch, &config);
   });
 }
 

@@ -78,6 +78,9 @@ TEST_F(NetCli, DeviceCommandsReachNetworkAdapters) {
       {"lin schedule 0x55000140:2 21@10", ""},  // the adapter plays it between the commands
       {"lin dump 0x55000140:2 -n 2",
        "(\\(\\d+\\.\\d{3}\\) 0x55000140:2 21#11223344 pid=61 check=F3 enhanced\n){2}"},
+      // the loopback plug keeps what was sent for the next command to read
+      {"uart 0x55000140:3 send -t 'hi\\x21\\n'", ""},
+      {"uart 0x55000140:3 --baud 9600 read --timeout 50", "68 69 21 0A\n"},
   };
   for (const auto& c : cases) {
     ToolRun run = on_network(c.args);

@@ -159,5 +159,12 @@ int main(void) {
   FIELD(HEXFILE_SEGMENT, StartAddr);
   FIELD(HEXFILE_SEGMENT, DataLen);
   FIELD(HEXFILE_SEGMENT, pData);
+
+  RECORD(UART_CONFIG);
+  FIELD(UART_CONFIG, BaudRate);
+  FIELD(UART_CONFIG, Parity);
+  FIELD(UART_CONFIG, StopBits);
+  FIELD(UART_CONFIG, Reserved);
+  FIELD(UART_CONFIG, Mode);
   return 0;
 }
