@@ -9,9 +9,10 @@
 // between its polls, as it must, and that wait is what its CPU time shows.
 //
 //   bench_kline --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+#include "sim/families/kline.h"
+
 #include <benchmark/benchmark.h>
 
-#include "sim/families/kline.h"
 #include "sim/usbsim.h"
 #include "sim/virtual_adapter.h"
 #include "varnel.h"
@@ -55,9 +56,9 @@ void exchange(benchmark::State& state, bool simulated) {
     }
   }
   state.counters["line_min_ms"] = kLineMinimumMs;
-  state.counters["cpu_per_line_min"] = benchmark::Counter(
-      double(state.iterations()) / (kLineMinimumMs / 1000),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["cpu_per_line_min"] =
+      benchmark::Counter(double(state.iterations()) / (kLineMinimumMs / 1000),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
   usbsim::unplug_all();
 }
 

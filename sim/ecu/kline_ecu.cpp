@@ -11,8 +11,10 @@ constexpr uint64_t kMs = 1000;
 constexpr uint64_t kBitUs = 200 * kMs;        // one bit at 5 baud
 constexpr uint64_t kStopSeenUs = 1790 * kMs;  // the stop bit is set 9 bits after the start
 constexpr uint64_t kPatternStaleUs = 2500 * kMs;
-constexpr uint64_t kFastLowMinUs = 20 * kMs, kFastLowMaxUs = 150 * kMs;  // 25 ms nominal
-constexpr uint64_t kW1Us = 20 * kMs;                                     // address end to sync byte
+// 25 ms nominal; the pin commands' transport delays shorten or stretch it as the unit sees it
+constexpr uint64_t kFastLowMinUs = 10 * kMs, kFastLowMaxUs = 150 * kMs;
+constexpr uint64_t kIdleUs = 100 * kMs;      // the line high before a pattern (the tester: 300 ms)
+constexpr uint64_t kW1Us = 20 * kMs;         // address end to sync byte
 constexpr uint64_t kW2Us = 10 * kMs;         // between sync, KB1 and KB2
 constexpr uint64_t kW4Us = 30 * kMs;         // inverted KB2 to inverted address
 constexpr uint64_t kFrameGapUs = 500 * kMs;  // a longer pause drops a partial request
@@ -62,10 +64,14 @@ void KLineEcu::line_level(bool high, uint64_t at_us) {
   if (faults.silent) return;
   const bool changed = high != line_high_;
   line_high_ = high;
+  const std::optional<uint64_t> high_since = high_since_;
+  if (high && !high_since_) high_since_ = at_us;
+  if (!high) high_since_.reset();
   if (start_ && at_us > *start_ + kPatternStaleUs) start_.reset();
   if (!start_) {
-    // from idle, the line going low starts a 5-baud address or a fast-init pulse
-    if (changed && !high) {
+    // After the line idled high, its going low starts a 5-baud address or a fast-init pulse.
+    // (A pin just made an output may show a low latch for a moment: no idle, no pattern.)
+    if (changed && !high && high_since && at_us - *high_since >= kIdleUs) {
       start_ = at_us;
       levels_ = {{false, at_us}};
     }

@@ -80,8 +80,9 @@ class KLineEcu {
   Send send_;
   State state_ = State::kAsleep;
   bool line_high_ = true;
-  std::optional<uint64_t> start_;  // the line went low from idle: a pattern may be under way
-  std::vector<Level> levels_;      // since then
+  std::optional<uint64_t> high_since_;  // the line has been high since then
+  std::optional<uint64_t> start_;       // the line went low from idle: a pattern may be under way
+  std::vector<Level> levels_;           // since then
   std::optional<uint8_t> heard_address_;
   std::vector<uint8_t> frame_;
   uint64_t last_byte_us_ = 0;

@@ -17,9 +17,7 @@ namespace {
 class KLineWire final : public UartPeer {
  public:
   KLineWire(VirtualAdapter& adapter, int channel)
-      : adapter_(adapter),
-        channel_(channel),
-        ecu([this](uint8_t byte, uint64_t at_us) {
+      : adapter_(adapter), channel_(channel), ecu([this](uint8_t byte, uint64_t at_us) {
           uart_model(adapter_).line(channel_).deliver(byte, at_us);
         }) {}
 
@@ -71,7 +69,8 @@ void install_kline(VirtualAdapter& adapter) {
     uart_model(adapter).attach(ch, model.wires[size_t(ch)]);
   }
   adapter.state<GpioModel>().on_level([&model](const GpioModel::Level& level) {
-    if (level.pin < kKlineChannels) model.wires[size_t(level.pin)]->line_level(level.high, level.at_us);
+    if (level.pin < kKlineChannels)
+      model.wires[size_t(level.pin)]->line_level(level.high, level.at_us);
   });
 }
 

@@ -70,7 +70,8 @@ int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
 UartConfig stored_config(uint32_t handle, uint8_t channel) {
   const int index = device_index(handle);
   std::lock_guard guard(table().mutex);
-  if (index < 0 || !table().stored[size_t(index)][channel]) return uart_config(kDefaultBaud, kModeK);
+  if (index < 0 || !table().stored[size_t(index)][channel])
+    return uart_config(kDefaultBaud, kModeK);
   return table().configs[size_t(index)][channel];
 }
 

@@ -85,6 +85,7 @@ constexpr uint32_t kUartInit = 0xA00, kUartWrite = 0xA01, kUartWriteInterval = 0
 // Each row: the record, what goes out after the channel and interval bytes of the write command.
 TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
   Adapter adapter = this->open();
+  ASSERT_EQ(KWP_Init(kKlineHandle, 0, 10400, 1), 0);
   const KBytes d99 = counting(1, 99), d69 = counting(1, 69);
   KBytes long_frame = {0x80, 0x10, 0xF1, 100, 0x31};
   long_frame.insert(long_frame.end(), d99.begin(), d99.end());
@@ -145,9 +146,9 @@ TYPED_TEST_P(KlineCases, InitSendsTheConfigurationAndKInitPowersTheChannel) {
   for (auto [mode, letter] : modes) {
     adapter->clear_received();
     ASSERT_EQ(KWP_Init(kKlineHandle, 3, 10400, mode), 0);
-    // 10400 = 0x2890
+    // 10400 = 0x28A0
     EXPECT_EQ(this->payloads(adapter, kUartInit),
-              (std::vector<KBytes>{{3, 0x90, 0x28, 0, 0, 0, 0, 0, letter}}));
+              (std::vector<KBytes>{{3, 0xA0, 0x28, 0, 0, 0, 0, 0, letter}}));
   }
   adapter->clear_received();
   ASSERT_EQ(K_Init(kKlineHandle, 2, 9600), 0);  // 0x2580
@@ -180,7 +181,9 @@ TYPED_TEST_P(KlineCases, FastInitWakesTheUnitWithA25MsPulse) {
   EXPECT_TRUE(held[1].first);
   EXPECT_GE(held[1].second, 300'000u);
   EXPECT_FALSE(held[2].first);
-  EXPECT_GE(held[2].second, 24'000u) << "25 ms counted from before the pin command";
+  // 25 ms counted on the host from before the pin command: the two commands' own delays move
+  // the edges as the adapter sees them by a little
+  EXPECT_GE(held[2].second, 20'000u);
   EXPECT_LT(held[2].second, 1'000'000u);
   EXPECT_EQ(this->payloads(adapter, 0xF0A), (std::vector<KBytes>{{1, 0}})) << "power on first";
 }
@@ -197,7 +200,7 @@ TYPED_TEST_P(KlineCases, AnswersAndNegativeAnswersFillTheRecord) {
       {{0x21, 0x77}, {0x7F, 0x21, 0x31}},
       {{0x3E}, {0x7E}},
       {{0x1A}, {0x7F, 0x1A, 0x12}},
-      {{0x21, 0x02}, {0x7F, 0x21, 0x78}},  // pending first ...
+      {{0x21, 0x02}, {0x7F, 0x21, 0x78}},          // pending first ...
       {{}, {0x61, 0x02, 0x01, 0x02, 0x03, 0x04}},  // ... then the answer, to another response
   };
   for (const Row& row : rows) {
@@ -211,12 +214,11 @@ TYPED_TEST_P(KlineCases, AnswersAndNegativeAnswersFillTheRecord) {
     KBytes message = {got.SID};
     message.insert(message.end(), got.Data, got.Data + got.Len - 1);
     EXPECT_EQ(message, row.answer);
-    const KBytes frame =
-        with_checksum([&] {
-          KBytes f = {uint8_t(0x80 | row.answer.size()), 0xF1, 0x10};
-          f.insert(f.end(), row.answer.begin(), row.answer.end());
-          return f;
-        }());
+    const KBytes frame = with_checksum([&] {
+      KBytes f = {uint8_t(0x80 | row.answer.size()), 0xF1, 0x10};
+      f.insert(f.end(), row.answer.begin(), row.answer.end());
+      return f;
+    }());
     EXPECT_EQ(got.Data[got.Len - 1], frame.back()) << "the received checksum follows the data";
     EXPECT_EQ(got.CheckSum, frame.back());
   }
@@ -306,8 +308,8 @@ TYPED_TEST_P(KlineCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
       {"KWP_Response channel 8", [&] { return KWP_Response(kKlineHandle, 8, &m, 10); }, -7},
       {"K_Request null", [&] { return K_Request(kKlineHandle, 0, &k, nullptr, 0, 10); }, -7},
       {"K_FastInit channel 200", [&] { return K_FastInit(kKlineHandle, 200, &k, &k, 0); }, -7},
-      {"K_5BaudInit channel 8", [&] { return K_5BaudInit(kKlineHandle, 8, 0x33, nullptr, nullptr); },
-       -7},
+      {"K_5BaudInit channel 8",
+       [&] { return K_5BaudInit(kKlineHandle, 8, 0x33, nullptr, nullptr); }, -7},
       {"K_Init channel 8", [&] { return K_Init(kKlineHandle, 8, 10400); }, -7},
   };
   for (const Row& row : rows) EXPECT_EQ(row.run(), row.result) << row.call;
@@ -341,12 +343,13 @@ TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitSendsTheAddressAndTradesKeyBytes) {
   // bit (high). Neighbouring equal bits merge into one held level.
   auto held = this->held_levels(adapter, 0);
   const std::vector<std::pair<bool, int>> bits = {{false, 0}, {true, 0}, {false, 1}, {true, 2},
-                                                  {false, 2}, {true, 2},  {false, 2}, {true, 0}};
+                                                  {false, 2}, {true, 2}, {false, 2}, {true, 0}};
   ASSERT_EQ(held.size(), bits.size());
   for (size_t i = 0; i < bits.size(); ++i) EXPECT_EQ(held[i].first, bits[i].first) << i;
   EXPECT_GE(held[1].second, 300'000u) << "idle high";
+  // 200 ms a bit, less the few ms by which the pin commands' delays may move an edge
   for (size_t i = 2; i + 1 < bits.size(); ++i)
-    EXPECT_GE(held[i].second, uint64_t(bits[i].second) * 200'000u) << "level " << i;
+    EXPECT_GE(held[i].second, uint64_t(bits[i].second) * 200'000u - 10'000u) << "level " << i;
   EXPECT_EQ(this->payloads(adapter, kUartWrite), (std::vector<KBytes>{{0, 0xF7}}));
 }
 

@@ -98,7 +98,13 @@ TEST_F(KlineEcuTest, AWrongInvertedKeyByteLeavesTheUnitAsleep) {
 }
 
 TEST_F(KlineEcuTest, FastInitWantsStartCommunicationFirstThenAnswersServices) {
-  uint64_t t = fast_init(0);
+  ecu.line_level(false, 0);  // the pin made an output: its latch, low, with no idle before
+  ecu.line_level(true, 30 * kMs);
+  EXPECT_EQ(ecu.state(), sim::KLineEcu::State::kAsleep);
+  ecu.line_level(false, 50 * kMs);  // high for only 20 ms: not idle
+  ecu.line_level(true, 75 * kMs);
+  EXPECT_EQ(ecu.state(), sim::KLineEcu::State::kAsleep);
+  uint64_t t = fast_init(100 * kMs);
   EXPECT_EQ(ecu.state(), sim::KLineEcu::State::kFastWoken);
   t = tester(framed({0x82, 0x10, 0xF1}, {0x1A, 0x90}), t);
   EXPECT_TRUE(sent.empty()) << "nothing before StartCommunication";

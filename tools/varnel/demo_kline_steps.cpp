@@ -27,7 +27,8 @@ bool kline_step(DemoContext& demo) {
   int rc = KWP_FastInit(h, 0, 10400, &init, &request, &response, 1000);
   if (!demo.check(rc == 0 && response.SID == 0xC1, "KWP_FastInit", rc)) return false;
   char text[128];
-  std::snprintf(text, sizeof text, "fast init at 10400 baud, StartCommunication: C1, key bytes %02X %02X",
+  std::snprintf(text, sizeof text,
+                "fast init at 10400 baud, StartCommunication: C1, key bytes %02X %02X",
                 response.Data[0], response.Data[1]);
   demo.say(text);
   request = addressed(0x1A, 0x90, 2);

@@ -146,15 +146,18 @@ void add_kline_commands(CLI::App& app) {
           [](std::string& text) {
             uint32_t h = 0;
             uint8_t ch = 0;
-            return parse_channel_target(text, h, ch) ? std::string() : "expected HANDLE:CHANNEL (0..7)";
+            return parse_channel_target(text, h, ch) ? std::string()
+                                                     : "expected HANDLE:CHANNEL (0..7)";
           },
           "HANDLE:CHANNEL"));
   auto* fast = kline->add_flag("--fast", o->fast, "wake the unit with the fast-init pattern");
-  auto* slow = kline->add_option("--5baud", o->five_baud, "wake the unit with this address at 5 baud")
-                   ->check(hex_byte_check("--5baud"));
+  auto* slow =
+      kline->add_option("--5baud", o->five_baud, "wake the unit with this address at 5 baud")
+          ->check(hex_byte_check("--5baud"));
   fast->excludes(slow);
   kline->add_option("--baud", o->baud, "K-line baud rate (default 10400)");
-  kline->add_option("--tgt", o->tgt, "target address in hex (default 10)")->check(hex_byte_check("--tgt"));
+  kline->add_option("--tgt", o->tgt, "target address in hex (default 10)")
+      ->check(hex_byte_check("--tgt"));
   kline->add_option("--src", o->src, "source (tester) address in hex (default F1)")
       ->check(hex_byte_check("--src"));
   kline->add_flag("--no-addresses", o->no_addresses, "frames without target and source");
