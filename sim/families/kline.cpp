@@ -21,8 +21,8 @@ class KLineWire final : public UartPeer {
           uart_model(adapter_).line(channel_).deliver(byte, at_us);
         }) {}
 
-  void on_transmit(UartLine&, uint8_t byte, uint64_t end_us) override {
-    if (powered()) ecu.tester_byte(byte, end_us);
+  void on_transmit(UartLine& line, uint8_t byte, uint64_t end_us) override {
+    if (powered() && k_line_mode(line)) ecu.tester_byte(byte, end_us);
   }
   void on_init(UartLine& line) override {
     uint32_t baud = 0;
@@ -35,6 +35,12 @@ class KLineWire final : public UartPeer {
   }
 
  private:
+  // The K-line transceiver is on the channel while the UART is configured with one of the K-line
+  // letters (mode byte 'B', 'R' or 'Z'); a plain UART (mode 0) does not reach the unit.
+  static bool k_line_mode(UartLine& line) {
+    const uint8_t mode = line.config()[7];
+    return mode == 'B' || mode == 'R' || mode == 'Z';
+  }
   // The unit is fed by the channel's power output.
   bool powered() {
     LinModel& lin = lin_model(adapter_);

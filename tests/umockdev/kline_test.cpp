@@ -4,6 +4,6 @@
 #include "support/usbfs_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Umockdev, KlineCases, UsbfsLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(UmockdevKline, KlineCases, UsbfsLayer);
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(KlineFiveBaudCases);
 }  // namespace testing_support

@@ -3,6 +3,6 @@
 #include "support/usbsim_layer.h"
 
 namespace testing_support {
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, KlineCases, UsbsimLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(Usbsim, KlineFiveBaudCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(UsbsimKline, KlineCases, UsbsimLayer);
+INSTANTIATE_TYPED_TEST_SUITE_P(UsbsimKline, KlineFiveBaudCases, UsbsimLayer);
 }  // namespace testing_support
