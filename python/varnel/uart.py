@@ -103,8 +103,11 @@ class Uart:
         timeout = self.timeout if timeout is None else timeout
         deadline = None if timeout is None else time.monotonic() + timeout
         while len(self._pending) < size:
-            left_ms = 1000 if deadline is None else (deadline - time.monotonic()) * 1000
-            if left_ms <= 0 or (self._poll(left_ms) == 0 and deadline is not None):
+            if deadline is None:
+                self._poll(1000)
+                continue
+            # at least one poll, also when the time is up: what has arrived is handed over
+            if self._poll(max(0.0, (deadline - time.monotonic()) * 1000)) == 0:
                 break
         out, self._pending = bytes(self._pending[:size]), self._pending[size:]
         return out

@@ -175,7 +175,7 @@ VARNEL_API int UART_WriteReadBytesWithBreak(DevHandle handle, uint8_t channel, u
       return kBadArgument;
     varnel::PayloadWriter payload;
     payload.u8(channel).u8(break_bits).u16(read_length).u16(timeout_ms);
-    if (write_length > 0) payload.raw(write_data, size_t(write_length));
+    payload.raw(write_data, size_t(write_length));  // nothing for a length of 0
     varnel::TransactionOptions options;
     options.read_timeout_ms = int(timeout_ms) + kWriteReadMarginMs;
     auto r = varnel::transact(handle, kWriteReadWithBreak, payload.bytes(),

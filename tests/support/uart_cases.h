@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "sim/families/uart.h"
 #include "support/wire_fixture.h"
@@ -146,6 +147,23 @@ TYPED_TEST_P(UartCases, ReadPollsUntilItsTimeOutHasPassed) {
   EXPECT_EQ(UART_ReadBytes(h, 0, in, -5), 0);  // a negative time-out is one poll too
 }
 
+// The read lets go of the adapter between polls: a write from another thread gets through while
+// it waits, and the read returns what that write brought.
+TYPED_TEST_P(UartCases, ReadLetsOtherCallsThroughWhileItWaits) {
+  constexpr uint32_t h = kUartHandle;
+  Adapter adapter = this->open_channels();
+  sim::uart_model(*adapter).join(0, 1);
+  int got = -100;
+  uint8_t in[VARNEL_UART_READ_SIZE];
+  std::thread reader([&] { got = UART_ReadBytes(h, 1, in, 5000); });
+  while (this->requests_sent() < 3) std::this_thread::yield();  // it is polling
+  const uint8_t w[3] = {7, 8, 9};
+  EXPECT_EQ(UART_WriteBytes(h, 0, w, 3), 0);
+  reader.join();
+  EXPECT_EQ(got, 3);
+  EXPECT_EQ(UartBytes(in, in + 3), (UartBytes{7, 8, 9}));
+}
+
 // Device time: 10 bits a byte at the baud rate (rounded down from the start of the write), the
 // pause between bytes, a break of its bit times and a one-bit delimiter before the first byte.
 TYPED_TEST_P(UartCases, WritesArePlayedOnTheDeviceClock) {
@@ -177,6 +195,13 @@ TYPED_TEST_P(UartCases, WritesArePlayedOnTheDeviceClock) {
   // a synchronous write answers when its bytes are out: the device clock has passed the last
   const uint64_t last_end = peer->events[1].end_us;
   EXPECT_GE(adapter->clock().now_us(), last_end);
+  peer->events.clear();
+  UART_CONFIG even_two_stop = uart_config(9600);  // 12 bits a byte: 1250 us
+  even_two_stop.Parity = 2;
+  even_two_stop.StopBits = 2;
+  ASSERT_EQ(UART_Init(h, 0, &even_two_stop), 0);
+  ASSERT_EQ(UART_WriteBytes(h, 0, w, 2), 0);
+  EXPECT_EQ(gaps(), (std::vector<uint64_t>{1250}));
   // an asynchronous one answers at once; its bytes arrive as the device clock gets there
   peer->events.clear();
   UART_CONFIG slow = uart_config(300);  // 33.3 ms a byte
@@ -298,7 +323,8 @@ TYPED_TEST_P(UartCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
 
 REGISTER_TYPED_TEST_SUITE_P(UartCases, EachCallSendsItsLayout,
                             BytesComeBackOnTheLoopbackOrOnTheJoinedChannel,
-                            ReadPollsUntilItsTimeOutHasPassed, WritesArePlayedOnTheDeviceClock,
+                            ReadPollsUntilItsTimeOutHasPassed,
+                            ReadLetsOtherCallsThroughWhileItWaits, WritesArePlayedOnTheDeviceClock,
                             WriteReadTakesWhatArrivesWithinItsTimeOut,
                             IdleChannelsAndBadRepliesGiveTheirCodes,
                             BadArgumentsAreRefusedBeforeAnythingIsSent);

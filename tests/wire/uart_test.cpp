@@ -50,20 +50,22 @@ TEST(UartReplyTimeout, GrowsWithThePacedBytesAndTheWriteReadsTimeOut) {
   std::vector<Adapter> adapters;
   for (uint8_t i = 0; i < std::size(rows); ++i) {
     const DevHandle h = 0x12345600 + i;
-    adapters.push_back(UsbsimLayer::plug(h, {1, {uint8_t(i + 1)}}));
+    // ports 2 and up: port 1 is where the cases' adapter was open until just now
+    adapters.push_back(UsbsimLayer::plug(h, {1, {uint8_t(i + 2)}}));
   }
   ASSERT_TRUE(scan_until_listed(0x12345600 + uint32_t(std::size(rows)) - 1));
-  std::vector<int> results(std::size(rows));
-  std::vector<std::thread> threads;
   for (size_t i = 0; i < std::size(rows); ++i) {
     const DevHandle h = 0x12345600 + uint32_t(i);
-    ASSERT_TRUE(USB_OpenDevice(h));
+    ASSERT_TRUE(USB_OpenDevice(h)) << i;
     UART_CONFIG config = uart_config(1000000);
-    ASSERT_EQ(UART_Init(h, 0, &config), 0);
+    ASSERT_EQ(UART_Init(h, 0, &config), 0) << i;
     adapters[i]->faults().next_reply(
         {sim::ReplyFault::Kind::kLate, rows[i].late_ms, rows[i].command});
-    threads.emplace_back([&, i, h] { results[i] = rows[i].call(h); });
   }
+  std::vector<int> results(std::size(rows));
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < std::size(rows); ++i)
+    threads.emplace_back([&, i] { results[i] = rows[i].call(0x12345600 + uint32_t(i)); });
   for (auto& t : threads) t.join();
   for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(results[i], rows[i].expected) << i;
   UsbsimLayer::unplug_all();

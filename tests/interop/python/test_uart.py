@@ -21,6 +21,8 @@ class Uart(unittest.TestCase):
             port.write(b"old")
             port.reset_input_buffer()
             self.assertEqual(port.read(1, timeout=0), b"")
+            port.write(b"new")
+            self.assertEqual(port.read(5, timeout=0), b"new")  # one poll, what has arrived
 
     def test_a_stopped_channel_refuses_to_send(self):
         port = self.adapter.uart(2)
