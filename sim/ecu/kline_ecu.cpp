@@ -11,12 +11,16 @@ constexpr uint64_t kMs = 1000;
 constexpr uint64_t kBitUs = 200 * kMs;        // one bit at 5 baud
 constexpr uint64_t kStopSeenUs = 1790 * kMs;  // the stop bit is set 9 bits after the start
 constexpr uint64_t kPatternStaleUs = 2500 * kMs;
-// 25 ms nominal; the pin commands' transport delays shorten or stretch it as the unit sees it
-constexpr uint64_t kFastLowMinUs = 10 * kMs, kFastLowMaxUs = 150 * kMs;
-constexpr uint64_t kIdleUs = 100 * kMs;      // the line high before a pattern (the tester: 300 ms)
-constexpr uint64_t kW1Us = 20 * kMs;         // address end to sync byte
-constexpr uint64_t kW2Us = 10 * kMs;         // between sync, KB1 and KB2
-constexpr uint64_t kW4Us = 30 * kMs;         // inverted KB2 to inverted address
+// 25 ms nominal, but the pin commands' transport delays shorten or stretch it as the unit sees
+// it: on a busy host the first command may arrive so late that hardly any low is left. Any low
+// pulse after idle that ends before a 5-baud start bit would is taken as the wake-up.
+constexpr uint64_t kFastLowMaxUs = 150 * kMs;
+constexpr uint64_t kIdleUs = 100 * kMs;  // the line high before a pattern (the tester: 300 ms)
+constexpr uint64_t kW1Us = 20 * kMs;     // address end to sync byte
+constexpr uint64_t kW2Us = 10 * kMs;     // between sync, KB1 and KB2
+constexpr uint64_t kW4Us = 30 * kMs;     // inverted KB2 to inverted address
+// How long after KB2 the unit waits for its inverse (W4 is 25-50 ms; loose for a busy host)
+constexpr uint64_t kKeyByteWaitUs = 300 * kMs;
 constexpr uint64_t kFrameGapUs = 500 * kMs;  // a longer pause drops a partial request
 
 enum : uint8_t {
@@ -79,7 +83,7 @@ void KLineEcu::line_level(bool high, uint64_t at_us) {
   }
   if (changed) levels_.push_back({high, at_us});
   if (high && changed && levels_.size() == 2 && at_us - *start_ < kFastLowMaxUs) {
-    pulse_ended(at_us - *start_);
+    pulse_ended();
     start_.reset();
   } else if (high && at_us >= *start_ + kStopSeenUs) {
     five_baud_done(at_us);
@@ -112,10 +116,10 @@ void KLineEcu::five_baud_done(uint64_t stop_us) {
   send_(config.kb1, t);
   t += kW2Us + byte_us();
   send_(config.kb2, t);
+  key_bytes_end_us_ = t;
 }
 
-void KLineEcu::pulse_ended(uint64_t low_us) {
-  if (low_us < kFastLowMinUs) return;
+void KLineEcu::pulse_ended() {
   frame_.clear();
   state_ = State::kFastWoken;
 }
@@ -123,7 +127,7 @@ void KLineEcu::pulse_ended(uint64_t low_us) {
 void KLineEcu::tester_byte(uint8_t byte, uint64_t at_us) {
   if (faults.silent) return;
   if (state_ == State::kKeyBytesSent) {
-    if (byte != uint8_t(~config.kb2)) {
+    if (byte != uint8_t(~config.kb2) || at_us > key_bytes_end_us_ + kKeyByteWaitUs) {
       state_ = State::kAsleep;
       return;
     }
@@ -162,8 +166,8 @@ void KLineEcu::frame_complete(uint64_t at_us) {
   bool pending = false;
   std::vector<uint8_t> reply = answer(message, pending);
   if (reply.empty()) return;
-  uint64_t start = at_us + kP2Us;
-  if (faults.late_ms) start = at_us + kP2MaxUs + uint64_t(faults.late_ms) * kMs;
+  uint64_t start = at_us + config.p2_us;
+  if (faults.late_ms) start = at_us + std::max(config.p2_us, kP2MaxUs) + faults.late_ms * kMs;
   if (pending) start = respond(negative(message[0], kResponsePending), start) + kPendingUs;
   respond(reply, start);
 }

@@ -9,7 +9,7 @@
 // - KWP2000 services once awake: StartCommunication 81, StopCommunication 82,
 //   ReadEcuIdentification 1A, ReadDataByLocalIdentifier 21 (02 is slow: "response pending"
 //   first), TesterPresent 3E; 7F SID NRC otherwise.
-// Responses start P2 = 25 ms after the request's last byte. Faults are scriptable.
+// Responses start P2 (40 ms) after the request's last byte. Faults are scriptable.
 #pragma once
 
 #include <cstdint>
@@ -25,15 +25,17 @@ class KLineEcu {
   using Send = std::function<void(uint8_t byte, uint64_t at_us)>;
 
   static constexpr uint8_t kFunctionalAddress = 0x33;  // the OBD functional address
-  static constexpr uint64_t kP2Us = 25'000;            // request end to response start
-  static constexpr uint64_t kP2MaxUs = 50'000;
-  static constexpr uint64_t kPendingUs = 200'000;  // "response pending" to the response
+  static constexpr uint64_t kP2MaxUs = 50'000;         // the latest a response may start
+  static constexpr uint64_t kPendingUs = 200'000;      // "response pending" to the response
 
   struct Config {
     uint8_t address = 0x10;                    // physical address; the functional 0x33 is heard too
     uint8_t kb1 = 0x08, kb2 = 0x08;            // key bytes of the 5-baud init
     uint8_t fast_kb1 = 0xEF, fast_kb2 = 0x8F;  // key bytes of StartCommunication's answer
     uint32_t baud = 10400;
+    // Request end to response start (ISO 14230: 25 to 50 ms). 40 ms leaves a busy host time to
+    // read the echo of a request before the answer comes.
+    uint64_t p2_us = 40'000;
   };
   struct Faults {
     bool wrong_sync = false;              // 0x54 instead of 0x55
@@ -69,7 +71,7 @@ class KLineEcu {
   uint64_t byte_us() const;
   bool level_at(uint64_t at_us) const;
   void five_baud_done(uint64_t stop_us);
-  void pulse_ended(uint64_t low_us);
+  void pulse_ended();
   void frame_complete(uint64_t at_us);
   std::vector<uint8_t> answer(const std::vector<uint8_t>& request, bool& pending);
   // Sends SID + data framed as the request was (addresses swapped), starting at `at_us`;
@@ -84,6 +86,7 @@ class KLineEcu {
   std::optional<uint64_t> start_;       // the line went low from idle: a pattern may be under way
   std::vector<Level> levels_;           // since then
   std::optional<uint8_t> heard_address_;
+  uint64_t key_bytes_end_us_ = 0;  // KB2 sent
   std::vector<uint8_t> frame_;
   uint64_t last_byte_us_ = 0;
   bool request_addressed_ = false;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <numeric>
+#include <string>
 
 #include "sim/families/gpio.h"
 #include "sim/families/kline.h"
@@ -58,6 +59,13 @@ class KlineCases : public WireTest<Layer> {
     return out;
   }
   static sim::KLineEcu& ecu(Adapter& adapter) { return sim::kline_ecu(*adapter, 0); }
+  // The pin's levels and the unit's state, for a failure message.
+  static std::string line_story(Adapter& adapter) {
+    std::string story = "unit state " + std::to_string(int(ecu(adapter).state())) + ", pin:";
+    for (auto [high, us] : held_levels(adapter, 0))
+      story += std::string(high ? " high " : " low ") + std::to_string(us) + " us";
+    return story;
+  }
   // Fast init with StartCommunication; the unit on channel 0 is awake afterwards.
   static int fast_init(KWP_MSG& init, KWP_MSG& response) {
     KWP_MSG request = k_record<KWP_MSG>(0x81, 0, 0x81, {});
@@ -86,11 +94,13 @@ constexpr uint32_t kUartInit = 0xA00, kUartWrite = 0xA01, kUartWriteInterval = 0
 TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
   Adapter adapter = this->open();
   ASSERT_EQ(KWP_Init(kKlineHandle, 0, 10400, 1), 0);
-  const KBytes d99 = counting(1, 99), d69 = counting(1, 69);
+  const KBytes d99 = counting(1, 99), d69 = counting(1, 69), d62 = counting(1, 62);
   KBytes long_frame = {0x80, 0x10, 0xF1, 100, 0x31};
   long_frame.insert(long_frame.end(), d99.begin(), d99.end());
   KBytes cut_frame = {0x80, 0x10, 0xF1, 70, 0x31};
   cut_frame.insert(cut_frame.end(), d69.begin(), d69.end());
+  KBytes frame_63 = {0xBF, 0x10, 0xF1, 0x31};
+  frame_63.insert(frame_63.end(), d62.begin(), d62.end());
   struct Row {
     bool k_call;
     uint8_t fmt, len;
@@ -102,6 +112,7 @@ TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
       {true, 0x82, 0, {0x90}, {0x82, 0x10, 0xF1, 0x1A, 0x90}, 0x82},
       {false, 0x80, 100, d99, long_frame, 0x80},
       {false, 0x85, 70, d69, cut_frame, 0x80},  // above 63: the length bits go
+      {false, 0xBF, 63, d62, frame_63, 0xBF},   // 63 fits in Fmt
       {false, 0x02, 0, {0x90}, {0x02, 0x1A, 0x90}, 0x02},
       {false, 0x42, 0, {0x90}, {0x42, 0x1A, 0x90}, 0x42},  // address mode 1: no addresses
       {false, 0xC1, 0, {}, {0xC1, 0x10, 0xF1, 0x1A}, 0xC1},
@@ -167,7 +178,10 @@ TYPED_TEST_P(KlineCases, InitSendsTheConfigurationAndKInitPowersTheChannel) {
 TYPED_TEST_P(KlineCases, FastInitWakesTheUnitWithA25MsPulse) {
   Adapter adapter = this->open();
   KWP_MSG init{}, response{};
-  ASSERT_EQ(this->fast_init(init, response), 0);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
+  // the host holds idle 300 ms, low 25 ms and high 24 ms before the first byte
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(349));
   EXPECT_EQ(init.Kind, KWP_KIND_FAST);
   EXPECT_EQ(response.Kind, KWP_KIND_RESPONSE);
   EXPECT_EQ(response.Status, 0);
@@ -181,17 +195,17 @@ TYPED_TEST_P(KlineCases, FastInitWakesTheUnitWithA25MsPulse) {
   EXPECT_TRUE(held[1].first);
   EXPECT_GE(held[1].second, 300'000u);
   EXPECT_FALSE(held[2].first);
-  // 25 ms counted on the host from before the pin command: the two commands' own delays move
-  // the edges as the adapter sees them by a little
-  EXPECT_GE(held[2].second, 20'000u);
-  EXPECT_LT(held[2].second, 1'000'000u);
+  // The adapter sees the low phase move with the two pin commands' own delays (on a busy
+  // machine by several ms), so only its order is checked here; the host's hold is above.
+  EXPECT_GT(held[2].second, 0u);
+  EXPECT_LT(held[2].second, 150'000u);
   EXPECT_EQ(this->payloads(adapter, 0xF0A), (std::vector<KBytes>{{1, 0}})) << "power on first";
 }
 
 TYPED_TEST_P(KlineCases, AnswersAndNegativeAnswersFillTheRecord) {
   Adapter adapter = this->open();
   KWP_MSG init{}, response{};
-  ASSERT_EQ(this->fast_init(init, response), 0);
+  ASSERT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
   struct Row {
     KBytes request;  // SID, data
     KBytes answer;   // SID, data
@@ -233,7 +247,8 @@ TYPED_TEST_P(KlineCases, AnswersAndNegativeAnswersFillTheRecord) {
 TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
   Adapter adapter = this->open();
   KWP_MSG init{}, response{};
-  ASSERT_EQ(this->fast_init(init, response), 0);
+  ASSERT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
+  this->ecu(adapter).config.p2_us = 150'000;  // the echo read in time even on a busy host
   struct Row {
     const char* what;
     std::function<void(sim::KLineEcu&)> fault;
@@ -242,7 +257,7 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
     int k_result;
   } rows[] = {
       {"bad checksum", [](auto& e) { e.faults.bad_checksum = true; }, 0, -8, 0x01, -8},
-      {"late", [](auto& e) { e.faults.late_ms = 300; }, 0, -5, 0x02, -5},
+      {"late", [](auto& e) { e.faults.late_ms = 5000; }, 0, -5, 0x02, -5},
       {"cut short", [](auto& e) { e.faults.cut_after = 4; }, 0, -6, 0x04, -6},
       {"no echo", [&](auto&) { sim::set_kline_echo(*adapter, 0, false); }, -7, 0, 0x10, -7},
   };
@@ -251,7 +266,7 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
     KWP_MSG request = k_record<KWP_MSG>(0x82, 0, 0x21, {0x01}), got{};
     EXPECT_EQ(KWP_Request(kKlineHandle, 0, &request), row.request_result) << row.what;
     if (row.request_result == 0) {
-      EXPECT_EQ(KWP_Response(kKlineHandle, 0, &got, 100), row.response_result) << row.what;
+      EXPECT_EQ(KWP_Response(kKlineHandle, 0, &got, 500), row.response_result) << row.what;
     } else {
       got = request;
     }
@@ -260,11 +275,11 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
       EXPECT_EQ((KBytes{got.SID, got.Data[0], got.Data[4], got.Data[5], got.CheckSum}),
                 (KBytes{0x61, 0x01, 0x5A, 0x94, 0x6B}));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // a late answer goes by
+    adapter->clock().advance_us(6'000'000);  // a late answer arrives, and the next clear drops it
     K_MSG k_request = k_record<K_MSG>(0x82, 0, 0x21, {0x01}), k_response{};
-    EXPECT_EQ(K_Request(kKlineHandle, 0, &k_request, &k_response, 0, 100), row.k_result)
+    EXPECT_EQ(K_Request(kKlineHandle, 0, &k_request, &k_response, 0, 500), row.k_result)
         << row.what;
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    adapter->clock().advance_us(6'000'000);
     this->ecu(adapter).faults = {};
     sim::set_kline_echo(*adapter, 0, true);
   }
@@ -305,6 +320,9 @@ TYPED_TEST_P(KlineCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
       {"KWP_FastInit null",
        [&] { return KWP_FastInit(kKlineHandle, 0, 10400, &m, nullptr, &m, 10); }, -7},
       {"KWP_Request null", [&] { return KWP_Request(kKlineHandle, 0, nullptr); }, -7},
+      {"KWP_Request channel 8", [&] { return KWP_Request(kKlineHandle, 8, &m); }, -7},
+      {"KWP_FastInit channel 8",
+       [&] { return KWP_FastInit(kKlineHandle, 8, 10400, &m, &m, &m, 10); }, -7},
       {"KWP_Response channel 8", [&] { return KWP_Response(kKlineHandle, 8, &m, 10); }, -7},
       {"K_Request null", [&] { return K_Request(kKlineHandle, 0, &k, nullptr, 0, 10); }, -7},
       {"K_FastInit channel 200", [&] { return K_FastInit(kKlineHandle, 200, &k, &k, 0); }, -7},
@@ -336,7 +354,10 @@ TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitSendsTheAddressAndTradesKeyBytes) {
   Adapter adapter = this->open();
   KWP_MSG m{};
   m.Tgt = 0x33;
-  ASSERT_EQ(KWP_5BaudInit(kKlineHandle, 0, 10400, &m, 500), 0);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(KWP_5BaudInit(kKlineHandle, 0, 10400, &m, 500), 0) << this->line_story(adapter);
+  // idle 300 ms, start bit, 8 bits, 200 ms each, 10 ms after the stop bit, 35 ms before ~KB2
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2145));
   EXPECT_EQ((KBytes{m.Kind, m.Status, m.Fmt, m.Len}), (KBytes{KWP_KIND_5BAUD, 0, 0, 5}));
   EXPECT_EQ(KBytes(m.Data, m.Data + 5), (KBytes{0x55, 0x08, 0x08, 0xF7, 0xCC}));
   // 0x33 least significant bit first: 1 1 0 0 1 1 0 0, after a start bit (low), then the stop
@@ -347,29 +368,35 @@ TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitSendsTheAddressAndTradesKeyBytes) {
   ASSERT_EQ(held.size(), bits.size());
   for (size_t i = 0; i < bits.size(); ++i) EXPECT_EQ(held[i].first, bits[i].first) << i;
   EXPECT_GE(held[1].second, 300'000u) << "idle high";
-  // 200 ms a bit, less the few ms by which the pin commands' delays may move an edge
+  // 200 ms a bit as the adapter sees it, less what the pin commands' own delays may move an
+  // edge by on a busy machine (the unit reads each bit in its middle)
   for (size_t i = 2; i + 1 < bits.size(); ++i)
-    EXPECT_GE(held[i].second, uint64_t(bits[i].second) * 200'000u - 10'000u) << "level " << i;
+    EXPECT_GE(held[i].second, uint64_t(bits[i].second) * 200'000u - 50'000u) << "level " << i;
   EXPECT_EQ(this->payloads(adapter, kUartWrite), (std::vector<KBytes>{{0, 0xF7}}));
 }
 
 TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitRefusesAWrongSyncByte) {
   Adapter adapter = this->open();
-  ASSERT_EQ(K_Init(kKlineHandle, 0, 10400), 0);
   this->ecu(adapter).faults.wrong_sync = true;
-  uint8_t kb1 = 0, kb2 = 0;
-  EXPECT_EQ(K_5BaudInit(kKlineHandle, 0, 0x10, &kb1, &kb2), -6);
+  KWP_MSG m{};
+  m.Tgt = 0x10;
+  EXPECT_EQ(KWP_5BaudInit(kKlineHandle, 0, 10400, &m, 500), -6);
+  EXPECT_EQ(m.Status, KWP_STATUS_FRAME);
+  EXPECT_EQ(KBytes(m.Data, m.Data + m.Len), (KBytes{0x54, 0x08, 0x08}));
   EXPECT_TRUE(this->payloads(adapter, kUartWrite).empty()) << "no inverted key byte sent";
 }
 
 TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitRefusesAWrongInvertedAddress) {
   Adapter adapter = this->open();
-  this->ecu(adapter).faults.wrong_inverted_address = true;
-  KWP_MSG m{};
-  m.Tgt = 0x10;
-  EXPECT_EQ(KWP_5BaudInit(kKlineHandle, 0, 10400, &m, 500), -6);
-  EXPECT_EQ(m.Status, KWP_STATUS_FRAME);
-  EXPECT_EQ(KBytes(m.Data, m.Data + m.Len), (KBytes{0x55, 0x08, 0x08, 0xF7, 0x10}));
+  ASSERT_EQ(K_Init(kKlineHandle, 0, 10400), 0);
+  auto& unit = this->ecu(adapter);
+  unit.faults.wrong_inverted_address = true;
+  unit.config.kb1 = 0x94;
+  unit.config.kb2 = 0x8F;
+  uint8_t kb1 = 0, kb2 = 0;
+  EXPECT_EQ(K_5BaudInit(kKlineHandle, 0, 0x10, &kb1, &kb2), -6);
+  EXPECT_EQ((KBytes{kb1, kb2}), (KBytes{0x94, 0x8F}));
+  EXPECT_EQ(this->payloads(adapter, kUartWrite), (std::vector<KBytes>{{0, 0x70}}));  // ~8F
 }
 
 REGISTER_TYPED_TEST_SUITE_P(KlineFiveBaudCases, FiveBaudInitSendsTheAddressAndTradesKeyBytes,

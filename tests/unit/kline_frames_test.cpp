@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 using namespace varnel::kline;
@@ -84,8 +85,9 @@ TEST(KlineFrames, KRecordsKeepTheReceivedChecksumAfterTheData) {
   reader.feed(frame);
   ASSERT_TRUE(reader.complete());
   K_MSG m{};
+  std::fill(std::begin(m.Data), std::end(m.Data), 0xEE);
   fill_record(reader, m);
-  EXPECT_EQ(Bytes(m.Data, m.Data + 2), (Bytes{0x11, 0x00}));
+  EXPECT_EQ(Bytes(m.Data, m.Data + 3), (Bytes{0x11, 0x00, 0xEE})) << "nothing after the frame";
   EXPECT_EQ(m.CheckSum, 0x13);  // 82+F1+10+7F+11 = 213
   EXPECT_NE(m.CheckSum, reader.received_checksum());
 }

@@ -89,12 +89,16 @@ TEST_F(KlineEcuTest, FiveBaudAddressesAreReadFromTheLevelsWhateverTheHostsDelay)
   }
 }
 
-TEST_F(KlineEcuTest, AWrongInvertedKeyByteLeavesTheUnitAsleep) {
-  const uint64_t stop = five_baud(0x33, 0);
-  ASSERT_EQ(sent.size(), 3u);
-  ecu.tester_byte(0x08, stop + 100 * kMs);
-  EXPECT_EQ(sent.size(), 3u);
-  EXPECT_EQ(ecu.state(), sim::KLineEcu::State::kAsleep);
+TEST_F(KlineEcuTest, AWrongOrLateInvertedKeyByteLeavesTheUnitAsleep) {
+  for (auto [byte, after_kb2_us] :
+       {std::pair<uint8_t, uint64_t>{0x08, 40 * kMs}, {0xF7, 400 * kMs}}) {
+    sent.clear();
+    five_baud(0x33, 10'000 * kMs * (byte == 0x08 ? 1 : 2));
+    ASSERT_EQ(sent.size(), 3u);
+    ecu.tester_byte(byte, sent[2].at_us + after_kb2_us);
+    EXPECT_EQ(sent.size(), 3u);
+    EXPECT_EQ(ecu.state(), sim::KLineEcu::State::kAsleep);
+  }
 }
 
 TEST_F(KlineEcuTest, FastInitWantsStartCommunicationFirstThenAnswersServices) {
@@ -111,7 +115,7 @@ TEST_F(KlineEcuTest, FastInitWantsStartCommunicationFirstThenAnswersServices) {
   const uint64_t end = tester(framed({0x81, 0x10, 0xF1}, {0x81}), t + 100 * kMs);
   // 83 F1 10 C1 EF 8F, sum 3C3
   ASSERT_EQ(sent_bytes(), (Bytes{0x83, 0xF1, 0x10, 0xC1, 0xEF, 0x8F, 0xC3}));
-  EXPECT_EQ(sent[0].at_us, end + 25 * kMs + 961) << "P2, then one byte time at 10400 baud";
+  EXPECT_EQ(sent[0].at_us, end + 40 * kMs + 961) << "P2, then one byte time at 10400 baud";
   struct Row {
     Bytes request;  // SID and data, sent with addresses
     Bytes answer;   // SID and data expected back
