@@ -8,9 +8,9 @@ namespace sim {
 namespace {
 
 constexpr uint64_t kMs = 1000;
-constexpr uint64_t kBitUs = 200 * kMs;        // one bit at 5 baud
-constexpr uint64_t kStopSeenUs = 1790 * kMs;  // the stop bit is set 9 bits after the start
-constexpr uint64_t kPatternStaleUs = 2500 * kMs;
+constexpr uint64_t kBitUs = 200 * kMs;              // one bit at 5 baud
+constexpr uint64_t kStopSeenUs = 1790 * kMs;        // the stop bit is set 9 bits after the start
+constexpr uint64_t kPatternStaleUs = 10'000 * kMs;  // an abandoned pattern, even on a busy host
 // 25 ms nominal, but the pin commands' transport delays shorten or stretch it as the unit sees
 // it: on a busy host the first command may arrive so late that hardly any low is left. Any low
 // pulse after idle that ends before a 5-baud start bit would is taken as the wake-up.

@@ -4,6 +4,7 @@
 // flags; the records' time stamps; bad arguments. The 5-baud cases take 2.5 s each on the wire.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <numeric>
@@ -39,7 +40,7 @@ Record k_record(uint8_t fmt, uint8_t len, uint8_t sid, const KBytes& data) {
   r.Src = 0xF1;
   r.Len = len;
   r.SID = sid;
-  std::memcpy(r.Data, data.data(), std::min(data.size(), sizeof r.Data));
+  std::copy_n(data.begin(), std::min(data.size(), sizeof r.Data), r.Data);
   return r;
 }
 
