@@ -128,10 +128,12 @@ TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
     uint8_t fmt_after, checksum_field;
     if (row.k_call) {
       K_MSG request = k_record<K_MSG>(row.fmt, row.len, sid, row.data), response{};
-      rc = K_Request(kKlineHandle, 0, &request, &response, 7, 1);
+      rc = K_Request(kKlineHandle, 0, &request, &response, 7, 10);
       fmt_after = request.Fmt;
       checksum_field = sum_of(row.frame);  // K_Request leaves the record alone
       EXPECT_EQ(rc, -5) << "the unit sleeps: nothing comes back";
+      // the echo, then polls at 0 and 10 ms: 10 ms counted off after each poll's wait
+      EXPECT_EQ(this->payloads(adapter, 0xA03).size(), 3u);
     } else {
       KWP_MSG request = k_record<KWP_MSG>(row.fmt, row.len, sid, row.data);
       request.P4 = 7;
@@ -168,6 +170,13 @@ TYPED_TEST_P(KlineCases, InitSendsTheConfigurationAndKInitPowersTheChannel) {
             (std::vector<KBytes>{{2, 0x80, 0x25, 0, 0, 0, 0, 0, 'B'}}));
   EXPECT_EQ(this->payloads(adapter, 0xF0A), (std::vector<KBytes>{{1, 2}})) << "power on, 12 V";
   adapter->clear_received();
+  K_MSG start = k_record<K_MSG>(0x81, 0, 0x81, {}), answer{};
+  EXPECT_EQ(K_FastInit(kKlineHandle, 2, &start, &answer, 0), 0);
+  EXPECT_EQ(answer.SID, 0xC1);
+  EXPECT_EQ(this->payloads(adapter, kUartInit),
+            (std::vector<KBytes>{{2, 0x80, 0x25, 0, 0, 0, 0, 0, 'B'}}))
+      << "the fast init configures the UART as K_Init stored it";
+  adapter->clear_received();
   EXPECT_EQ(DIO_Init(kKlineHandle, 0x4), 0);
   EXPECT_EQ(DIO_SetPins(kKlineHandle, 0x4), 0);
   EXPECT_EQ(DIO_ResetPins(kKlineHandle, 0x4), 0);
@@ -181,8 +190,9 @@ TYPED_TEST_P(KlineCases, FastInitWakesTheUnitWithA25MsPulse) {
   KWP_MSG init{}, response{};
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
-  // the host holds idle 300 ms, low 25 ms and high 24 ms before the first byte
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(349));
+  // the host holds idle 300 ms, low 25 ms and high 24 ms before the first byte; the unit
+  // answers 40 ms after the request
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(389));
   EXPECT_EQ(init.Kind, KWP_KIND_FAST);
   EXPECT_EQ(response.Kind, KWP_KIND_RESPONSE);
   EXPECT_EQ(response.Status, 0);
