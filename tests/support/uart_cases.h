@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "core/transaction.h"
 #include "sim/families/uart.h"
 #include "support/wire_fixture.h"
 
@@ -155,10 +156,10 @@ TYPED_TEST_P(UartCases, ReadLetsOtherCallsThroughWhileItWaits) {
   sim::uart_model(*adapter).join(0, 1);
   int got = -100;
   uint8_t in[VARNEL_UART_READ_SIZE];
-  std::thread reader([&] { got = UART_ReadBytes(h, 1, in, 5000); });
+  std::thread reader([&] { got = UART_ReadBytes(h, 0, in, 5000); });
   while (this->requests_sent() < 3) std::this_thread::yield();  // it is polling
   const uint8_t w[3] = {7, 8, 9};
-  EXPECT_EQ(UART_WriteBytes(h, 0, w, 3), 0);
+  EXPECT_EQ(UART_WriteBytes(h, 1, w, 3), 0);
   reader.join();
   EXPECT_EQ(got, 3);
   EXPECT_EQ(UartBytes(in, in + 3), (UartBytes{7, 8, 9}));
@@ -238,9 +239,13 @@ TYPED_TEST_P(UartCases, WriteReadTakesWhatArrivesWithinItsTimeOut) {
   // the answers to the last two requests and to this one, sent within 2 ms: in order of time
   EXPECT_EQ(UART_WriteReadBytesWithBreak(h, 0, 0, &w, 1, in, 8, 100), 6);
   EXPECT_EQ(UartBytes(in, in + 6), (UartBytes{0x11, 0x11, 0x11, 0x12, 0x12, 0x12}));
-  model.line(0).deliver(0x77, model.now_us() + 50000);
+  // in order of time; of equal times, in the order delivered
+  const uint64_t at = model.now_us() + 50000;
+  model.line(0).deliver(0x77, at + 10);
+  model.line(0).deliver(0x55, at);
+  model.line(0).deliver(0x66, at);
   EXPECT_EQ(this->read_all(0), UartBytes{});  // not arrived yet
-  EXPECT_EQ(this->read_all(0, 300), UartBytes{0x77});
+  EXPECT_EQ(this->read_all(0, 300), (UartBytes{0x55, 0x66, 0x77}));
 }
 
 // The firmware refuses what an idle channel cannot do; reads of an idle channel find nothing.
@@ -282,6 +287,13 @@ TYPED_TEST_P(UartCases, IdleChannelsAndBadRepliesGiveTheirCodes) {
     adapter->faults().next_reply(c.fault);
     EXPECT_EQ(c.call(), -4) << int(c.fault.kind);
   }
+  // what the library never sends: the firmware refuses a channel beyond 7 (status 2) and has
+  // nothing to read there
+  const uint8_t beyond[2] = {8, 1};
+  uint8_t status[4] = {};
+  auto r = varnel::transact(h, 0xA01, beyond, status);
+  EXPECT_TRUE(r.ok() && r.reply_length == 1 && status[0] == 2);
+  EXPECT_EQ(varnel::transact(h, 0xA03, std::span(beyond, 1), in).reply_length, 0);
   TypeParam::fail_next_read(h);
   EXPECT_EQ(UART_ReadBytes(h, 0, in, 0), -4);
   // gone: the write is retried for its 3 s, then the read gives up at once, whatever its time-out
