@@ -611,6 +611,78 @@ VARNEL_API int LIN_SlaveSetIDMode(DevHandle DevHandle, uint8_t LINIndex, uint8_t
                                   LIN_MSG* pLINMsg, uint32_t Len);
 VARNEL_API int LIN_SlaveGetData(DevHandle DevHandle, uint8_t LINIndex, LIN_MSG* pLINMsg);
 
+/* ===== K-line and KWP2000 ================================================================== */
+
+/* The single-wire K-line of a LIN/K channel: the channel's UART carries the bytes, pin (channel)
+ * of the digital outputs (DIO_) draws the wake-up patterns, the channel's power output is
+ * switched on first. Frames: Fmt (bits 7..6 address mode, 5..0 length of SID+data, 0 = a length
+ * byte follows), Tgt and Src when the address mode is 2 or 3, Len, SID, data, and the sum of all
+ * preceding bytes modulo 256. Codes: -5 no byte before the time-out, -6 wrong sync byte, wrong
+ * inverted address or an incomplete response, -7 echo missing or different, -8 checksum error
+ * (the record is still filled), -200 unknown handle (KWP_Init, KWP_5BaudInit, KWP_FastInit);
+ * errors of the UART, DIO and power calls are returned as they are. See docs/kline.md. */
+#define VARNEL_KLINE_DATA_SIZE 254
+#define KWP_KIND_5BAUD 1
+#define KWP_KIND_FAST 2
+#define KWP_KIND_REQUEST 3
+#define KWP_KIND_RESPONSE 4
+#define KWP_STATUS_CHECKSUM 0x01 /* the sum did not match the received checksum */
+#define KWP_STATUS_TIMEOUT 0x02  /* nothing came before the time-out */
+#define KWP_STATUS_FRAME 0x04    /* incomplete or wrong response */
+#define KWP_STATUS_ECHO 0x10     /* the echo of what was sent was missing or different */
+#define KWP_ERR_UNKNOWN_HANDLE (-200)
+
+#pragma pack(push, 1)
+/* Request and response of the K_ calls, 260 bytes. In a response Data holds the bytes after the
+ * SID with the received checksum last. */
+typedef struct K_MSG {
+  uint8_t Fmt;
+  uint8_t Tgt;
+  uint8_t Src;
+  uint8_t Len; /* sent only when Fmt & 0x3F is 0 */
+  uint8_t SID;
+  uint8_t Data[VARNEL_KLINE_DATA_SIZE];
+  uint8_t CheckSum;
+} K_MSG;
+VARNEL_STATIC_ASSERT(sizeof(K_MSG) == 260, "K_MSG is 260 bytes");
+
+/* Record of the KWP_ calls, 268 bytes. */
+typedef struct KWP_MSG {
+  uint32_t TimeStamp;   /* device time at the start of the call, bits 0..31 (0: the time command
+                           could not be sent, all ones: its reply could not be read) */
+  uint8_t TimeStampHi;  /* bits 32..39 */
+  uint8_t Kind;         /* KWP_KIND_ */
+  uint8_t Status;       /* KWP_STATUS_ flags */
+  uint8_t P4;           /* ms between the bytes of a request */
+  uint8_t Fmt;
+  uint8_t Tgt;          /* 5-baud init: the address sent */
+  uint8_t Src;
+  uint8_t Len;          /* length of SID + data; above 63 a length byte is used */
+  uint8_t SID;
+  uint8_t Data[VARNEL_KLINE_DATA_SIZE]; /* 5-baud init: 55 KB1 KB2 ~KB2 ~address */
+  uint8_t CheckSum;
+} KWP_MSG;
+VARNEL_STATIC_ASSERT(sizeof(KWP_MSG) == 268, "KWP_MSG is 268 bytes");
+#pragma pack(pop)
+
+VARNEL_API int K_Init(DevHandle DevHandle, uint8_t Channel, uint32_t BaudRate);
+VARNEL_API int K_5BaudInit(DevHandle DevHandle, uint8_t Channel, uint8_t Addr, uint8_t* pKB1,
+                           uint8_t* pKB2);
+VARNEL_API int K_FastInit(DevHandle DevHandle, uint8_t Channel, K_MSG* pRequest,
+                          K_MSG* pResponse, uint8_t P4);
+VARNEL_API int K_Request(DevHandle DevHandle, uint8_t Channel, K_MSG* pRequest, K_MSG* pResponse,
+                         uint8_t P4, int32_t TimeOutMs);
+/* Mode 0: UART letter 'R', mode 2: 'Z', any other: 'B' (see docs/kline.md). */
+VARNEL_API int KWP_Init(DevHandle DevHandle, uint8_t Channel, uint32_t BaudRate, uint8_t Mode);
+VARNEL_API int KWP_5BaudInit(DevHandle DevHandle, uint8_t Channel, uint32_t BaudRate,
+                             KWP_MSG* pMsg, int32_t TimeOutMs);
+VARNEL_API int KWP_FastInit(DevHandle DevHandle, uint8_t Channel, uint32_t BaudRate,
+                            KWP_MSG* pInit, KWP_MSG* pRequest, KWP_MSG* pResponse,
+                            uint32_t TimeOutMs);
+VARNEL_API int KWP_Request(DevHandle DevHandle, uint8_t Channel, KWP_MSG* pRequest);
+VARNEL_API int KWP_Response(DevHandle DevHandle, uint8_t Channel, KWP_MSG* pResponse,
+                            uint32_t TimeOutMs);
+
 /* ===== DBC database files =================================================================== */
 
 /* A DBC handle is the address of a database loaded by DBC_ParserFile; 0 means none. Databases
@@ -794,6 +866,13 @@ VARNEL_API int GPIO_Read(DevHandle DevHandle, uint32_t PinMask, uint32_t* pPinVa
  * the read time-out is (period x count, 32-bit wrapping) / 1000 + 3000 ms. */
 VARNEL_API int GPIO_SendPulses(DevHandle DevHandle, uint32_t PinMask, uint32_t PulseWidthUs,
                                uint32_t PeriodUs, int32_t PulseNum);
+
+/* Digital outputs for the K-line wake-up patterns, on the GPIO commands: DIO_Init makes the pins
+ * of the mask push-pull outputs without pull (GPIO_SetOutput with pull 0), DIO_SetPins drives
+ * them high and DIO_ResetPins low (GPIO_Write). Codes as GPIO_. */
+VARNEL_API int DIO_Init(DevHandle DevHandle, uint32_t PinMask);
+VARNEL_API int DIO_SetPins(DevHandle DevHandle, uint32_t PinMask);
+VARNEL_API int DIO_ResetPins(DevHandle DevHandle, uint32_t PinMask);
 
 /* ===== I2C ================================================================================== */
 

@@ -129,6 +129,12 @@ class Adapter:
 
         return LinChannel(self, channel, baud=baud, master=master)
 
+    def kline(self, channel, **options):
+        """KWP2000 on a channel's K-line; see varnel.kline.KLine."""
+        from .kline import KLine
+
+        return KLine(self, channel, **options)
+
     def adc(self):
         """The analogue inputs; see varnel.adc.Adc."""
         from .adc import Adc

@@ -18,8 +18,8 @@ import threading
 from .errors import I2cStatusError, VarnelError
 from .records import (CAN_INIT_CONFIG, CAN_MSG, CAN_STATUS, CANFD_INIT_CONFIG, CANFD_MSG,
                       CAN_UDS_ADDR, CAN_UDS_CONFIG, DEVICE_INFO, IIC_CONFIG, SPI_CONFIG,
-                      SPI_FLASH_CONFIG, UART_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG, LIN_UDS_ADDR,
-                      HEXFILE_SEGMENT)
+                      SPI_FLASH_CONFIG, UART_CONFIG, VARNEL_RECEIVE_STATS, LIN_EX_MSG,
+                      LIN_UDS_ADDR, KWP_MSG, HEXFILE_SEGMENT)
 
 _u8, _u32, _i32, _i64 = ctypes.c_uint8, ctypes.c_uint32, ctypes.c_int32, ctypes.c_int64
 _int, _bool, _char_p = ctypes.c_int, ctypes.c_bool, ctypes.c_char_p
@@ -197,7 +197,16 @@ LIN_BOOT = {
     "VARNEL_USDLINBoot_MemCheckResult": (_int, [_u32, _u8, _u8, _u32, _u8p], COUNT),
     "USDLINBoot_ResetECU": (_int, [_u32, _u8, _u8], COUNT),
 }
-FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT, UART)
+_KWP_P = ctypes.POINTER(KWP_MSG)
+KLINE = {
+    "KWP_Init": (_int, [_u32, _u8, _u32, _u8], COUNT),
+    "KWP_5BaudInit": (_int, [_u32, _u8, _u32, _KWP_P, _i32], COUNT),
+    "KWP_FastInit": (_int, [_u32, _u8, _u32, _KWP_P, _KWP_P, _KWP_P, _u32], COUNT),
+    "KWP_Request": (_int, [_u32, _u8, _KWP_P], COUNT),
+    "KWP_Response": (_int, [_u32, _u8, _KWP_P, _u32], COUNT),
+}
+FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT, UART,
+            KLINE)
 
 
 def _raise_on_negative(result, function, _args):

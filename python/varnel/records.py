@@ -256,6 +256,46 @@ class LIN_UDS_ADDR(ctypes.Structure):
 RECORDS[LIN_UDS_ADDR.__name__] = LIN_UDS_ADDR
 
 
+KLINE_DATA_SIZE = 254  # VARNEL_KLINE_DATA_SIZE
+
+
+class K_MSG(ctypes.Structure):
+    """Request and response of the K_ calls, 260 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("Fmt", ctypes.c_uint8),
+        ("Tgt", ctypes.c_uint8),
+        ("Src", ctypes.c_uint8),
+        ("Len", ctypes.c_uint8),
+        ("SID", ctypes.c_uint8),
+        ("Data", ctypes.c_uint8 * KLINE_DATA_SIZE),
+        ("CheckSum", ctypes.c_uint8),
+    ]
+RECORDS[K_MSG.__name__] = K_MSG
+
+
+class KWP_MSG(ctypes.Structure):
+    """Record of the KWP_ calls, 268 bytes."""
+
+    _pack_ = 1
+    _fields_ = [
+        ("TimeStamp", ctypes.c_uint32),  # device time in ms, bits 0-31
+        ("TimeStampHi", ctypes.c_uint8),  # bits 32-39
+        ("Kind", ctypes.c_uint8),  # 1 5-baud init, 2 fast init, 3 request, 4 response
+        ("Status", ctypes.c_uint8),  # 0x01 checksum, 0x02 time-out, 0x04 frame, 0x10 echo
+        ("P4", ctypes.c_uint8),
+        ("Fmt", ctypes.c_uint8),
+        ("Tgt", ctypes.c_uint8),
+        ("Src", ctypes.c_uint8),
+        ("Len", ctypes.c_uint8),
+        ("SID", ctypes.c_uint8),
+        ("Data", ctypes.c_uint8 * KLINE_DATA_SIZE),
+        ("CheckSum", ctypes.c_uint8),
+    ]
+RECORDS[KWP_MSG.__name__] = KWP_MSG
+
+
 class HEXFILE_SEGMENT(ctypes.Structure):
     """One segment of a firmware image, 16 bytes; pData is owned by the library."""
 

@@ -47,24 +47,68 @@ GpioModel::Pin GpioModel::pin(int index) const {
   return pins_.at(size_t(index));
 }
 
-uint8_t GpioModel::configure(uint32_t mask, Mode mode, uint8_t pull) {
+std::vector<GpioModel::Level> GpioModel::log_levels_locked(uint32_t mask, uint64_t now_us) {
+  std::vector<Level> levels;
+  for (int i = 0; i < kPins; ++i)
+    if ((mask >> i) & 1u && pins_[size_t(i)].mode != Mode::kInput) {
+      levels.push_back({i, level_locked(i), now_us});
+      log_.push_back(levels.back());
+      if (log_.size() > kLevelLog) log_.pop_front();
+    }
+  return levels;
+}
+
+void GpioModel::notify(const std::vector<Level>& levels) {
+  std::vector<LevelListener> listeners;
+  {
+    std::lock_guard guard(mutex_);
+    listeners = listeners_;
+  }
+  for (const Level& level : levels)
+    for (auto& listener : listeners) listener(level);
+}
+
+void GpioModel::on_level(LevelListener listener) {
+  std::lock_guard guard(mutex_);
+  listeners_.push_back(std::move(listener));
+}
+
+std::vector<GpioModel::Level> GpioModel::levels_set(int pin) const {
+  std::lock_guard guard(mutex_);
+  std::vector<Level> out;
+  for (const Level& level : log_)
+    if (level.pin == pin) out.push_back(level);
+  return out;
+}
+
+uint8_t GpioModel::configure(uint32_t mask, Mode mode, uint8_t pull, uint64_t now_us) {
   if (mask & ~kValidPins) return kBadPin;
   if (pull > kPullDown) return kBadPull;
-  std::lock_guard guard(mutex_);
-  for (int i = 0; i < kPins; ++i)
-    if ((mask >> i) & 1u) {
-      pins_[size_t(i)].mode = mode;
-      pins_[size_t(i)].pull = pull;
-    }
+  std::vector<Level> levels;
+  {
+    std::lock_guard guard(mutex_);
+    for (int i = 0; i < kPins; ++i)
+      if ((mask >> i) & 1u) {
+        pins_[size_t(i)].mode = mode;
+        pins_[size_t(i)].pull = pull;
+      }
+    levels = log_levels_locked(mask, now_us);
+  }
+  notify(levels);
   return 0;
 }
 
-uint8_t GpioModel::write(uint32_t mask, uint32_t values) {
+uint8_t GpioModel::write(uint32_t mask, uint32_t values, uint64_t now_us) {
   if (mask & ~kValidPins) return kBadPin;
-  std::lock_guard guard(mutex_);
-  // The latch of an input pin is written too and shows once the pin is made an output.
-  for (int i = 0; i < kPins; ++i)
-    if ((mask >> i) & 1u) pins_[size_t(i)].latch = (values >> i) & 1u;
+  std::vector<Level> levels;
+  {
+    std::lock_guard guard(mutex_);
+    // The latch of an input pin is written too and shows once the pin is made an output.
+    for (int i = 0; i < kPins; ++i)
+      if ((mask >> i) & 1u) pins_[size_t(i)].latch = (values >> i) & 1u;
+    levels = log_levels_locked(mask, now_us);
+  }
+  notify(levels);
   return 0;
 }
 
@@ -108,11 +152,11 @@ std::optional<Packet> handle_gpio(VirtualAdapter& adapter, const Packet& request
       auto mode = command == 0x0600   ? GpioModel::Mode::kInput
                   : command == 0x0601 ? GpioModel::Mode::kOutput
                                       : GpioModel::Mode::kOpenDrain;
-      return answer(command, model.configure(be32(p, 0), mode, p[4]));
+      return answer(command, model.configure(be32(p, 0), mode, p[4], adapter.clock().now_us()));
     }
     case 0x0603:
       if (p.size() != 8) return answer(command, GpioModel::kBadLength);
-      return answer(command, model.write(be32(p, 0), be32(p, 4)));
+      return answer(command, model.write(be32(p, 0), be32(p, 4), adapter.clock().now_us()));
     case 0x0604: {
       if (p.size() != 4) return answer(command, GpioModel::kBadLength);
       uint32_t values = 0;

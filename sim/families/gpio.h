@@ -4,7 +4,10 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <mutex>
+#include <vector>
 
 namespace sim {
 
@@ -45,17 +48,35 @@ class GpioModel {
   void release(uint32_t mask);
   Pin pin(int index) const;
 
-  // Firmware side: each returns 0 or a Refusal.
-  uint8_t configure(uint32_t mask, Mode mode, uint8_t pull);
-  uint8_t write(uint32_t mask, uint32_t values);
+  // A level an output pin was set to (changed or not), at a device time. Peers on the wire (the
+  // K-line units) decode wake-up patterns from these; tests read the pattern back.
+  struct Level {
+    int pin = 0;
+    bool high = false;
+    uint64_t at_us = 0;
+  };
+  static constexpr size_t kLevelLog = 256;  // the last levels kept per adapter
+  using LevelListener = std::function<void(const Level&)>;
+  // Called after each level set, outside the model's lock.
+  void on_level(LevelListener listener);
+  std::vector<Level> levels_set(int pin) const;
+
+  // Firmware side: each returns 0 or a Refusal. `now_us` stamps the levels the call sets.
+  uint8_t configure(uint32_t mask, Mode mode, uint8_t pull, uint64_t now_us = 0);
+  uint8_t write(uint32_t mask, uint32_t values, uint64_t now_us = 0);
   uint8_t read(uint32_t mask, uint32_t& values) const;
   // Checks and counts a train; the caller advances the device clock by its duration.
   uint8_t pulse(uint32_t mask, int32_t count);
 
  private:
   bool level_locked(int pin) const;
+  // Logs the levels of the output pins of `mask` (under the lock) and returns them.
+  std::vector<Level> log_levels_locked(uint32_t mask, uint64_t now_us);
+  void notify(const std::vector<Level>& levels);
   mutable std::mutex mutex_;
   std::array<Pin, kPins> pins_{};
+  std::deque<Level> log_;
+  std::vector<LevelListener> listeners_;
 };
 
 void install_gpio(VirtualAdapter& adapter);

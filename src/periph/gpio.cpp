@@ -34,6 +34,13 @@ int set_mode(uint32_t handle, uint32_t command, uint32_t mask, uint8_t pull) {
   return acknowledged(handle, command, payload);
 }
 
+int write_pins(uint32_t handle, uint32_t mask, uint32_t values) {
+  std::array<uint8_t, 8> payload{};
+  varnel::put_be32(payload.data(), mask);
+  varnel::put_be32(payload.data() + 4, values);
+  return acknowledged(handle, kWrite, payload);
+}
+
 }  // namespace
 
 namespace varnel {
@@ -68,12 +75,7 @@ VARNEL_API int GPIO_SetOpenDrain(DevHandle handle, uint32_t mask, uint8_t pull) 
 }
 
 VARNEL_API int GPIO_Write(DevHandle handle, uint32_t mask, uint32_t values) {
-  return varnel::guarded(varnel::result::kFailed, [&] {
-    std::array<uint8_t, 8> payload{};
-    varnel::put_be32(payload.data(), mask);
-    varnel::put_be32(payload.data() + 4, values);
-    return acknowledged(handle, kWrite, payload);
-  });
+  return varnel::guarded(varnel::result::kFailed, [&] { return write_pins(handle, mask, values); });
 }
 
 VARNEL_API int GPIO_Read(DevHandle handle, uint32_t mask, uint32_t* values) {
@@ -98,4 +100,19 @@ VARNEL_API int GPIO_SendPulses(DevHandle handle, uint32_t mask, uint32_t width_u
     return acknowledged(handle, kSendPulses, payload.bytes(),
                         varnel::pulse_read_timeout_ms(period, count));
   });
+}
+
+// The digital outputs of the K-line wake-up patterns ride on the GPIO commands: push-pull without
+// pull, then written high or low.
+VARNEL_API int DIO_Init(DevHandle handle, uint32_t mask) {
+  return varnel::guarded(varnel::result::kFailed,
+                         [&] { return set_mode(handle, kSetOutput, mask, 0); });
+}
+
+VARNEL_API int DIO_SetPins(DevHandle handle, uint32_t mask) {
+  return varnel::guarded(varnel::result::kFailed, [&] { return write_pins(handle, mask, mask); });
+}
+
+VARNEL_API int DIO_ResetPins(DevHandle handle, uint32_t mask) {
+  return varnel::guarded(varnel::result::kFailed, [&] { return write_pins(handle, mask, 0); });
 }

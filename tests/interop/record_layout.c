@@ -132,6 +132,29 @@ int main(void) {
   FIELD(LIN_UDS_ADDR, CheckType);
   FIELD(LIN_UDS_ADDR, FrameSpacing);
 
+  RECORD(K_MSG);
+  FIELD(K_MSG, Fmt);
+  FIELD(K_MSG, Tgt);
+  FIELD(K_MSG, Src);
+  FIELD(K_MSG, Len);
+  FIELD(K_MSG, SID);
+  FIELD(K_MSG, Data);
+  FIELD(K_MSG, CheckSum);
+
+  RECORD(KWP_MSG);
+  FIELD(KWP_MSG, TimeStamp);
+  FIELD(KWP_MSG, TimeStampHi);
+  FIELD(KWP_MSG, Kind);
+  FIELD(KWP_MSG, Status);
+  FIELD(KWP_MSG, P4);
+  FIELD(KWP_MSG, Fmt);
+  FIELD(KWP_MSG, Tgt);
+  FIELD(KWP_MSG, Src);
+  FIELD(KWP_MSG, Len);
+  FIELD(KWP_MSG, SID);
+  FIELD(KWP_MSG, Data);
+  FIELD(KWP_MSG, CheckSum);
+
   RECORD(HEXFILE_SEGMENT);
   FIELD(HEXFILE_SEGMENT, StartAddr);
   FIELD(HEXFILE_SEGMENT, DataLen);

@@ -1,0 +1,25 @@
+// The K-line of each LIN/K channel of the virtual adapter: a KWP2000 unit (sim/ecu/kline_ecu.h)
+// on channels 0..7, told the levels of the channel's pin and the bytes the channel's UART sends,
+// and putting its answers into that UART's receive buffer. It hears the line while the channel's
+// power output is on.
+#pragma once
+
+#include <array>
+#include <memory>
+
+#include "sim/ecu/kline_ecu.h"
+
+namespace sim {
+
+class VirtualAdapter;
+
+constexpr int kKlineChannels = 8;
+
+// The unit on a channel's K-line (channel 0..7).
+KLineEcu& kline_ecu(VirtualAdapter& adapter, int channel);
+// The line's echo of what the channel sends (on by default): off, the echo goes missing.
+void set_kline_echo(VirtualAdapter& adapter, int channel, bool on);
+
+void install_kline(VirtualAdapter& adapter);
+
+}  // namespace sim

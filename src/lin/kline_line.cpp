@@ -1,0 +1,164 @@
+// The K-line's shared pieces (see kline_line.h).
+#include "lin/kline_line.h"
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+
+#include "core/clock.h"
+#include "core/transport.h"
+
+namespace varnel::kline {
+namespace {
+
+constexpr uint32_t kDefaultBaud = 10400;
+constexpr size_t kReadBuffer = VARNEL_UART_READ_SIZE;
+
+struct ConfigTable {
+  std::mutex mutex;
+  std::array<std::array<UartConfig, kChannels>, kMaxDevices> configs{};
+  std::array<std::array<bool, kChannels>, kMaxDevices> stored{};
+};
+
+ConfigTable& table() {
+  static auto* t = new ConfigTable;  // lives until the process ends, as the other tables
+  return *t;
+}
+
+// Pin commands in order; the first failure stops the sequence.
+struct PinSequence {
+  uint32_t handle;
+  uint32_t mask;
+  int result = 0;
+  PinSequence& level(bool high) {
+    if (result == 0) result = high ? DIO_SetPins(handle, mask) : DIO_ResetPins(handle, mask);
+    return *this;
+  }
+  PinSequence& hold_ms(int ms) {
+    if (result == 0) sleep_for_ms(ms);
+    return *this;
+  }
+};
+
+void wait_until(uint64_t deadline_ns) {
+  while (monotonic_ns() < deadline_ns) {
+  }
+}
+
+}  // namespace
+
+UartConfig uart_config(uint32_t baud, uint8_t letter) {
+  UartConfig c{};
+  c.BaudRate = baud;
+  c.Mode = letter;
+  return c;
+}
+
+bool known_handle(uint32_t handle) {
+  return device_index(handle) >= 0;
+}
+
+int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
+  const int index = device_index(handle);
+  if (index < 0) return KWP_ERR_UNKNOWN_HANDLE;
+  std::lock_guard guard(table().mutex);
+  table().configs[size_t(index)][channel] = config;
+  table().stored[size_t(index)][channel] = true;
+  return 0;
+}
+
+UartConfig stored_config(uint32_t handle, uint8_t channel) {
+  const int index = device_index(handle);
+  std::lock_guard guard(table().mutex);
+  if (index < 0 || !table().stored[size_t(index)][channel])
+    return uart_config(kDefaultBaud, kModeK);
+  return table().configs[size_t(index)][channel];
+}
+
+int init_uart(uint32_t handle, uint8_t channel) {
+  const UartConfig config = stored_config(handle, channel);
+  return UART_Init(handle, channel, &config);
+}
+
+int send_five_baud_address(uint32_t handle, uint8_t channel, uint8_t address) {
+  int r = DIO_Init(handle, pin_of(channel));
+  if (r != 0) return r;
+  PinSequence line{handle, pin_of(channel)};
+  line.level(true).hold_ms(300).level(false).hold_ms(200);  // idle, then the start bit
+  for (int bit = 0; bit < 8; ++bit) line.level((address >> bit) & 1).hold_ms(200);
+  return line.level(true).hold_ms(10).result;  // the stop bit
+}
+
+int send_fast_pattern_slept(uint32_t handle, uint8_t channel) {
+  int r = DIO_Init(handle, pin_of(channel));
+  if (r != 0) return r;
+  PinSequence line{handle, pin_of(channel)};
+  return line.level(true).hold_ms(300).level(false).hold_ms(25).level(true).hold_ms(25).result;
+}
+
+int send_fast_pattern_counted(uint32_t handle, uint8_t channel) {
+  int r = DIO_Init(handle, pin_of(channel));
+  if (r != 0) return r;
+  PinSequence line{handle, pin_of(channel)};
+  if (line.level(true).hold_ms(300).result != 0) return line.result;
+  const uint64_t low_from = monotonic_ns();
+  if (line.level(false).result != 0) return line.result;
+  wait_until(low_from + 25'000'000);
+  const uint64_t high_from = monotonic_ns();
+  if (line.level(true).result != 0) return line.result;
+  wait_until(high_from + (is_network_handle(handle) ? 23'000'000 : 24'000'000));
+  return 0;
+}
+
+int send_with_echo(uint32_t handle, uint8_t channel, std::span<const uint8_t> frame, int p4,
+                   int echo_timeout_ms) {
+  const auto size = int32_t(frame.size());
+  const int r = p4 == kNoInterval
+                    ? UART_WriteBytes(handle, channel, frame.data(), size)
+                    : UART_WriteBytesInterval(handle, channel, frame.data(), size, uint8_t(p4));
+  if (r != 0) return r;
+  std::vector<uint8_t> echo(kReadBuffer);
+  const int n = UART_ReadBytes(handle, channel, echo.data(), echo_timeout_ms);
+  if (n < 0) return n;
+  if (size_t(n) != frame.size() || !std::equal(frame.begin(), frame.end(), echo.begin()))
+    return kEchoError;
+  return 0;
+}
+
+int poll(uint32_t handle, uint8_t channel, int timeout_ms, TimeCount count,
+         const std::function<void(std::span<const uint8_t>)>& take,
+         const std::function<bool()>& done) {
+  std::vector<uint8_t> buffer(kReadBuffer);
+  const uint64_t start = monotonic_ns();
+  int remaining = timeout_ms;
+  for (;;) {
+    const int n = UART_ReadBytes(handle, channel, buffer.data(), 0);
+    if (n < 0) return n;
+    if (n > 0) take({buffer.data(), size_t(n)});
+    if (done()) return 0;
+    const bool time_up =
+        count == TimeCount::kPolls ? remaining <= 0 : elapsed_ms_since(start) >= timeout_ms;
+    if (time_up) return 0;
+    busy_wait_us(kPollIntervalMs * 1000);
+    remaining -= kPollIntervalMs;
+  }
+}
+
+int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms, TimeCount count,
+            std::vector<uint8_t>& out) {
+  return poll(
+      handle, channel, timeout_ms, count,
+      [&](std::span<const uint8_t> bytes) {
+        for (uint8_t b : bytes)
+          if (out.size() < want) out.push_back(b);
+      },
+      [&] { return out.size() >= want; });
+}
+
+void stamp(uint32_t handle, KWP_MSG& record) {
+  const uint64_t time = uint64_t(DEV_GetTimestampMs(handle));
+  record.TimeStamp = uint32_t(time);
+  record.TimeStampHi = uint8_t(time >> 32);
+}
+
+}  // namespace varnel::kline
