@@ -15,6 +15,9 @@ TEST(KlineCli, FastInitThenRequestsPrintedInHexWithNegativeAnswersByName) {
   ToolRun plain = varnel("--sim kline 0x12345678:1 --fast --no-addresses --p4 0 3E01");
   EXPECT_EQ(plain.exit_code, 0) << plain.err;
   EXPECT_EQ(plain.out, "fast init: C1 EF 8F\n7E\n");
+  ToolRun slow = varnel("--sim kline 0x12345678:2 --5baud 0x33 3E01");
+  EXPECT_EQ(slow.exit_code, 0) << slow.err;
+  EXPECT_EQ(slow.out, "5-baud init 33: sync 55, key bytes 08 08\n7E\n");
   for (const char* bad :
        {"--sim kline 0x12345678:8 --fast 3E", "--sim kline 0x12345678:0 3E",
         "--sim kline 0x12345678:0 --fast --5baud 33 3E", "--sim kline 0x12345678:0 --fast 3E0",

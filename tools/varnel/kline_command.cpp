@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,9 +41,16 @@ constexpr ResultMeaning kKlineResults[] = {
 };
 constexpr uint8_t kStartCommunication = 0x81;
 
-uint8_t hex_byte(const std::string& text) {
+// One byte in hex, "33" or "0x33" alike.
+std::optional<uint8_t> parse_hex_byte(std::string text) {
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) text.erase(0, 2);
   auto bytes = parse_hex_bytes(text.size() % 2 ? "0" + text : text);
-  return bytes && bytes->size() == 1 ? (*bytes)[0] : 0;
+  if (!bytes || bytes->size() != 1) return std::nullopt;
+  return (*bytes)[0];
+}
+
+uint8_t hex_byte(const std::string& text) {
+  return parse_hex_byte(text).value_or(0);
 }
 
 // A request record: SID and data with the addresses, the length in Fmt up to 63, else in Len.
@@ -131,9 +139,8 @@ void run_kline(const KlineOptions& o) {
 CLI::Validator hex_byte_check(const char* name) {
   return CLI::Validator(
       [=](std::string& text) {
-        auto bytes = parse_hex_bytes(text.size() % 2 ? "0" + text : text);
-        return bytes && bytes->size() == 1 ? std::string()
-                                           : std::string("expected one byte in hex for ") + name;
+        return parse_hex_byte(text) ? std::string()
+                                    : std::string("expected one byte in hex for ") + name;
       },
       "BYTE");
 }
