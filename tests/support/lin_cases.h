@@ -223,6 +223,9 @@ TYPED_TEST_P(LinCases, BadInputAndBadRepliesGiveTheirCodes) {
   EXPECT_EQ(LIN_EX_GetStartTime(kLinHandle, 8), -7);
   EXPECT_EQ(LIN_EX_SetStartTime(0x0BADF00D, 0, 5), -4);
   EXPECT_EQ(LIN_EX_SetBusState(0x77000000, 0, 1), -7) << "no bus-state pin on this kind";
+  for (uint8_t per_frame : {0, 9})  // a frame carries 1 to 8 bytes
+    EXPECT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 0, 0x21, per_frame, data, 8, 1, 0), -7);
+  EXPECT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 0, 0x21, 8, nullptr, 8, 1, 0), -7);
   ASSERT_EQ(LIN_EX_Init(kLinHandle, 1, 100, 1), 0);
   TypeParam::clear_transfers(kLinHandle);
   EXPECT_EQ(LIN_EX_MasterSync(kLinHandle, 1, &m, out, 1), -7) << "100 baud";
