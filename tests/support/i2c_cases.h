@@ -283,6 +283,8 @@ TYPED_TEST_P(I2cCases, BadInputIsRefusedBeforeAnythingIsSent) {
       [&] { return IIC_WriteBytesOfEvent(h, 0, 0x400, b, 1, 10, 0, 0); },
       [&] { return IIC_WriteReadBytesOfEvent(h, 0, 0x400, b, 1, b, 1, 10, 0, 0); },
       [&] { return IIC_BlockWriteBytes(h, 0, 0x50, b, 0x10000, 0x10000, 0); },
+      [&] { return IIC_BlockWriteBytes(h, 0, 0x50, b, -1, 0, 0); },  // no bytes, still a bad size
+      [&] { return IIC_BlockReadBytes(h, 0, 0x50, b, 0, -1, 0); },
       [&] { return IIC_BlockReadBytes(h, 0, 0x50, nullptr, 2, 2, 0); },
       [&] { return IIC_SlaveWriteBytes(h, 0, nullptr, 2, 0); },
       [&] { return IIC_SlaveReadBytes(h, 0, nullptr, 0); },
