@@ -169,10 +169,11 @@ TYPED_TEST_P(LinCases, TheSlaveTableAnswersAnotherChannel) {
   EXPECT_EQ(LinBytes(sent[1].begin() + 8, sent[1].begin() + 14), (LinBytes{1, 0xB1, 0, 0, 0, 0}));
   EXPECT_EQ(sent[1][14 + 6], 8);
   EXPECT_EQ(sent[1][34 + 6], 0) << "the last piece goes out empty";
-  uint8_t sixteen[16] = {};
+  uint8_t sixteen[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   ASSERT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 1, 0x31, 8, sixteen, 16, 1, 0), 0);
   sent = this->requests();
   EXPECT_EQ(sent[1][34 + 6], 8) << "a last piece that fills its frame keeps its length";
+  EXPECT_EQ(sent[1][34 + 9], 9) << "and carries the bytes from 8 on";
   // Mode 0 takes the pieces' command even when the data fit one frame (one empty piece).
   ASSERT_EQ(LIN_EX_SetSlaveRespData(kLinHandle, 1, 0x31, 8, ten, 5, 1, 0), 0);
   sent = this->requests();
