@@ -122,4 +122,7 @@ TYPED_TEST(CanReceive, StatsRefuseBadArguments) {
   EXPECT_EQ(VARNEL_CAN_GetReceiveStats(TypeParam::kA, 0, nullptr), -7);
   EXPECT_EQ(VARNEL_CAN_GetReceiveStats(TypeParam::kA, 2, &s), -4);
   EXPECT_EQ(VARNEL_CAN_GetReceiveStats(0x0BADF00D, 0, &s), -4);
+  CAN_MSG msg[1];
+  EXPECT_EQ(CAN_GetMsgWithSize(TypeParam::kA, 0, nullptr, 1), -7);
+  EXPECT_EQ(CAN_GetMsgWithSize(TypeParam::kA, 0, msg, -1), -7);
 }
