@@ -1,6 +1,5 @@
-// KWP2000 responses read byte by byte: where the formats the wire cases do not
-// reach end, and the longest response in the record. Checksums and request
-// frames are checked on the wire.
+// KWP2000 responses read byte by byte: where the formats the wire cases do not reach end, and the
+// longest response in the record. Checksums and request frames are checked on the wire.
 #include "lin/kline_frames.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +12,7 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-// Feeds one byte at a time; returns after how many bytes the frame was complete
-// (0: never).
+// Feeds one byte at a time; returns after how many bytes the frame was complete (0: never).
 size_t complete_after(ResponseReader& reader, const Bytes& bytes) {
   for (size_t i = 0; i < bytes.size(); ++i) {
     reader.feed({&bytes[i], 1});

@@ -1,8 +1,7 @@
-// The virtual K-line unit on its own, with device times made up here: what the
-// cases through the library cannot show (late pin commands, wrong or late key
-// bytes, the idle before a pulse, the unit's own timing, the forms and services
-// they do not ask for). Its answers to the services the library's cases use are
-// checked there, end to end.
+// The virtual K-line unit on its own, with device times made up here: what the cases through the
+// library cannot show (late pin commands, wrong or late key bytes, the idle before a pulse, the
+// unit's own timing, the forms and services they do not ask for). Its answers to the services
+// the library's cases use are checked there, end to end.
 #include "sim/ecu/kline_ecu.h"
 
 #include <gtest/gtest.h>
@@ -29,8 +28,8 @@ class KlineEcuTest : public ::testing::Test {
     for (auto& h : sent) out.push_back(h.byte);
     return out;
   }
-  // The tester's pattern: idle 300 ms, start bit, eight bits, stop bit;
-  // `late_us` added to every pin command after the first, as a busy host would.
+  // The tester's pattern: idle 300 ms, start bit, eight bits, stop bit; `late_us` added to every
+  // pin command after the first, as a busy host would.
   uint64_t five_baud(uint8_t address, uint64_t t, uint64_t late_us = 0) {
     ecu.line_level(false, t);  // the pin made an output shows its latch, low
     ecu.line_level(true, t + 5);
