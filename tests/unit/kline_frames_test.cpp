@@ -1,9 +1,11 @@
 // KWP2000 responses read byte by byte: where the formats the wire cases do not reach end, and the
-// longest response in the record. Checksums and request frames are checked on the wire.
+// longest response in the record, and no more than the frame in a K record. Checksums and request
+// frames are checked on the wire.
 #include "lin/kline_frames.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <vector>
 
@@ -67,4 +69,17 @@ TEST(KlineFrames, TheLongestResponseFillsTheRecordWithoutOverrun) {
   EXPECT_EQ(m.Data[253], 253) << "254 data bytes fill Data; the checksum has no room left";
   EXPECT_EQ(m.CheckSum, sum);
   EXPECT_EQ(m.Status, 0x55) << "fields before Fmt are not the reader's";
+}
+
+TEST(KlineFrames, KRecordsKeepTheReceivedChecksumAfterTheData) {
+  const Bytes frame = {0x82, 0xF1, 0x10, 0x7F, 0x11, 0x00};  // checksum wrong on purpose
+  ResponseReader reader(true);
+  reader.feed(frame);
+  ASSERT_TRUE(reader.complete());
+  K_MSG m{};
+  std::fill(std::begin(m.Data), std::end(m.Data), 0xEE);
+  fill_record(reader, m);
+  EXPECT_EQ(Bytes(m.Data, m.Data + 3), (Bytes{0x11, 0x00, 0xEE})) << "nothing after the frame";
+  EXPECT_EQ(m.CheckSum, 0x13);  // 82+F1+10+7F+11 = 213
+  EXPECT_NE(m.CheckSum, reader.received_checksum());
 }
