@@ -93,7 +93,7 @@ constexpr uint32_t kUartInit = 0xA00, kUartWrite = 0xA01, kUartWriteInterval = 0
 TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
   Adapter adapter = this->open();
   ASSERT_EQ(KWP_Init(kKlineHandle, 0, 10400, 1), 0);
-  const KBytes d99 = counting(1, 99), d69 = counting(1, 69), d62 = counting(1, 62);
+  const KBytes d99 = counting(1, 99), d63 = counting(1, 63), d62 = counting(1, 62);
   struct Row {
     bool k_call;
     uint8_t fmt, len;
@@ -103,7 +103,7 @@ TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
   } rows[] = {
       {false, 0x82, 0, {0x90}, {0x82, 0x10, 0xF1, 0x1A, 0x90}, 0x82},
       {false, 0x80, 100, d99, joined({0x80, 0x10, 0xF1, 100, 0x31}, d99), 0x80},
-      {false, 0x85, 70, d69, joined({0x80, 0x10, 0xF1, 70, 0x31}, d69), 0x80},  // above 63: no L
+      {false, 0x85, 64, d63, joined({0x80, 0x10, 0xF1, 64, 0x31}, d63), 0x80},  // above 63: no L
       {false, 0xBF, 63, d62, joined({0xBF, 0x10, 0xF1, 0x31}, d62), 0xBF},      // 63 fits in Fmt
       {false, 0x42, 0, {0x90}, {0x42, 0x1A, 0x90}, 0x42},  // address modes 0 and 1: no addresses
       {false, 0xC1, 0, {}, {0xC1, 0x10, 0xF1, 0x1A}, 0xC1},
