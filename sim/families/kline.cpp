@@ -2,6 +2,7 @@
 // peer of the wire and to the levels of the channel's pin.
 #include "sim/families/kline.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "sim/bus/uart_line.h"
@@ -22,6 +23,7 @@ class KLineWire final : public UartPeer {
         }) {}
 
   void on_transmit(UartLine& line, uint8_t byte, uint64_t end_us) override {
+    if (flip_echo) line.deliver(byte ^ 0x01, end_us);
     if (powered() && k_line_mode(line)) ecu.tester_byte(byte, end_us);
   }
   void on_init(UartLine& line) override {
@@ -52,6 +54,7 @@ class KLineWire final : public UartPeer {
 
  public:
   KLineEcu ecu;
+  std::atomic<bool> flip_echo = false;  // the line's own echo is off meanwhile
 };
 
 struct KLineModel {
@@ -64,8 +67,9 @@ KLineEcu& kline_ecu(VirtualAdapter& adapter, int channel) {
   return adapter.state<KLineModel>().wires.at(size_t(channel))->ecu;
 }
 
-void set_kline_echo(VirtualAdapter& adapter, int channel, bool on) {
-  uart_model(adapter).set_echo(channel, on);
+void set_kline_echo(VirtualAdapter& adapter, int channel, KlineEcho echo) {
+  uart_model(adapter).set_echo(channel, echo == KlineEcho::kClean);
+  adapter.state<KLineModel>().wires.at(size_t(channel))->flip_echo = echo == KlineEcho::kFlipped;
 }
 
 void install_kline(VirtualAdapter& adapter) {

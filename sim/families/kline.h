@@ -17,8 +17,10 @@ constexpr int kKlineChannels = 8;
 
 // The unit on a channel's K-line (channel 0..7).
 KLineEcu& kline_ecu(VirtualAdapter& adapter, int channel);
-// The line's echo of what the channel sends (on by default): off, the echo goes missing.
-void set_kline_echo(VirtualAdapter& adapter, int channel, bool on);
+// What the channel's receiver reads back of what it sends: the line's echo as sent (the default),
+// nothing, or every byte with its lowest bit flipped (noise on the receive path).
+enum class KlineEcho { kClean, kMissing, kFlipped };
+void set_kline_echo(VirtualAdapter& adapter, int channel, KlineEcho echo);
 
 void install_kline(VirtualAdapter& adapter);
 

@@ -246,6 +246,7 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
   KWP_MSG init{}, response{};
   ASSERT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
   this->ecu(adapter).config.p2_us = 150'000;  // the echo read in time even on a busy host
+  using Echo = sim::KlineEcho;
   struct Row {
     const char* what;
     std::function<void(sim::KLineEcu&)> fault;
@@ -256,7 +257,10 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
       {"bad checksum", [](auto& e) { e.faults.bad_checksum = true; }, 0, -8, 0x01, -8},
       {"late", [](auto& e) { e.faults.late_ms = 5000; }, 0, -5, 0x02, -5},
       {"cut short", [](auto& e) { e.faults.cut_after = 4; }, 0, -6, 0x04, -6},
-      {"no echo", [&](auto&) { sim::set_kline_echo(*adapter, 0, false); }, -7, 0, 0x10, -7},
+      {"no echo", [&](auto&) { sim::set_kline_echo(*adapter, 0, Echo::kMissing); }, -7, 0, 0x10,
+       -7},
+      {"echo of other bytes", [&](auto&) { sim::set_kline_echo(*adapter, 0, Echo::kFlipped); }, -7,
+       0, 0x10, -7},
   };
   for (const Row& row : rows) {
     row.fault(this->ecu(adapter));
@@ -278,7 +282,7 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
         << row.what;
     adapter->clock().advance_us(6'000'000);
     this->ecu(adapter).faults = {};
-    sim::set_kline_echo(*adapter, 0, true);
+    sim::set_kline_echo(*adapter, 0, Echo::kClean);
   }
 }
 
