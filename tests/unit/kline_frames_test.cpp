@@ -32,10 +32,6 @@ TEST(KlineFrames, ResponsesEndWhereTheirFormatSays) {
     size_t length;
     uint8_t len, sid;
   } rows[] = {
-      // no addresses, L = 1: three bytes in all
-      {false, {0x01, 0x7E, 0x7F, 0xAA}, 3, 1, 0x7E},
-      // no addresses, a length byte: Fmt Len SID D CS
-      {false, {0x00, 0x02, 0x61, 0x01, 0x64, 0xAA}, 5, 2, 0x61},
       // address mode 1 has no addresses either
       {false, {0x41, 0x7E, 0xBF, 0xAA}, 3, 1, 0x7E},
       // the K_ calls read addresses whatever Fmt says
