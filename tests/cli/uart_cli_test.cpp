@@ -37,9 +37,11 @@ TEST(VarnelUartCli, TermSendsItsInputAndShowsWhatComesBack) {
   }
 }
 
-TEST(VarnelUartCli, BadDataOrTargetIsAUsageError) {
+TEST(VarnelUartCli, BadDataTargetOrFramingIsAUsageError) {
   ToolRun run = varnel("--sim uart 0x12345678:0 send DEADBEE");
   EXPECT_EQ(run.exit_code, 2);
   EXPECT_EQ(run.err, "uart send: 'DEADBEE' is not hex (or use --text)\n");
   EXPECT_EQ(varnel("--sim uart 0x12345678:8 read").exit_code, 2);
+  EXPECT_EQ(varnel("--sim uart 0x12345678:0 -y x send 41").exit_code, 2);
+  EXPECT_EQ(varnel("--sim uart 0x12345678:0 -y e -p 2 --baud 300 send 41").exit_code, 0);
 }

@@ -1,5 +1,6 @@
 // `varnel uart`: a UART channel from the shell. TARGET is HANDLE:CHANNEL (channel 0 when left out);
-// each command configures the channel first (8N1 at --baud, 115200 by default).
+// each command configures the channel first: --baud (115200 by default), and picocom's framing
+// options --parity (-y) n, o or e and --stopbits (-p) 1 or 2; 8N1 unless told otherwise.
 //   varnel uart TARGET send DEADBEEF             bytes in hex
 //   varnel uart TARGET send -t 'AT\r\n'          text, with echo -e's escapes
 //   varnel uart TARGET read [--timeout MS] [--count N] [--raw]
@@ -25,6 +26,8 @@ namespace {
 struct UartOptions {
   std::string target, data;
   uint32_t baud = 115200;
+  char parity = 'n';
+  uint8_t stop_bits = 1;
   bool text = false, raw = false;
   int32_t timeout_ms = 1000;
   uint32_t count = 0;  // 0: all that comes
@@ -103,6 +106,8 @@ void with_channel(const UartOptions& o, const char* what, Call call) {
   }
   UART_CONFIG config{};
   config.BaudRate = o.baud;
+  config.Parity = o.parity == 'o' ? 1 : o.parity == 'e' ? 2 : 0;  // the firmware's codes
+  config.StopBits = o.stop_bits;
   int rc = UART_Init(t.handle, t.channel, &config);
   if (rc == 0) rc = call(t);
   if (rc < 0) {
@@ -171,6 +176,10 @@ void add_uart_commands(CLI::App& app) {
           "HANDLE:CH", "target"));
   uart->add_option("--baud", o->baud, "baud rate (default 115200)")
       ->check(CLI::Range(1u, 20000000u));
+  uart->add_option("-y,--parity", o->parity, "parity: n (none, the default), o (odd), e (even)")
+      ->check(CLI::IsMember({'n', 'o', 'e'}));
+  uart->add_option("-p,--stopbits", o->stop_bits, "stop bits: 1 (the default) or 2")
+      ->check(CLI::IsMember({1, 2}));
 
   CLI::App* send = uart->add_subcommand("send", "send bytes (hex, or text with --text)");
   send->add_option("DATA", o->data, "DEADBEEF, or text with --text")->required();
