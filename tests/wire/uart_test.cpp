@@ -7,6 +7,14 @@
 namespace testing_support {
 INSTANTIATE_TYPED_TEST_SUITE_P(UartOnUsbsim, UartCases, UsbsimLayer);
 
+static int write_read(DevHandle h, int32_t timeout_ms) {
+  return UART_WriteReadBytesWithBreak(h, 0, 0, nullptr, 0, nullptr, 0, timeout_ms);
+}
+static int read_once(DevHandle h) {
+  uint8_t in[VARNEL_UART_READ_SIZE];
+  return UART_ReadBytes(h, 0, in, 0);
+}
+
 // Each row: a call whose answer comes late, and whether the call still takes it. Writes wait
 // 5000 ms (4 s late is in time), a read's poll 3000 ms (3.3 s is too late); for 5.6 s late: the
 // paced writes wait interval x length (ms) or interval x length / 1000 (us) more; a
@@ -15,36 +23,22 @@ INSTANTIATE_TYPED_TEST_SUITE_P(UartOnUsbsim, UartCases, UsbsimLayer);
 // 2500 + 3000 = 5500. The rows run side by side, each on an adapter of its own.
 TEST(UartReplyTimeout, GrowsWithThePacedBytesAndTheWriteReadsTimeOut) {
   static const std::vector<uint8_t> data(4000, 0x55);
+  static const uint8_t* d = data.data();
   struct Row {
     uint32_t command, late_ms;
     int (*call)(DevHandle);
     int expected;
   } rows[] = {
-      {0xA01, 4000, [](DevHandle h) { return UART_WriteBytes(h, 0, data.data(), 1); }, 0},
-      {0xA05, 5600, [](DevHandle h) { return UART_WriteBytesInterval(h, 0, data.data(), 100, 10); },
-       0},
-      {0xA05, 5600, [](DevHandle h) { return UART_WriteBytesInterval(h, 0, data.data(), 100, 5); },
-       -4},
-      {0xA06, 5600,
-       [](DevHandle h) { return UART_WriteBytesIntervalUs(h, 0, data.data(), 4000, 250); }, 0},
-      {0xA06, 5600,
-       [](DevHandle h) { return UART_WriteBytesIntervalUs(h, 0, data.data(), 2000, 250); }, -4},
-      {0xA09, 5600,
-       [](DevHandle h) {
-         return UART_WriteReadBytesWithBreak(h, 0, 0, nullptr, 0, nullptr, 0, 3000);
-       },
-       0},
-      {0xA09, 5600,
-       [](DevHandle h) {
-         return UART_WriteReadBytesWithBreak(h, 0, 0, nullptr, 0, nullptr, 0, 2500);
-       },
-       -4},
-      {0xA03, 3300,
-       [](DevHandle h) {
-         uint8_t in[VARNEL_UART_READ_SIZE];
-         return UART_ReadBytes(h, 0, in, 0);  // a poll waits 3000 ms
-       },
-       -4},
+      // clang-format off
+      {0xA01, 4000, [](DevHandle h) { return UART_WriteBytes(h, 0, d, 1); }, 0},
+      {0xA05, 5600, [](DevHandle h) { return UART_WriteBytesInterval(h, 0, d, 100, 10); }, 0},
+      {0xA05, 5600, [](DevHandle h) { return UART_WriteBytesInterval(h, 0, d, 100, 5); }, -4},
+      {0xA06, 5600, [](DevHandle h) { return UART_WriteBytesIntervalUs(h, 0, d, 4000, 250); }, 0},
+      {0xA06, 5600, [](DevHandle h) { return UART_WriteBytesIntervalUs(h, 0, d, 2000, 250); }, -4},
+      {0xA09, 5600, [](DevHandle h) { return write_read(h, 3000); }, 0},
+      {0xA09, 5600, [](DevHandle h) { return write_read(h, 2500); }, -4},
+      {0xA03, 3300, [](DevHandle h) { return read_once(h); }, -4},  // a poll waits 3000 ms
+      // clang-format on
   };
   UsbsimLayer::unplug_all();
   std::vector<Adapter> adapters;
