@@ -57,7 +57,6 @@ namespace {
 constexpr uint32_t kBaudFloor = 100;  // below it the adapter is given 9600
 constexpr uint32_t kDefaultBaud = 9600;
 constexpr int kSlaveTableScratch = VARNEL_LIN_SLAVE_TABLE_SIZE;
-constexpr int kGetMsgScratch = 2048;
 
 int init(uint32_t handle, uint8_t ch, uint32_t baud, const PayloadWriter& request) {
   Channel* channel = channel_of(handle, ch);
@@ -200,10 +199,10 @@ VARNEL_API int LIN_EX_GetMsg(DevHandle handle, uint8_t ch, LIN_EX_MSG* records, 
   return guarded(result::kFailed, [&] {
     Channel* channel = channel_of(handle, ch);
     if (!channel || !records || max < 0) return result::kBadArgument;
-    std::vector<LIN_EX_MSG> fetched(kGetMsgScratch);
-    const int n = LIN_EX_SlaveGetData(handle, ch, fetched.data());
+    LIN_EX_MSG fetched[VARNEL_LIN_FETCH_SIZE];  // one fetch's worth, left unset: no allocation
+    const int n = LIN_EX_SlaveGetData(handle, ch, fetched);
     std::lock_guard guard(channel->buffer_mutex);
-    if (n > 0) channel->buffer.append(fetched.data(), size_t(n));
+    if (n > 0) channel->buffer.append(fetched, size_t(n));
     return int(channel->buffer.take(records, size_t(max)));
   });
 }

@@ -115,6 +115,8 @@ int play_batch(uint32_t handle, uint8_t ch, std::vector<LIN_EX_MSG>& batch, uint
       record_diagnostic(handle, ch, got[size_t(i)]);
     }
     received += size_t(std::max(n, 0));
+    // Nothing yet: the rest of the batch is at least a frame time away, so the poll need not spin.
+    if (n <= 0) std::this_thread::sleep_for(std::chrono::microseconds(500));
   }
   return received == batch.size() ? 0 : kNotAsSent;
 }
