@@ -401,8 +401,21 @@ TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitRefusesAWrongInvertedAddress) {
   EXPECT_EQ(this->payloads(adapter, kUartWrite), (std::vector<KBytes>{{0, 0x70}}));  // ~8F
 }
 
+// The inverted key byte's echo is checked like a request's, by both calls.
+TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitChecksTheEchoOfTheInvertedKeyByte) {
+  Adapter adapter = this->open();
+  sim::set_kline_echo(*adapter, 0, sim::KlineEcho::kFlipped);
+  KWP_MSG m{};
+  m.Tgt = 0x10;
+  EXPECT_EQ(KWP_5BaudInit(kKlineHandle, 0, 10400, &m, 500), -7);
+  EXPECT_EQ((KBytes{m.Status, m.Len, m.Data[3]}), (KBytes{KWP_STATUS_ECHO, 4, 0xF7}));
+  sim::set_kline_echo(*adapter, 0, sim::KlineEcho::kMissing);
+  EXPECT_EQ(K_5BaudInit(kKlineHandle, 0, 0x10, nullptr, nullptr), -7);
+}
+
 REGISTER_TYPED_TEST_SUITE_P(KlineFiveBaudCases, FiveBaudInitSendsTheAddressAndTradesKeyBytes,
                             FiveBaudInitRefusesAWrongSyncByte,
-                            FiveBaudInitRefusesAWrongInvertedAddress);
+                            FiveBaudInitRefusesAWrongInvertedAddress,
+                            FiveBaudInitChecksTheEchoOfTheInvertedKeyByte);
 
 }  // namespace testing_support
