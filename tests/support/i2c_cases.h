@@ -42,16 +42,7 @@ inline void always_reply(sim::VirtualAdapter& adapter, uint32_t command, I2cByte
 }
 
 template <class Layer>
-class I2cCases : public WireTest<Layer> {
- protected:
-  // Every request the host wrote since the last call, header included.
-  I2cBytes take_request() {
-    auto out = this->bulk_on(kI2cHandle, 0x01);
-    Layer::clear_transfers(kI2cHandle);
-    return out.size() == 1 ? out[0].data : I2cBytes{};
-  }
-  size_t requests_sent() { return this->bulk_on(kI2cHandle, 0x01).size(); }
-};
+class I2cCases : public WireTest<Layer> {};
 TYPED_TEST_SUITE_P(I2cCases);
 
 TYPED_TEST_P(I2cCases, EachCallSendsItsLayoutBigEndian) {
@@ -124,7 +115,7 @@ TYPED_TEST_P(I2cCases, EachCallSendsItsLayoutBigEndian) {
   this->plug_and_open(h);
   for (auto& c : cases) {
     EXPECT_EQ(c.call(), c.result) << testing::PrintToString(c.wire);
-    EXPECT_EQ(this->take_request(), c.wire);
+    EXPECT_EQ(this->take_request(kI2cHandle), c.wire);
   }
   EXPECT_EQ(byte, 0x5A);
   EXPECT_EQ(word, 0xF0F0);  // the process call answers the complement
@@ -196,14 +187,14 @@ TYPED_TEST_P(I2cCases, ScanFindsTheDevicesAndProbesByTheStoredWidth) {
   ASSERT_EQ(IIC_Init(h, 0, &config), 0);
   TypeParam::clear_transfers(h);
   EXPECT_EQ(IIC_GetSlaveAddr(h, 0, found), 3);
-  EXPECT_EQ(this->requests_sent(), 1024u);
+  EXPECT_EQ(this->requests_sent(kI2cHandle), 1024u);
   // The store holds 12 channels: an adapter that takes channel 12 leaves it unremembered.
   always_reply(*adapter, 0x0700, {});
   config.AddrBits = 7;
   ASSERT_EQ(IIC_Init(h, 12, &config), 0);
   TypeParam::clear_transfers(h);
   IIC_GetSlaveAddr(h, 12, found);
-  EXPECT_EQ(this->requests_sent(), 1024u);
+  EXPECT_EQ(this->requests_sent(kI2cHandle), 1024u);
 }
 
 // The PEC the adapter appends is the CRC-8 of every byte of the transaction, address included; a
@@ -257,7 +248,7 @@ TYPED_TEST_P(I2cCases, SmbusBlocksOfZeroThirtyTwoAndThirtyThreeBytes) {
   TypeParam::clear_transfers(h);
   EXPECT_EQ(SMBUS_BlockWrite(h, 0, 0x48, 0x22, data.data(), 33, 0), -7);
   EXPECT_EQ(SMBUS_BlockProcessCall(h, 0, 0x48, 0x31, data.data(), 33, in, &count, 0), -7);
-  EXPECT_EQ(this->requests_sent(), 0u);
+  EXPECT_EQ(this->requests_sent(kI2cHandle), 0u);
   adapter->state<sim::I2cModel>().channel(0).smbus->block_register(0x22) = data;
   std::fill(std::begin(in), std::end(in), 0xEE);
   EXPECT_EQ(SMBUS_BlockRead(h, 0, 0x48, 0x22, in, &count, 0), -4);
@@ -296,7 +287,7 @@ TYPED_TEST_P(I2cCases, BadInputIsRefusedBeforeAnythingIsSent) {
       [&] { return SMBUS_BlockWrite(h, 0, 0x48, 0x20, nullptr, 1, 0); },
   };
   for (auto& call : refused) EXPECT_EQ(call(), -7);
-  EXPECT_EQ(this->requests_sent(), 0u);
+  EXPECT_EQ(this->requests_sent(kI2cHandle), 0u);
   EXPECT_EQ(SMBUS_ReadWordProtocol(0x0BADF00D, 0, 0x48, 0x10, &word, 0), -2);
   EXPECT_EQ(SMBUS_BlockRead(0x0BADF00D, 0, 0x48, 0x20, b, &count, 0), -2);
   EXPECT_EQ(IIC_SlaveWriteRemain(0x0BADF00D, 0), -2);
@@ -336,7 +327,7 @@ TYPED_TEST_P(I2cCases, FailedRepliesGiveMinus4) {
   TypeParam::clear_transfers(h);
   uint16_t found[1024];
   IIC_GetSlaveAddr(h, 0, found);
-  EXPECT_EQ(this->requests_sent(), 128u);
+  EXPECT_EQ(this->requests_sent(kI2cHandle), 128u);
 }
 
 // A slave channel: what the host loads a master reads, what a master writes the host reads.

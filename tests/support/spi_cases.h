@@ -33,12 +33,6 @@ inline SPI_FLASH_CONFIG nor_flash() {
 template <class Layer>
 class SpiCases : public WireTest<Layer> {
  protected:
-  SpiBytes take_request() {
-    auto out = this->bulk_on(kSpiHandle, 0x01);
-    Layer::clear_transfers(kSpiHandle);
-    return out.size() == 1 ? out[0].data : SpiBytes{};
-  }
-  size_t requests_sent() { return this->bulk_on(kSpiHandle, 0x01).size(); }
   sim::SpiModel::Channel& channel(Adapter& adapter, int ch = 0) {
     return sim::spi_model(*adapter).channels[size_t(ch)];
   }
@@ -88,7 +82,7 @@ TYPED_TEST_P(SpiCases, EachCallSendsItsLayoutBigEndian) {
   this->plug_and_open(h);
   for (auto& c : cases) {
     EXPECT_EQ(c.call(), 0) << testing::PrintToString(c.wire);
-    EXPECT_EQ(this->take_request(), c.wire);
+    EXPECT_EQ(this->take_request(kSpiHandle), c.wire);
   }
   EXPECT_EQ(SpiBytes(in, in + 3), (SpiBytes{0xEF, 0x40, 0x14}));  // JEDEC identification
 }
@@ -100,7 +94,7 @@ TYPED_TEST_P(SpiCases, BitTextsArePackedAndUnpackedMostSignificantFirst) {
   char out[32] = "unchanged";
   EXPECT_EQ(SPI_WriteBits(h, 0, "01x0"), -5);
   EXPECT_EQ(SPI_WriteReadBits(h, 0, "0102", out), -5);
-  EXPECT_EQ(this->requests_sent(), 0u);
+  EXPECT_EQ(this->requests_sent(kSpiHandle), 0u);
   EXPECT_STREQ(out, "unchanged");
   this->channel(adapter).read_pattern = {0xA5, 0x0F};
   ASSERT_EQ(SPI_ReadBits(h, 0, out, 12), 0);
@@ -196,7 +190,7 @@ TYPED_TEST_P(SpiCases, BlocksAndEventsSendTheirFieldsAndReportMissingEvents) {
   };
   for (auto& c : cases) {
     EXPECT_EQ(c.call(), 0) << testing::PrintToString(c.wire);
-    EXPECT_EQ(this->take_request(), c.wire);
+    EXPECT_EQ(this->take_request(kSpiHandle), c.wire);
   }
   ASSERT_EQ(SPI_BlockWriteReadBytes(h, 0, ids, 1, in, 3, 2, 0), 0);
   EXPECT_EQ(SpiBytes(in, in + 6), (SpiBytes{0xEF, 0x40, 0x14, 0xEF, 0x40, 0x14}));
@@ -228,7 +222,8 @@ TYPED_TEST_P(SpiCases, SlaveSideReadsTheMastersBytesInOrderOnceOrAsAStream) {
   Adapter adapter = this->plug_and_open(h);
   uint8_t load[3] = {1, 2, 3};
   EXPECT_EQ(SPI_SlaveWriteBytes(h, 0, load, 3, 100), 3);
-  EXPECT_EQ(this->take_request(), (SpiBytes{0, 0, 2, 5, 0, 0, 0, 8, 0, 0, 0, 0, 100, 1, 2, 3}));
+  EXPECT_EQ(this->take_request(kSpiHandle),
+            (SpiBytes{0, 0, 2, 5, 0, 0, 0, 8, 0, 0, 0, 0, 100, 1, 2, 3}));
   SpiBytes once(5000);
   ASSERT_EQ(SPI_SlaveReadBytes(h, 0, once.data(), 5000, 0), 5000);  // 5 ms of the master's bytes
   EXPECT_TRUE(runs_on(once, once[0]));
@@ -285,7 +280,7 @@ TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
       [&] { return SPI_WriteReadBits(h, 0, "01", nullptr); },
   };
   for (auto& call : refused) EXPECT_EQ(call(), -7);
-  EXPECT_EQ(this->requests_sent(), 0u);
+  EXPECT_EQ(this->requests_sent(kSpiHandle), 0u);
   adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, 2, 0x203});
   EXPECT_EQ(SPI_ReadBytes(h, 0, b, 4), -4);
   EXPECT_EQ(SpiBytes(b, b + 4), SpiBytes(4, 7));

@@ -43,12 +43,6 @@ struct RecordingPeer : sim::UartPeer {
 template <class Layer>
 class UartCases : public WireTest<Layer> {
  protected:
-  UartBytes take_request() {
-    auto out = this->bulk_on(kUartHandle, 0x01);
-    Layer::clear_transfers(kUartHandle);
-    return out.size() == 1 ? out[0].data : UartBytes{};
-  }
-  size_t requests_sent() { return this->bulk_on(kUartHandle, 0x01).size(); }
   // An open adapter whose channels 0-3 run 8N1 at `baud`; the transfer log starts empty.
   Adapter open_channels(uint32_t baud = 115200) {
     Adapter adapter = this->plug_and_open(kUartHandle);
@@ -102,7 +96,7 @@ TYPED_TEST_P(UartCases, EachCallSendsItsLayout) {
   };
   for (auto& c : cases) {
     EXPECT_EQ(c.call(), c.result) << testing::PrintToString(c.wire);
-    EXPECT_EQ(this->take_request(), c.wire);
+    EXPECT_EQ(this->take_request(kUartHandle), c.wire);
   }
 }
 
@@ -141,7 +135,7 @@ TYPED_TEST_P(UartCases, ReadPollsUntilItsTimeOutLettingOtherCallsThrough) {
   uint8_t in[VARNEL_UART_READ_SIZE];
   for (int32_t timeout_ms : {0, -5}) {
     EXPECT_EQ(UART_ReadBytes(h, 0, in, timeout_ms), 0);
-    EXPECT_EQ(this->requests_sent(), 1u);
+    EXPECT_EQ(this->requests_sent(kUartHandle), 1u);
     TypeParam::clear_transfers(h);
   }
   const auto start = std::chrono::steady_clock::now();
@@ -151,7 +145,7 @@ TYPED_TEST_P(UartCases, ReadPollsUntilItsTimeOutLettingOtherCallsThrough) {
   TypeParam::clear_transfers(h);
   int got = -100;
   std::thread reader([&] { got = UART_ReadBytes(h, 0, in, 5000); });
-  while (this->requests_sent() < 3) std::this_thread::yield();  // it is polling
+  while (this->requests_sent(kUartHandle) < 3) std::this_thread::yield();  // it is polling
   const uint8_t w[3] = {7, 8, 9};
   EXPECT_EQ(UART_WriteBytes(h, 1, w, 3), 0);
   reader.join();
@@ -311,7 +305,7 @@ TYPED_TEST_P(UartCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
       [&] { return UART_Stop(h, 8); },
   };
   for (auto& call : refused) EXPECT_EQ(call(), -7);
-  EXPECT_EQ(this->requests_sent(), 0u);
+  EXPECT_EQ(this->requests_sent(kUartHandle), 0u);
   // nothing to send needs no buffer; nothing to read neither
   EXPECT_EQ(UART_WriteBytes(h, 0, nullptr, 0), 0);
   EXPECT_EQ(UART_WriteReadBytesWithBreak(h, 1, 0, w, 1, nullptr, 0, 10), 0);

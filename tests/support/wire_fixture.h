@@ -79,6 +79,14 @@ class WireTest : public ::testing::Test {
       if (t.kind == usbsim::Transfer::Kind::kBulk && t.endpoint == endpoint) out.push_back(t);
     return out;
   }
+  // The one request written since the log was last cleared, header included (empty when there
+  // were none or several); the log starts over.
+  static std::vector<uint8_t> take_request(uint32_t handle) {
+    auto out = bulk_on(handle, 0x01);
+    Layer::clear_transfers(handle);
+    return out.size() == 1 ? out[0].data : std::vector<uint8_t>{};
+  }
+  static size_t requests_sent(uint32_t handle) { return bulk_on(handle, 0x01).size(); }
 };
 
 }  // namespace testing_support
