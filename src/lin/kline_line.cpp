@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "core/clock.h"
+#include "core/result_codes.h"
 #include "core/transport.h"
 
 namespace varnel::kline {
@@ -61,6 +62,8 @@ bool known_handle(uint32_t handle) {
 int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
   const int index = device_index(handle);
   if (index < 0) return KWP_ERR_UNKNOWN_HANDLE;
+  // The callers check the channel too; a slip there must not write into another device's row.
+  if (channel >= kChannels) return result::kBadArgument;
   std::lock_guard guard(table().mutex);
   table().configs[size_t(index)][channel] = config;
   table().stored[size_t(index)][channel] = true;
@@ -70,7 +73,7 @@ int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
 UartConfig stored_config(uint32_t handle, uint8_t channel) {
   const int index = device_index(handle);
   std::lock_guard guard(table().mutex);
-  if (index < 0 || !table().stored[size_t(index)][channel])
+  if (index < 0 || channel >= kChannels || !table().stored[size_t(index)][channel])
     return uart_config(kDefaultBaud, kModeK);
   return table().configs[size_t(index)][channel];
 }
