@@ -52,6 +52,11 @@ bool addressed(uint8_t fmt) {
   return (fmt & 0xC0) > 0x40;
 }
 
+// Fmt, the addresses if any, the length byte if the length bits are 0.
+size_t header_size(uint8_t fmt) {
+  return 1 + (addressed(fmt) ? 2 : 0) + ((fmt & 0x3F) == 0 ? 1 : 0);
+}
+
 uint8_t sum(const std::vector<uint8_t>& bytes) {
   unsigned s = 0;
   for (uint8_t b : bytes) s += b;
@@ -141,7 +146,7 @@ void KLineEcu::tester_byte(uint8_t byte, uint64_t at_us) {
   frame_.push_back(byte);
   last_byte_us_ = at_us;
   const uint8_t fmt = frame_[0];
-  const size_t header = 1 + (addressed(fmt) ? 2 : 0) + ((fmt & 0x3F) == 0 ? 1 : 0);
+  const size_t header = header_size(fmt);
   if (frame_.size() < header) return;
   const size_t length = (fmt & 0x3F) ? (fmt & 0x3F) : frame_[header - 1];
   if (frame_.size() == header + length + 1) frame_complete(at_us);
@@ -151,7 +156,7 @@ void KLineEcu::frame_complete(uint64_t at_us) {
   std::vector<uint8_t> f;
   f.swap(frame_);
   const uint8_t fmt = f[0];
-  const size_t header = 1 + (addressed(fmt) ? 2 : 0) + ((fmt & 0x3F) == 0 ? 1 : 0);
+  const size_t header = header_size(fmt);
   const uint8_t check = f.back();
   f.pop_back();
   if (sum(f) != check || f.size() == header) return;  // a corrupt or empty frame is ignored

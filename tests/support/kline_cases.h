@@ -195,24 +195,26 @@ TYPED_TEST_P(KlineCases, FastInitWakesTheUnitThenAnswersFillTheRecord) {
   EXPECT_GT(held[2].second, 0u);
   EXPECT_LT(held[2].second, 150'000u);
   const KBytes long_block = joined({0x61, 0x10}, counting(0, 100));
+  enum : uint8_t { kPlain = 0, kAddressed = 0x80, kLengthByte = 0x01 };
   struct Row {
-    bool addressed;
+    uint8_t form;  // kAddressed or not, kLengthByte or not
     uint8_t target;
     KBytes request;  // SID, data; none: the next response to the last request
     int result;
     KBytes answer;  // SID, data
   } rows[] = {
-      {true, 0x10, {0x21, 0x01}, 0, {0x61, 0x01, 0x0C, 0x1C, 0x00, 0x5A}},
-      {true, 0x10, {0x21, 0x77}, 0, {0x7F, 0x21, 0x31}},
-      {true, 0x10, {0x22, 0x01}, 0, {0x7F, 0x22, 0x11}},          // a service it lacks
-      {true, 0x10, {0x1A}, 0, {0x7F, 0x1A, 0x12}},                // too short
-      {true, 0x33, {0x3E}, 0, {0x7E}},                            // the functional address
-      {false, 0x10, {0x3E}, 0, {0x7E}},                           // no addresses asked, none given
-      {false, 0x10, {0x21, 0x10}, 0, long_block},                 // above 63 bytes: a length byte
-      {true, 0x22, {0x3E}, -5, {}},                               // nobody there
-      {true, 0x10, {0x3E, 0x02}, -5, {}},                         // no answer wanted
-      {true, 0x10, {0x21, 0x02}, 0, {0x7F, 0x21, 0x78}},          // pending first ...
-      {true, 0x10, {}, 0, {0x61, 0x02, 0x01, 0x02, 0x03, 0x04}},  // ... then the answer
+      {kAddressed, 0x10, {0x21, 0x01}, 0, {0x61, 0x01, 0x0C, 0x1C, 0x00, 0x5A}},
+      {kAddressed | kLengthByte, 0x10, {0x21, 0x01}, 0, {0x61, 0x01, 0x0C, 0x1C, 0x00, 0x5A}},
+      {kAddressed, 0x10, {0x21, 0x77}, 0, {0x7F, 0x21, 0x31}},
+      {kAddressed, 0x10, {0x22, 0x01}, 0, {0x7F, 0x22, 0x11}},  // a service it lacks
+      {kAddressed, 0x10, {0x1A}, 0, {0x7F, 0x1A, 0x12}},        // too short
+      {kAddressed, 0x33, {0x3E}, 0, {0x7E}},                    // the functional address
+      {kPlain, 0x10, {0x3E}, 0, {0x7E}},                        // no addresses asked, none given
+      {kPlain, 0x10, {0x21, 0x10}, 0, long_block},              // above 63 bytes: a length byte
+      {kAddressed, 0x22, {0x3E}, -5, {}},                       // nobody there
+      {kAddressed, 0x10, {0x3E, 0x02}, -5, {}},                 // no answer wanted
+      {kAddressed, 0x10, {0x21, 0x02}, 0, {0x7F, 0x21, 0x78}},  // pending first ...
+      {kAddressed, 0x10, {}, 0, {0x61, 0x02, 0x01, 0x02, 0x03, 0x04}},  // ... then the answer
   };
   auto expect_answer = [](const KWP_MSG& got, bool addressed, const KBytes& answer) {
     const auto n = uint8_t(answer.size());
@@ -230,8 +232,9 @@ TYPED_TEST_P(KlineCases, FastInitWakesTheUnitThenAnswersFillTheRecord) {
   expect_answer(response, true, {0xC1, 0xEF, 0x8F});
   for (const Row& row : rows) {
     if (!row.request.empty()) {
+      const auto n = uint8_t(row.request.size());
       KWP_MSG request =
-          k_record<KWP_MSG>(uint8_t((row.addressed ? 0x80 : 0) | row.request.size()), 0,
+          k_record<KWP_MSG>(uint8_t((row.form & kAddressed) | (row.form & kLengthByte ? 0 : n)), n,
                             row.request[0], {row.request.begin() + 1, row.request.end()});
       request.Tgt = row.target;
       ASSERT_EQ(KWP_Request(kKlineHandle, 0, &request), 0);
@@ -239,7 +242,7 @@ TYPED_TEST_P(KlineCases, FastInitWakesTheUnitThenAnswersFillTheRecord) {
     KWP_MSG got{};
     ASSERT_EQ(KWP_Response(kKlineHandle, 0, &got, row.result ? 100 : 1000), row.result)
         << testing::PrintToString(row.request);
-    if (row.result == 0) expect_answer(got, row.addressed, row.answer);
+    if (row.result == 0) expect_answer(got, row.form & kAddressed, row.answer);
   }
   // The K_ calls read the same unit.
   K_MSG k_request = k_record<K_MSG>(0x82, 0, 0x21, {0x01}), k_response{};
@@ -253,7 +256,7 @@ TYPED_TEST_P(KlineCases, FaultsOfTheUnitGiveTheirCodesAndFlags) {
   Adapter adapter = this->open();
   KWP_MSG init{}, response{};
   ASSERT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
-  this->ecu(adapter).config.p2_us = 150'000;  // the echo read in time even on a busy host
+  this->ecu(adapter).config.p2_us = 300'000;  // the echo read in time even on a busy host
   using Echo = sim::KlineEcho;
   struct Row {
     const char* what;
