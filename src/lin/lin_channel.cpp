@@ -40,13 +40,16 @@ int acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> req
 
 int read_records(uint32_t handle, uint32_t command, uint8_t channel, LIN_EX_MSG* out,
                  uint32_t max) {
-  std::vector<LIN_EX_MSG> records(max);
-  const auto r = transact(handle, command, {&channel, 1}, as_bytes(records.data(), max));
+  // Read aside, so that a failed or overlong reply leaves the caller's records alone; every
+  // caller asks for at most one fetch's worth, so the stack holds it.
+  LIN_EX_MSG records[VARNEL_LIN_FETCH_SIZE];
+  max = std::min<uint32_t>(max, VARNEL_LIN_FETCH_SIZE);
+  const auto r = transact(handle, command, {&channel, 1}, as_bytes(records, max));
   if (r.send_result != 0) return result::kWriteFailed;
   if (r.read_result != 0) return result::kReplyFailed;
   const uint32_t n = uint32_t(r.reply_length) / sizeof(LIN_EX_MSG);
   if (n > max) return 0;
-  std::copy_n(records.begin(), n, out);
+  std::copy_n(records, n, out);
   return int(n);
 }
 
