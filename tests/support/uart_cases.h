@@ -310,6 +310,8 @@ TYPED_TEST_P(UartCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
   EXPECT_EQ(UART_WriteBytes(h, 0, nullptr, 0), 0);
   EXPECT_EQ(UART_WriteReadBytesWithBreak(h, 1, 0, w, 1, nullptr, 0, 10), 0);
   EXPECT_EQ(UART_Init(h, VARNEL_UART_MAX_CHANNELS - 1, &config), 0);
+  const std::vector<uint8_t> longest(VARNEL_UART_MAX_LENGTH);  // 65536: the most one write takes
+  EXPECT_EQ(UART_WriteBytesAsync(h, 2, longest.data(), int32_t(longest.size())), 0);
 }
 
 REGISTER_TYPED_TEST_SUITE_P(UartCases, EachCallSendsItsLayout,
