@@ -9,7 +9,7 @@ The python-can interface is varnel.can_plugin.VarnelBus (interface name "varnel"
 level: varnel.lib() is the loaded libvarnel.so with the prototypes of the wrapped calls, and
 varnel.records holds the records they take.
 """
-from .adapter import Adapter, DeviceInfo, is_fd_adapter, scan
+from .adapter import Adapter, DeviceInfo, is_fd_adapter, is_network_handle, net_scan, scan
 from .channel import CanChannel, Frame
 from . import dbc
 from . import records
@@ -25,6 +25,7 @@ __version__ = "0.1.0"
 __all__ = [
     "Adapter", "CanChannel", "dbc", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
     "GPIO_PULL_UP", "Gpio", "I2cBus", "I2cStatusError", "i2c_msg", "RESULT_TEXT", "VarnelError",
-    "is_fd_adapter", "lib", "NegativeResponse", "records", "result_text", "scan", "Uart",
+    "is_fd_adapter", "is_network_handle", "lib", "NegativeResponse", "net_scan", "records",
+    "result_text", "scan", "Uart",
     "UdsClient",
 ]

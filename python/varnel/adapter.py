@@ -22,6 +22,20 @@ def scan():
     return list(handles[:count])
 
 
+def net_scan(local_ip, timeout_ms=500):
+    """Handles of every network adapter found so far on the /24 network of `local_ip` (this
+    host's IPv4 address on it); the probe runs its whole time-out. Adapters found stay known to
+    the library for the process's life, so they can be opened afterwards."""
+    handles = (ctypes.c_uint32 * MAX_DEVICES)()
+    count = lib().NET_ScanDevice(local_ip.encode("ascii"), handles, timeout_ms)
+    return list(handles[:count])
+
+
+def is_network_handle(handle):
+    """Network adapters: top byte 0x55 or 0x56 with bit 0 clear."""
+    return (handle & 0xFF000001) in (0x55000000, 0x56000000)
+
+
 def is_fd_adapter(handle):
     """Adapters whose handle has the top nibble 0x5 carry CAN FD controllers."""
     return (handle >> 28) == 0x5
@@ -62,7 +76,10 @@ class Adapter:
             return self
         with _open_lock:
             if _open_count.get(self.handle, 0) == 0:
-                lib().USB_OpenDevice(self.handle)
+                if is_network_handle(self.handle):
+                    lib().NET_ConnectDevice(self.handle)  # -1 unless a scan found it
+                else:
+                    lib().USB_OpenDevice(self.handle)
             _open_count[self.handle] = _open_count.get(self.handle, 0) + 1
         self.is_open = True
         return self
@@ -75,7 +92,10 @@ class Adapter:
             _open_count[self.handle] -= 1
             if _open_count[self.handle] == 0:
                 del _open_count[self.handle]
-                lib().USB_CloseDevice(self.handle)
+                if is_network_handle(self.handle):
+                    lib().NET_DisconnectDevice(self.handle)
+                else:
+                    lib().USB_CloseDevice(self.handle)
 
     def __enter__(self):
         return self.open()

@@ -2,21 +2,28 @@
 
 The channel text is the adapter's handle (hexadecimal with 0x, or decimal) and the channel
 number, 0 or 1. CAN FD adapters (handle top nibble 0x5) also take fd=True and data_bitrate=.
+Network adapters (handles 0x55xxxxxx/0x56xxxxxx with bit 0 clear) are found through this host's
+address on their network: net="192.168.1.10", or the environment variable VARNEL_NET.
 Library errors become can.CanInitializationError / can.CanOperationError whose error_code is
 the library's result code (-7 for arguments this module refuses before calling the library).
 """
 import collections
 import dataclasses
+import os
 import threading
 import time
 
 import can
 
-from .adapter import Adapter, is_fd_adapter, scan
+from .adapter import Adapter, is_fd_adapter, is_network_handle, net_scan, scan
 from .channel import CanChannel, Frame
 from .errors import VarnelError
 
 BAD_ARGUMENT = -7
+UNKNOWN_HANDLE = -1
+# How long opening a network adapter probes for it: adapters answer at once, the probe always
+# runs its whole time.
+NET_SCAN_MS = 500
 
 # Channels with a bus in this process: a second bus would split the frames with the first and
 # initialise the controller again under it.
@@ -48,6 +55,33 @@ def _frame_of(msg):
                  remote=msg.is_remote_frame, fd=msg.is_fd, brs=msg.bitrate_switch, dlc=msg.dlc)
 
 
+def _find_network_adapter(handle, local_ip):
+    """Probes the network of `local_ip` unless the library knows the adapter from an earlier
+    scan in this process; CanInitializationError when it is not there."""
+    try:
+        if handle in net_scan_cache:
+            return
+        if not local_ip:
+            raise can.CanInitializationError(
+                f"adapter 0x{handle:08X} is a network adapter: give net=LOCAL_IP (this host's "
+                "address on its network) or set VARNEL_NET", error_code=UNKNOWN_HANDLE)
+        found = net_scan(str(local_ip), NET_SCAN_MS)
+    except VarnelError as error:
+        raise can.CanInitializationError(f"network scan from {local_ip!r}: {error}",
+                                         error_code=error.code) from error
+    except (OSError, UnicodeError) as error:
+        raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
+    net_scan_cache.update(found)
+    if handle not in found:
+        raise can.CanInitializationError(
+            f"adapter 0x{handle:08X}: not found on the network of {local_ip} "
+            f"({len(found)} adapter(s) answered)", error_code=UNKNOWN_HANDLE)
+
+
+# Network adapters found by a scan in this process; the library keeps them listed for its life.
+net_scan_cache = set()
+
+
 class VarnelBus(can.BusABC):
     """One CAN or CAN FD channel of a VARNEL adapter.
 
@@ -59,12 +93,14 @@ class VarnelBus(can.BusABC):
     again listening only; ACTIVE takes it back onto the bus."""
 
     def __init__(self, channel, can_filters=None, bitrate=500000, fd=False, data_bitrate=None,
-                 receive_own_messages=False, **kwargs):
+                 receive_own_messages=False, net=None, **kwargs):
         try:
             handle, number = parse_channel(channel)
         except ValueError as error:
             raise can.CanInitializationError(str(error), error_code=BAD_ARGUMENT) from error
         self.channel = f"0x{handle:08X}:{number}"
+        if is_network_handle(handle):
+            _find_network_adapter(handle, net or os.environ.get("VARNEL_NET"))
         with _open_lock:
             if (handle, number) in _open_channels:
                 raise can.CanInitializationError(
@@ -218,7 +254,11 @@ class VarnelBus(can.BusABC):
     def _detect_available_configs():
         try:
             handles = scan()
-        except (OSError, VarnelError):
+            if os.environ.get("VARNEL_NET"):
+                found = net_scan(os.environ["VARNEL_NET"], NET_SCAN_MS)
+                net_scan_cache.update(found)
+                handles += found
+        except (OSError, VarnelError, UnicodeError):
             return []
         return [{"interface": "varnel", "channel": f"0x{h:08X}:{n}", "fd": is_fd_adapter(h)}
                 for h in handles for n in (0, 1)]
