@@ -328,6 +328,13 @@ VARNEL_STATIC_ASSERT(sizeof(VARNEL_RECEIVE_STATS) == 48, "VARNEL_RECEIVE_STATS i
 VARNEL_API int VARNEL_CAN_GetReceiveStats(DevHandle DevHandle, uint8_t CANIndex,
                                           VARNEL_RECEIVE_STATS* pStats);
 
+/* Waits for a frame without the receive poller's delay: fetches from the adapter now and, until
+ * the channel's application queue holds a record or TimeOutMs passes, again every 0.2 ms (with
+ * or without the poller running). Takes nothing from the queue. The number of records queued,
+ * 0 at the time-out, the failed fetch's result (-2, -4), -4 for a bad channel or a handle without
+ * a device index, -7 for a negative time-out. */
+VARNEL_API int VARNEL_CAN_WaitMsg(DevHandle DevHandle, uint8_t CANIndex, int32_t TimeOutMs);
+
 /* ----- CAN filters, schedules and the relay: services the adapter runs on its own ----------- */
 
 /* One acceptance filter, 28 bytes. Mask mode passes a frame whose identifier matches ID in the

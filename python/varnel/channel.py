@@ -1,5 +1,7 @@
 """A CAN or CAN FD channel of an open adapter: init, send, and receive through the library's
-receive poller (one thread per adapter that fetches every 10 ms into the channel's queue)."""
+receive poller (one thread per adapter that fetches every 10 ms into the channel's queue); a
+receive that waits fetches on demand as well (VARNEL_CAN_WaitMsg), so an answer is not held
+back by the poller's period."""
 import ctypes
 import time
 from dataclasses import dataclass
@@ -13,8 +15,9 @@ from .records import (CAN_INIT_CONFIG, CAN_MSG, CANFD_EVENT_ID, CANFD_INIT_CONFI
 FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
 # Records drained per library call; more wait in the library's queue for the next call.
 RECEIVE_BATCH = 1000
-# How often a blocking receive looks at the queue. The poller fills it every 10 ms.
-RECEIVE_POLL_S = 0.002
+# The longest single wait in the library: a receive that waits longer looks at the poller's
+# state and the controller's status in between (every STATUS_CHECK_S).
+RECEIVE_WAIT_SLICE_MS = 50
 # How often a receiving channel asks for the poller's state and the controller's status (one
 # transaction each time); classic controllers report error state changes only this way.
 STATUS_CHECK_S = 0.25
@@ -266,14 +269,15 @@ class CanChannel:
             frames = self._take_events() + self._drain()
             if frames:
                 return frames
+            wait_ms = RECEIVE_WAIT_SLICE_MS
             if deadline is not None:
                 left = deadline - time.monotonic()
                 if left <= 0:
                     self._check_status()
                     return self._take_events()
-                time.sleep(min(RECEIVE_POLL_S, left))
-            else:
-                time.sleep(RECEIVE_POLL_S)
+                wait_ms = min(wait_ms, max(1, int(left * 1000 + 0.999)))
+            # fetches from the adapter until a frame is queued (ctypes lets go of the GIL)
+            lib().VARNEL_CAN_WaitMsg(self.handle, self.channel, wait_ms)
 
     def receive_stats(self):
         """The channel's losses and state (varnel.records.VARNEL_RECEIVE_STATS): frames the host

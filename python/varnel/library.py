@@ -44,6 +44,9 @@ DEVICE = {
     "USB_ScanDevice": (_int, [ctypes.POINTER(_u32)], COUNT),
     "USB_OpenDevice": (_bool, [_u32], false_is(-1)),
     "USB_CloseDevice": (_bool, [_u32], None),  # closing what is gone is not an error
+    "NET_ScanDevice": (_int, [_char_p, ctypes.POINTER(_u32), _int], COUNT),
+    "NET_ConnectDevice": (_bool, [_u32], false_is(-1)),
+    "NET_DisconnectDevice": (_bool, [_u32], None),  # as USB_CloseDevice
     "DEV_GetDeviceInfo": (_bool, [_u32, ctypes.POINTER(DEVICE_INFO), _char_p], false_is(-4)),
 }
 GPIO = {
@@ -71,6 +74,8 @@ CAN = {
     "CAN_StopSchedule": (_int, [_u32, _u8], COUNT),
     # extension: losses and poller state of a channel (classic or CAN FD)
     "VARNEL_CAN_GetReceiveStats": (_int, [_u32, _u8, ctypes.POINTER(VARNEL_RECEIVE_STATS)], COUNT),
+    # extension: fetch from the adapter now, and again until a frame is queued or the time is up
+    "VARNEL_CAN_WaitMsg": (_int, [_u32, _u8, _i32], COUNT),
 }
 CANFD = {
     "CANFD_GetCANSpeedArg": (_int, [_u32, ctypes.POINTER(CANFD_INIT_CONFIG), _u32, _u32], COUNT),

@@ -18,6 +18,9 @@ int classic_poller_step(uint32_t handle, uint8_t channel) {
   if (device < 0) return result::kUnknownHandle;
   thread_local std::vector<uint8_t> buffer(kClassicFetchBytes);
   thread_local std::vector<CAN_MSG> records(kClassicFetchLimit);
+  // Fetch and queue under the device lock: a fetch on demand and the poller's may run at once,
+  // and the later fetch's frames must not overtake the earlier's into the queues.
+  DeviceLockGuard fetching(handle);
   const auto r = transact(handle, kCanFetch, {&channel, 1}, buffer);
   if (r.send_result != 0) return result::kWriteFailed;
   if (r.read_result != 0) return result::kReplyFailed;

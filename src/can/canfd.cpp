@@ -36,6 +36,7 @@ int fd_poller_step(uint32_t handle, uint8_t channel) {
   thread_local std::vector<uint8_t> area(kFdFetchBytes);
   thread_local std::vector<CANFD_MSG> records(kFdFetchLimit);
   FdChannel& state = fd_channel(device, channel);
+  DeviceLockGuard fetching(handle);  // as the classic step: fetches queue in the order they ran
   const auto r = transact(handle, kFdFetch, {&channel, 1}, area);
   if (r.send_result != 0 || r.read_result != 0) {
     fd_pollers().clear(handle, channel);

@@ -126,3 +126,25 @@ TYPED_TEST(CanReceive, StatsRefuseBadArguments) {
   EXPECT_EQ(CAN_GetMsgWithSize(TypeParam::kA, 0, nullptr, 1), -7);
   EXPECT_EQ(CAN_GetMsgWithSize(TypeParam::kA, 0, msg, -1), -7);
 }
+
+// A wait fetches from the adapter itself, poller or not, and leaves what came in the queue.
+TYPED_TEST(CanReceive, WaitFetchesOnDemandAndLeavesTheFrameQueued) {
+  constexpr uint32_t A = TypeParam::kA;
+  auto adapter = this->open(A);
+  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  auto peer = this->peer();
+  adapter->clear_received();
+  EXPECT_EQ(VARNEL_CAN_WaitMsg(A, 0, 0), 0);
+  EXPECT_EQ(this->packets(*adapter, TypeParam::kFetch).size(), 1u);  // one look, then time-out
+  std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
+  for (bool polled : {false, true}) {
+    if (polled) ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
+    peer->send(this->frame(0x120 + polled));
+    EXPECT_EQ(VARNEL_CAN_WaitMsg(A, 0, 2000), 1) << polled;
+    ASSERT_EQ(CAN_GetMsgWithSize(A, 0, in.data(), int32_t(in.size())), 1) << polled;
+    EXPECT_EQ(in[0].Id, 0x120u + polled);
+  }
+  EXPECT_EQ(VARNEL_CAN_WaitMsg(A, 2, 10), -4);
+  EXPECT_EQ(VARNEL_CAN_WaitMsg(A, 0, -1), -7);
+  EXPECT_EQ(VARNEL_CAN_WaitMsg(0x0BADF00D, 0, 10), -4);
+}
