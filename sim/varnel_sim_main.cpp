@@ -4,10 +4,13 @@
 //              [--discovery-port 1025] [--tcp-port 8000] [--host-order]
 //
 // Each adapter gets its own address (127.0.0.2, .3, ...) with a TCP server; one UDP socket on
-// 127.0.0.255 answers the discovery probe for all of them. The handle's top byte is the adapter
-// kind (0x55 or 0x56 with bit 0 clear for a network adapter). SIGINT/SIGTERM stop it cleanly.
+// 127.0.0.255 answers the discovery probe for all of them. --count N serves N adapters in all: the
+// listed ones, then 0x55000010, 0x55000020, ... that are not listed. The handle's top byte is the
+// adapter kind (0x55 or 0x56 with bit 0 clear for a network adapter). SIGINT/SIGTERM stop it
+// cleanly.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -39,6 +42,21 @@ bool parse_number(const char* text, unsigned long max, unsigned long* out) {
   if (errno || !*text || *end || value > max) return false;
   *out = value;
   return true;
+}
+
+// The listed handles, then network adapters 0x55000010, 0x55000020, ... not already listed, until
+// `count` are served (0: the listed ones only, or 0x55000010 alone when none is). Empty when a
+// handle is listed twice or more are listed than `count` allows: two adapters with one handle
+// would answer discovery alike and the host could reach only one of them.
+std::vector<uint32_t> served_handles(std::vector<uint32_t> handles, unsigned long count) {
+  for (size_t i = 0; i < handles.size(); ++i)
+    for (size_t j = 0; j < i; ++j)
+      if (handles[i] == handles[j]) return {};
+  if (count && handles.size() > count) return {};
+  if (!count && handles.empty()) count = 1;
+  for (uint32_t next = 0x55000010u; handles.size() < count; next += 0x10u)
+    if (std::find(handles.begin(), handles.end(), next) == handles.end()) handles.push_back(next);
+  return handles;
 }
 
 }  // namespace
@@ -74,9 +92,14 @@ int main(int argc, char** argv) {
     }
     ++i;
   }
-  // --count adds network adapters 0x55000010, 0x55000020, ... after the listed ones
-  for (unsigned long n = 0; n < count; ++n) handles.push_back(0x55000010u + 0x10u * uint32_t(n));
-  if (handles.empty()) handles.push_back(0x55000010u);
+  handles = served_handles(std::move(handles), count);
+  if (handles.empty()) {
+    std::fprintf(stderr,
+                 "varnel-sim: each adapter needs a handle of its own, and --count N "
+                 "is the number of adapters in all, the listed ones included\n");
+    usage();
+    return 2;
+  }
 
   std::vector<std::shared_ptr<sim::VirtualAdapter>> adapters;
   for (uint32_t handle : handles) adapters.push_back(std::make_shared<sim::VirtualAdapter>(handle));

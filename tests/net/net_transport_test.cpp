@@ -307,6 +307,47 @@ TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
   }
 }
 
+// The handles varnel-sim serves for its arguments, as it prints them at start; empty when it
+// did not start. Each handle is its own adapter: --count is the number in all.
+TEST_F(NetTransport, SimProgramServesEachHandleOnce) {
+  auto served = [](std::vector<const char*> args) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    args.insert(args.begin(), "varnel-sim");
+    for (const char* more :
+         {"--discovery-port", "0", "--tcp-port", "0", "--first-address", "127.0.0.60"})
+      args.push_back(more);
+    args.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      dup2(fds[1], 1);
+      execv(VARNEL_BINARY_DIR "/bin/varnel-sim", const_cast<char* const*>(args.data()));
+      _exit(127);
+    }
+    close(fds[1]);
+    FILE* out = fdopen(fds[0], "r");
+    std::vector<uint32_t> handles;
+    char line[128];
+    unsigned handle = 0;
+    // the list comes in one write with the first line, so it is all there once that one is
+    const bool started = fgets(line, sizeof line, out) != nullptr;
+    kill(pid, SIGTERM);
+    while (started && fgets(line, sizeof line, out))
+      if (sscanf(line, "  adapter 0x%X", &handle) == 1) handles.push_back(handle);
+    waitpid(pid, nullptr, 0);
+    fclose(out);
+    return handles;
+  };
+  using H = std::vector<uint32_t>;
+  EXPECT_EQ(served({"--adapter", "0x55000010", "--count", "1"}), H({0x55000010}));
+  EXPECT_EQ(served({"--adapter", "0x55000020", "--count", "3"}),
+            H({0x55000020, 0x55000010, 0x55000030}));
+  EXPECT_EQ(served({"--count", "2"}), H({0x55000010, 0x55000020}));
+  EXPECT_EQ(served({}), H({0x55000010}));
+  EXPECT_EQ(served({"--adapter", "0x55000010", "--adapter", "0x55000010"}), H());
+  EXPECT_EQ(served({"--adapter", "0x55000010", "--adapter", "0x55000020", "--count", "1"}), H());
+}
+
 // A network adapter has no bulk-in stream: the start gives up cleanly, and no stream bytes reach
 // the TCP stream to answer the next request.
 TEST_F(NetTransport, AdcStreamDoesNotStartOverTcpAndBlockReadsGoOn) {
