@@ -50,7 +50,9 @@ struct TransferFault {
 };
 
 struct AdapterRecord {
-  std::vector<usbsim::Transfer> transfers;
+  sim::RecentLog<usbsim::Transfer> transfers{
+      usbsim::kTransferWindow, usbsim::kTransferWindowBytes,
+      [](const usbsim::Transfer& t) { return t.data.size(); }};
   usbsim::Counters counters;
   std::deque<TransferFault> faults;
 };
@@ -78,7 +80,7 @@ AdapterRecord& record_of(libusb_device* device) {
 
 void log_transfer(libusb_device* device, usbsim::Transfer transfer) {
   std::lock_guard guard(world().mutex);
-  record_of(device).transfers.push_back(std::move(transfer));
+  record_of(device).transfers.push(std::move(transfer));
 }
 
 void count(libusb_device* device, int usbsim::Counters::*field) {
@@ -233,7 +235,7 @@ std::shared_ptr<sim::VirtualAdapter> adapter(uint32_t handle) {
 
 std::vector<Transfer> transfers(uint32_t handle) {
   std::lock_guard guard(world().mutex);
-  return world().records[handle].transfers;
+  return world().records[handle].transfers.entries();
 }
 
 void clear_transfers(uint32_t handle) {

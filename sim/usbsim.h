@@ -1,6 +1,6 @@
 // Control API of libvarnel-usbsim, the libusb-1.0 stand-in whose devices are virtual adapters.
 // Tests and tools plug adapters in, pull them out, move them between ports, make transfers fail,
-// and read back every transfer the host made.
+// and read back the transfers the host made most recently.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +37,10 @@ struct Transfer {
   std::vector<uint8_t> data;  // bytes moved
   int result = 0;             // libusb result code
 };
+// The most recent transfers of the adapter, oldest first: at most kTransferWindow of them and
+// kTransferWindowBytes of data (the newest always), so that a long run stays in bounded memory.
+constexpr size_t kTransferWindow = 16384;
+constexpr size_t kTransferWindowBytes = 16u << 20;
 std::vector<Transfer> transfers(uint32_t handle);
 void clear_transfers(uint32_t handle);
 

@@ -99,7 +99,7 @@ void VirtualAdapter::dispatch(const Packet& request) {
     if (std::any_of(segments_.begin(), segments_.end(),
                     [](auto& s) { return s.taken < s.bytes.size(); }))
       ++order_violations_;
-    received_.push_back(request);
+    received_.push(request);
   }
   Handler handler;
   {
@@ -257,7 +257,7 @@ uint32_t VirtualAdapter::reset_count() const {
 
 std::vector<Packet> VirtualAdapter::received() const {
   std::lock_guard guard(output_mutex_);
-  return received_;
+  return received_.entries();
 }
 
 void VirtualAdapter::clear_received() {

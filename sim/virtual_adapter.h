@@ -20,6 +20,8 @@
 #include <typeindex>
 #include <vector>
 
+#include "sim/recent_log.h"
+
 namespace sim {
 
 struct Packet {
@@ -122,7 +124,10 @@ class VirtualAdapter {
   void reset();
   uint32_t reset_count() const;
 
-  // Every packet received, in order.
+  // The packets received, in order: the most recent kReceivedWindow of them, within
+  // kReceivedWindowBytes of payload (the newest is always kept).
+  static constexpr size_t kReceivedWindow = 16384;
+  static constexpr size_t kReceivedWindowBytes = 16u << 20;
   std::vector<Packet> received() const;
   void clear_received();
   // Requests that arrived while an earlier reply had not yet been read: the host interleaved
@@ -168,7 +173,8 @@ class VirtualAdapter {
   std::condition_variable output_ready_;
   std::deque<Segment> segments_;
   StreamSource stream_source_;
-  std::vector<Packet> received_;
+  RecentLog<Packet> received_{kReceivedWindow, kReceivedWindowBytes,
+                              [](const Packet& p) { return p.payload.size(); }};
   uint32_t order_violations_ = 0;
   uint32_t resets_ = 0;
 

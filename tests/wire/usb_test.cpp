@@ -161,3 +161,48 @@ TEST_F(UsbDiscovery, LateReplyIsDrainedByTheNextTransactionOnly) {
     EXPECT_EQ(in_transfers(), std::make_pair(size_t(2), 0L));  // header and payload only
   }
 }
+
+// The usbsim may serve a monitor all day: what it records for tests is a window of the latest
+// transfers and packets, bounded in count and in bytes, the newest last.
+TEST_F(UsbDiscovery, RecordersKeepABoundedWindowOfTheLatest) {
+  libusb_context* context = nullptr;
+  ASSERT_EQ(libusb_init(&context), 0);
+  struct Case {
+    size_t packets, payload, transfers_kept, packets_kept;
+  } cases[] = {
+      {usbsim::kTransferWindow + 100, 0, usbsim::kTransferWindow,
+       sim::VirtualAdapter::kReceivedWindow},
+      // 16 MiB: 15 transfers of 1 MiB and an 8-byte header fit, 16 packets of 1 MiB payload
+      {40, 1u << 20, 15, 16},
+  };
+  for (const auto& c : cases) {
+    auto adapter = usbsim::plug(kFirst);
+    libusb_device** list = nullptr;
+    ASSERT_EQ(libusb_get_device_list(context, &list), 1);
+    libusb_device_handle* device = nullptr;
+    ASSERT_EQ(libusb_open(list[0], &device), 0);
+    libusb_free_device_list(list, 1);
+    for (uint32_t n = 0; n < c.packets; ++n) {
+      // a command the firmware does not know (no reply), numbered so the last can be told
+      std::vector<uint8_t> packet(8 + c.payload);
+      for (int i = 0; i < 4; ++i) {
+        packet[size_t(i)] = uint8_t((0x7F000000u + n) >> (24 - 8 * i));
+        packet[size_t(4 + i)] = uint8_t(c.payload >> (24 - 8 * i));
+      }
+      int moved = 0;
+      ASSERT_EQ(libusb_bulk_transfer(device, 0x01, packet.data(), int(packet.size()), &moved, 100),
+                0);
+    }
+    const auto transfers = usbsim::transfers(kFirst);
+    const auto packets = adapter->received();
+    EXPECT_EQ(transfers.size(), c.transfers_kept);
+    EXPECT_EQ(packets.size(), c.packets_kept);
+    ASSERT_FALSE(transfers.empty() || packets.empty());
+    EXPECT_EQ(transfers.back().data[3], uint8_t(c.packets - 1));
+    EXPECT_EQ(packets.back().command, 0x7F000000u + uint32_t(c.packets - 1));
+    libusb_close(device);
+    usbsim::unplug_all();
+    usbsim::clear_transfers(kFirst);
+  }
+  libusb_exit(context);
+}
