@@ -3,7 +3,7 @@
 
 Frames go both ways between can0 and can1 (classic) and from can2 to can3 (CAN FD), every field
 compared; a burst must arrive whole; the server exits 0 on SIGTERM; --beacon broadcasts where it
-listens. Exact replies to malformed input are checked by the C++ server test.
+listens; the virtual diagnostic ECU answers at the bridge's bit rate. Exact replies to malformed input are checked by the C++ server test.
 """
 import argparse
 import logging
@@ -94,6 +94,26 @@ def beacon(varnel):
         receiver.close()
 
 
+def diagnostic_ecu_answers(varnel):
+    """`varnel --sim socketcand` has the virtual diagnostic ECU its help promises (7E0/7E8), at
+    the default bit rate and at the one -b sets: tester present gets its positive answer."""
+    for options in ([], ["-b", "250000"]):
+        proc, port = start_server(varnel, *options)
+        try:
+            bus = can.Bus(interface="socketcand", host="127.0.0.1", port=port, channel="can0")
+            bus.send(can.Message(arbitration_id=0x7E0, is_extended_id=False,
+                                 data=[0x02, 0x3E, 0x00, 0, 0, 0, 0, 0]))
+            got = bus.recv(timeout=WAIT)
+            bus.shutdown()
+            if got is None or got.arbitration_id != 0x7E8 or bytes(got.data[:3]) != b"\x02\x7E\x00":
+                fail(f"socketcand {' '.join(options)}: no answer from the diagnostic ECU ({got})")
+            stop_server(proc)
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+
+
 def on_alarm(signum, frame):
     raise AssertionError("the test did not finish within 90 s")
 
@@ -145,6 +165,7 @@ def main():
             proc.kill()
             proc.wait()
     beacon(args.varnel)
+    diagnostic_ecu_answers(args.varnel)
     print("socketcand interop: python-can agrees with the bridge")
 
 

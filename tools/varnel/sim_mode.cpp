@@ -170,6 +170,12 @@ std::string sibling_program(const std::string& name) {
   return slash == std::string::npos ? std::string() : self.substr(0, slash + 1) + name;
 }
 
+void follow_sim_can_timing(uint32_t bitrate, uint32_t data_bitrate) {
+  SimCanScene& scene = sim_can_scene();
+  if (scene.timing.empty() && !std::getenv("VARNEL_SIM_CAN_PEER"))
+    scene.timing = std::to_string(bitrate) + "/" + std::to_string(data_bitrate);
+}
+
 void export_sim_can_scene() {
   export_can_scene(sim_can_scene());
 }

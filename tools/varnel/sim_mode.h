@@ -4,6 +4,7 @@
 // adapter is an error: the tool never falls back to the virtual one unasked.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace varnel_cli {
@@ -26,6 +27,12 @@ std::string usbsim_directory();
 
 // The path of another program built beside this one (e.g. "varnel-sim").
 std::string sibling_program(const std::string& name);
+
+// For a command that sets its channels' bit rates itself (socketcand -b): unless the user named
+// the virtual bus's timing (--sim-can-peer, VARNEL_SIM_CAN_PEER), its acknowledging node and
+// diagnostic ECU run at these rates, so the ECU the help promises is heard. Call it before
+// prepare_adapters().
+void follow_sim_can_timing(uint32_t bitrate, uint32_t data_bitrate);
 
 // Puts the virtual CAN bus scene (--sim-can-peer, --sim-traffic) into the environment, where the
 // usbsim and varnel-sim read it.

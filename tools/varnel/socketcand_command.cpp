@@ -31,6 +31,7 @@ bool install_stop_handlers() {
 }
 
 void run_socketcand(const socketcand::ServerOptions& options) {
+  follow_sim_can_timing(options.bitrate, options.data_bitrate);
   if (!prepare_adapters()) {
     exit_code() = 1;
     return;
