@@ -78,13 +78,14 @@ void run_uds(const UdsOptions& o) {
                     uint8_t(ext ? 1 : 0),
                     uint8_t(ext ? std::stoul(o.ext_addr, nullptr, 16) : 0),
                     uint8_t(o.fd || o.brs ? 64 : 8)};
-  CAN_StartGetMsg(ch->handle, ch->channel);
+  // No receive poller: without it the library fetches from the adapter whenever it waits for a
+  // frame (every millisecond), where the poller would hold each flow control and answer back for
+  // up to its 10 ms period, longer than many ECUs' P2 over a multi-frame exchange.
   for (const auto& request : *requests)
     if (!exchange(*ch, addr, request, o.timeout_ms)) {
       exit_code() = 1;
       break;
     }
-  CAN_StopGetMsg(ch->handle, ch->channel);
   close_adapter(ch->handle);
 }
 
