@@ -1247,6 +1247,14 @@ VARNEL_API int VARNEL_ADC_SetQueueLimit(DevHandle DevHandle, uint32_t Bytes);
  * and VARNEL_NET_TCP_PORT are read. Always 0. */
 VARNEL_API int VARNEL_SetNetPorts(uint16_t DiscoveryPort, uint16_t TcpPort);
 
+/* How often the library connected the adapter again since the process started (the write retry
+ * after a failed write, USB_RetryConnect, USB_WaitResume, a scan that finds an open adapter
+ * answering from a new device): an adapter that was unplugged or
+ * power-cycled comes back this way, with nothing initialised and whatever it received meanwhile
+ * lost, while calls such as CAN_GetMsg go on returning 0 without an error. 0 for a handle never
+ * reconnected (or unknown). */
+VARNEL_API int64_t VARNEL_GetReconnectCount(DevHandle DevHandle);
+
 /* The library's version, "MAJOR.MINOR.PATCH" (static text, never NULL). The shared library's
  * SONAME carries the major number: libvarnel.so.0. */
 VARNEL_API const char* VARNEL_GetVersion(void);

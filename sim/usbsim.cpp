@@ -49,12 +49,17 @@ struct TransferFault {
   int bytes;
 };
 
+// VARNEL_USBSIM_POWER_CYCLE_AFTER=N: the first adapter the host writes N bulk packets to loses
+// power as the N-th arrives (once per process), so that a tool run shows what a power cycle does.
+std::atomic<long> power_cycle_after{0};
+
 struct AdapterRecord {
   sim::RecentLog<usbsim::Transfer> transfers{
       usbsim::kTransferWindow, usbsim::kTransferWindowBytes,
       [](const usbsim::Transfer& t) { return t.data.size(); }};
   usbsim::Counters counters;
   std::deque<TransferFault> faults;
+  long writes = 0;  // bulk OUT transfers since the adapter was plugged
 };
 
 struct World {
@@ -115,8 +120,19 @@ std::chrono::milliseconds timeout_of(unsigned int timeout_ms) {
   return std::chrono::milliseconds(timeout_ms ? timeout_ms : 24u * 3600 * 1000);
 }
 
+bool power_cycle_due(libusb_device* device) {
+  long after = power_cycle_after.load();
+  {
+    std::lock_guard guard(world().mutex);
+    if (after <= 0 || ++record_of(device).writes < after) return false;
+  }
+  return power_cycle_after.compare_exchange_strong(after, 0) &&
+         usbsim::power_cycle(device->adapter->handle());
+}
+
 int bulk_out(libusb_device* device, unsigned char endpoint, unsigned char* data, int length,
              int* transferred) {
+  if (power_cycle_due(device)) return LIBUSB_ERROR_NO_DEVICE;
   usbsim::Transfer log{usbsim::Transfer::Kind::kBulk, endpoint, length, {}, 0};
   int moved = length;
   if (auto fault = take_fault(device, endpoint)) {
@@ -156,6 +172,8 @@ int bulk_in(libusb_device* device, unsigned char endpoint, unsigned char* data, 
 
 void plug_from_environment() {
   sim::start_can_scene_from_environment();
+  if (const char* after = std::getenv("VARNEL_USBSIM_POWER_CYCLE_AFTER"))
+    power_cycle_after = std::strtol(after, nullptr, 10);
   const char* list = std::getenv("VARNEL_USBSIM_ADAPTERS");
   if (!list) return;
   std::string text = list;
@@ -203,6 +221,19 @@ bool unplug(uint32_t handle) {
   }
   device->attached = false;
   unref(device);
+  return true;
+}
+
+bool power_cycle(uint32_t handle) {
+  Port port;
+  {
+    std::lock_guard guard(world().mutex);
+    libusb_device* device = find_attached(handle);
+    if (!device) return false;
+    port = device->port;
+  }
+  if (!unplug(handle)) return false;
+  plug(handle, port);
   return true;
 }
 
@@ -278,6 +309,11 @@ extern "C" int varnel_usbsim_last_payload(uint32_t handle, uint32_t command, uin
     return int(packet->payload.size());
   }
   return -1;
+}
+
+// The same for power cycles: 0, or -1 when no adapter with that handle is plugged in.
+extern "C" int varnel_usbsim_power_cycle(uint32_t handle) {
+  return usbsim::power_cycle(handle) ? 0 : -1;
 }
 
 // ----- libusb-1.0 API ------------------------------------------------------------------------

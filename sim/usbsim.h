@@ -23,6 +23,10 @@ std::shared_ptr<sim::VirtualAdapter> plug(uint32_t handle, const Port& port = {}
 void plug_adapter(std::shared_ptr<sim::VirtualAdapter> adapter, const Port& port);
 // The device object goes away for good, as on a real unplug; open handles fail from now on.
 bool unplug(uint32_t handle);
+// The adapter loses power and comes back in the same port: a new device object and a fresh
+// firmware (nothing initialised, the device clock from zero) under the same handle. Open handles
+// on the old device fail from now on, as after an unplug.
+bool power_cycle(uint32_t handle);
 // Unplug, then plug the same adapter (same firmware state) into another port.
 bool move(uint32_t handle, const Port& port);
 // A suspended adapter keeps its device object but fails every transfer and open until resumed.

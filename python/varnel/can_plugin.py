@@ -213,6 +213,17 @@ class VarnelBus(can.BusABC):
             raise can.CanOperationError(str(error), error_code=error.code) from error
 
     @property
+    def reconnects(self):
+        """How often the library connected the adapter again since the bus opened. An unplugged
+        or power-cycled adapter comes back this way with its channels stopped, so frames stop
+        without an error; recv() also logs an error and issues a RuntimeWarning when it sees
+        the count change (checked every 0.25 s, and when it gives up)."""
+        try:
+            return self._channel.reconnects
+        except VarnelError as error:
+            raise can.CanOperationError(str(error), error_code=error.code) from error
+
+    @property
     def dropped_frames(self):
         """Frames lost on the host since the channel opened: dropped by the full receive queue
         or in fetches too large to be true."""

@@ -3,7 +3,9 @@ receive poller (one thread per adapter that fetches every 10 ms into the channel
 receive that waits fetches on demand as well (VARNEL_CAN_WaitMsg), so an answer is not held
 back by the poller's period."""
 import ctypes
+import logging
 import time
+import warnings
 from dataclasses import dataclass
 
 from .library import lib
@@ -171,6 +173,7 @@ class CanChannel:
         self.listen_only = bool(listen_only)
         self._started = False
         self._init()
+        self._reconnects_at_start = self._reconnects_seen
 
     def _init(self):
         # what CAN_Init2/CANFD_Init2 do, with the operating mode set in the record
@@ -192,6 +195,7 @@ class CanChannel:
             library.CAN_StartGetMsg(h, ch)
             self._buffer = (CAN_MSG * RECEIVE_BATCH)()
         self._started = True
+        self._reconnects_seen = lib().VARNEL_GetReconnectCount(h)
         self._error_flags = 0  # the controller starts error-active with its counters at zero
         self._events = []
         self._next_check = time.monotonic() + STATUS_CHECK_S
@@ -291,8 +295,27 @@ class CanChannel:
         events, self._events = self._events, []
         return events
 
+    @property
+    def reconnects(self):
+        """How often the library connected the adapter again since this channel started."""
+        return lib().VARNEL_GetReconnectCount(self.handle) - self._reconnects_at_start
+
+    def _check_reconnects(self):
+        # An unplugged or power-cycled adapter comes back through the library's reconnection with
+        # its channels stopped: receiving goes on without an error and without a frame.
+        count = lib().VARNEL_GetReconnectCount(self.handle)
+        if count == self._reconnects_seen:
+            return
+        self._reconnects_seen = count
+        text = (f"adapter 0x{self.handle:08X} was connected again (unplugged or power-cycled?): "
+                "frames it received meanwhile are lost, and after a power cycle channel "
+                f"{self.channel} receives nothing until it is initialised again")
+        logging.getLogger("can.varnel").error(text)
+        warnings.warn(text, RuntimeWarning, stacklevel=4)
+
     def _check_status(self):
         self._next_check = time.monotonic() + STATUS_CHECK_S
+        self._check_reconnects()
         stats = self.receive_stats()
         # The poller stops for good on a failed fetch; frames would then stop without a word.
         if not stats.PollerRunning and stats.PollerStopResult < 0:

@@ -44,6 +44,8 @@ DEVICE = {
     "USB_ScanDevice": (_int, [ctypes.POINTER(_u32)], COUNT),
     "USB_OpenDevice": (_bool, [_u32], false_is(-1)),
     "USB_CloseDevice": (_bool, [_u32], None),  # closing what is gone is not an error
+    # extension: how often the library connected the adapter again (unplug, power cycle)
+    "VARNEL_GetReconnectCount": (_i64, [_u32], None),
     "NET_ScanDevice": (_int, [_char_p, ctypes.POINTER(_u32), _int], COUNT),
     "NET_ConnectDevice": (_bool, [_u32], false_is(-1)),
     "NET_DisconnectDevice": (_bool, [_u32], None),  # as USB_CloseDevice

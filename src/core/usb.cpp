@@ -213,6 +213,7 @@ bool rescan_known_entry(UsbDeviceEntry& entry, libusb_device* device) {
     // the entry stays open for the application, so its new handle gets the interface too
     if (libusb_claim_interface(dh, 0) != 0) return false;
     entry.opened = 1;
+    count_reconnect(entry.handle);  // it came back (a power cycle?): the application is told
     return true;
   }
   libusb_device_handle* dh = nullptr;
@@ -533,8 +534,10 @@ libusb_device_handle* usb_device_handle(uint32_t handle) {
 }
 
 bool reconnect_device(uint32_t handle) {
-  if ((handle & 0xFF000001u) == 0x55000000u) return net_reconnect(handle);
-  return reconnect_usb(handle);
+  const bool reconnected =
+      (handle & 0xFF000001u) == 0x55000000u ? net_reconnect(handle) : reconnect_usb(handle);
+  if (reconnected) count_reconnect(handle);
+  return reconnected;
 }
 
 }  // namespace varnel

@@ -43,5 +43,7 @@ std::string usb_location_path(uint32_t handle);
 
 // Reopens the adapter at its location (USB) or its TCP connection (network handle 0x55...).
 bool reconnect_device(uint32_t handle);
+// Counts one successful reconnection of the handle (VARNEL_GetReconnectCount).
+void count_reconnect(uint32_t handle);
 
 }  // namespace varnel

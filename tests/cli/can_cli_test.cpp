@@ -246,3 +246,15 @@ TEST(CanCli, DumpWithAnUnreadableDatabaseFailsBeforeOpening) {
   EXPECT_EQ(run.exit_code, 1);
   EXPECT_EQ(run.err, "can dump: cannot load the database /nonexistent.dbc\n");
 }
+
+// A power cycle mid-dump: the adapter drops off the bus, and without a rescan the library's write
+// retry cannot reach it again; the poller stops, and the reads after it return 0 without an
+// error, each after the retry's seconds. The dump says so and fails, whichever limit ends it.
+TEST(CanCli, DumpFailsWhenAPowerCycleStopsThePoller) {
+  // the twentieth packet the host writes comes some fetches into the dump
+  ToolRun run = varnel("--sim-traffic 123#11@5 can dump 0x12345678:0 -T 1000",
+                       "VARNEL_USBSIM_POWER_CYCLE_AFTER=20");
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_NE(run.err.find("can dump: the receive poller stopped: "), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("; poller stopped (result -2)"), std::string::npos) << run.err;
+}

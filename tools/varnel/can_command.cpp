@@ -220,18 +220,35 @@ void print_decoded(DBC_HANDLE db, const CANFD_MSG& f) {
   if (n == -6) std::printf("  (frame shorter than its message in the database)\n");
 }
 
-// One line on stderr when the dump ends: what the host queues lost and the poller's state.
-void print_receive_stats(const CanTarget& t, int shown) {
+// One line on stderr when the dump ends: what the host queues lost, the poller's state and how
+// often the adapter was connected again during the dump.
+void print_receive_stats(const CanTarget& t, int shown, int64_t reconnects) {
   VARNEL_RECEIVE_STATS s{};
   if (VARNEL_CAN_GetReceiveStats(t.handle, t.channel, &s) != 0) return;
   std::fprintf(stderr,
                "can dump: %d frames shown; dropped: application %llu, diagnostic %llu, "
-               "garbage fetches %llu; poller %s (result %d); errors rx %u tx %u flags %u\n",
+               "garbage fetches %llu; poller %s (result %d); errors rx %u tx %u flags %u; "
+               "reconnects %lld\n",
                shown, (unsigned long long)s.ApplicationDropped,
                (unsigned long long)s.DiagnosticDropped, (unsigned long long)s.FetchesDropped,
                s.PollerRunning ? "running" : "stopped", int(s.PollerStopResult),
                unsigned(s.Status.RxErrorCounter), unsigned(s.Status.TxErrorCounter),
-               unsigned(s.Status.ErrorFlags));
+               unsigned(s.Status.ErrorFlags), (long long)reconnects);
+}
+
+// An adapter that was unplugged or lost power comes back through the library's reconnection
+// with its channels stopped, and CAN_GetMsg returns 0 from then on without an error: the
+// reconnection count is the one trace of it. Warns once per change; `seen` follows the count.
+void warn_if_reconnected(const CanTarget& t, int64_t& seen) {
+  const int64_t now = VARNEL_GetReconnectCount(t.handle);
+  if (now == seen) return;
+  std::fprintf(
+      stderr,
+      "can dump: warning: adapter 0x%08X was connected again (unplugged or power-cycled?): "
+      "frames it received meanwhile are lost, and after a power cycle it receives "
+      "nothing until the channel is initialised again\n",
+      t.handle);
+  seen = now;
 }
 
 // True (after a warning) when the receive poller stopped on a failed fetch.
@@ -341,10 +358,24 @@ void run_dump(CanTarget t, const DumpOptions& o) {
   fd ? CANFD_StartGetMsg(t.handle, t.channel) : CAN_StartGetMsg(t.handle, t.channel);
   const FrameClock clock = frame_clock(t, fd);
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.time_limit_ms);
-  int shown = 0, idle_rounds = 0;
+  int shown = 0;
   uint64_t first_us = 0, last_us = 0;
+  const int64_t reconnects_before = VARNEL_GetReconnectCount(t.handle);
+  int64_t reconnects_seen = reconnects_before;
+  auto next_check = std::chrono::steady_clock::now();
+  bool poller_reported = false;
   while (!interrupted && (o.count <= 0 || shown < o.count) &&
          (o.time_limit_ms <= 0 || std::chrono::steady_clock::now() < end)) {
+    // Looked at by the clock, also while frames come: a read on an adapter that went away can
+    // itself take seconds (the library's write retry), so counting idle reads would take hours.
+    if (std::chrono::steady_clock::now() >= next_check) {
+      next_check = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
+      warn_if_reconnected(t, reconnects_seen);
+      if ((poller_reported = poller_stopped(t))) {
+        varnel_cli::exit_code() = 1;
+        break;
+      }
+    }
     int n = fd ? CANFD_GetMsg(t.handle, t.channel, frames.data(), int32_t(frames.size()))
                : CAN_GetMsg(t.handle, t.channel, classic.data());
     if (n < 0) {
@@ -352,10 +383,6 @@ void run_dump(CanTarget t, const DumpOptions& o) {
       break;
     }
     if (n == 0) {
-      if (++idle_rounds % 100 == 0 && poller_stopped(t)) {  // looked at about twice a second
-        varnel_cli::exit_code() = 1;
-        break;
-      }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       continue;
     }
@@ -384,7 +411,10 @@ void run_dump(CanTarget t, const DumpOptions& o) {
   }
   std::signal(SIGINT, previous);
   if (out != stdout) std::fclose(out);
-  print_receive_stats(t, shown);
+  warn_if_reconnected(t, reconnects_seen);
+  // the count or time limit may come first: a poller that stopped meanwhile still fails the dump
+  if (!poller_reported && !interrupted && poller_stopped(t)) varnel_cli::exit_code() = 1;
+  print_receive_stats(t, shown, reconnects_seen - reconnects_before);
   fd ? CANFD_StopGetMsg(t.handle, t.channel) : CAN_StopGetMsg(t.handle, t.channel);
   close_adapter(t.handle);
 }

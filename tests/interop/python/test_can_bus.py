@@ -5,6 +5,7 @@ import time
 import unittest
 
 import can
+import varnel
 
 from buses import CLASSIC, FD, RECV_TIMEOUT, assert_stamped_now, expected, fields, open_pair
 
@@ -203,6 +204,27 @@ class BusStates(unittest.TestCase):
                 self.assertEqual(bytes(event.data), bytes([0, controller, 0, 0, 0, 0, tec, 0]))
                 self.assertIsNone(lonely.recv(0.6))
 
+
+
+class PowerCycle(unittest.TestCase):
+    def test_a_power_cycle_is_reported_though_receiving_shows_no_error(self):
+        # An application that rescans (to see adapters come and go) lets the library's write
+        # retry find the adapter again: it comes back with its channels stopped, and recv()
+        # finds nothing, without an error.
+        usbsim = ctypes.CDLL("libusb-1.0.so.0")
+        msg = can.Message(arbitration_id=0x55, data=[1], is_extended_id=False)
+        for handle in (CLASSIC, FD):
+            with self.subTest(adapter=hex(handle)):
+                sender, receiver = open_pair(self, handle, bitrate=500000)
+                sender.send(msg)
+                self.assertIsNotNone(receiver.recv(RECV_TIMEOUT))
+                self.assertEqual(receiver.reconnects, 0)
+                self.assertEqual(usbsim.varnel_usbsim_power_cycle(handle), 0)
+                self.assertIn(handle, varnel.scan())
+                with self.assertWarnsRegex(RuntimeWarning, f"0x{handle:08X} was connected again"):
+                    with self.assertLogs("can.varnel", "ERROR"):
+                        self.assertIsNone(receiver.recv(0.3))
+                self.assertEqual(receiver.reconnects, 1)
 
 if __name__ == "__main__":
     unittest.main()
