@@ -1118,6 +1118,11 @@ VARNEL_API int SPI_SlaveReadBytesFromBuffer(DevHandle DevHandle, uint8_t SPIInde
                                             uint8_t* pReadData, int32_t Size);
 /* Extension: bytes the full host buffer dropped, oldest first, since the stream started. */
 VARNEL_API int64_t VARNEL_SPI_SlaveDropped(DevHandle DevHandle, uint8_t SPIIndex);
+/* Extension: the continuous read's state, or how the last one ended: 1 running; 0 never started,
+ * or stopped by the caller; else the negative code of the fetch that ended it (-2 the adapter was
+ * closed or went away, -4 its reply failed), kept until the next start; -7 for a channel other
+ * than 0 and 1. */
+VARNEL_API int VARNEL_SPI_SlaveStreamState(DevHandle DevHandle, uint8_t SPIIndex);
 
 /* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages
  * (write enable 06, read 03, fast read 0B, page program 02, identification 9F, write disable 04,
@@ -1229,6 +1234,11 @@ VARNEL_API int ADC_StopContinueRead(DevHandle DevHandle);
 VARNEL_API int ADC_GetData(DevHandle DevHandle, uint16_t* pData, int32_t MaxSamples);
 /* Extension: packets the full queue dropped since the stream started. */
 VARNEL_API int64_t VARNEL_ADC_Dropped(DevHandle DevHandle);
+/* Extension: the continuous read's state, or how the last one ended: 1 streaming; 0 never started,
+ * or stopped by ADC_StopContinueRead; -2 ended because the adapter was closed or reconnected under
+ * it (USB_CloseDevice, USB_RetryConnect, USB_WaitResume, a reconnection after a failed write, a
+ * scan that reopened it); -3 ended because the adapter went away; -1 for an unknown handle. */
+VARNEL_API int VARNEL_ADC_StreamState(DevHandle DevHandle);
 /* Extension: the queue's bound in bytes for the next start (at least one packet is kept);
  * 0 restores 20 MiB. 0, or -1 for an unknown handle. */
 VARNEL_API int VARNEL_ADC_SetQueueLimit(DevHandle DevHandle, uint32_t Bytes);

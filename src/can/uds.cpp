@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "can/can_internal.h"
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/clock.h"
 
@@ -34,12 +35,21 @@ constexpr int kReconnectTries = 301;
 constexpr uint32_t kDefaultFlowWaitMs = 1000;
 constexpr std::array<uint8_t, 8> kFdLengths = {8, 12, 16, 20, 24, 32, 48, 64};
 
-std::mutex config_mutex;
-CAN_UDS_CONFIG configs[kMaxDeviceIndex + 1][2];
+// The configuration of each channel, kept per adapter.
+struct UdsConfigs {
+  std::mutex mutex;
+  std::array<CAN_UDS_CONFIG, 2> configs{};
+};
+AdapterTable<UdsConfigs>& uds_configs() {
+  static auto* table = new AdapterTable<UdsConfigs>;
+  return *table;
+}
 
-CAN_UDS_CONFIG config_of(int device, uint8_t channel) {
-  std::lock_guard guard(config_mutex);
-  return configs[device][channel & 1];
+CAN_UDS_CONFIG config_of(uint32_t handle, uint8_t channel) {
+  const auto adapter = uds_configs().find(handle);
+  if (!adapter) return CAN_UDS_CONFIG{};
+  std::lock_guard guard(adapter->mutex);
+  return adapter->configs[channel & 1];
 }
 
 int resolve_device(uint32_t handle) {
@@ -68,7 +78,7 @@ class Link {
         device_(device),
         fd_adapter_(is_fd_adapter(handle)),
         addr_(addr),
-        config_(config_of(device, channel)) {
+        config_(config_of(handle, channel)) {
     if (addr_.FrameLen < 8 || addr_.FrameLen > 64) addr_.FrameLen = 8;
   }
 
@@ -420,10 +430,10 @@ int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, 
 VARNEL_API int CAN_UDS_Config(DevHandle handle, uint8_t channel, CAN_UDS_CONFIG* config) {
   return guarded(result::kFailed, [&] {
     if (!config) return result::kBadArgument;
-    const int device = resolve_device(handle);
-    if (device < 0) return kNoDevice;
-    std::lock_guard guard(config_mutex);
-    configs[device][channel & 1] = *config;
+    const auto adapter = uds_configs().find_or_create(handle);
+    if (!adapter || resolve_device(handle) < 0) return kNoDevice;
+    std::lock_guard guard(adapter->mutex);
+    adapter->configs[channel & 1] = *config;
     return 0;
   });
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "core/adapter_state.h"
 #include "core/clock.h"
 #include "core/result_codes.h"
 #include "core/transport.h"
@@ -15,14 +16,15 @@ namespace {
 constexpr uint32_t kDefaultBaud = 10400;
 constexpr size_t kReadBuffer = VARNEL_UART_READ_SIZE;
 
-struct ConfigTable {
+// The UART configuration each channel last stored, kept per adapter.
+struct StoredConfigs {
   std::mutex mutex;
-  std::array<std::array<UartConfig, kChannels>, kMaxDevices> configs{};
-  std::array<std::array<bool, kChannels>, kMaxDevices> stored{};
+  std::array<UartConfig, kChannels> configs{};
+  std::array<bool, kChannels> stored{};
 };
 
-ConfigTable& table() {
-  static auto* t = new ConfigTable;  // lives until the process ends, as the other tables
+AdapterTable<StoredConfigs>& table() {
+  static auto* t = new AdapterTable<StoredConfigs>;  // lives until the process ends
   return *t;
 }
 
@@ -56,26 +58,26 @@ UartConfig uart_config(uint32_t baud, uint8_t letter) {
 }
 
 bool known_handle(uint32_t handle) {
-  return device_index(handle) >= 0;
+  return adapter_listed(handle);
 }
 
 int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
-  const int index = device_index(handle);
-  if (index < 0) return KWP_ERR_UNKNOWN_HANDLE;
-  // The callers check the channel too; a slip there must not write into another device's row.
-  if (channel >= kChannels) return result::kBadArgument;
-  std::lock_guard guard(table().mutex);
-  table().configs[size_t(index)][channel] = config;
-  table().stored[size_t(index)][channel] = true;
+  auto adapter = table().find_or_create(handle);
+  if (!adapter) return KWP_ERR_UNKNOWN_HANDLE;
+  std::lock_guard guard(adapter->mutex);
+  UartConfig* slot = channel_at(adapter->configs, channel);
+  if (!slot) return result::kBadArgument;  // the callers check the channel too
+  *slot = config;
+  adapter->stored[channel] = true;
   return 0;
 }
 
 UartConfig stored_config(uint32_t handle, uint8_t channel) {
-  const int index = device_index(handle);
-  std::lock_guard guard(table().mutex);
-  if (index < 0 || channel >= kChannels || !table().stored[size_t(index)][channel])
-    return uart_config(kDefaultBaud, kModeK);
-  return table().configs[size_t(index)][channel];
+  auto adapter = table().find(handle);
+  if (!adapter) return uart_config(kDefaultBaud, kModeK);
+  std::lock_guard guard(adapter->mutex);
+  const bool* stored = channel_at(adapter->stored, channel);
+  return stored && *stored ? adapter->configs[channel] : uart_config(kDefaultBaud, kModeK);
 }
 
 int init_uart(uint32_t handle, uint8_t channel) {

@@ -6,8 +6,10 @@
 #include <atomic>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/device.h"
@@ -30,17 +32,17 @@ struct LegacyDevice {
   std::atomic<bool> old_firmware{false};
   std::array<std::atomic<uint32_t>, kOldChannels> baud{};
 };
-std::array<LegacyDevice, kMaxDevices> devices;
 
-LegacyDevice* device_of(uint32_t handle) {
-  const int index = device_index(handle);
-  return index >= 0 && index < kMaxDevices ? &devices[size_t(index)] : nullptr;
+// The adapter's generation and old-firmware baud rates, held for the caller; null when unknown.
+std::shared_ptr<LegacyDevice> device_of(uint32_t handle) {
+  static auto* devices = new AdapterTable<LegacyDevice>;  // lives until the process ends
+  return devices->find_or_create(handle);
 }
 
 // Which path a call takes: 1 the old commands, 0 the LIN_EX_ calls, -7 a channel that old
 // firmware does not have.
 int old_path(uint32_t handle, uint8_t ch) {
-  const LegacyDevice* device = device_of(handle);
+  const auto device = device_of(handle);
   if (!device || !device->old_firmware) return 0;
   return ch < kOldChannels ? 1 : result::kBadArgument;
 }
@@ -65,7 +67,7 @@ int read_firmware_version(uint32_t handle, uint32_t& version) {
 
 // Old firmware takes 110,000 / baud ms a request and 3 s more.
 int old_timeout_ms(uint32_t handle, uint8_t ch) {
-  const LegacyDevice* device = device_of(handle);
+  const auto device = device_of(handle);
   const uint32_t baud = device && ch < kOldChannels ? device->baud[ch].load() : 0;
   return int(110000 / std::max(baud, 1u) + 3000);
 }
@@ -120,7 +122,7 @@ bool bad_list(const void* records, uint32_t count) {
 
 VARNEL_API int LIN_Init(DevHandle handle, uint8_t ch, LIN_CONFIG* config) {
   return guarded(result::kFailed, [&] {
-    LegacyDevice* device = device_of(handle);
+    const auto device = device_of(handle);
     if (!device || !config) return result::kBadArgument;
     uint32_t version = 0;
     if (int r = read_firmware_version(handle, version); r != 0) return r;

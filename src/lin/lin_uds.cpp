@@ -189,8 +189,8 @@ int receive(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR& a, uint8_t* out, ui
   return kNoResponse;
 }
 
-Channel* usable(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR* a, int* refusal) {
-  Channel* channel = channel_of(handle, ch);
+ChannelRef usable(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR* a, int* refusal) {
+  const ChannelRef channel = channel_of(handle, ch);
   *refusal = !channel || !a          ? result::kBadArgument
              : !channel->initialised ? result::kNotInitialised
                                      : 0;
@@ -203,7 +203,7 @@ VARNEL_API int LIN_UDS_Request(DevHandle handle, uint8_t ch, LIN_UDS_ADDR* a, ui
                                int32_t length) {
   return guarded(result::kFailed, [&] {
     int refusal;
-    Channel* channel = usable(handle, ch, a, &refusal);
+    const ChannelRef channel = usable(handle, ch, a, &refusal);
     if (!channel) return refusal;
     // NAD 0 is the sleep command's, and a message has at least its service byte
     if (a->NAD == 0 || length <= 0 || !data) return result::kBadArgument;

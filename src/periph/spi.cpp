@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
@@ -80,15 +81,25 @@ constexpr size_t kWriteEnable = 0, kSectorErase = 6, kChipErase = 7, kReadStatus
 using result::kBadArgument;
 constexpr int kBadBitText = -5, kStillBusy = -6;
 
-// The flash description each channel was given (SPI_FlashInit), per device index.
-struct FlashStore {
+// The flash description each channel was given (SPI_FlashInit), per adapter.
+struct FlashDescriptions {
   std::mutex mutex;
-  std::array<std::array<SPI_FLASH_CONFIG, kChannels>, kMaxDevices> configs{};
-  std::array<std::array<bool, kChannels>, kMaxDevices> known{};
+  std::array<SPI_FLASH_CONFIG, kChannels> configs{};
+  std::array<bool, kChannels> known{};
 };
-FlashStore& flash_store() {
-  static FlashStore store;
-  return store;
+AdapterTable<FlashDescriptions>& flash_store() {
+  static auto* table = new AdapterTable<FlashDescriptions>;
+  return *table;
+}
+
+void keep_flash_description(uint32_t handle, uint8_t channel, const SPI_FLASH_CONFIG& config) {
+  auto adapter = flash_store().find_or_create(handle);
+  if (!adapter) return;
+  std::lock_guard guard(adapter->mutex);
+  if (SPI_FLASH_CONFIG* slot = channel_at(adapter->configs, channel)) {
+    *slot = config;
+    adapter->known[channel] = true;
+  }
 }
 
 // Bit texts: '0' and '1', first bit first, packed most significant bit first.
@@ -117,11 +128,12 @@ int bits_transfer(uint32_t handle, uint32_t command, const PayloadWriter& reques
 }
 
 bool flash_description(uint32_t handle, uint8_t channel, SPI_FLASH_CONFIG* out) {
-  const int device = device_index(handle);
-  if (device < 0 || device >= kMaxDevices || channel >= kChannels) return false;
-  std::lock_guard guard(flash_store().mutex);
-  if (!flash_store().known[size_t(device)][channel]) return false;
-  *out = flash_store().configs[size_t(device)][channel];
+  auto adapter = flash_store().find(handle);
+  if (!adapter) return false;
+  std::lock_guard guard(adapter->mutex);
+  const bool* known = channel_at(adapter->known, channel);
+  if (!known || !*known) return false;
+  *out = adapter->configs[channel];
   return true;
 }
 
@@ -289,12 +301,7 @@ VARNEL_API int SPI_FlashInit(DevHandle handle, uint8_t channel, uint32_t clock_h
         .u32(uint32_t(kept.Param64))
         .u32(kept.Param32);
     const int r = acknowledged(handle, kFlashInit, request, kDefaultTimeoutMs);
-    const int device = device_index(handle);
-    if (r == 0 && device >= 0 && device < kMaxDevices && channel < kChannels) {
-      std::lock_guard guard(flash_store().mutex);
-      flash_store().configs[size_t(device)][channel] = kept;
-      flash_store().known[size_t(device)][channel] = true;
-    }
+    if (r == 0) keep_flash_description(handle, channel, kept);
     return r;
   });
 }

@@ -317,10 +317,13 @@ TYPED_TEST_P(KlineCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
   KWP_MSG m{};
   K_MSG k{};
   const uint32_t unknown = 0x0BADBEEF;
+  const uint32_t by_low_byte = 0xFF0000FF;  // an index of 255 by its bits, and no adapter
   std::function<int()> unknown_handle[] = {
       [&] { return KWP_Init(unknown, 0, 10400, 1); },
       [&] { return KWP_5BaudInit(unknown, 0, 10400, &m, 10); },
       [&] { return KWP_FastInit(unknown, 0, 10400, &m, &m, &m, 10); },
+      [&] { return KWP_Init(by_low_byte, 0, 10400, 1); },
+      [&] { return KWP_FastInit(by_low_byte, 0, 10400, &m, &m, &m, 10); },
   };
   std::function<int()> refused[] = {
       [&] { return KWP_Init(kKlineHandle, 8, 10400, 1); },
