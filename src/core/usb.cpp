@@ -82,7 +82,7 @@ struct UsbDeviceEntry {
   std::atomic<libusb_device_handle*> device_handle{nullptr};
   HandleGate gate;
   uint32_t handle = 0;
-  uint8_t opened = 0;
+  std::atomic<uint8_t> opened{0};
   uint8_t bus_number = 0;
   uint8_t device_address = 0;
   uint8_t port_number = 0;
