@@ -25,6 +25,12 @@ bool received(Adapter& adapter, uint32_t command, const Bytes& part) {
   return false;
 }
 
+int transfers_to(uint32_t handle, usbsim::Transfer::Kind kind, uint8_t endpoint) {
+  int n = 0;
+  for (auto& t : usbsim::transfers(handle)) n += t.kind == kind && t.endpoint == endpoint;
+  return n;
+}
+
 // Each family: its state set on both adapters (unlike), and a call on the adapter that stays which
 // shows whether it still finds its own.
 struct LinChannel {
@@ -56,8 +62,10 @@ struct I2cWidth {
     }
   }
   static void expect_own(Adapter&) {
-    uint16_t found[128];
-    EXPECT_EQ(IIC_GetSlaveAddr(kStays, 0, found), 3) << "a 7-bit channel's scan";
+    uint16_t found[1024];
+    usbsim::clear_transfers(kStays);
+    EXPECT_EQ(IIC_GetSlaveAddr(kStays, 0, found), 3);
+    EXPECT_EQ(transfers_to(kStays, usbsim::Transfer::Kind::kBulk, 0x01), 128) << "7-bit: 0..127";
   }
 };
 struct KlineConfig {
@@ -91,10 +99,7 @@ struct AdcStream {
     usbsim::clear_transfers(kStays);
     EXPECT_EQ(ADC_StopContinueRead(kStays), 0);
     EXPECT_EQ(VARNEL_ADC_StreamState(kStays), 0);
-    int stop_requests = 0;
-    for (auto& t : usbsim::transfers(kStays))
-      stop_requests += t.kind == usbsim::Transfer::Kind::kControl && t.endpoint == 0x40;
-    EXPECT_EQ(stop_requests, 1);
+    EXPECT_EQ(transfers_to(kStays, usbsim::Transfer::Kind::kControl, 0x40), 1) << "the stop";
   }
 };
 
