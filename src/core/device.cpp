@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
@@ -40,10 +41,15 @@ enum : uint32_t {
 constexpr int32_t kUserDataLimit = VARNEL_DEV_USER_DATA_SIZE;
 constexpr int32_t kFunctionStringMax = VARNEL_DEV_FUNCTION_STRING_SIZE - 1;
 
-// Written under the device's lock; the mutex only keeps concurrent readers of other devices'
-// entries well defined.
-std::mutex correction_mutex;
-std::array<CorrectionTimes, kMaxDevices> corrections;
+// Written under the device's lock; the mutex keeps a concurrent reader well defined.
+struct Corrections {
+  std::mutex mutex;
+  CorrectionTimes times;
+};
+AdapterTable<Corrections>& corrections() {
+  static auto* table = new AdapterTable<Corrections>;
+  return *table;
+}
 
 // Replies the caller does not look at still have to land somewhere: over TCP a reply with a
 // payload but no buffer counts as failed.
@@ -79,10 +85,11 @@ int month_number(const char* name) {
 
 }  // namespace
 
-CorrectionTimes correction_times(int index) {
-  if (index < 0 || index >= kMaxDevices) return {};
-  std::lock_guard guard(correction_mutex);
-  return corrections[size_t(index)];
+CorrectionTimes correction_times(uint32_t handle) {
+  const auto adapter = corrections().find(handle);
+  if (!adapter) return {};
+  std::lock_guard guard(adapter->mutex);
+  return adapter->times;
 }
 
 }  // namespace varnel
@@ -203,11 +210,10 @@ VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
     if (index < 0 || index >= kMaxDevices) return false;
     DeviceLockGuard guard(handle);
     uint64_t now = wall_clock_ms();
-    {
-      std::lock_guard times_guard(correction_mutex);
-      auto& times = corrections[size_t(index)];
-      times.last_ms = now;
-      if (times.first_ms == 0) times.first_ms = now;
+    if (const auto adapter = corrections().find_or_create(handle)) {
+      std::lock_guard times_guard(adapter->mutex);
+      adapter->times.last_ms = now;
+      if (adapter->times.first_ms == 0) adapter->times.first_ms = now;
     }
     // Sent as it lies in host memory: the firmware takes the host's byte order here.
     uint8_t request[8];

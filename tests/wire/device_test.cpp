@@ -188,10 +188,9 @@ TEST_F(Device, CanStartTimeIsHostTimeLessDeviceTime) {
 }
 
 TEST_F(Device, CorrectionSendsHostTimeInHostOrderAndKeepsTheFirst) {
-  const int index = varnel::device_index(kHandle);
   const int64_t host_before = host_ms();
   ASSERT_TRUE(DEV_CorrectionTimestamp(kHandle));
-  const auto first = varnel::correction_times(index);
+  const auto first = varnel::correction_times(kHandle);
   const auto payload = sent().back().payload;
   ASSERT_EQ(payload.size(), 8u);
   uint64_t on_wire = 0;  // little-endian, written out rather than copied from memory
@@ -202,8 +201,8 @@ TEST_F(Device, CorrectionSendsHostTimeInHostOrderAndKeepsTheFirst) {
 
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
   ASSERT_TRUE(DEV_CorrectionTimestamp(kHandle));
-  EXPECT_EQ(varnel::correction_times(index).first_ms, first.first_ms);
-  EXPECT_GT(varnel::correction_times(index).last_ms, first.last_ms);
+  EXPECT_EQ(varnel::correction_times(kHandle).first_ms, first.first_ms);
+  EXPECT_GT(varnel::correction_times(kHandle).last_ms, first.last_ms);
   EXPECT_FALSE(DEV_CorrectionTimestamp(0x0BADF00D));
 }
 
