@@ -17,15 +17,18 @@ BulkInStream::~BulkInStream() {
 }
 
 bool BulkInStream::start() {
-  std::lock_guard stopping(stop_mutex_);
-  if (options_.buffer_size <= 0) {
-    note_end(End::kStopped);
-    stop_ = ended_ = true;
-    return false;
+  {
+    std::lock_guard stopping(stop_mutex_);
+    if (options_.buffer_size <= 0) {
+      note_end(End::kStopped);
+      stop_ = ended_ = true;
+      return false;
+    }
+    transfer_ = libusb_alloc_transfer(0);
+    buffer_ = new unsigned char[size_t(options_.buffer_size)];
   }
-  transfer_ = libusb_alloc_transfer(0);
-  buffer_ = new unsigned char[size_t(options_.buffer_size)];
-  registered_ = usb_start_stream(handle_, this, [this](libusb_device_handle* dh) {
+  // Not under the stop mutex: the carrier takes its stream list before a stream's stop mutex.
+  const bool submitted = usb_start_stream(handle_, this, [this](libusb_device_handle* dh) {
     libusb_fill_bulk_transfer(transfer_, dh, kEndpointIn, buffer_, options_.buffer_size,
                               &BulkInStream::on_transfer_done, this, 0);
     in_flight_ = true;
@@ -33,8 +36,10 @@ bool BulkInStream::start() {
     in_flight_ = false;
     return false;
   });
-  if (!registered_) {
-    libusb_free_transfer(transfer_);
+  std::lock_guard stopping(stop_mutex_);
+  // A close may have stopped it (and freed its transfer) as soon as it was listed.
+  if (!submitted || stop_) {
+    if (transfer_) libusb_free_transfer(transfer_);
     transfer_ = nullptr;
     delete[] buffer_;
     buffer_ = nullptr;
@@ -42,6 +47,7 @@ bool BulkInStream::start() {
     stop_ = ended_ = true;
     return false;
   }
+  registered_ = true;
   worker_ = std::thread([this] { pump(); });
   return true;
 }

@@ -161,7 +161,8 @@ TEST_F(AdapterLifecycle, StreamIsStoppedBeforeItsHandleIsClosedOrReplaced) {
          DIO_Init(kStays, 1);
        }},
   };
-  for (auto& [name, replace_handle] : cases) {
+  for (int round = 0; round < 9; ++round) {  // the close may catch the transfer anywhere
+    auto& [name, replace_handle] = cases[round % 3];
     SCOPED_TRACE(name);
     this->fresh_adapter(kStays);
     ASSERT_EQ(ADC_StartContinueRead(kStays, 0x01, 10000, 64, nullptr), 0);
