@@ -35,10 +35,11 @@ std::optional<std::vector<uint8_t>> with_address(const SpiModel::Channel& ch, si
   const uint64_t end = address + length, size = ch.flash.size();
   if (end > size) return std::nullopt;
   const uint8_t four_byte = ch.commands[slot + kFourByteOffset];
-  if (four_byte != 0 && (size > kThreeByteSpan || end > kThreeByteSpan))
+  const bool past_three_bytes = address >= kThreeByteSpan || end > kThreeByteSpan;
+  if (four_byte != 0 && (size > kThreeByteSpan || past_three_bytes))
     return std::vector<uint8_t>{four_byte, uint8_t(address >> 24), uint8_t(address >> 16),
                                 uint8_t(address >> 8), uint8_t(address)};
-  if (end > kThreeByteSpan) return std::nullopt;
+  if (past_three_bytes) return std::nullopt;
   return std::vector<uint8_t>{ch.commands[slot], uint8_t(address >> 16), uint8_t(address >> 8),
                               uint8_t(address)};
 }

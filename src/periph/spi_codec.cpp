@@ -54,12 +54,13 @@ int flash_command(const SPI_FLASH_CONFIG& flash, FlashOp op, uint64_t address, u
   if (flash.Param64 != 0 && end > flash.Param64) return result::kBadArgument;
   const CommandSlots slot = slots(op);
   const uint8_t four_byte = flash.Commands[slot.four_byte];
-  const bool large = flash.Param64 > kThreeByteSpan || end > kThreeByteSpan;
-  if (large && four_byte != 0) {
+  // the start address must fit too: an empty range at 16 MiB is no range at 0
+  const bool past_three_bytes = address >= kThreeByteSpan || end > kThreeByteSpan;
+  if (four_byte != 0 && (flash.Param64 > kThreeByteSpan || past_three_bytes)) {
     *out = {four_byte, 4};
     return 0;
   }
-  if (end > kThreeByteSpan) return result::kBadArgument;
+  if (past_three_bytes) return result::kBadArgument;
   *out = {flash.Commands[slot.three_byte], 3};
   return 0;
 }

@@ -49,7 +49,7 @@ void flash_range(const uint8_t* data, size_t size) {
   FlashCommand command;
   if (flash_command(flash, op, address, length, &command) != 0) {
     const bool past_flash = flash.Param64 != 0 && end > flash.Param64;
-    check(past_flash || end > kThreeByteSpan);
+    check(past_flash || end > kThreeByteSpan || address >= kThreeByteSpan);
     return;
   }
   check(flash.Param64 == 0 || end <= flash.Param64);
