@@ -12,7 +12,7 @@ namespace {
 // Our firmware's reading of the flash description: which command byte does what. Bytes 8 to 11
 // are the 4-byte-address forms of read, fast read, program and sector erase (0: none).
 constexpr size_t kWriteEnable = 0, kRead = 1, kFastRead = 2, kProgram = 3, kReadId = 4,
-                 kSectorErase = 6, kFourByteOffset = 7;
+                 kSectorErase = 6;
 constexpr uint64_t kThreeByteSpan = uint64_t(1) << 24;
 constexpr size_t kKeptSessions = 4096;
 
@@ -27,14 +27,14 @@ Packet refused(uint32_t command) {
   return reply_with(command, {1});
 }
 
-// The command a range needs: the 4-byte form (description byte `slot` + 7) when there is one and
-// the flash is larger than 16 MiB or the range reaches past it; the 3-byte form while the range
+// The command a range needs: the 4-byte form (bytes 8 to 11 for 1, 2, 3 and 6) when there is one
+// and the flash is larger than 16 MiB or the range reaches past it; the 3-byte form while the range
 // stays below 16 MiB; nothing (refused) past 16 MiB without a 4-byte form or past the flash.
 std::optional<std::vector<uint8_t>> with_address(const SpiModel::Channel& ch, size_t slot,
                                                  uint64_t address, uint64_t length) {
   const uint64_t end = address + length, size = ch.flash.size();
   if (end > size) return std::nullopt;
-  const uint8_t four_byte = ch.commands[slot + kFourByteOffset];
+  const uint8_t four_byte = ch.commands[slot == kSectorErase ? 11 : slot + 7];
   const bool past_three_bytes = address >= kThreeByteSpan || end > kThreeByteSpan;
   if (four_byte != 0 && (size > kThreeByteSpan || past_three_bytes))
     return std::vector<uint8_t>{four_byte, uint8_t(address >> 24), uint8_t(address >> 16),
