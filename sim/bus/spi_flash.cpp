@@ -107,7 +107,7 @@ std::vector<uint8_t> SpiNorFlash::transfer(std::span<const uint8_t> out, size_t 
     case 0x21:
       if (!write_enabled_ || out.size() < 1 + width) break;
       std::fill_n(memory_.begin() + ptrdiff_t(at / kSector * kSector), kSector, 0xFF);
-      start(kSectorEraseUs);
+      start(sector_erase_us_);
       break;
     case 0xC7:
     case 0x60:
@@ -129,6 +129,11 @@ uint64_t SpiNorFlash::busy_until_us() const {
 std::vector<uint8_t> SpiNorFlash::contents() const {
   std::lock_guard guard(mutex_);
   return memory_;
+}
+
+void SpiNorFlash::set_sector_erase_us(uint64_t us) {
+  std::lock_guard guard(mutex_);
+  sector_erase_us_ = us;
 }
 
 void SpiNorFlash::set_stuck_busy(bool stuck) {

@@ -40,6 +40,8 @@ class SpiNorFlash {
   std::vector<uint8_t> contents() const;
   // Test knob: the busy bit never clears.
   void set_stuck_busy(bool stuck);
+  // Test knob: how long a sector erase keeps the flash busy.
+  void set_sector_erase_us(uint64_t us);
 
  private:
   bool busy(uint64_t now_us) const { return stuck_ || now_us < busy_until_us_; }
@@ -51,6 +53,7 @@ class SpiNorFlash {
   std::vector<uint8_t> memory_;
   bool write_enabled_ = false, stuck_ = false;
   uint64_t busy_until_us_ = 0;
+  uint64_t sector_erase_us_ = kSectorEraseUs;
 };
 
 }  // namespace sim
