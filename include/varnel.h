@@ -1018,9 +1018,9 @@ typedef struct SPI_CONFIG {
 } SPI_CONFIG;
 VARNEL_STATIC_ASSERT(sizeof(SPI_CONFIG) == 12, "SPI_CONFIG is 12 bytes");
 
-/* SPI NOR flash description, 44 bytes. The library itself uses Commands[0] (write enable),
- * Commands[7] (chip erase) and Commands[13] (read status; bit 0 set while busy), and SPI_FlashErase
- * Commands[6] (4 KiB sector erase); the rest goes to the adapter. Commands[31] 0 is sent as 1. */
+/* SPI NOR flash description, 44 bytes. The library uses Commands[0] (write enable), [7] (chip
+ * erase), [13] (status; bit 0 busy), [6]/[11] (4 KiB erase, 3-/4-byte address), [8..10] (4-byte
+ * read, fast read, program; docs/spi.md); the rest goes to the adapter. [31] 0 is sent as 1. */
 typedef struct SPI_FLASH_CONFIG {
   uint8_t Commands[32];
   uint64_t Param64; /* our firmware: the flash size in bytes */
@@ -1119,9 +1119,9 @@ VARNEL_API int SPI_SlaveReadBytesFromBuffer(DevHandle DevHandle, uint8_t SPIInde
 /* Extension: bytes the full host buffer dropped, oldest first, since the stream started. */
 VARNEL_API int64_t VARNEL_SPI_SlaveDropped(DevHandle DevHandle, uint8_t SPIIndex);
 
-/* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages
- * (write enable 06, read 03, fast read 0B, page program 02, identification 9F, write disable 04,
- * 4 KiB sector erase 20, chip erase C7, read status 05). 0; -7 for NULL. */
+/* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages (06
+ * write enable, 03/0B read/fast read, 02 program, 9F id, 04 write disable, 20 4 KiB erase, C7 chip
+ * erase, 05 status; above 16 MiB also 13 0C 12 21, the 4-byte forms). 0; -7 for NULL. */
 VARNEL_API int VARNEL_SPI_NorFlashConfig(SPI_FLASH_CONFIG* pConfig, uint64_t Size);
 VARNEL_API int SPI_FlashInit(DevHandle DevHandle, uint8_t SPIIndex, uint32_t ClockSpeedHz,
                              SPI_FLASH_CONFIG* pConfig);
