@@ -20,7 +20,6 @@ class IsoTpPeer:
 
     def __init__(self, bus, block_size=0, stmin_ms=0):
         self.bus, self.block_size, self.stmin_ms = bus, block_size, stmin_ms
-        self.stamps = []  # device time stamps of the client's frames
 
     def _send(self, payload):
         data = bytes(payload) + bytes([FILL]) * (8 - len(payload))
@@ -30,7 +29,6 @@ class IsoTpPeer:
         while time.monotonic() < deadline:
             msg = self.bus.recv(0.05)
             if msg is not None and msg.arbitration_id == TX:
-                self.stamps.append(msg.timestamp)
                 return bytes(msg.data)
         raise TimeoutError("the client sent nothing more")
 
@@ -110,22 +108,6 @@ class IsoTpBothWays(unittest.TestCase):
                 talker.start()
                 self.assertEqual(self.client.receive(timeout=5.0), answer)
                 talker.join(10)
-
-    def test_iso_timing_keeps_a_microsecond_stmin(self):
-        # STmin F5 is 500 us in ISO 15765-2; the library alone reads it as 0 (no gap)
-        for iso_timing in (True, False):
-            with self.subTest(iso_timing=iso_timing):
-                client = self.adapter.uds(0, TX, RX, iso_timing=iso_timing)
-                peer = IsoTpPeer(self.peer_bus, stmin_ms=0xF5)
-                received = []
-                listener = threading.Thread(target=lambda: received.append(peer.receive()))
-                listener.start()
-                client.send(bytes(range(40)))  # a first frame and five consecutive frames
-                listener.join(10)
-                self.assertEqual(received, [bytes(range(40))])
-                gaps = [b - a for a, b in zip(peer.stamps[1:], peer.stamps[2:])]
-                self.assertEqual(len(gaps), 4)
-                self.assertEqual(min(gaps) >= 0.0005, iso_timing, gaps)
 
     def test_scheduled_frames_reach_python_can(self):
         self.channel.start_schedule([(varnel.Frame(0x123, b"\x11"), 10)], periods=3)
