@@ -435,6 +435,11 @@ VARNEL_API int CAN_UDS_Response(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_A
  * as its length is known, with nothing written past the buffer. */
 VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
                                         uint8_t* pResData, uint32_t Size, int32_t TimeOutMs);
+/* Extension: flow control read as ISO 15765-2 reads it, kept per adapter and channel (off until
+ * set): STmin F1..F9 are 100..900 us and the reserved codes 127 ms (off: above 127 counts as 0),
+ * and every "wait" frame starts the flow control wait again (off: one wait from the first). 0, or
+ * -108 when the handle has no device index. */
+VARNEL_API int VARNEL_CAN_UDS_SetIsoTiming(DevHandle DevHandle, uint8_t CANIndex, int On);
 
 /* ===== LIN ================================================================================== */
 

@@ -125,6 +125,7 @@ UDS = {
     "CAN_UDS_Config": (_int, [_u32, _u8, ctypes.POINTER(CAN_UDS_CONFIG)], COUNT),
     "CAN_UDS_Request": (_int, [_u32, _u8, _ADDR_P, _u8p, _i32], COUNT),
     "VARNEL_CAN_UDS_ResponseN": (_int, [_u32, _u8, _ADDR_P, _u8p, _u32, _i32], COUNT),
+    "VARNEL_CAN_UDS_SetIsoTiming": (_int, [_u32, _u8, _int], COUNT),
 }
 SPI = {
     "SPI_Init": (_int, [_u32, _u8, ctypes.POINTER(SPI_CONFIG)], COUNT),
