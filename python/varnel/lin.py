@@ -114,8 +114,10 @@ class LinChannel:
         """The boot loader's key routine for security access on this channel: a callable
         routine(seed, key_constant) -> 16-bit key, or None for the library's default (the seed
         rotated left by 5 bits, XOR the constant)."""
-        callback = None if routine is None else LIN_BOOT_KEY_ROUTINE(
-            lambda seed, constant: routine(seed, constant) & 0xFFFF)
+        if routine is None:
+            callback = ctypes.cast(None, LIN_BOOT_KEY_ROUTINE)  # NULL: the default
+        else:
+            callback = LIN_BOOT_KEY_ROUTINE(lambda seed, k: routine(seed, k) & 0xFFFF)
         self._call("VARNEL_USDLINBoot_SetKeyRoutine", callback)
         self._key_routine = callback  # the library calls it later: it must stay alive
 
