@@ -570,7 +570,10 @@ VARNEL_API int LIN_UDS_GetMsgFromUDSBuffer(DevHandle DevHandle, uint8_t LINIndex
  * -10 a wrong answer, -11 no programming session before the time-out, -12 a message longer than
  * 4095 bytes, -13 a bad download answer, -14 a transfer counter not echoed. A positive result is
  * the number of frames that came back when fewer did. Security access: the key is the seed
- * rotated left by 5 bits, XOR KeyConstant (our targets' key routine). */
+ * rotated left by 5 bits, XOR KeyConstant (our targets' key routine) unless
+ * VARNEL_USDLINBoot_SetKeyRoutine set another. Any NAD goes out as given (7F: whichever node is
+ * there; 00 too). An answer is read frame by frame, each next frame within 1 s (a frame with a
+ * bad checksum, filler or another kind of frame is passed over); then -9. */
 VARNEL_API int USDLINBoot_Init(DevHandle DevHandle, uint8_t LINIndex, uint32_t BaudRate);
 VARNEL_API int USDLINBoot_Start(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
                                 uint16_t KeyConstant, uint32_t TimeOutMs);
@@ -585,6 +588,14 @@ VARNEL_API int USDLINBoot_ResetECU(DevHandle DevHandle, uint8_t LINIndex, uint8_
  * answer; our targets: 0 the CRC-32 of the last download matches CheckValue, 1 not). */
 VARNEL_API int VARNEL_USDLINBoot_MemCheckResult(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
                                                 uint32_t CheckValue, uint8_t* pStatus);
+/* Extension: the target's key routine for security access, per adapter and LIN channel (0..7):
+ * called with the seed (bytes 2..3 of the seed answer, big-endian) and the KeyConstant of
+ * USDLINBoot_Start, it returns the two key bytes (sent high byte first). NULL restores the
+ * default. 0, or -7 for a channel of 8 or more. The routine is called in the thread that calls
+ * USDLINBoot_Start. */
+typedef uint16_t (*VARNEL_LIN_BOOT_KEY_ROUTINE)(uint16_t Seed, uint16_t KeyConstant);
+VARNEL_API int VARNEL_USDLINBoot_SetKeyRoutine(DevHandle DevHandle, uint8_t LINIndex,
+                                               VARNEL_LIN_BOOT_KEY_ROUTINE Routine);
 
 /* The older LIN calls, on both generations of adapter firmware: LIN_Init reads the firmware
  * version (below 1.5.0.30 the adapter takes the old commands), then every call either sends its

@@ -117,7 +117,7 @@ void VirtualAdapter::dispatch(const Packet& request) {
 
 void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) {
   using Kind = ReplyFault::Kind;
-  auto ready_at = std::chrono::steady_clock::now();
+  auto ready_at = std::chrono::steady_clock::now() + reply.after;
   uint32_t announced = uint32_t(reply.payload.size());
   std::chrono::milliseconds byte_gap{0};
   if (fault) {

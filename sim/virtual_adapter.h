@@ -25,6 +25,8 @@ namespace sim {
 struct Packet {
   uint32_t command = 0;
   std::vector<uint8_t> payload;
+  // A reply: how long after the request the firmware sends it (the bus time its work takes).
+  std::chrono::microseconds after{0};
 };
 
 // The adapter's own time in microseconds. It runs with the host's monotonic clock from the

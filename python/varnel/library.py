@@ -190,6 +190,8 @@ IMAGES = {
     "hexfile_convert_txt": (_int, [_char_p, _i32, _SEG_P, _u32, ctypes.c_int8], None),
     "hexfile_free_data": (_int, [_SEG_P, _i32], None),
 }
+# The target's key routine for security access: (seed, key constant) -> key.
+LIN_BOOT_KEY_ROUTINE = ctypes.CFUNCTYPE(_u16, _u16, _u16)
 LIN_BOOT = {
     "USDLINBoot_Init": (_int, [_u32, _u8, _u32], COUNT),
     "USDLINBoot_Start": (_int, [_u32, _u8, _u8, ctypes.c_uint16, _u32], COUNT),
@@ -197,6 +199,7 @@ LIN_BOOT = {
     "USDLINBoot_WriteData": (_int, [_u32, _u8, _u8, _u32, _u8p, _u32], COUNT),
     "VARNEL_USDLINBoot_MemCheckResult": (_int, [_u32, _u8, _u8, _u32, _u8p], COUNT),
     "USDLINBoot_ResetECU": (_int, [_u32, _u8, _u8], COUNT),
+    "VARNEL_USDLINBoot_SetKeyRoutine": (_int, [_u32, _u8, LIN_BOOT_KEY_ROUTINE], COUNT),
 }
 _KWP_P = ctypes.POINTER(KWP_MSG)
 KLINE = {
