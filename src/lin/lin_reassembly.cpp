@@ -49,8 +49,8 @@ BootReassembly::Step BootReassembly::take(const uint8_t* frame) {
   const uint8_t pci = frame[1];
   const auto step = [&] { return remaining_ == 0 ? Step::kComplete : Step::kMore; };
   switch (pci >> 4) {
-    case 0:
-      message_.assign(frame + 2, frame + 2 + std::min(pci & 0x0F, 6));
+    case 0:  // appended to what an earlier first frame brought, as the boot protocol defines it
+      message_.insert(message_.end(), frame + 2, frame + 2 + std::min(pci & 0x0F, 6));
       remaining_ = 0;
       return Step::kComplete;
     case 1: {

@@ -36,7 +36,8 @@ class DiagnosticReassembly {
 
 // The boot loader's reader: the sequence number is not checked, frames of other kinds (filler,
 // flow control) are passed over, consecutive frames before a first frame belong to an earlier
-// answer and are passed over too.
+// answer and are passed over too. A single frame completes the message with its bytes added to
+// what was collected so far (unlike the diagnostic reader, the boot protocol keeps them).
 class BootReassembly {
  public:
   enum class Step { kPassedOver, kMore, kComplete };
