@@ -143,14 +143,19 @@ VARNEL_API bool DEV_GetDeviceInfo(DevHandle DevHandle, DEVICE_INFO* pDevInfo,
 /* 64 bytes; false unless exactly 64 came and the first is neither 0 nor 255. */
 VARNEL_API bool DEV_GetHardwareInfo(DevHandle DevHandle, uint8_t* pHardwareInfo);
 /* User data: offsets are multiples of 4; a write takes at most VARNEL_DEV_USER_DATA_SIZE bytes.
- * A read stores at most DataLen bytes and is true only when exactly DataLen came (false when the
- * area ends first, or on any other reply). */
+ * A read stores at most DataLen bytes and is true whenever a reply was read, whatever its length
+ * (fewer bytes when the area ends first; over USB at most 0x80000): VARNEL_DEV_ReadUserDataN
+ * tells how many came. */
 VARNEL_API bool DEV_EraseUserData(DevHandle DevHandle);
 VARNEL_API bool DEV_EraseUserDataSector(DevHandle DevHandle, uint32_t Sector);
 VARNEL_API bool DEV_WriteUserData(DevHandle DevHandle, int32_t OffsetAddr,
                                   const uint8_t* pWriteData, int32_t DataLen);
 VARNEL_API bool DEV_ReadUserData(DevHandle DevHandle, uint32_t OffsetAddr, uint8_t* pReadData,
                                  uint32_t DataLen);
+/* Extension: DEV_ReadUserData that returns the bytes that arrived (0..DataLen), or -7 (offset not
+ * a multiple of 4, no buffer), -2 (request not written), -4 (no reply read). */
+VARNEL_API int VARNEL_DEV_ReadUserDataN(DevHandle DevHandle, uint32_t OffsetAddr,
+                                        uint8_t* pReadData, uint32_t DataLen);
 VARNEL_API bool DEV_SetPowerLevel(DevHandle DevHandle, uint8_t PowerLevel);
 /* The timer chosen by TimerIndex (virtual adapter: 0 microseconds, 1 milliseconds, 8 bytes
  * big-endian) into pTimestamp; false unless exactly VARNEL_DEV_TIMESTAMP_SIZE bytes came. */

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "core/transport.h"
 
@@ -42,8 +43,7 @@ struct PinSequence {
 };
 
 void wait_until(uint64_t deadline_ns) {
-  while (monotonic_ns() < deadline_ns) {
-  }
+  wait_until_ns(deadline_ns);
 }
 
 }  // namespace
@@ -142,7 +142,7 @@ int poll(uint32_t handle, uint8_t channel, int timeout_ms, TimeCount count,
     const bool time_up =
         count == TimeCount::kPolls ? remaining <= 0 : elapsed_ms_since(start) >= timeout_ms;
     if (time_up) return 0;
-    busy_wait_us(kPollIntervalMs * 1000);
+    wait_for_us(kPollIntervalMs * 1000);
     remaining -= kPollIntervalMs;
   }
 }

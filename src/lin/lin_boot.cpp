@@ -13,6 +13,7 @@
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "lin/lin_reassembly.h"
 #include "varnel.h"
@@ -172,7 +173,7 @@ int enter_programming(uint32_t handle, uint8_t ch, uint8_t nad, uint32_t timeout
   Exchange e = exchange(handle, ch, nad, {0x10, 0x02}, std::min(kNextFramePatience, time_left()));
   while (!e.positive(0x50, 1)) {
     if (Clock::now() + step > deadline) return kSessionTimeOut;
-    busy_wait_us(kSessionPollMs * 1000);
+    wait_for_us(kSessionPollMs * 1000);
     e.result = receive_message(handle, ch, e.answer, time_left());
     if (e.result == 0) break;
   }
@@ -193,7 +194,7 @@ int run_routine(uint32_t handle, uint8_t ch, uint8_t nad, std::vector<uint8_t> s
                   started.answer[3] == routine_low &&
                   (start_length_exact == 0 || started.answer.size() == start_length_exact);
   if (!ok) return started.result < 0 ? started.result : kWrongAnswer;
-  busy_wait_us(uint64_t(started.answer[4] << 8 | started.answer[5]) * 1000);
+  wait_for_us(uint64_t(started.answer[4] << 8 | started.answer[5]) * 1000);
   const Exchange results = exchange(handle, ch, nad, {0x31, 0x03, 0xDF, routine_low});
   const bool done = results.positive(0x71, 4) && results.answer[1] == 0x03 &&
                     results.answer[2] == 0xDF && results.answer[3] == routine_low;

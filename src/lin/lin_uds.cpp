@@ -11,6 +11,7 @@
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "lin/lin_calls.h"
 #include "lin/lin_reassembly.h"
@@ -180,7 +181,7 @@ VARNEL_API int LIN_UDS_Request(DevHandle handle, uint8_t ch, LIN_UDS_ADDR* a, ui
                              : send_segmented(handle, ch, *a, data, length, baud);
     if (r != 0 || length < 7) return r;
     const int64_t wait_ms = int64_t(a->FrameSpacing) - int64_t((137000 + baud - 1) / baud);
-    if (wait_ms >= 1) busy_wait_us(uint64_t(wait_ms) * 1000);
+    if (wait_ms >= 1) wait_for_us(uint64_t(wait_ms) * 1000);
     return 0;
   });
 }

@@ -14,6 +14,7 @@
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/locks.h"
 #include "core/result_codes.h"
 #include "core/transaction.h"
@@ -126,7 +127,7 @@ int wait_idle(uint32_t handle, uint8_t channel, const SPI_FLASH_CONFIG& flash, i
     if (sleep)
       sleep_for_ms(kFlashPollMs);
     else
-      busy_wait_us(kFlashPollMs * 1000);
+      wait_for_us(kFlashPollMs * 1000);
     *elapsed_ms += kFlashPollMs;
     if (*elapsed_ms > timeout_ms) return kStillBusy;
     if (int r = flash_status(handle, channel, flash, &status); r != 0) return r;
