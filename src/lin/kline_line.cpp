@@ -1,7 +1,6 @@
 // The K-line's shared pieces (see kline_line.h).
 #include "lin/kline_line.h"
 
-#include <algorithm>
 #include <memory>
 #include <mutex>
 
@@ -86,28 +85,28 @@ int init_uart(uint32_t handle, uint8_t channel) {
 }
 
 int send_five_baud_address(uint32_t handle, uint8_t channel, uint8_t address) {
-  const uint32_t pin = wakeup_pin_mask(handle, channel);
-  int r = DIO_Init(handle, pin);
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin};
+  PinSequence line{handle, mask};
   line.level(true).hold_ms(300).level(false).hold_ms(200);  // idle, then the start bit
   for (int bit = 0; bit < 8; ++bit) line.level((address >> bit) & 1).hold_ms(200);
   return line.level(true).hold_ms(10).result;  // the stop bit
 }
 
 int send_fast_pattern_slept(uint32_t handle, uint8_t channel) {
-  const uint32_t pin = wakeup_pin_mask(handle, channel);
-  int r = DIO_Init(handle, pin);
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin};
+  PinSequence line{handle, mask};
   return line.level(true).hold_ms(300).level(false).hold_ms(25).level(true).hold_ms(25).result;
 }
 
 int send_fast_pattern_counted(uint32_t handle, uint8_t channel) {
-  const uint32_t pin = wakeup_pin_mask(handle, channel);
-  int r = DIO_Init(handle, pin);
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin};
+  PinSequence line{handle, mask};
   if (line.level(true).hold_ms(300).result != 0) return line.result;
   const uint64_t low_from = monotonic_ns();
   if (line.level(false).result != 0) return line.result;
