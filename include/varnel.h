@@ -703,6 +703,12 @@ VARNEL_API int KWP_FastInit(DevHandle DevHandle, uint8_t Channel, uint32_t BaudR
 VARNEL_API int KWP_Request(DevHandle DevHandle, uint8_t Channel, KWP_MSG* pRequest);
 VARNEL_API int KWP_Response(DevHandle DevHandle, uint8_t Channel, KWP_MSG* pResponse,
                             uint32_t TimeOutMs);
+/* Extension: the digital output (bit Pin, 0..31, of the DIO_ masks) that draws Channel's wake-up
+ * patterns on this adapter; bit Channel until set, kept for the process's life. 0; -7 for a
+ * channel of 8 or more or a pin above 31; -200 unknown handle. See docs/kline.md. */
+VARNEL_API int VARNEL_KLINE_SetWakeupPin(DevHandle DevHandle, uint8_t Channel, uint8_t Pin);
+/* Extension: the pin drawing Channel's wake-up patterns (0..31), or -7 / -200 as above. */
+VARNEL_API int VARNEL_KLINE_GetWakeupPin(DevHandle DevHandle, uint8_t Channel);
 
 /* ===== DBC database files =================================================================== */
 

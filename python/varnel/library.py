@@ -208,6 +208,8 @@ KLINE = {
     "KWP_FastInit": (_int, [_u32, _u8, _u32, _KWP_P, _KWP_P, _KWP_P, _u32], COUNT),
     "KWP_Request": (_int, [_u32, _u8, _KWP_P], COUNT),
     "KWP_Response": (_int, [_u32, _u8, _KWP_P, _u32], COUNT),
+    "VARNEL_KLINE_SetWakeupPin": (_int, [_u32, _u8, _u8], COUNT),
+    "VARNEL_KLINE_GetWakeupPin": (_int, [_u32, _u8], COUNT),
 }
 FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT, UART,
             KLINE)
