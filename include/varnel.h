@@ -788,6 +788,13 @@ VARNEL_API int VARNEL_DbcDecodeFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const
                                      int DataLen, double* pValues, uint8_t* pSelected, int Count);
 VARNEL_API int VARNEL_DbcEncodeFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const double* pValues,
                                      int Count, uint32_t Flags, uint8_t* pData, int Size);
+/* VARNEL_DbcDecodeChoices: for each signal of the message, in the same order, the choice name
+ * (VAL_) of the raw value the frame carries (sign-extended for signed integer signals), as DBC
+ * tools key their value tables; NULL for a signal without a name for that value, a float signal
+ * or one the frame does not select. The names belong to the database and stay valid as long as
+ * it does. Returns the message's signal count; codes as VARNEL_DbcDecodeFrame. */
+VARNEL_API int VARNEL_DbcDecodeChoices(DBC_HANDLE DBCHandle, uint32_t MsgID, const uint8_t* pData,
+                                       int DataLen, const char** pNames, int Count);
 
 /* ===== Firmware image files ================================================================= */
 

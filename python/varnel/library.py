@@ -95,6 +95,8 @@ DBC = {
                                       ctypes.POINTER(_u8), _int], COUNT),
     "VARNEL_DbcEncodeFrame": (_int, [_u64, _u32, _dbl_p, _int, _u32, ctypes.c_char_p, _int],
                               COUNT),
+    "VARNEL_DbcDecodeChoices": (_int, [_u64, _u32, ctypes.c_char_p, _int,
+                                        ctypes.POINTER(ctypes.c_char_p), _int], COUNT),
 }
 _u8p, _u16, _u16p, _u32p = (ctypes.POINTER(_u8), ctypes.c_uint16, ctypes.POINTER(ctypes.c_uint16),
                             ctypes.POINTER(_u32))
