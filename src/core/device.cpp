@@ -3,6 +3,7 @@
 // function string).
 #include "core/device.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -73,6 +74,24 @@ bool acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> re
                   int read_timeout_ms) {
   return transact_ack(handle, command, request, read_timeout(read_timeout_ms)).expect_length(0) ==
          0;
+}
+
+// The user-data read both calls share: the bytes that arrived (stored at pReadData, at most
+// DataLen), -7 for an offset that is not a multiple of 4 or no buffer, -2 when the request could
+// not be written, -4 when no reply of this command could be read. The reply goes straight into
+// the caller's buffer whatever its length: a shorter one (the area ended, or the USB carrier cut
+// a reply above 512 KiB) is still a read, and only the count tells.
+int read_user_data(uint32_t handle, uint32_t offset, uint8_t* out, uint32_t count) {
+  if (offset % 4 != 0 || (count > 0 && !out)) return result::kBadArgument;
+  PayloadWriter request;
+  request.u32(offset).u32(count);
+  const size_t capacity = std::min<uint32_t>(count, uint32_t(INT32_MAX));
+  std::array<uint8_t, 64> empty{};
+  std::span<uint8_t> reply = capacity ? std::span<uint8_t>(out, capacity) : scratch_reply(empty);
+  const auto r = transact(handle, kReadUserData, request.bytes(), reply);
+  if (r.send_result != 0) return result::kWriteFailed;
+  if (r.read_result != 0) return result::kReplyFailed;
+  return int(std::clamp<int64_t>(r.reply_length, 0, int64_t(capacity)));
 }
 
 int month_number(const char* name) {
@@ -155,20 +174,14 @@ VARNEL_API bool DEV_WriteUserData(DevHandle handle, int32_t OffsetAddr, const ui
 
 VARNEL_API bool DEV_ReadUserData(DevHandle handle, uint32_t OffsetAddr, uint8_t* pReadData,
                                  uint32_t DataLen) {
-  return varnel::guarded(false, [&] {
-    if (OffsetAddr % 4 != 0 || (DataLen > 0 && !pReadData)) return false;
-    PayloadWriter request;
-    request.u32(OffsetAddr).u32(DataLen);
-    // The reply goes straight into the caller's buffer, bounded by the count it asked for.
-    const size_t capacity = std::min<uint32_t>(DataLen, uint32_t(INT32_MAX));
-    std::array<uint8_t, 64> empty{};
-    std::span<uint8_t> reply =
-        capacity ? std::span<uint8_t>(pReadData, capacity) : scratch_reply(empty);
-    // Anything but the count asked for (a cut payload, a negative length) leaves the buffer
-    // partly stale, so it is a failure.
-    return transact(handle, kReadUserData, request.bytes(), reply)
-               .expect_length(int32_t(capacity)) == 0;
-  });
+  return varnel::guarded(
+      false, [&] { return read_user_data(handle, OffsetAddr, pReadData, DataLen) >= 0; });
+}
+
+VARNEL_API int VARNEL_DEV_ReadUserDataN(DevHandle handle, uint32_t OffsetAddr, uint8_t* pReadData,
+                                        uint32_t DataLen) {
+  return varnel::guarded(result::kFailed,
+                         [&] { return read_user_data(handle, OffsetAddr, pReadData, DataLen); });
 }
 
 VARNEL_API bool DEV_SetPowerLevel(DevHandle handle, uint8_t PowerLevel) {

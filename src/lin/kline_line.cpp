@@ -1,14 +1,16 @@
 // The K-line's shared pieces (see kline_line.h).
 #include "lin/kline_line.h"
 
-#include <algorithm>
 #include <memory>
 #include <mutex>
 
 #include "core/adapter_state.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "core/transport.h"
+#include "lin/kline_frames.h"
+#include "lin/kline_wakeup_pins.h"
 
 namespace varnel::kline {
 namespace {
@@ -44,8 +46,7 @@ struct PinSequence {
 };
 
 void wait_until(uint64_t deadline_ns) {
-  while (monotonic_ns() < deadline_ns) {
-  }
+  wait_until_ns(deadline_ns);
 }
 
 }  // namespace
@@ -86,25 +87,28 @@ int init_uart(uint32_t handle, uint8_t channel) {
 }
 
 int send_five_baud_address(uint32_t handle, uint8_t channel, uint8_t address) {
-  int r = DIO_Init(handle, pin_of(channel));
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin_of(channel)};
+  PinSequence line{handle, mask};
   line.level(true).hold_ms(300).level(false).hold_ms(200);  // idle, then the start bit
   for (int bit = 0; bit < 8; ++bit) line.level((address >> bit) & 1).hold_ms(200);
   return line.level(true).hold_ms(10).result;  // the stop bit
 }
 
 int send_fast_pattern_slept(uint32_t handle, uint8_t channel) {
-  int r = DIO_Init(handle, pin_of(channel));
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin_of(channel)};
+  PinSequence line{handle, mask};
   return line.level(true).hold_ms(300).level(false).hold_ms(25).level(true).hold_ms(25).result;
 }
 
 int send_fast_pattern_counted(uint32_t handle, uint8_t channel) {
-  int r = DIO_Init(handle, pin_of(channel));
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin_of(channel)};
+  PinSequence line{handle, mask};
   if (line.level(true).hold_ms(300).result != 0) return line.result;
   const uint64_t low_from = monotonic_ns();
   if (line.level(false).result != 0) return line.result;
@@ -125,34 +129,29 @@ int send_with_echo(uint32_t handle, uint8_t channel, std::span<const uint8_t> fr
   std::vector<uint8_t> echo(kReadBuffer);
   const int n = UART_ReadBytes(handle, channel, echo.data(), echo_timeout_ms);
   if (n < 0) return n;
-  if (size_t(n) != frame.size() || !std::equal(frame.begin(), frame.end(), echo.begin()))
-    return kEchoError;
+  if (!echo_matches(frame, {echo.data(), size_t(n)})) return kEchoError;
   return 0;
 }
 
-int poll(uint32_t handle, uint8_t channel, int timeout_ms, TimeCount count,
+int poll(uint32_t handle, uint8_t channel, int timeout_ms,
          const std::function<void(std::span<const uint8_t>)>& take,
          const std::function<bool()>& done) {
   std::vector<uint8_t> buffer(kReadBuffer);
   const uint64_t start = monotonic_ns();
-  int remaining = timeout_ms;
   for (;;) {
     const int n = UART_ReadBytes(handle, channel, buffer.data(), 0);
     if (n < 0) return n;
     if (n > 0) take({buffer.data(), size_t(n)});
     if (done()) return 0;
-    const bool time_up =
-        count == TimeCount::kPolls ? remaining <= 0 : elapsed_ms_since(start) >= timeout_ms;
-    if (time_up) return 0;
-    busy_wait_us(kPollIntervalMs * 1000);
-    remaining -= kPollIntervalMs;
+    if (elapsed_ms_since(start) >= timeout_ms) return 0;
+    wait_for_us(kPollIntervalMs * 1000);
   }
 }
 
-int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms, TimeCount count,
+int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms,
             std::vector<uint8_t>& out) {
   return poll(
-      handle, channel, timeout_ms, count,
+      handle, channel, timeout_ms,
       [&](std::span<const uint8_t> bytes) {
         for (uint8_t b : bytes)
           if (out.size() < want) out.push_back(b);

@@ -46,7 +46,7 @@ int read_records(uint32_t handle, uint32_t command, uint8_t channel, LIN_EX_MSG*
   max = std::min<uint32_t>(max, VARNEL_LIN_FETCH_SIZE);
   const auto r = transact(handle, command, {&channel, 1}, as_bytes(records, max));
   if (r.send_result != 0) return result::kWriteFailed;
-  if (r.read_result != 0) return result::kReplyFailed;
+  if (r.read_result != 0 || r.reply_length < 0) return result::kReplyFailed;
   const uint32_t n = uint32_t(r.reply_length) / sizeof(LIN_EX_MSG);
   if (n > max) return 0;
   std::copy_n(records, n, out);

@@ -55,7 +55,8 @@ int sync_piece(uint32_t handle, uint8_t ch, const LIN_EX_MSG* in, LIN_EX_MSG* ou
       transact(handle, kMasterSync, with_records(ch, requests), as_bytes(replies.data(), n),
                within(sync_timeout_ms(baud, requests.data(), n)));
   if (r.send_result != 0) return result::kWriteFailed;
-  if (r.read_result != 0) return result::kReplyFailed;
+  // a negative length is no record at all, never "every record"
+  if (r.read_result != 0 || r.reply_length < 0) return result::kReplyFailed;
   const uint32_t got = std::min<uint32_t>(uint32_t(r.reply_length) / sizeof(LIN_EX_MSG), n);
   for (uint32_t i = 0; i < got; ++i) {
     judge_master_reply(replies[i], requests[i], ch);

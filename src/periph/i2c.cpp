@@ -145,8 +145,14 @@ VARNEL_API int IIC_GetSlaveAddr(DevHandle handle, uint8_t channel, uint16_t* add
     if (!addresses) return varnel::result::kNotInitialised;
     const uint16_t last = stored_width(handle, channel) == 7 ? 127 : 1023;
     int found = 0;
-    for (uint16_t address = 0; address <= last; ++address)
-      if (write(handle, channel, address, {}, 5, 0) == 0) addresses[found++] = address;
+    for (uint16_t address = 0; address <= last; ++address) {
+      const int probe = write(handle, channel, address, {}, 5, 0);
+      // A probe the adapter does not answer means the adapter is gone (or silent): every other
+      // probe would wait its full time-out too, so the scan ends with that code. A missing
+      // acknowledge is the adapter's positive status and just leaves the address out.
+      if (probe < 0) return probe;
+      if (probe == 0) addresses[found++] = address;
+    }
     return found;
   });
 }
