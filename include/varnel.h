@@ -143,14 +143,19 @@ VARNEL_API bool DEV_GetDeviceInfo(DevHandle DevHandle, DEVICE_INFO* pDevInfo,
 /* 64 bytes; false unless exactly 64 came and the first is neither 0 nor 255. */
 VARNEL_API bool DEV_GetHardwareInfo(DevHandle DevHandle, uint8_t* pHardwareInfo);
 /* User data: offsets are multiples of 4; a write takes at most VARNEL_DEV_USER_DATA_SIZE bytes.
- * A read stores at most DataLen bytes and is true only when exactly DataLen came (false when the
- * area ends first, or on any other reply). */
+ * A read stores at most DataLen bytes and is true whenever a reply was read, whatever its length
+ * (fewer bytes when the area ends first; over USB at most 0x80000): VARNEL_DEV_ReadUserDataN
+ * tells how many came. */
 VARNEL_API bool DEV_EraseUserData(DevHandle DevHandle);
 VARNEL_API bool DEV_EraseUserDataSector(DevHandle DevHandle, uint32_t Sector);
 VARNEL_API bool DEV_WriteUserData(DevHandle DevHandle, int32_t OffsetAddr,
                                   const uint8_t* pWriteData, int32_t DataLen);
 VARNEL_API bool DEV_ReadUserData(DevHandle DevHandle, uint32_t OffsetAddr, uint8_t* pReadData,
                                  uint32_t DataLen);
+/* Extension: DEV_ReadUserData that returns the bytes that arrived (0..DataLen), or -7 (offset not
+ * a multiple of 4, no buffer), -2 (request not written), -4 (no reply read). */
+VARNEL_API int VARNEL_DEV_ReadUserDataN(DevHandle DevHandle, uint32_t OffsetAddr,
+                                        uint8_t* pReadData, uint32_t DataLen);
 VARNEL_API bool DEV_SetPowerLevel(DevHandle DevHandle, uint8_t PowerLevel);
 /* The timer chosen by TimerIndex (virtual adapter: 0 microseconds, 1 milliseconds, 8 bytes
  * big-endian) into pTimestamp; false unless exactly VARNEL_DEV_TIMESTAMP_SIZE bytes came. */
@@ -442,6 +447,11 @@ VARNEL_API int CAN_UDS_Response(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_A
  * as its length is known, with nothing written past the buffer. */
 VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle DevHandle, uint8_t CANIndex, CAN_UDS_ADDR* pAddr,
                                         uint8_t* pResData, uint32_t Size, int32_t TimeOutMs);
+/* Extension: flow control read as ISO 15765-2 reads it, kept per adapter and channel (off until
+ * set): STmin F1..F9 are 100..900 us and the reserved codes 127 ms (off: above 127 counts as 0),
+ * and every "wait" frame starts the flow control wait again (off: one wait from the first). 0, or
+ * -108 when the handle has no device index. */
+VARNEL_API int VARNEL_CAN_UDS_SetIsoTiming(DevHandle DevHandle, uint8_t CANIndex, int On);
 
 /* ===== LIN ================================================================================== */
 
@@ -572,7 +582,10 @@ VARNEL_API int LIN_UDS_GetMsgFromUDSBuffer(DevHandle DevHandle, uint8_t LINIndex
  * -10 a wrong answer, -11 no programming session before the time-out, -12 a message longer than
  * 4095 bytes, -13 a bad download answer, -14 a transfer counter not echoed. A positive result is
  * the number of frames that came back when fewer did. Security access: the key is the seed
- * rotated left by 5 bits, XOR KeyConstant (our targets' key routine). */
+ * rotated left by 5 bits, XOR KeyConstant (our targets' key routine) unless
+ * VARNEL_USDLINBoot_SetKeyRoutine set another. Any NAD goes out as given (7F: whichever node is
+ * there; 00 too). An answer is read frame by frame, each next frame within 1 s (a frame with a
+ * bad checksum, filler or another kind of frame is passed over); then -9. */
 VARNEL_API int USDLINBoot_Init(DevHandle DevHandle, uint8_t LINIndex, uint32_t BaudRate);
 VARNEL_API int USDLINBoot_Start(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
                                 uint16_t KeyConstant, uint32_t TimeOutMs);
@@ -587,6 +600,14 @@ VARNEL_API int USDLINBoot_ResetECU(DevHandle DevHandle, uint8_t LINIndex, uint8_
  * answer; our targets: 0 the CRC-32 of the last download matches CheckValue, 1 not). */
 VARNEL_API int VARNEL_USDLINBoot_MemCheckResult(DevHandle DevHandle, uint8_t LINIndex, uint8_t NAD,
                                                 uint32_t CheckValue, uint8_t* pStatus);
+/* Extension: the target's key routine for security access, per adapter and LIN channel (0..7):
+ * called with the seed (bytes 2..3 of the seed answer, big-endian) and the KeyConstant of
+ * USDLINBoot_Start, it returns the two key bytes (sent high byte first). NULL restores the
+ * default. 0, -7 for a channel of 8 or more, -1 for a handle no scan listed. The routine is
+ * called in the thread that calls USDLINBoot_Start. */
+typedef uint16_t (*VARNEL_LIN_BOOT_KEY_ROUTINE)(uint16_t Seed, uint16_t KeyConstant);
+VARNEL_API int VARNEL_USDLINBoot_SetKeyRoutine(DevHandle DevHandle, uint8_t LINIndex,
+                                               VARNEL_LIN_BOOT_KEY_ROUTINE Routine);
 
 /* The older LIN calls, on both generations of adapter firmware: LIN_Init reads the firmware
  * version (below 1.5.0.30 the adapter takes the old commands), then every call either sends its
@@ -689,6 +710,12 @@ VARNEL_API int KWP_FastInit(DevHandle DevHandle, uint8_t Channel, uint32_t BaudR
 VARNEL_API int KWP_Request(DevHandle DevHandle, uint8_t Channel, KWP_MSG* pRequest);
 VARNEL_API int KWP_Response(DevHandle DevHandle, uint8_t Channel, KWP_MSG* pResponse,
                             uint32_t TimeOutMs);
+/* Extension: the digital output (bit Pin, 0..31, of the DIO_ masks) that draws Channel's wake-up
+ * patterns on this adapter; bit Channel until set, kept for the process's life. 0; -7 for a
+ * channel of 8 or more or a pin above 31; -200 unknown handle. See docs/kline.md. */
+VARNEL_API int VARNEL_KLINE_SetWakeupPin(DevHandle DevHandle, uint8_t Channel, uint8_t Pin);
+/* Extension: the pin drawing Channel's wake-up patterns (0..31), or -7 / -200 as above. */
+VARNEL_API int VARNEL_KLINE_GetWakeupPin(DevHandle DevHandle, uint8_t Channel);
 
 /* ===== DBC database files =================================================================== */
 
@@ -768,6 +795,13 @@ VARNEL_API int VARNEL_DbcDecodeFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const
                                      int DataLen, double* pValues, uint8_t* pSelected, int Count);
 VARNEL_API int VARNEL_DbcEncodeFrame(DBC_HANDLE DBCHandle, uint32_t MsgID, const double* pValues,
                                      int Count, uint32_t Flags, uint8_t* pData, int Size);
+/* VARNEL_DbcDecodeChoices: for each signal of the message, in the same order, the choice name
+ * (VAL_) of the raw value the frame carries (sign-extended for signed integer signals), as DBC
+ * tools key their value tables; NULL for a signal without a name for that value, a float signal
+ * or one the frame does not select. The names belong to the database and stay valid as long as
+ * it does. Returns the message's signal count; codes as VARNEL_DbcDecodeFrame. */
+VARNEL_API int VARNEL_DbcDecodeChoices(DBC_HANDLE DBCHandle, uint32_t MsgID, const uint8_t* pData,
+                                       int DataLen, const char** pNames, int Count);
 
 /* ===== Firmware image files ================================================================= */
 
@@ -1025,9 +1059,9 @@ typedef struct SPI_CONFIG {
 } SPI_CONFIG;
 VARNEL_STATIC_ASSERT(sizeof(SPI_CONFIG) == 12, "SPI_CONFIG is 12 bytes");
 
-/* SPI NOR flash description, 44 bytes. The library itself uses Commands[0] (write enable),
- * Commands[7] (chip erase) and Commands[13] (read status; bit 0 set while busy), and SPI_FlashErase
- * Commands[6] (4 KiB sector erase); the rest goes to the adapter. Commands[31] 0 is sent as 1. */
+/* SPI NOR flash description, 44 bytes. The library uses Commands[0] (write enable), [7] (chip
+ * erase), [13] (status; bit 0 busy), [6]/[11] (4 KiB erase, 3-/4-byte address), [8..10] (4-byte
+ * read, fast read, program; docs/spi.md); the rest goes to the adapter. [31] 0 is sent as 1. */
 typedef struct SPI_FLASH_CONFIG {
   uint8_t Commands[32];
   uint64_t Param64; /* our firmware: the flash size in bytes */
@@ -1125,10 +1159,15 @@ VARNEL_API int SPI_SlaveReadBytesFromBuffer(DevHandle DevHandle, uint8_t SPIInde
                                             uint8_t* pReadData, int32_t Size);
 /* Extension: bytes the full host buffer dropped, oldest first, since the stream started. */
 VARNEL_API int64_t VARNEL_SPI_SlaveDropped(DevHandle DevHandle, uint8_t SPIIndex);
+/* Extension: the continuous read's state, or how the last one ended: 1 running; 0 never started,
+ * or stopped by the caller; else the negative code of the fetch that ended it (-2 the adapter was
+ * closed or went away, -4 its reply failed), kept until the next start; -7 for a channel other
+ * than 0 and 1. */
+VARNEL_API int VARNEL_SPI_SlaveStreamState(DevHandle DevHandle, uint8_t SPIIndex);
 
-/* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages
- * (write enable 06, read 03, fast read 0B, page program 02, identification 9F, write disable 04,
- * 4 KiB sector erase 20, chip erase C7, read status 05). 0; -7 for NULL. */
+/* Extension: the description of a common SPI NOR flash of `Size` bytes with 256-byte pages (06
+ * write enable, 03/0B read/fast read, 02 program, 9F id, 04 write disable, 20 4 KiB erase, C7 chip
+ * erase, 05 status; above 16 MiB also 13 0C 12 21, the 4-byte forms). 0; -7 for NULL. */
 VARNEL_API int VARNEL_SPI_NorFlashConfig(SPI_FLASH_CONFIG* pConfig, uint64_t Size);
 VARNEL_API int SPI_FlashInit(DevHandle DevHandle, uint8_t SPIIndex, uint32_t ClockSpeedHz,
                              SPI_FLASH_CONFIG* pConfig);
@@ -1236,6 +1275,11 @@ VARNEL_API int ADC_StopContinueRead(DevHandle DevHandle);
 VARNEL_API int ADC_GetData(DevHandle DevHandle, uint16_t* pData, int32_t MaxSamples);
 /* Extension: packets the full queue dropped since the stream started. */
 VARNEL_API int64_t VARNEL_ADC_Dropped(DevHandle DevHandle);
+/* Extension: the continuous read's state, or how the last one ended: 1 streaming; 0 never started,
+ * or stopped by ADC_StopContinueRead; -2 ended because the adapter was closed or reconnected under
+ * it (USB_CloseDevice, USB_RetryConnect, USB_WaitResume, a reconnection after a failed write, a
+ * scan that reopened it); -3 ended because the adapter went away; -1 for an unknown handle. */
+VARNEL_API int VARNEL_ADC_StreamState(DevHandle DevHandle);
 /* Extension: the queue's bound in bytes for the next start (at least one packet is kept);
  * 0 restores 20 MiB. 0, or -1 for an unknown handle. */
 VARNEL_API int VARNEL_ADC_SetQueueLimit(DevHandle DevHandle, uint32_t Bytes);

@@ -117,9 +117,10 @@ void VirtualAdapter::dispatch(const Packet& request) {
 
 void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) {
   using Kind = ReplyFault::Kind;
-  auto ready_at = std::chrono::steady_clock::now();
+  auto ready_at = std::chrono::steady_clock::now() + reply.after;
   uint32_t announced = uint32_t(reply.payload.size());
   std::chrono::milliseconds byte_gap{0};
+  int copies = 1;
   if (fault) {
     switch (fault->kind) {
       case Kind::kDrop:
@@ -141,14 +142,19 @@ void VirtualAdapter::queue_reply(Packet reply, std::optional<ReplyFault> fault) 
       case Kind::kTrickle:
         byte_gap = std::chrono::milliseconds(fault->value);
         break;
+      case Kind::kDuplicate:
+        copies = 2;
+        break;
     }
   }
   std::lock_guard guard(output_mutex_);
-  segments_.push_back({header_bytes(reply.command, announced), 0, ready_at});
-  if (byte_gap.count() > 0) {  // a slow peer: one byte at a time
-    for (uint8_t byte : reply.payload) segments_.push_back({{byte}, 0, ready_at += byte_gap});
-  } else if (!reply.payload.empty()) {
-    segments_.push_back({std::move(reply.payload), 0, ready_at});
+  for (int copy = 0; copy < copies; ++copy) {
+    segments_.push_back({header_bytes(reply.command, announced), 0, ready_at});
+    if (byte_gap.count() > 0) {  // a slow peer: one byte at a time
+      for (uint8_t byte : reply.payload) segments_.push_back({{byte}, 0, ready_at += byte_gap});
+    } else if (!reply.payload.empty()) {
+      segments_.push_back({reply.payload, 0, ready_at});
+    }
   }
   output_ready_.notify_all();
 }

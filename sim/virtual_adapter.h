@@ -27,6 +27,8 @@ namespace sim {
 struct Packet {
   uint32_t command = 0;
   std::vector<uint8_t> payload;
+  // A reply: how long after the request the firmware sends it (the bus time its work takes).
+  std::chrono::microseconds after{0};
 };
 
 // The adapter's own time in microseconds. It runs with the host's monotonic clock from the
@@ -51,11 +53,12 @@ class DeviceClock {
 // What the next replies should do wrong. Each fault applies once, to the next reply produced (of
 // `command`, when that is not 0).
 struct ReplyFault {
-  enum class Kind { kDrop, kLate, kShort, kOtherCommand, kAnnounceLength, kTrickle };
+  enum class Kind { kDrop, kLate, kShort, kOtherCommand, kAnnounceLength, kTrickle, kDuplicate };
   Kind kind = Kind::kDrop;
   uint32_t value = 0;  // late: delay in ms; short: bytes kept; other command: the code;
                        // announce length: the length written in the header (payload padded);
-                       // trickle: ms between the payload's bytes (the header comes at once)
+                       // trickle: ms between the payload's bytes (the header comes at once);
+                       // duplicate: unused (the reply is sent twice, back to back)
   uint32_t command = 0;
 };
 

@@ -181,7 +181,12 @@ class CanChannel:
         mode = MODE_LISTEN_ONLY if self.listen_only else MODE_NORMAL
         if self.fd_controller:
             config = CANFD_INIT_CONFIG()
-            library.CANFD_GetCANSpeedArg(h, ctypes.byref(config), self.bitrate, self.data_bitrate)
+            try:
+                library.CANFD_GetCANSpeedArg(h, ctypes.byref(config), self.bitrate,
+                                             self.data_bitrate)
+            except VarnelError as error:
+                raise error.about({"bit rate": self.bitrate,
+                                   "data bit rate": self.data_bitrate}) from None
             config.Mode = mode
             config.DeviceOption, config.Option = _FD_DEVICE_OPTION, _FD_OPTION
             library.CANFD_Init(h, ch, ctypes.byref(config))
@@ -189,7 +194,10 @@ class CanChannel:
             self._buffer = (CANFD_MSG * RECEIVE_BATCH)()
         else:
             config = CAN_INIT_CONFIG()
-            library.CAN_GetCANSpeedArg(h, ctypes.byref(config), self.bitrate)
+            try:
+                library.CAN_GetCANSpeedArg(h, ctypes.byref(config), self.bitrate)
+            except VarnelError as error:
+                raise error.about({"bit rate": self.bitrate}) from None
             config.Mode = (config.Mode & ~3) | mode  # bit 7 stays the table's device option
             library.CAN_Init(h, ch, ctypes.byref(config))
             library.CAN_StartGetMsg(h, ch)

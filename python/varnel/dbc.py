@@ -1,11 +1,14 @@
 """CAN databases (DBC files), read as DBC tools read them.
 
     db = varnel.dbc.Database("car.dbc")
-    db.decode(0x123, data)                 # {"Speed": 12.5, "Gear": 3.0, ...}
+    db.decode(0x123, data)                 # {"Speed": 12.5, "Gear": "Drive", ...}
+    db.decode(0x123, data, decode_choices=False)   # {"Speed": 12.5, "Gear": 3.0, ...}
     db.encode(0x123, {"Speed": 12.5})      # bytes of the message's length
 
-Like cantools' decode_message/encode_message, by frame identifier. Values are physical floats;
-a multiplexed signal the frame does not select is left out. A frame shorter than its message,
+Like cantools' decode_message/encode_message, by frame identifier. Values are physical floats,
+except that a signal whose raw value has a name in its value table (VAL_) gives that name as a
+str, as cantools does by default; decode_choices=False gives numbers only. A multiplexed signal
+the frame does not select is left out. A frame shorter than its message,
 or a value outside its signal's range on encode, raises ValueError. `legacy=True` reads the file the
 way the DBC_ calls do (see docs/dbc.md). Extended identifiers: pass is_extended_id=True, as on
 a python-can Message, or an identifier with bit 31 set.
@@ -46,7 +49,7 @@ class Database:
             raise KeyError(f"no message with identifier 0x{key & 0x1FFFFFFF:X} in {self.path}")
         return self.messages[key]
 
-    def decode(self, frame_id, data, is_extended_id=False):
+    def decode(self, frame_id, data, is_extended_id=False, decode_choices=True):
         key = self._key(frame_id, is_extended_id)
         signals = self._message(key)[1]
         values = (ctypes.c_double * max(len(signals), 1))()
@@ -60,7 +63,14 @@ class Database:
                 raise ValueError(f"{len(data)}-byte frame is shorter than message "
                                  f"{self.messages[key][0]}") from None
             raise
-        return {name: v for name, v, on in zip(signals, values, selected) if on}
+        decoded = {name: v for name, v, on in zip(signals, values, selected) if on}
+        if decode_choices:
+            names = (ctypes.c_char_p * max(len(signals), 1))()
+            lib().VARNEL_DbcDecodeChoices(self.handle, key, data, len(data), names, len(signals))
+            for signal, choice in zip(signals, names):
+                if choice is not None:
+                    decoded[signal] = choice.decode(errors="replace")
+        return decoded
 
     def encode(self, frame_id, signals, is_extended_id=False, clamp=False):
         """The frame's bytes; signals not given take their start value. A value outside its

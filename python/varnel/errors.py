@@ -15,8 +15,27 @@ RESULT_TEXT = {
 }
 
 
-def result_text(code):
-    """The meaning of a result code, as the command-line tool words it."""
+# What a code means for one call, naming what the call was asked ({name} stands for the argument
+# of that name): the command-line tool's words (kCallMeanings in tools/varnel/result_text.cpp).
+CALL_TEXT = {
+    ("CAN_GetCANSpeedArg", -4): "no bit timing for bit rate {bit rate}: not a rate this adapter has",
+    ("CANFD_GetCANSpeedArg", -4): "no bit timing for bit rate {bit rate} with data bit rate "
+    "{data bit rate}: not a pair this adapter has",
+    ("IIC_Init", -4): "the adapter refused I2C channel {channel} (no such channel, or its "
+    "settings), or its reply could not be read",
+    ("GPIO_SendPulses", -4): "the adapter refused pulses on pins {pins}: a pin not set as output, "
+    "or its reply could not be read",
+}
+
+
+def result_text(code, call=None, arguments=None):
+    """The meaning of a result code, as the command-line tool words it; for the code of `call`
+    asked `arguments` ({"bit rate": "123456"}), naming what was refused where the code tells."""
+    text = CALL_TEXT.get((call, code))
+    if text is not None:
+        for name, value in (arguments or {}).items():
+            text = text.replace("{" + name + "}", str(value))
+        return text
     if code in RESULT_TEXT:
         return RESULT_TEXT[code]
     return "success (a count)" if code > 0 else "unknown result code"
@@ -27,10 +46,15 @@ class VarnelError(Exception):
     what went wrong: -1 for an adapter that cannot be reached, -4 for a reply that could not be
     used). Raised by the prototypes' errcheck (varnel/library.py)."""
 
-    def __init__(self, code, call):
+    def __init__(self, code, call, arguments=None):
         self.code = code
         self.call = call
-        super().__init__(f"{call}: {code} ({result_text(code)})")
+        self.arguments = dict(arguments or {})
+        super().__init__(f"{call}: {code} ({result_text(code, call, self.arguments)})")
+
+    def about(self, arguments):
+        """The same failure, told with what the call was asked."""
+        return VarnelError(self.code, self.call, {**self.arguments, **arguments})
 
 
 # The status bytes of the virtual adapter's I2C firmware (VARNEL_IIC_STATUS_* in varnel.h).

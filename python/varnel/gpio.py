@@ -5,6 +5,7 @@ pin it lacks, an unknown pull mode), which raises VarnelError -4.
 """
 import ctypes
 
+from .errors import VarnelError
 from .library import lib
 from .records import GPIO_PULL_NONE
 
@@ -52,4 +53,7 @@ class Gpio:
         """Blocks until the adapter has sent `count` pulses."""
         if not -(1 << 31) <= count < (1 << 31):
             raise ValueError(f"pulse count {count} does not fit 32 bits")
-        self._call("GPIO_SendPulses", _u32(mask), _u32(width_us), _u32(period_us), count)
+        try:
+            self._call("GPIO_SendPulses", _u32(mask), _u32(width_us), _u32(period_us), count)
+        except VarnelError as error:
+            raise error.about({"pins": f"0x{mask:08X}"}) from None

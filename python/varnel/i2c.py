@@ -11,6 +11,7 @@ other failure VarnelError.
 """
 import ctypes
 
+from .errors import I2cStatusError, VarnelError
 from .library import lib
 from .records import IIC_CONFIG, IIC_MAX_ADDRESSES, SMBUS_BLOCK_MAX
 
@@ -56,7 +57,12 @@ class I2cBus:
     def __init__(self, adapter, channel, clock_hz=100000, pec=False):
         self.adapter, self.channel, self.pec = adapter, channel, pec
         config = IIC_CONFIG(ClockSpeedHz=_fits(clock_hz, 32), Master=1, AddrBits=7)
-        self._channel_call("IIC_Init", ctypes.byref(config))
+        try:
+            self._channel_call("IIC_Init", ctypes.byref(config))
+        except I2cStatusError:
+            raise
+        except VarnelError as error:
+            raise error.about({"channel": channel}) from None
 
     def _channel_call(self, name, *args):
         self.adapter.require_open(name)

@@ -44,6 +44,16 @@ class KLine(_Requests):
     def _message(m):
         return bytes([m.SID]) + bytes(m.Data[:max(m.Len - 1, 0)])
 
+    @property
+    def wakeup_pin(self):
+        """The digital output (bit of the DIO_ masks) drawing this channel's wake-up patterns:
+        pin `channel` unless set; an extension (see docs/kline.md)."""
+        return self._call("VARNEL_KLINE_GetWakeupPin")
+
+    @wakeup_pin.setter
+    def wakeup_pin(self, pin):
+        self._call("VARNEL_KLINE_SetWakeupPin", pin)
+
     def init(self, baud=10400, mode=1):
         """Configures the channel's UART (mode 0 'R', 2 'Z', others 'B')."""
         self._call("KWP_Init", baud, mode)

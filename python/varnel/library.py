@@ -102,6 +102,8 @@ DBC = {
                                       ctypes.POINTER(_u8), _int], COUNT),
     "VARNEL_DbcEncodeFrame": (_int, [_u64, _u32, _dbl_p, _int, _u32, ctypes.c_char_p, _int],
                               COUNT),
+    "VARNEL_DbcDecodeChoices": (_int, [_u64, _u32, ctypes.c_char_p, _int,
+                                        ctypes.POINTER(ctypes.c_char_p), _int], COUNT),
 }
 _u8p, _u16, _u16p, _u32p = (ctypes.POINTER(_u8), ctypes.c_uint16, ctypes.POINTER(ctypes.c_uint16),
                             ctypes.POINTER(_u32))
@@ -132,6 +134,7 @@ UDS = {
     "CAN_UDS_Config": (_int, [_u32, _u8, ctypes.POINTER(CAN_UDS_CONFIG)], COUNT),
     "CAN_UDS_Request": (_int, [_u32, _u8, _ADDR_P, _u8p, _i32], COUNT),
     "VARNEL_CAN_UDS_ResponseN": (_int, [_u32, _u8, _ADDR_P, _u8p, _u32, _i32], COUNT),
+    "VARNEL_CAN_UDS_SetIsoTiming": (_int, [_u32, _u8, _int], COUNT),
 }
 SPI = {
     "SPI_Init": (_int, [_u32, _u8, ctypes.POINTER(SPI_CONFIG)], COUNT),
@@ -196,6 +199,8 @@ IMAGES = {
     "hexfile_convert_txt": (_int, [_char_p, _i32, _SEG_P, _u32, ctypes.c_int8], None),
     "hexfile_free_data": (_int, [_SEG_P, _i32], None),
 }
+# The target's key routine for security access: (seed, key constant) -> key.
+LIN_BOOT_KEY_ROUTINE = ctypes.CFUNCTYPE(_u16, _u16, _u16)
 LIN_BOOT = {
     "USDLINBoot_Init": (_int, [_u32, _u8, _u32], COUNT),
     "USDLINBoot_Start": (_int, [_u32, _u8, _u8, ctypes.c_uint16, _u32], COUNT),
@@ -203,6 +208,7 @@ LIN_BOOT = {
     "USDLINBoot_WriteData": (_int, [_u32, _u8, _u8, _u32, _u8p, _u32], COUNT),
     "VARNEL_USDLINBoot_MemCheckResult": (_int, [_u32, _u8, _u8, _u32, _u8p], COUNT),
     "USDLINBoot_ResetECU": (_int, [_u32, _u8, _u8], COUNT),
+    "VARNEL_USDLINBoot_SetKeyRoutine": (_int, [_u32, _u8, LIN_BOOT_KEY_ROUTINE], COUNT),
 }
 _KWP_P = ctypes.POINTER(KWP_MSG)
 KLINE = {
@@ -211,6 +217,8 @@ KLINE = {
     "KWP_FastInit": (_int, [_u32, _u8, _u32, _KWP_P, _KWP_P, _KWP_P, _u32], COUNT),
     "KWP_Request": (_int, [_u32, _u8, _KWP_P], COUNT),
     "KWP_Response": (_int, [_u32, _u8, _KWP_P, _u32], COUNT),
+    "VARNEL_KLINE_SetWakeupPin": (_int, [_u32, _u8, _u8], COUNT),
+    "VARNEL_KLINE_GetWakeupPin": (_int, [_u32, _u8], COUNT),
 }
 FAMILIES = (DEVICE, GPIO, CAN, CANFD, IIC, SMBUS, DBC, UDS, SPI, ADC, LIN, IMAGES, LIN_BOOT, UART,
             KLINE)

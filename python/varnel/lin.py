@@ -17,7 +17,7 @@ import ctypes
 import zlib
 from dataclasses import dataclass
 
-from .library import lib
+from .library import LIN_BOOT_KEY_ROUTINE, lib
 from .records import HEXFILE_SEGMENT, LIN_EX_MSG
 
 VERDICTS = ("classic", "enhanced", "unchecked", "none", "error")
@@ -110,14 +110,28 @@ class LinChannel:
 
         return LinUdsClient(self, nad, frame_spacing_ms)
 
+    def set_key_routine(self, routine):
+        """The boot loader's key routine for security access on this channel: a callable
+        routine(seed, key_constant) -> 16-bit key, or None for the library's default (the seed
+        rotated left by 5 bits, XOR the constant)."""
+        if routine is None:
+            callback = ctypes.cast(None, LIN_BOOT_KEY_ROUTINE)  # NULL: the default
+        else:
+            callback = LIN_BOOT_KEY_ROUTINE(lambda seed, k: routine(seed, k) & 0xFFFF)
+        self._call("VARNEL_USDLINBoot_SetKeyRoutine", callback)
+        self._key_routine = callback  # the library calls it later: it must stay alive
+
     def flash(self, nad, image, key_constant=0xBEEF, timeout_ms=2000, progress=None,
-              piece=1024):
+              piece=1024, key_routine=None):
         """Reprograms node `nad` through its boot loader: `image` is a file (S-records, Intel HEX
         or text, read by the library) or a list of (address, bytes). Each segment is erased,
         written in pieces and checked with the unit's CRC-32 check; progress(done, total) is
-        called after each piece. Raises VarnelError, or ValueError when a check disagrees."""
+        called after each piece. `key_routine` as for set_key_routine (None keeps the one set).
+        Raises VarnelError, or ValueError when a check disagrees."""
         segments = read_image(image) if isinstance(image, str) else list(image)
         total, done = sum(len(data) for _, data in segments), 0
+        if key_routine is not None:
+            self.set_key_routine(key_routine)
         self._call("USDLINBoot_Init", self._baud)
         self._call("USDLINBoot_Start", nad, key_constant, timeout_ms)
         for address, data in segments:

@@ -8,6 +8,10 @@
 answers (7F xx 78); a negative response raises NegativeResponse, a transport failure VarnelError
 (-101 no flow control or no response in time, -103 out of sequence, -105 not ISO-TP, -107 the ECU
 overflowed).
+
+Flow control is read as ISO 15765-2 reads it unless `iso_timing=False` (STmin F1-F9 are
+100-900 us, a reserved STmin 127 ms, and each "wait" frame starts the wait again); the library's
+calls alone keep the adapter's own reading.
 """
 import ctypes
 
@@ -46,7 +50,7 @@ class _Requests:
 
 class UdsClient(_Requests):
     def __init__(self, adapter, channel, txid, rxid, extended_address=None, fd=False, brs=False,
-                 stmin=0, block_size=0, fill=0xCC):
+                 stmin=0, block_size=0, fill=0xCC, iso_timing=True):
         self.adapter, self.channel = adapter, channel
         extended = txid > 0x7FF or rxid > 0x7FF
         flags = (0x01 if extended else 0) | (0x02 if fd or brs else 0) | (0x04 if brs else 0)
@@ -54,6 +58,7 @@ class UdsClient(_Requests):
                                   extended_address or 0, 64 if fd or brs else 8)
         config = CAN_UDS_CONFIG(STmin=stmin, BlockSize=block_size, FillByte=fill)
         self._call("CAN_UDS_Config", ctypes.byref(config))
+        self._call("VARNEL_CAN_UDS_SetIsoTiming", int(bool(iso_timing)))
 
     def _call(self, name, *args):
         self.adapter.require_open(name)

@@ -23,8 +23,9 @@ uint8_t lin_checksum(uint8_t pid, const std::vector<uint8_t>& data, bool enhance
 uint32_t lin_frame_bits(const LinFrame& frame) {
   const uint32_t head = frame.break_bits + 1u;
   if (frame.break_only) return head;
-  const uint32_t bytes = 2 + (frame.answered ? uint32_t(frame.data.size()) + 1 : 0);
-  return head + 10 * bytes;
+  const uint32_t header = head + 2 * 10;
+  if (!frame.answered) return header + kNoResponseBits;
+  return header + kResponseSpaceBits + 10 * (uint32_t(frame.data.size()) + 1);
 }
 
 void lin_collide(LinFrame& into, const std::vector<uint8_t>& data, uint8_t check) {

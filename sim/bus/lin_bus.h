@@ -33,7 +33,11 @@ struct LinFrame {
 };
 
 // Bit times on the bus: break, delimiter, then 10 bits a byte (start, 8 data, stop) for the sync
-// byte, the identifier, and a response's data and checksum.
+// byte and the identifier; a response follows one bit time after the header (the response space;
+// no space between its bytes) with 10 bits a byte for its data and checksum. A header nobody
+// answers holds the bus for the response time-out of 8 data bytes: 1.4 x 10 x (8 + 1) bit times.
+constexpr uint32_t kResponseSpaceBits = 1;
+constexpr uint32_t kNoResponseBits = 126;
 uint32_t lin_frame_bits(const LinFrame& frame);
 
 // What answers a header when two or more responders drive the bus at once: LIN is wired-AND, so

@@ -4,10 +4,55 @@
 
 namespace sim {
 
-size_t SpiNorFlash::address(std::span<const uint8_t> out) const {
-  if (out.size() < 4) return 0;
-  return (size_t(out[1]) << 16 | size_t(out[2]) << 8 | out[3]) % kSize;
+void SpiNorFlash::resize(size_t size) {
+  std::lock_guard guard(mutex_);
+  const bool power_of_two = size >= (1u << 16) && size <= (1u << 28) && (size & (size - 1)) == 0;
+  memory_.assign(power_of_two ? size : kSize, 0xFF);
+  write_enabled_ = false;
+  busy_until_us_ = 0;
 }
+
+size_t SpiNorFlash::size() const {
+  std::lock_guard guard(mutex_);
+  return memory_.size();
+}
+
+std::array<uint8_t, 3> SpiNorFlash::id() const {
+  std::lock_guard guard(mutex_);
+  return id_locked();
+}
+
+std::array<uint8_t, 3> SpiNorFlash::id_locked() const {
+  uint8_t capacity = 0;
+  while ((size_t(1) << capacity) < memory_.size()) ++capacity;
+  return {0xEF, 0x40, capacity};
+}
+
+size_t SpiNorFlash::address(std::span<const uint8_t> out, size_t width) const {
+  size_t at = 0;
+  for (size_t i = 1; i <= width && i < out.size(); ++i) at = at << 8 | out[i];
+  return at % memory_.size();
+}
+
+namespace {
+// The address width of a command that carries an address (0 for the others).
+size_t address_width(uint8_t command) {
+  switch (command) {
+    case 0x03:
+    case 0x0B:
+    case 0x02:
+    case 0x20:
+      return 3;
+    case 0x13:
+    case 0x0C:
+    case 0x12:
+    case 0x21:
+      return 4;
+    default:
+      return 0;
+  }
+}
+}  // namespace
 
 std::vector<uint8_t> SpiNorFlash::transfer(std::span<const uint8_t> out, size_t read_length,
                                            uint64_t now_us) {
@@ -21,7 +66,9 @@ std::vector<uint8_t> SpiNorFlash::transfer(std::span<const uint8_t> out, size_t 
     return in;
   }
   if (busy(now_us)) return in;
-  const size_t at = address(out);
+  const size_t width = address_width(command);
+  const size_t at = address(out, width);
+  const size_t size = memory_.size();
   auto start = [&](uint64_t us) {
     write_enabled_ = false;
     busy_until_us_ = now_us + us;
@@ -33,26 +80,34 @@ std::vector<uint8_t> SpiNorFlash::transfer(std::span<const uint8_t> out, size_t 
     case 0x04:
       write_enabled_ = false;
       break;
-    case 0x9F:
-      for (size_t i = 0; i < in.size() && i < kId.size(); ++i) in[i] = kId[i];
+    case 0x9F: {
+      const auto id = id_locked();
+      for (size_t i = 0; i < in.size() && i < id.size(); ++i) in[i] = id[i];
       break;
+    }
     case 0x03:
+    case 0x13:
     case 0x0B:
-      if (out.size() >= (command == 0x0B ? 5u : 4u))
-        for (size_t i = 0; i < in.size(); ++i) in[i] = memory_[(at + i) % kSize];
+    case 0x0C: {
+      const bool fast = command == 0x0B || command == 0x0C;
+      if (out.size() >= 1 + width + (fast ? 1 : 0))
+        for (size_t i = 0; i < in.size(); ++i) in[i] = memory_[(at + i) % size];
       break;
+    }
     case 0x02:
-      if (!write_enabled_ || out.size() < 4) break;
-      for (size_t i = 4; i < out.size(); ++i) {
+    case 0x12:
+      if (!write_enabled_ || out.size() < 1 + width) break;
+      for (size_t i = 1 + width; i < out.size(); ++i) {
         const size_t page = at / kPage * kPage;
-        memory_[page + (at % kPage + i - 4) % kPage] &= out[i];  // only 1 -> 0
+        memory_[page + (at % kPage + i - 1 - width) % kPage] &= out[i];  // only 1 -> 0
       }
       start(kProgramUs);
       break;
     case 0x20:
-      if (!write_enabled_ || out.size() < 4) break;
+    case 0x21:
+      if (!write_enabled_ || out.size() < 1 + width) break;
       std::fill_n(memory_.begin() + ptrdiff_t(at / kSector * kSector), kSector, 0xFF);
-      start(kSectorEraseUs);
+      start(sector_erase_us_);
       break;
     case 0xC7:
     case 0x60:
@@ -74,6 +129,11 @@ uint64_t SpiNorFlash::busy_until_us() const {
 std::vector<uint8_t> SpiNorFlash::contents() const {
   std::lock_guard guard(mutex_);
   return memory_;
+}
+
+void SpiNorFlash::set_sector_erase_us(uint64_t us) {
+  std::lock_guard guard(mutex_);
+  sector_erase_us_ = us;
 }
 
 void SpiNorFlash::set_stuck_busy(bool stuck) {

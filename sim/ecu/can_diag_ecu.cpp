@@ -132,14 +132,21 @@ void CanDiagnosticEcu::on_first(const CanFrame& frame, uint64_t end_us) {
   rx_in_block_ = 0;
   receiving_ = true;
   uint64_t at_us = end_us + kFlowDelayUs;
-  for (; faults_.flow_waits > 0; --faults_.flow_waits, at_us += kFlowDelayUs)
+  const uint64_t wait_step = std::max(kFlowDelayUs, faults_.wait_spacing_us);
+  for (; faults_.flow_waits > 0; --faults_.flow_waits, at_us += wait_step)
     control_.push_back({at_us, flow_frame(kWait)});
   control_.push_back({at_us, flow_frame(kContinue)});
+  rx_deadline_us_ = at_us + config_.n_cr_us;
 }
 
 void CanDiagnosticEcu::on_consecutive(const CanFrame& frame, uint64_t end_us) {
   if (!receiving_) return;
   const size_t at = offset();
+  if (end_us > rx_deadline_us_) {
+    receiving_ = false;  // N_Cr passed: the sender gave the request up long ago
+    return;
+  }
+  rx_deadline_us_ = end_us + config_.n_cr_us;
   if ((frame.data[at] & 0x0F) != (rx_sequence_ & 0x0F)) {
     receiving_ = false;  // out of sequence: the reception is abandoned
     return;
@@ -156,6 +163,7 @@ void CanDiagnosticEcu::on_consecutive(const CanFrame& frame, uint64_t end_us) {
   if (config_.block_size && ++rx_in_block_ == config_.block_size) {
     rx_in_block_ = 0;
     control_.push_back({end_us + kFlowDelayUs, flow_frame(kContinue)});
+    rx_deadline_us_ = end_us + kFlowDelayUs + config_.n_cr_us;
   }
 }
 
@@ -163,7 +171,10 @@ void CanDiagnosticEcu::on_flow(const CanFrame& frame, uint64_t end_us) {
   if (!sending_ || !awaiting_flow_) return;
   const size_t at = offset();
   const uint8_t status = frame.data[at];
-  if (status == kWait) return;
+  if (status == kWait) {  // the receiver needs longer: N_Bs starts again
+    tx_flow_deadline_us_ = end_us + config_.n_bs_us;
+    return;
+  }
   if (status != kContinue) {  // overflow or garbage: the answer is abandoned
     sending_ = false;
     return;
@@ -184,7 +195,8 @@ void CanDiagnosticEcu::answer(const std::vector<uint8_t>& request, uint64_t end_
   if (!answer.response.empty()) outbox_.push_back({at_us, answer.response});
 }
 
-void CanDiagnosticEcu::start_message(const Message& message, std::vector<Due>* out) {
+void CanDiagnosticEcu::start_message(const Message& message, uint64_t now_us,
+                                     std::vector<Due>* out) {
   const size_t at = offset();
   const size_t length = frame_length_;
   const size_t single_room = length - at - (length > 8 ? 2 : 1);
@@ -218,6 +230,8 @@ void CanDiagnosticEcu::start_message(const Message& message, std::vector<Due>* o
   tx_misnumber_ = std::exchange(faults_.wrong_sequence, false);
   sending_ = true;
   awaiting_flow_ = true;
+  // N_Bs runs from the first frame's sending, which is now when nobody fetched in time
+  tx_flow_deadline_us_ = std::max(message.at_us, now_us) + config_.n_bs_us;
 }
 
 void CanDiagnosticEcu::continue_message(uint64_t now_us, std::vector<Due>* out) {
@@ -236,6 +250,7 @@ void CanDiagnosticEcu::continue_message(uint64_t now_us, std::vector<Due>* out) 
       sending_ = false;
     } else if (tx_block_ && ++tx_in_block_ == tx_block_) {
       awaiting_flow_ = true;
+      tx_flow_deadline_us_ = std::max(tx_next_us_, now_us) + config_.n_bs_us;
     }
   }
 }
@@ -244,6 +259,8 @@ void CanDiagnosticEcu::run_due(CanBus& bus, uint64_t now_us) {
   std::vector<Due> due;
   {
     std::lock_guard guard(mutex_);
+    // N_Bs passed without flow control: the answer is dropped, the next one may go
+    if (sending_ && awaiting_flow_ && now_us > tx_flow_deadline_us_) sending_ = false;
     std::erase_if(control_, [&](const Due& d) {
       if (d.at_us > now_us) return false;
       due.push_back(d);
@@ -252,7 +269,7 @@ void CanDiagnosticEcu::run_due(CanBus& bus, uint64_t now_us) {
     while (true) {
       continue_message(now_us, &due);
       if (sending_ || outbox_.empty() || outbox_.front().at_us > now_us) break;
-      start_message(outbox_.front(), &due);
+      start_message(outbox_.front(), now_us, &due);
       outbox_.pop_front();
     }
   }

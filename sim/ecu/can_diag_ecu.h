@@ -2,7 +2,9 @@
 // flow control frames, normal or extended addressing, classic or CAN FD frames as the tester
 // uses them) and hands whole requests to a UdsServer. Its answers go out in bus time: a frame is
 // due at a bus time and leaves when the bus catches up (whenever a controller fetches), so tests
-// never wait out real time.
+// never wait out real time. A transfer its peer abandons is dropped after the ISO 15765-2 time-outs
+// (N_Bs: no flow control for an answer; N_Cr: no next consecutive frame of a request), counted in
+// bus time, and the next request is served.
 #pragma once
 
 #include <deque>
@@ -29,14 +31,17 @@ class CanDiagnosticEcu : public CanNode, public std::enable_shared_from_this<Can
     uint8_t fill = 0xAA;
     uint64_t answer_delay_us = 100;  // from a request's last frame to the answer
     uint64_t pending_gap_us = 1000;  // between "response pending" answers
+    uint64_t n_bs_us = 1000000;      // how long an answer waits for flow control
+    uint64_t n_cr_us = 1000000;      // how long a request waits for its next consecutive frame
   };
   // Scriptable faults; each serves the next occasion and then clears itself.
   struct Faults {
-    int flow_waits = 0;           // "wait" flow control frames before "continue"
-    bool flow_overflow = false;   // "overflow" to the next first frame
-    bool lose_frame = false;      // the next multi-frame answer loses its second consecutive frame
-    bool wrong_sequence = false;  // ... or sends it with a wrong sequence number
-    bool silent = false;          // hears nothing and answers nothing while set (not cleared)
+    int flow_waits = 0;            // "wait" flow control frames before "continue"
+    bool flow_overflow = false;    // "overflow" to the next first frame
+    bool lose_frame = false;       // the next multi-frame answer loses its second consecutive frame
+    bool wrong_sequence = false;   // ... or sends it with a wrong sequence number
+    bool silent = false;           // hears nothing and answers nothing while set (not cleared)
+    uint64_t wait_spacing_us = 0;  // bus time between those "wait" frames (0: as fast as it can)
   };
   struct Heard {
     CanFrame frame;
@@ -72,7 +77,7 @@ class CanDiagnosticEcu : public CanNode, public std::enable_shared_from_this<Can
   void on_consecutive(const CanFrame& frame, uint64_t end_us);
   void on_flow(const CanFrame& frame, uint64_t end_us);
   void answer(const std::vector<uint8_t>& request, uint64_t end_us);
-  void start_message(const Message& message, std::vector<Due>* out);
+  void start_message(const Message& message, uint64_t now_us, std::vector<Due>* out);
   void continue_message(uint64_t now_us, std::vector<Due>* out);
 
   const Config config_;
@@ -91,6 +96,7 @@ class CanDiagnosticEcu : public CanNode, public std::enable_shared_from_this<Can
   size_t rx_length_ = 0;
   uint8_t rx_sequence_ = 1;
   uint8_t rx_in_block_ = 0;
+  uint64_t rx_deadline_us_ = 0;  // N_Cr: the next consecutive frame ends by then
   // transmission
   std::vector<Due> control_;    // flow control frames due
   std::deque<Message> outbox_;  // whole answers due
@@ -100,6 +106,7 @@ class CanDiagnosticEcu : public CanNode, public std::enable_shared_from_this<Can
   uint8_t tx_sequence_ = 1;
   uint8_t tx_block_ = 0, tx_in_block_ = 0;
   uint64_t tx_gap_us_ = 0, tx_next_us_ = 0;
+  uint64_t tx_flow_deadline_us_ = 0;  // N_Bs: flow control arrives by then
   int tx_cf_index_ = 0;
   bool tx_lose_ = false, tx_misnumber_ = false;
 };

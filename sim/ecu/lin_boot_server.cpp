@@ -22,6 +22,16 @@ uint16_t LinBootServer::key_for(uint16_t seed, uint16_t constant) {
   return uint16_t(((seed << 5) | (seed >> 11)) ^ constant);
 }
 
+uint16_t LinBootServer::key_by_xor(uint16_t seed, uint16_t constant) {
+  return uint16_t(seed ^ constant);
+}
+
+LinBootServer::KeyRoutine LinBootServer::key_routine_named(std::string_view name) {
+  if (name == "rotate5") return key_for;
+  if (name == "xor") return key_by_xor;
+  return nullptr;
+}
+
 int LinBootServer::take_silent_reads() {
   return std::exchange(silent_reads_, 0);
 }
@@ -70,7 +80,7 @@ UdsAnswer LinBootServer::security(std::span<const uint8_t> r) {
   if (r.size() != 4 || r[1] != 0x02) return negative(0x27, kNrcIncorrectLength);
   if (!seed_given_) return negative(0x27, kNrcRequestSequenceError);
   seed_given_ = false;
-  if (uint16_t(r[2] << 8 | r[3]) != key_for(seed_, key_constant))
+  if (uint16_t(r[2] << 8 | r[3]) != key_routine(seed_, key_constant))
     return negative(0x27, kNrcInvalidKey);
   unlocked_ = true;
   return positive({0x67, 0x02});

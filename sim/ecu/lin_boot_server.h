@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "sim/ecu/uds_server.h"
@@ -21,7 +22,13 @@ class LinBootServer {
 
   // The key for a seed: rotated left by 5 bits, XOR the unit's constant.
   static uint16_t key_for(uint16_t seed, uint16_t constant);
+  // Another routine: the seed XOR the constant.
+  static uint16_t key_by_xor(uint16_t seed, uint16_t constant);
+  using KeyRoutine = uint16_t (*)(uint16_t seed, uint16_t constant);
+  // A routine by name ("rotate5", the default, or "xor"); null for another name.
+  static KeyRoutine key_routine_named(std::string_view name);
 
+  KeyRoutine key_routine = key_for;  // the unit's own
   uint16_t key_constant = 0xBEEF;
   uint16_t block_length = 0x0082;  // 128 data bytes a transfer
   uint16_t erase_wait_ms = 20, check_wait_ms = 5;

@@ -86,7 +86,14 @@ void LinDiagnosticEcu::queue_message(const std::vector<uint8_t>& m) {
 }
 
 std::optional<LinDiagnosticEcu::Answer> LinDiagnosticEcu::answer() {
-  if (faults.silent || outgoing_.empty()) return std::nullopt;
+  if (faults.silent) return std::nullopt;
+  if (faults.stuck_pci) return Answer{frame(nad_, *faults.stuck_pci, nullptr, 0), false};
+  if (!faults.stray_frames.empty()) {
+    Answer a{faults.stray_frames.front(), false};
+    faults.stray_frames.pop_front();
+    return a;
+  }
+  if (outgoing_.empty()) return std::nullopt;
   if (unanswered_ > 0) {
     --unanswered_;
     return std::nullopt;

@@ -29,6 +29,12 @@ class LinDiagnosticEcu {
     bool bad_checksum = false;    // the next response frame carries an inverted checksum
     bool wrong_sequence = false;  // the next consecutive frame has the sequence number + 1
     bool silent = false;          // hears nothing and answers nothing while set
+    // Frames (8 bytes) sent to the next headers before anything else: the start of an answer
+    // the unit then gave up.
+    std::deque<std::vector<uint8_t>> stray_frames;
+    // While set, every header is answered with a frame of this PCI and FF filler (0xFF: a unit
+    // that is not ready, 0x30: flow control), whatever else it has to say.
+    std::optional<uint8_t> stuck_pci;
   };
   Faults faults;
 

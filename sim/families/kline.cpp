@@ -59,6 +59,8 @@ class KLineWire final : public UartPeer {
 
 struct KLineModel {
   std::array<std::shared_ptr<KLineWire>, kKlineChannels> wires;
+  // The GPIO pin wired to each channel's K-line; read by the GPIO model's listener thread.
+  std::array<std::atomic<int>, kKlineChannels> wakeup_pins{};
 };
 
 }  // namespace
@@ -72,15 +74,22 @@ void set_kline_echo(VirtualAdapter& adapter, int channel, KlineEcho echo) {
   adapter.state<KLineModel>().wires.at(size_t(channel))->flip_echo = echo == KlineEcho::kFlipped;
 }
 
+void set_kline_wakeup_pin(VirtualAdapter& adapter, int channel, int pin) {
+  adapter.state<KLineModel>().wakeup_pins.at(size_t(channel)) = pin;
+}
+
 void install_kline(VirtualAdapter& adapter) {
   KLineModel& model = adapter.state<KLineModel>();
   for (int ch = 0; ch < kKlineChannels; ++ch) {
     model.wires[size_t(ch)] = std::make_shared<KLineWire>(adapter, ch);
+    model.wakeup_pins[size_t(ch)] = ch;
     uart_model(adapter).attach(ch, model.wires[size_t(ch)]);
   }
+  // One pin may be wired to several channels' lines.
   adapter.state<GpioModel>().on_level([&model](const GpioModel::Level& level) {
-    if (level.pin < kKlineChannels)
-      model.wires[size_t(level.pin)]->line_level(level.high, level.at_us);
+    for (int ch = 0; ch < kKlineChannels; ++ch)
+      if (model.wakeup_pins[size_t(ch)] == level.pin)
+        model.wires[size_t(ch)]->line_level(level.high, level.at_us);
   });
 }
 

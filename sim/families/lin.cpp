@@ -3,6 +3,7 @@
 #include "sim/families/lin.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "sim/virtual_adapter.h"
@@ -166,19 +167,33 @@ Packet with_records(uint32_t command, const std::vector<LinRecord>& records) {
   return reply_with(command, std::move(bytes));
 }
 
+// When a master's frames may start on a bus: now, or when the frames it is still playing end.
+uint64_t bus_free_at(LinModel& model, int ch, uint64_t now_us) {
+  return std::max(now_us, model.bus_busy_until_us[size_t(model.channels[size_t(ch)].bus)]);
+}
+
+// The reply to a command that put frames on the bus until `end_us`: it comes when they have ended,
+// as the firmware answers only then, so a host polling the bus gets no more frames than it
+// carries.
+Packet after_bus_time(LinModel& model, int ch, uint64_t now_us, uint64_t end_us, Packet reply) {
+  uint64_t& busy = model.bus_busy_until_us[size_t(model.channels[size_t(ch)].bus)];
+  busy = std::max(busy, end_us);
+  reply.after = std::chrono::microseconds(end_us > now_us ? end_us - now_us : 0);
+  return reply;
+}
+
 // The records one after the other, each after its own delay; the reply comes when the last frame
-// has ended, the device clock moved on by the bus time used.
+// has ended.
 Packet master_sync(VirtualAdapter& adapter, LinModel& model, int ch,
                    const std::vector<LinRecord>& requests) {
   const uint64_t now = adapter.clock().now_us();
-  uint64_t at = now;
+  uint64_t at = bus_free_at(model, ch, now);
   std::vector<LinRecord> replies;
   for (const LinRecord& r : requests) {
     replies.push_back(play(model, ch, r, at + uint64_t(r.time_stamp) * 1000, &at));
     replies.back().tag = 0;
   }
-  adapter.clock().advance_us(at - now);
-  return with_records(kSync, replies);
+  return after_bus_time(model, ch, now, at, with_records(kSync, replies));
 }
 
 Packet fetch(LinModel::Channel& c) {
@@ -313,8 +328,8 @@ std::optional<Packet> old_command(VirtualAdapter& adapter, LinModel& model, int 
                                   const Packet& request) {
   const auto& p = request.payload;
   LinModel::Channel& c = model.channels[size_t(ch)];
-  uint64_t at = adapter.clock().now_us();
-  const uint64_t now = at;
+  const uint64_t now = adapter.clock().now_us();
+  uint64_t at = bus_free_at(model, ch, now);
   std::vector<uint8_t> out;
   switch (request.command) {
     case kOldInit:
@@ -354,8 +369,7 @@ std::optional<Packet> old_command(VirtualAdapter& adapter, LinModel& model, int 
       break;
     }
   }
-  adapter.clock().advance_us(at - now);
-  return reply_with(request.command, std::move(out));
+  return after_bus_time(model, ch, now, at, reply_with(request.command, std::move(out)));
 }
 
 std::optional<Packet> handle_old_lin(VirtualAdapter& adapter, const Packet& request) {
@@ -398,6 +412,10 @@ LinModel::LinModel() {
   }
   ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x10));
   ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x20, LinDiagnosticEcu::Kind::kBootLoader));
+  // the boot loader's key routine, for benches whose targets use another
+  if (const char* name = std::getenv("VARNEL_SIM_LIN_KEY_ROUTINE"))
+    if (auto routine = LinBootServer::key_routine_named(name))
+      ecus[0].back()->boot().key_routine = routine;
 }
 
 void LinModel::join(int a, int b) {

@@ -1,8 +1,9 @@
 // The virtual adapter's LIN firmware: eight channels, each on a virtual LIN bus of its own unless a
 // test joins two (join), with slave nodes on the buses. Commands 0xF06-0xF14: init and stop, the
-// master exchange (records played one after the other in bus time, the device clock advanced by
-// the frames' durations), schedules played in bus time whenever a LIN command comes, the slave
-// table that answers headers from another channel on the bus, and the frames every channel saw.
+// master exchange (records played one after the other in bus time, from when the bus is free; the
+// reply comes when the last frame has ended, in the host's time as on a real bus), schedules
+// played in bus time whenever a LIN command comes, the slave table that answers headers from
+// another channel on the bus, and the frames every channel saw.
 // Records are the 20-byte frame records of the interface; the firmware reports a frame with fewer
 // than 8 data bytes as kind 8 (its checksum after the data) and one of 8 as kind 9.
 #pragma once
@@ -57,6 +58,8 @@ struct LinModel {
   // Diagnostic control units on each bus (one with NAD 10 on bus 0 to begin with).
   std::array<std::vector<std::shared_ptr<LinDiagnosticEcu>>, kChannels> ecus;
   uint16_t battery_mv = 12000;
+  // Device time at which the frames a master command put on each bus end.
+  std::array<uint64_t, kChannels> bus_busy_until_us{};
 
   LinModel();
   // Puts channel b on channel a's bus.

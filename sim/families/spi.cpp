@@ -2,15 +2,19 @@
 #include "sim/families/spi.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "sim/virtual_adapter.h"
 
 namespace sim {
 namespace {
 
-// Our firmware's reading of the flash description: which command byte does what.
+// Our firmware's reading of the flash description: which command byte does what. Bytes 8 to 11
+// are the 4-byte-address forms of read, fast read, program and sector erase (0: none).
 constexpr size_t kWriteEnable = 0, kRead = 1, kFastRead = 2, kProgram = 3, kReadId = 4,
                  kSectorErase = 6;
+constexpr uint64_t kThreeByteSpan = uint64_t(1) << 24;
+constexpr size_t kKeptSessions = 4096;
 
 uint32_t be32(const uint8_t* p) {
   return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
@@ -23,8 +27,34 @@ Packet refused(uint32_t command) {
   return reply_with(command, {1});
 }
 
-std::vector<uint8_t> with_address(uint8_t command, uint32_t address) {
-  return {command, uint8_t(address >> 16), uint8_t(address >> 8), uint8_t(address)};
+// The command a range needs: the 4-byte form (bytes 8 to 11 for 1, 2, 3 and 6) when there is one
+// and the flash is larger than 16 MiB or the range reaches past it; the 3-byte form while the range
+// stays below 16 MiB; nothing (refused) past 16 MiB without a 4-byte form or past the flash.
+std::optional<std::vector<uint8_t>> with_address(const SpiModel::Channel& ch, size_t slot,
+                                                 uint64_t address, uint64_t length) {
+  const uint64_t end = address + length, size = ch.flash.size();
+  if (end > size) return std::nullopt;
+  const uint8_t four_byte = ch.commands[slot == kSectorErase ? 11 : slot + 7];
+  const bool past_three_bytes = address >= kThreeByteSpan || end > kThreeByteSpan;
+  if (four_byte != 0 && (size > kThreeByteSpan || past_three_bytes))
+    return std::vector<uint8_t>{four_byte, uint8_t(address >> 24), uint8_t(address >> 16),
+                                uint8_t(address >> 8), uint8_t(address)};
+  if (past_three_bytes) return std::nullopt;
+  return std::vector<uint8_t>{ch.commands[slot], uint8_t(address >> 16), uint8_t(address >> 8),
+                              uint8_t(address)};
+}
+
+// Every session the flash sees is kept for the tests, the newest few thousand.
+void keep_session(SpiModel::Channel& ch, std::vector<uint8_t> session) {
+  if (ch.sessions.size() >= kKeptSessions)
+    ch.sessions.erase(ch.sessions.begin(), ch.sessions.begin() + kKeptSessions / 2);
+  ch.sessions.push_back(std::move(session));
+}
+
+std::vector<uint8_t> run_session(VirtualAdapter& adapter, SpiModel::Channel& ch,
+                                 std::vector<uint8_t> session, size_t read_length) {
+  keep_session(ch, session);
+  return ch.flash.transfer(session, read_length, adapter.clock().now_us());
 }
 
 // A program or erase on the flash, the device clock moved past its busy time.
@@ -35,8 +65,8 @@ void wait_idle(VirtualAdapter& adapter, SpiModel::Channel& ch) {
 
 void run_and_wait(VirtualAdapter& adapter, SpiModel::Channel& ch, std::vector<uint8_t> session) {
   wait_idle(adapter, ch);  // as the firmware polls the status before it starts
-  ch.flash.transfer(std::vector<uint8_t>{ch.commands[kWriteEnable]}, 0, adapter.clock().now_us());
-  ch.flash.transfer(session, 0, adapter.clock().now_us());
+  run_session(adapter, ch, {ch.commands[kWriteEnable]}, 0);
+  run_session(adapter, ch, std::move(session), 0);
   wait_idle(adapter, ch);
 }
 
@@ -58,32 +88,38 @@ std::optional<Packet> flash_command(VirtualAdapter& adapter, SpiModel::Channel& 
   if (in.size() < 5) return refused(command);
   const uint32_t address = be32(&in[1]);
   switch (command) {
-    case 0x209:  // program page by page
-      for (size_t done = 0; done < in.size() - 5;) {
+    case 0x209: {  // program page by page
+      const size_t length = in.size() - 5;
+      if (!with_address(ch, kProgram, address, length)) return refused(command);
+      for (size_t done = 0; done < length;) {
         const size_t at = address + done;
-        const size_t n =
-            std::min(in.size() - 5 - done, SpiNorFlash::kPage - at % SpiNorFlash::kPage);
-        auto session = with_address(ch.commands[kProgram], uint32_t(at));
+        const size_t n = std::min(length - done, SpiNorFlash::kPage - at % SpiNorFlash::kPage);
+        auto session = *with_address(ch, kProgram, at, n);
         session.insert(session.end(), in.begin() + 5 + ptrdiff_t(done),
                        in.begin() + 5 + ptrdiff_t(done + n));
         run_and_wait(adapter, ch, session);
         done += n;
       }
       return reply_with(command);
+    }
     case 0x20A:
     case 0x20C: {
       if (in.size() != 9) return refused(command);
-      auto session = with_address(ch.commands[command == 0x20A ? kRead : kFastRead], address);
-      if (command == 0x20C) session.push_back(0);  // the dummy byte
-      return reply_with(command, ch.flash.transfer(session, be32(&in[5]), now));
+      const uint32_t length = be32(&in[5]);
+      auto session = with_address(ch, command == 0x20A ? kRead : kFastRead, address, length);
+      if (!session) return refused(command);
+      if (command == 0x20C) session->push_back(0);  // the dummy byte
+      return reply_with(command, run_session(adapter, ch, *session, length));
     }
-    case 0x20B:
+    case 0x20B: {
       if (in.size() != 9) return refused(command);
-      for (uint32_t i = 0; i < be32(&in[5]); ++i)
-        run_and_wait(
-            adapter, ch,
-            with_address(ch.commands[kSectorErase], uint32_t(address + i * SpiNorFlash::kSector)));
+      const uint64_t first = address / SpiNorFlash::kSector * SpiNorFlash::kSector;
+      const uint64_t length = uint64_t(be32(&in[5])) * SpiNorFlash::kSector;
+      if (!with_address(ch, kSectorErase, first, length)) return refused(command);
+      for (uint64_t at = first; at < first + length; at += SpiNorFlash::kSector)
+        run_and_wait(adapter, ch, *with_address(ch, kSectorErase, at, SpiNorFlash::kSector));
       return reply_with(command);
+    }
     default:
       return std::nullopt;
   }
@@ -131,7 +167,7 @@ std::optional<Packet> blocks_and_events(VirtualAdapter& adapter, SpiModel::Chann
   for (size_t i = 0; i < count; ++i) {
     const std::vector<uint8_t> piece(data.begin() + ptrdiff_t(i * write_size),
                                      data.begin() + ptrdiff_t((i + 1) * write_size));
-    if (!piece.empty()) ch.sessions.push_back(piece);
+    if (!piece.empty()) keep_session(ch, piece);
     auto got = ch.flash.transfer(piece, read_size, adapter.clock().now_us());
     out.insert(out.end(), got.begin(), got.end());
     adapter.clock().advance_us(interval_us);
@@ -209,7 +245,7 @@ std::optional<Packet> handle_spi(VirtualAdapter& adapter, const Packet& request)
       return reply_with(command);
     case 0x201:
     case 0x202:
-      ch.sessions.push_back(rest);
+      keep_session(ch, rest);
       ch.flash.transfer(rest, 0, now);
       return reply_with(command);
     case 0x203:
@@ -218,7 +254,7 @@ std::optional<Packet> handle_spi(VirtualAdapter& adapter, const Packet& request)
     case 0x204: {
       if (in.size() < 9) return refused(command);
       const std::vector<uint8_t> out(in.begin() + 9, in.end());
-      ch.sessions.push_back(out);
+      keep_session(ch, out);
       return reply_with(command, ch.flash.transfer(out, be32(&in[1]), now));
     }
     case 0x210:
@@ -242,6 +278,11 @@ std::optional<Packet> handle_spi(VirtualAdapter& adapter, const Packet& request)
 }
 
 }  // namespace
+
+size_t configured_flash_size() {
+  const char* text = std::getenv("VARNEL_SIM_SPI_FLASH_SIZE");
+  return text ? size_t(std::strtoull(text, nullptr, 0)) : SpiNorFlash::kSize;
+}
 
 SpiModel& spi_model(VirtualAdapter& adapter) {
   return adapter.state<SpiModel>();

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -16,13 +17,17 @@ namespace sim {
 
 class VirtualAdapter;
 
+// The size of each port's flash: VARNEL_SIM_SPI_FLASH_SIZE (bytes, a power of two from 64 KiB to
+// 256 MiB) or 1 MiB.
+size_t configured_flash_size();
+
 struct SpiModel {
   static constexpr int kChannels = 2;
   struct Channel {
     std::vector<uint8_t> config;         // the option bytes and clock of the last init
     std::array<uint8_t, 32> commands{};  // the flash description's command bytes
     bool flash_known = false;
-    SpiNorFlash flash;
+    SpiNorFlash flash{configured_flash_size()};
     std::vector<uint8_t> read_pattern{0xA5};     // what a bit read clocks in, repeated
     std::vector<std::vector<uint8_t>> sessions;  // every byte write, as the flash saw it
     bool event_never = false;                    // event-started transfers find no event (status 1)

@@ -8,6 +8,7 @@
 #include "can/can_internal.h"
 #include "core/bytes.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "core/transaction.h"
 
@@ -154,7 +155,7 @@ int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t
     if (r.send_result != 0) return result::kWriteFailed;
     if (r.read_result != 0) return result::kReplyFailed;
     const uint64_t start = monotonic_ns();
-    if (us > 5000) busy_wait_us(us);
+    if (us > 5000) wait_for_us(us);
     uint8_t state[4] = {};
     for (;;) {
       const auto poll = transact(handle, kCanSynchPoll, {&channel, 1}, state);

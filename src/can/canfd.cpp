@@ -8,6 +8,7 @@
 #include "can/can_internal.h"
 #include "core/bytes.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "core/transaction.h"
 
@@ -168,7 +169,7 @@ VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG
       const auto r = send_transaction(handle, kFdSend, {payload.data(), size}, accepted, options);
       if (r.send_result != 0) return result::kWriteFailed;
       if (r.read_result != 0) return result::kReplyFailed;
-      if (us > 1000) busy_wait_us(us);
+      if (us > 1000) wait_for_us(us);
       bool expired = false;
       const int done = await_chunk(handle, channel, start,
                                    std::max<double>(timeout_ms, double(us) / 1000.0), expired);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "can/can_internal.h"
+#include "can/isotp_reader.h"
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/clock.h"
 
@@ -20,26 +22,43 @@ namespace {
 
 constexpr int kSendCount = CAN_UDS_ERR_SEND_COUNT;
 constexpr int kTimeout = CAN_UDS_ERR_TIMEOUT;
-constexpr int kSequence = CAN_UDS_ERR_SEQUENCE;
-constexpr int kBadFrame = CAN_UDS_ERR_FRAME;
 constexpr int kOverflow = CAN_UDS_ERR_OVERFLOW;
 constexpr int kNoDevice = CAN_UDS_ERR_DEVICE;
-constexpr int kTooLong = VARNEL_CAN_UDS_ERR_SIZE;
 
 constexpr uint8_t kFlagExtended = 0x01, kFlagFd = 0x02, kFlagBrs = 0x04, kFlagSmallest = 0x80;
-constexpr uint8_t kSingle = 0x00, kFirst = 0x10, kConsecutive = 0x20, kFlow = 0x30;
+constexpr uint8_t kFirst = 0x10, kConsecutive = 0x20;
 constexpr uint8_t kFlowContinue = 0x30, kFlowWait = 0x31, kFlowOverflow = 0x32;
 constexpr size_t kBatch = 128;
 constexpr int kReconnectTries = 301;
 constexpr uint32_t kDefaultFlowWaitMs = 1000;
 constexpr std::array<uint8_t, 8> kFdLengths = {8, 12, 16, 20, 24, 32, 48, 64};
+constexpr uint32_t kLongestIsoGapUs = 127000;  // what a reserved STmin code stands for
+constexpr double kDrainMs = 20;
 
-std::mutex config_mutex;
-CAN_UDS_CONFIG configs[kMaxDeviceIndex + 1][2];
+// The configuration of each channel, and whether it reads flow control by ISO 15765-2, kept
+// per adapter.
+struct UdsConfigs {
+  std::mutex mutex;
+  std::array<CAN_UDS_CONFIG, 2> configs{};
+  std::array<bool, 2> iso_timings{};
+};
+AdapterTable<UdsConfigs>& uds_configs() {
+  static auto* table = new AdapterTable<UdsConfigs>;
+  return *table;
+}
 
-CAN_UDS_CONFIG config_of(int device, uint8_t channel) {
-  std::lock_guard guard(config_mutex);
-  return configs[device][channel & 1];
+CAN_UDS_CONFIG config_of(uint32_t handle, uint8_t channel) {
+  const auto adapter = uds_configs().find(handle);
+  if (!adapter) return CAN_UDS_CONFIG{};
+  std::lock_guard guard(adapter->mutex);
+  return adapter->configs[channel & 1];
+}
+
+bool iso_timing_of(uint32_t handle, uint8_t channel) {
+  const auto adapter = uds_configs().find(handle);
+  if (!adapter) return false;
+  std::lock_guard guard(adapter->mutex);
+  return adapter->iso_timings[channel & 1];
 }
 
 int resolve_device(uint32_t handle) {
@@ -51,6 +70,16 @@ uint8_t smallest_fd_length(size_t bytes) {
   for (uint8_t length : kFdLengths)
     if (length >= bytes) return length;
   return 64;
+}
+
+// The separation time a receiver's STmin byte asks for, in microseconds. 0-127 are milliseconds.
+// By default any other code counts as 0; with ISO timing F1-F9 are 100-900 us and the reserved
+// codes the longest time, 127 ms, as ISO 15765-2 tells a sender to read them.
+uint32_t stmin_gap_us(uint8_t code, bool iso_timing) {
+  if (code <= 0x7F) return uint32_t(code) * 1000;
+  if (!iso_timing) return 0;
+  if (code >= 0xF1 && code <= 0xF9) return uint32_t(code - 0xF0) * 100;
+  return kLongestIsoGapUs;
 }
 
 // A frame's protocol bytes and data, before it becomes a device record.
@@ -68,11 +97,18 @@ class Link {
         device_(device),
         fd_adapter_(is_fd_adapter(handle)),
         addr_(addr),
-        config_(config_of(device, channel)) {
-    if (addr_.FrameLen < 8 || addr_.FrameLen > 64) addr_.FrameLen = 8;
+        config_(config_of(handle, channel)),
+        iso_timing_(iso_timing_of(handle, channel)) {
+    // The controller sends only CAN FD lengths and pads any other up to the next one, which a
+    // receiver takes for data: a length in between is rounded up here, and frames are packed full.
+    if (addr_.FrameLen < 8 || addr_.FrameLen > 64)
+      addr_.FrameLen = 8;
+    else
+      addr_.FrameLen = smallest_fd_length(addr_.FrameLen);
   }
 
   const CAN_UDS_CONFIG& config() const { return config_; }
+  bool iso_timing() const { return iso_timing_; }
   size_t pci_offset() const { return addr_.ExtAddr ? 1 : 0; }
   // Bytes of one frame: 8 on classic adapters.
   size_t frame_length() const { return fd_adapter_ ? addr_.FrameLen : 8; }
@@ -96,17 +132,17 @@ class Link {
   }
 
   // Sends the frames with the given gap; the adapter's count of frames accepted, or its error.
-  int send(std::span<const Frame> frames, uint8_t gap_ms) {
-    const bool timed = gap_ms != 0 && frames.size() > 1;
+  int send(std::span<const Frame> frames, uint32_t gap_us) {
+    const bool timed = gap_us != 0 && frames.size() > 1;
     if (fd_adapter_) {
       std::vector<CANFD_MSG> records(frames.size());
-      for (size_t i = 0; i < frames.size(); ++i) records[i] = fd_record(frames[i], gap_ms);
+      for (size_t i = 0; i < frames.size(); ++i) records[i] = fd_record(frames[i], gap_us);
       const auto n = uint32_t(records.size());
       return timed ? CANFD_SendMsgWithTime(handle_, channel_, records.data(), n)
                    : CANFD_SendMsg(handle_, channel_, records.data(), n);
     }
     std::vector<CAN_MSG> records(frames.size());
-    for (size_t i = 0; i < frames.size(); ++i) records[i] = classic_record(frames[i], gap_ms);
+    for (size_t i = 0; i < frames.size(); ++i) records[i] = classic_record(frames[i], gap_us);
     const auto n = uint32_t(records.size());
     return timed ? CAN_SendMsgWithTime(handle_, channel_, records.data(), n)
                  : CAN_SendMsg(handle_, channel_, records.data(), n);
@@ -114,16 +150,33 @@ class Link {
 
   // A batch of frames: the whole batch accepted is 0. A failed send waits for the adapter to come
   // back (reconnecting every 10 ms, for about 3 s) and is sent once more.
-  int send_batch(std::span<const Frame> frames, uint8_t gap_ms) {
-    int sent = send(frames, gap_ms);
+  int send_batch(std::span<const Frame> frames, uint32_t gap_us) {
+    int sent = send(frames, gap_us);
     if (sent > 0) return size_t(sent) == frames.size() ? 0 : kSendCount;
     for (int i = 0; i < kReconnectTries; ++i) {
       sleep_for_ms(10);
       if (USB_RetryConnect(handle_)) break;
     }
-    sent = send(frames, gap_ms);
+    sent = send(frames, gap_us);
     if (sent > 0 && size_t(sent) == frames.size()) return 0;
     return sent == 0 ? kSendCount : sent;
+  }
+
+  // Empties the diagnostic queue before a request. Without a running poller the adapter may still
+  // hold an earlier request's late answer, which would pass for this one's: the channel is fetched
+  // and the frames of the response identifier dropped until a fetch brings none of them.
+  void drain_responses() {
+    if (!polled()) {
+      const uint64_t start = monotonic_ns();
+      bool dropped = true;
+      while (dropped && elapsed_ms_since(start) < kDrainMs) {
+        if (fetch_once() < 0) break;
+        DataLock lock(handle_, channel_);
+        dropped = false;
+        while (fd_adapter_ ? take_fd() : take_classic()) dropped = true;
+      }
+    }
+    clear_queue();
   }
 
   void clear_queue() {
@@ -152,11 +205,8 @@ class Link {
     return fd_adapter_ ? fd_pollers().polled(handle_, channel_)
                        : classic_pollers().polled(handle_, channel_);
   }
-  void fetch_once() {
-    if (fd_adapter_)
-      fd_poller_step(handle_, channel_);
-    else
-      classic_poller_step(handle_, channel_);
+  int fetch_once() {
+    return fd_adapter_ ? fd_poller_step(handle_, channel_) : classic_poller_step(handle_, channel_);
   }
   bool response_extended() const { return (addr_.Flags & kFlagExtended) || addr_.ResID > 0x7FF; }
 
@@ -193,7 +243,7 @@ class Link {
 
   bool request_extended() const { return (addr_.Flags & kFlagExtended) || addr_.ReqID > 0x7FF; }
 
-  CANFD_MSG fd_record(const Frame& frame, uint8_t gap_ms) const {
+  CANFD_MSG fd_record(const Frame& frame, uint32_t gap_us) const {
     CANFD_MSG msg{};
     std::memcpy(msg.Data, frame.data.data(), 64);
     msg.DataLen = (addr_.Flags & kFlagSmallest) ? smallest_fd_length(frame.len) : addr_.FrameLen;
@@ -201,17 +251,17 @@ class Link {
     if ((addr_.Flags & kFlagFd) || msg.DataLen > 8) msg.Flags |= 0x04;
     if ((addr_.Flags & (kFlagFd | kFlagBrs)) == (kFlagFd | kFlagBrs)) msg.Flags |= 0x01;
     msg.Id = addr_.ReqID | (request_extended() ? 0x80000000u : 0);
-    msg.TimeStamp = uint32_t(gap_ms) * 1000;
+    msg.TimeStamp = gap_us;
     return msg;
   }
 
-  CAN_MSG classic_record(const Frame& frame, uint8_t gap_ms) const {
+  CAN_MSG classic_record(const Frame& frame, uint32_t gap_us) const {
     CAN_MSG msg{};
     std::memcpy(msg.Data, frame.data.data(), 8);
     msg.DataLen = 8;
     msg.Id = addr_.ReqID;
     msg.Extended = request_extended() ? 1 : 0;
-    msg.TimeStamp = uint32_t(gap_ms) * 1000;
+    msg.TimeStamp = gap_us;
     return msg;
   }
 
@@ -221,18 +271,20 @@ class Link {
   const bool fd_adapter_;
   CAN_UDS_ADDR& addr_;
   const CAN_UDS_CONFIG config_;
+  const bool iso_timing_;
 };
 
 // What the receiver's flow control allows.
 struct Flow {
   uint8_t block_size = 0;
-  uint8_t gap_ms = 0;
+  uint32_t gap_us = 0;
 };
 
-// Waits for "continue to send"; "wait" keeps waiting, "overflow" ends the request.
+// Waits for "continue to send"; "wait" keeps waiting, "overflow" ends the request. By default
+// the wait is counted from its start; with ISO timing each "wait" frame starts it again.
 int wait_for_flow(Link& link, Flow* flow) {
   const uint32_t wait_ms = link.config().FlowWaitMs ? link.config().FlowWaitMs : kDefaultFlowWaitMs;
-  const uint64_t start = monotonic_ns();
+  uint64_t start = monotonic_ns();
   const size_t at = link.pci_offset();
   while (elapsed_ms_since(start) < double(wait_ms)) {
     std::optional<Frame> frame = link.take_response(3);
@@ -242,9 +294,11 @@ int wait_for_flow(Link& link, Flow* flow) {
     }
     const uint8_t pci = frame->data[at];
     if (pci == kFlowOverflow) return kOverflow;
+    if (pci == kFlowWait && link.iso_timing()) start = monotonic_ns();
     if (pci != kFlowContinue) continue;  // "wait", or not a flow control frame
     const uint8_t stmin = frame->data[at + 2];
-    flow->gap_ms = link.config().STmin ? link.config().STmin : stmin > 127 ? 0 : stmin;
+    flow->gap_us = link.config().STmin ? uint32_t(link.config().STmin) * 1000
+                                       : stmin_gap_us(stmin, link.iso_timing());
     flow->block_size = link.config().BlockSize ? link.config().BlockSize : frame->data[at + 1];
     return 0;
   }
@@ -300,7 +354,7 @@ int send_segmented(Link& link, const uint8_t* data, size_t length) {
     ++in_block;
     const bool block_full = flow.block_size != 0 && in_block == flow.block_size;
     if (batch.size() == kBatch || block_full || done == length) {
-      if (int r = link.send_batch(batch, flow.gap_ms); r != 0) return r;
+      if (int r = link.send_batch(batch, flow.gap_us); r != 0) return r;
       batch.clear();
     }
     if (block_full && done < length) {
@@ -320,88 +374,13 @@ int send_flow_continue(Link& link) {
   return link.send({&frame, 1}, 0);
 }
 
-// A message being put together from its frames.
-class Assembly {
- public:
-  Assembly(uint8_t* out, uint64_t size) : out_(out), size_(size) {}
-
-  // A frame's protocol byte and data: the message length when it is whole, 0 while it is not,
-  // or an error.
-  int take(Link& link, const Frame& frame) {
-    const size_t at = link.pci_offset();
-    const uint8_t pci = frame.data[at];
-    const uint8_t* body = &frame.data[at];
-    const size_t body_len = frame.len - at;
-    switch (pci & 0xF0) {
-      case kSingle:
-        return single(pci, body, body_len, frame.len > 8);
-      case kFirst:
-        return first(link, pci, body, body_len);
-      case kConsecutive:
-        return consecutive(pci, body, body_len);
-      case kFlow:
-        return 0;
-      default:
-        return kBadFrame;
-    }
-  }
-
- private:
-  int single(uint8_t pci, const uint8_t* body, size_t body_len, bool long_frame) {
-    size_t length = pci & 0x0F, offset = 1;
-    if (long_frame || length == 0) {
-      length = body_len > 1 ? body[1] : 0;
-      offset = 2;
-    }
-    if (length > body_len - std::min(offset, body_len)) return kBadFrame;
-    if (length > size_) return kTooLong;
-    std::memcpy(out_, body + offset, length);
-    return int(length);
-  }
-
-  int first(Link& link, uint8_t pci, const uint8_t* body, size_t body_len) {
-    uint64_t length = uint64_t(pci & 0x0F) << 8 | body[1];
-    size_t offset = 2;
-    if (length == 0) {
-      if (body_len < 6) return kBadFrame;
-      length = get_be32(body + 2);
-      offset = 6;
-    }
-    if (length > size_) return kTooLong;
-    if (length > uint64_t(INT32_MAX)) return kBadFrame;
-    announced_ = length;
-    received_ = std::min<uint64_t>(length, body_len - std::min(offset, body_len));
-    std::memcpy(out_, body + offset, size_t(received_));
-    expected_ = 1;
-    started_ = true;
-    const int sent = send_flow_continue(link);
-    if (sent < 0) return sent;
-    return received_ == announced_ ? int(announced_) : 0;
-  }
-
-  int consecutive(uint8_t pci, const uint8_t* body, size_t body_len) {
-    if (!started_ || (pci & 0x0F) != (expected_ & 0x0F)) return kSequence;
-    ++expected_;
-    const uint64_t n = std::min<uint64_t>({body_len - 1, 63, announced_ - received_});
-    std::memcpy(out_ + received_, body + 1, size_t(n));
-    received_ += n;
-    return received_ == announced_ ? int(announced_) : 0;
-  }
-
-  uint8_t* out_;
-  uint64_t size_;
-  bool started_ = false;
-  uint8_t expected_ = 1;
-  uint64_t announced_ = 0, received_ = 0;
-};
-
 int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, uint64_t size,
             int32_t timeout_ms) {
   if (!addr || !out) return result::kBadArgument;
   const int device = resolve_device(handle);
   if (device < 0) return kNoDevice;
   Link link(handle, channel, device, *addr);
-  Assembly assembly(out, size);
+  IsoTpReader reader(out, size, link.pci_offset());
   const uint64_t start = monotonic_ns();
   while (true) {
     std::optional<Frame> frame = link.take_response(2);
@@ -410,7 +389,10 @@ int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, 
       sleep_for_ms(1);
       continue;
     }
-    const int r = assembly.take(link, *frame);
+    bool flow_control_due = false;
+    const int r = reader.take(frame->data.data(), frame->len, &flow_control_due);
+    if (flow_control_due)
+      if (const int sent = send_flow_continue(link); sent < 0) return sent;
     if (r != 0) return r;
   }
 }
@@ -420,10 +402,10 @@ int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, 
 VARNEL_API int CAN_UDS_Config(DevHandle handle, uint8_t channel, CAN_UDS_CONFIG* config) {
   return guarded(result::kFailed, [&] {
     if (!config) return result::kBadArgument;
-    const int device = resolve_device(handle);
-    if (device < 0) return kNoDevice;
-    std::lock_guard guard(config_mutex);
-    configs[device][channel & 1] = *config;
+    const auto adapter = uds_configs().find_or_create(handle);
+    if (!adapter || resolve_device(handle) < 0) return kNoDevice;
+    std::lock_guard guard(adapter->mutex);
+    adapter->configs[channel & 1] = *config;
     return 0;
   });
 }
@@ -435,7 +417,7 @@ VARNEL_API int CAN_UDS_Request(DevHandle handle, uint8_t channel, CAN_UDS_ADDR* 
     const int device = resolve_device(handle);
     if (device < 0) return kNoDevice;
     Link link(handle, channel, device, *addr);
-    link.clear_queue();
+    link.drain_responses();
     link.fit_frame_length(size_t(length));
     const size_t single_room =
         link.frame_length() - link.pci_offset() - (link.frame_length() > 8 ? 2 : 1);
@@ -454,4 +436,14 @@ VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle handle, uint8_t channel, CAN_U
                                         uint8_t* out, uint32_t size, int32_t timeout_ms) {
   return guarded(result::kFailed,
                  [&] { return respond(handle, channel, addr, out, size, timeout_ms); });
+}
+
+VARNEL_API int VARNEL_CAN_UDS_SetIsoTiming(DevHandle handle, uint8_t channel, int on) {
+  return guarded(result::kFailed, [&] {
+    const auto adapter = uds_configs().find_or_create(handle);
+    if (!adapter || resolve_device(handle) < 0) return kNoDevice;
+    std::lock_guard guard(adapter->mutex);
+    adapter->iso_timings[channel & 1] = on != 0;
+    return 0;
+  });
 }

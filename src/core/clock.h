@@ -29,8 +29,8 @@ inline void sleep_for_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-// Spins on the counter: for pauses below the scheduler's granularity, where a sleep would
-// overshoot.
+// Spins on the counter for the whole pause. Waits inside a call use wait_for_us
+// (core/delay.h), which ends as exactly but sleeps through all but the last stretch.
 inline void busy_wait_us(uint64_t us) {
   const uint64_t start = monotonic_ns();
   while (monotonic_ns() - start < us * 1000) {

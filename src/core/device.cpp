@@ -3,12 +3,14 @@
 // function string).
 #include "core/device.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
@@ -40,10 +42,15 @@ enum : uint32_t {
 constexpr int32_t kUserDataLimit = VARNEL_DEV_USER_DATA_SIZE;
 constexpr int32_t kFunctionStringMax = VARNEL_DEV_FUNCTION_STRING_SIZE - 1;
 
-// Written under the device's lock; the mutex only keeps concurrent readers of other devices'
-// entries well defined.
-std::mutex correction_mutex;
-std::array<CorrectionTimes, kMaxDevices> corrections;
+// Written under the device's lock; the mutex keeps a concurrent reader well defined.
+struct Corrections {
+  std::mutex mutex;
+  CorrectionTimes times;
+};
+AdapterTable<Corrections>& corrections() {
+  static auto* table = new AdapterTable<Corrections>;
+  return *table;
+}
 
 // Replies the caller does not look at still have to land somewhere: over TCP a reply with a
 // payload but no buffer counts as failed.
@@ -69,6 +76,24 @@ bool acknowledged(uint32_t handle, uint32_t command, std::span<const uint8_t> re
          0;
 }
 
+// The user-data read both calls share: the bytes that arrived (stored at pReadData, at most
+// DataLen), -7 for an offset that is not a multiple of 4 or no buffer, -2 when the request could
+// not be written, -4 when no reply of this command could be read. The reply goes straight into
+// the caller's buffer whatever its length: a shorter one (the area ended, or the USB carrier cut
+// a reply above 512 KiB) is still a read, and only the count tells.
+int read_user_data(uint32_t handle, uint32_t offset, uint8_t* out, uint32_t count) {
+  if (offset % 4 != 0 || (count > 0 && !out)) return result::kBadArgument;
+  PayloadWriter request;
+  request.u32(offset).u32(count);
+  const size_t capacity = std::min<uint32_t>(count, uint32_t(INT32_MAX));
+  std::array<uint8_t, 64> empty{};
+  std::span<uint8_t> reply = capacity ? std::span<uint8_t>(out, capacity) : scratch_reply(empty);
+  const auto r = transact(handle, kReadUserData, request.bytes(), reply);
+  if (r.send_result != 0) return result::kWriteFailed;
+  if (r.read_result != 0) return result::kReplyFailed;
+  return int(std::clamp<int64_t>(r.reply_length, 0, int64_t(capacity)));
+}
+
 int month_number(const char* name) {
   static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -79,10 +104,11 @@ int month_number(const char* name) {
 
 }  // namespace
 
-CorrectionTimes correction_times(int index) {
-  if (index < 0 || index >= kMaxDevices) return {};
-  std::lock_guard guard(correction_mutex);
-  return corrections[size_t(index)];
+CorrectionTimes correction_times(uint32_t handle) {
+  const auto adapter = corrections().find(handle);
+  if (!adapter) return {};
+  std::lock_guard guard(adapter->mutex);
+  return adapter->times;
 }
 
 }  // namespace varnel
@@ -148,20 +174,14 @@ VARNEL_API bool DEV_WriteUserData(DevHandle handle, int32_t OffsetAddr, const ui
 
 VARNEL_API bool DEV_ReadUserData(DevHandle handle, uint32_t OffsetAddr, uint8_t* pReadData,
                                  uint32_t DataLen) {
-  return varnel::guarded(false, [&] {
-    if (OffsetAddr % 4 != 0 || (DataLen > 0 && !pReadData)) return false;
-    PayloadWriter request;
-    request.u32(OffsetAddr).u32(DataLen);
-    // The reply goes straight into the caller's buffer, bounded by the count it asked for.
-    const size_t capacity = std::min<uint32_t>(DataLen, uint32_t(INT32_MAX));
-    std::array<uint8_t, 64> empty{};
-    std::span<uint8_t> reply =
-        capacity ? std::span<uint8_t>(pReadData, capacity) : scratch_reply(empty);
-    // Anything but the count asked for (a cut payload, a negative length) leaves the buffer
-    // partly stale, so it is a failure.
-    return transact(handle, kReadUserData, request.bytes(), reply)
-               .expect_length(int32_t(capacity)) == 0;
-  });
+  return varnel::guarded(
+      false, [&] { return read_user_data(handle, OffsetAddr, pReadData, DataLen) >= 0; });
+}
+
+VARNEL_API int VARNEL_DEV_ReadUserDataN(DevHandle handle, uint32_t OffsetAddr, uint8_t* pReadData,
+                                        uint32_t DataLen) {
+  return varnel::guarded(result::kFailed,
+                         [&] { return read_user_data(handle, OffsetAddr, pReadData, DataLen); });
 }
 
 VARNEL_API bool DEV_SetPowerLevel(DevHandle handle, uint8_t PowerLevel) {
@@ -203,11 +223,10 @@ VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
     if (index < 0 || index >= kMaxDevices) return false;
     DeviceLockGuard guard(handle);
     uint64_t now = wall_clock_ms();
-    {
-      std::lock_guard times_guard(correction_mutex);
-      auto& times = corrections[size_t(index)];
-      times.last_ms = now;
-      if (times.first_ms == 0) times.first_ms = now;
+    if (const auto adapter = corrections().find_or_create(handle)) {
+      std::lock_guard times_guard(adapter->mutex);
+      adapter->times.last_ms = now;
+      if (adapter->times.first_ms == 0) adapter->times.first_ms = now;
     }
     // Sent as it lies in host memory: the firmware takes the host's byte order here.
     uint8_t request[8];

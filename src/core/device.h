@@ -1,4 +1,4 @@
-// Device housekeeping state the library keeps per device index: the host times of the first and
+// Device housekeeping state the library keeps per adapter: the host times of the first and
 // the last time-stamp correction.
 #pragma once
 
@@ -16,8 +16,8 @@ struct CorrectionTimes {
   uint64_t last_ms = 0;
 };
 
-// Times of the device at `index` (0..59); zeros for an index out of range.
-CorrectionTimes correction_times(int index);
+// Times of the adapter; zeros before its first correction.
+CorrectionTimes correction_times(uint32_t handle);
 
 // A channel's start time, as the CAN and LIN channels reset it: the device's clock corrected, then
 // host ms - device ms (the device time counts as 0 when the command could not be sent and -1 when

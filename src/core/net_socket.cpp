@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -29,8 +28,6 @@ namespace {
 constexpr int kSocketTimeoutMs = 3000;
 constexpr int kConnectTimeoutMs = 3000;
 constexpr int kReceiveBuffer = 64512;
-constexpr int kHeaderRetryMs = 20;
-constexpr uint64_t kIdleCheckNs = 100'000;  // 100 us
 
 class Socket {
  public:
@@ -39,18 +36,9 @@ class Socket {
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
   int fd() const { return fd_; }
-  // Whether the stream has to be checked before the next request. The check costs a system
-  // call, so back-to-back transactions (within 100 us of the last use) skip it: a peer that went
-  // away in that gap shows up as a failed reply instead, and the next transaction reconnects.
-  bool idle_since_last_use() {
-    const uint64_t now = monotonic_ns();
-    return now - last_use_ns_.exchange(now, std::memory_order_relaxed) > kIdleCheckNs;
-  }
-  void touch() { last_use_ns_.store(monotonic_ns(), std::memory_order_relaxed); }
 
  private:
   int fd_;
-  std::atomic<uint64_t> last_use_ns_{0};
 };
 using SocketPtr = std::shared_ptr<Socket>;
 
@@ -129,9 +117,11 @@ int open_connection(in_addr_t address) {
   return fd;
 }
 
-// Before a request goes out, nothing may wait on the stream: bytes there belong to an earlier
-// transaction (a reply that came too late) and are dropped so the next reply is ours. A peer
-// that has closed the connection (daemon restarted, adapter rebooted) makes the socket stale.
+// Before every request, nothing may wait on the stream: bytes there belong to an earlier
+// transaction (a reply that came too late, or came twice) and are dropped so the next reply is
+// ours. Replies of the same command carry nothing that tells them apart, so this is done however
+// soon the request follows the last one. A peer that has closed the connection (daemon
+// restarted, adapter rebooted) makes the socket stale.
 bool stream_usable(int fd) {
   uint8_t scratch[4096];
   while (true) {
@@ -173,10 +163,9 @@ bool receive_exact(int fd, uint8_t* out, int32_t size, uint64_t deadline_ns) {
   return receive_by(fd, out, size, deadline_ns) == size;
 }
 
-void busy_wait_ms(int ms) {
-  const uint64_t start = monotonic_ns();
-  while (elapsed_ms_since(start) < ms) {
-  }
+// Drops a packet's payload, keeping the stream on the packet boundaries.
+bool skip_payload(int fd, int32_t length, uint64_t deadline_ns) {
+  return length <= 0 || receive_exact(fd, nullptr, length, deadline_ns);
 }
 
 }  // namespace
@@ -243,7 +232,7 @@ bool net_reconnect(uint32_t handle) {
 
 int net_write_packet(uint32_t handle, const uint8_t* data, int size, bool connect_on_demand) {
   SocketPtr socket = take_reference(handle);
-  if (socket && socket->idle_since_last_use() && !stream_usable(socket->fd())) {
+  if (socket && !stream_usable(socket->fd())) {
     disconnect_socket(handle, socket);
     socket.reset();
   }
@@ -273,44 +262,42 @@ int net_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
     if (!socket) return -1;
   }
   const int fd = socket->fd();
-  // The whole reply has one deadline: the header's wait, the one further wait it gets after a
-  // 20 ms pause, and no more for the payload, however its bytes are spread out.
-  const uint64_t wait_ns = uint64_t(std::max(timeout_ms, kSocketTimeoutMs)) * 1'000'000;
-  const uint64_t start = monotonic_ns();
-  const uint64_t deadline = start + 2 * wait_ns + uint64_t(kHeaderRetryMs) * 1'000'000;
-
-  uint8_t header[8];
-  int32_t got = receive_by(fd, header, sizeof header, start + wait_ns);
-  if (got == 0) {
-    // one more try after a short pause: a receive that timed out is not yet a lost reply
-    busy_wait_ms(kHeaderRetryMs);
-    got = receive_by(fd, header, sizeof header, deadline);
-  }
-  if (got != 8) {
-    reply.payload = nullptr;
-    disconnect_socket(handle, socket);
-    return -3;
-  }
-  reply.command = get_be32(header);
-  reply.length = int32_t(get_be32(header + 4));
-  if (reply.length > kTcpReplyLimit) {
-    disconnect_socket(handle, socket);
-    return -3;
+  // The whole reply has one deadline, the call's time-out (at least the socket's 3 s): the
+  // header, the payload however its bytes are spread out, and any packet skipped before it.
+  const uint64_t deadline =
+      monotonic_ns() + uint64_t(std::max(timeout_ms, kSocketTimeoutMs)) * 1'000'000;
+  for (;;) {
+    uint8_t header[8];
+    if (!receive_exact(fd, header, sizeof header, deadline)) {
+      reply.payload = nullptr;
+      disconnect_socket(handle, socket);
+      return -3;
+    }
+    reply.command = get_be32(header);
+    reply.length = int32_t(get_be32(header + 4));
+    if (reply.length > kTcpReplyLimit) {
+      disconnect_socket(handle, socket);
+      return -3;
+    }
+    if (reply.command == expected) break;
+    // A packet of another command answers no request of ours (an earlier caller gave up on it):
+    // it is dropped and the wait for our reply goes on.
+    if (!skip_payload(fd, reply.length, deadline)) {
+      disconnect_socket(handle, socket);
+      return -3;
+    }
   }
   if (reply.length <= 0) return 0;
-
-  if (!reply.payload || reply.command != expected) {
-    // drained so the stream stays in step with the packet boundaries
-    if (!receive_exact(fd, nullptr, reply.length, deadline)) disconnect_socket(handle, socket);
+  if (!reply.payload) {
+    if (!skip_payload(fd, reply.length, deadline)) disconnect_socket(handle, socket);
     return -3;
   }
   const int32_t stored = std::min(reply.length, std::max<int32_t>(reply.capacity, 0));
   if (!receive_exact(fd, reply.payload, stored, deadline) ||
-      !receive_exact(fd, nullptr, reply.length - stored, deadline)) {
+      !skip_payload(fd, reply.length - stored, deadline)) {
     disconnect_socket(handle, socket);
     return -3;
   }
-  socket->touch();
   return 0;
 }
 

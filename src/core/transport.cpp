@@ -47,6 +47,8 @@ int retry_with_reconnect(uint32_t handle, Attempt attempt) {
   const uint64_t start = monotonic_ns();
   int result = attempt();
   while (result != 0) {
+    // an adapter the application closed stays closed: nothing to wait for
+    if (usb_closed_by_application(handle)) return result;
     bool reconnected = false;
     while (!reconnected) {
       if (elapsed_ms_since(start) >= kRetryPeriodMs) return result;
@@ -71,6 +73,12 @@ int device_index(uint32_t handle) {
   std::lock_guard list_guard(device_list_mutex());
   if (is_network_handle(handle)) return net_table_position(handle);
   return usb_list_position_locked(handle);
+}
+
+bool adapter_listed(uint32_t handle) {
+  std::lock_guard list_guard(device_list_mutex());
+  if (is_network_handle(handle)) return net_table_position(handle) >= 0;
+  return usb_list_position_locked(handle) >= 0;
 }
 
 bool assemble_packet(const CommandPacket& request, uint8_t** out, int* out_size) {

@@ -27,6 +27,9 @@ bool is_network_handle(uint32_t handle);
 
 // Position in the USB device list or the socket table; top byte 0xFF: the low byte; else -1.
 int device_index(uint32_t handle);
+// Whether a scan listed the handle: an entry in the USB device list or the socket table, whatever
+// the handle's top byte (device_index gives any handle 0xFF...... an index of its own).
+bool adapter_listed(uint32_t handle);
 
 // 0, -1 unknown handle / not connected, -2 write failed, -4 no memory.
 int send_command(uint32_t handle, const CommandPacket& request, int timeout_ms);

@@ -10,17 +10,21 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/locks.h"
 #include "core/net.h"
+#include "core/usb_stream.h"
 #include "varnel.h"
 
 namespace varnel {
@@ -39,11 +43,46 @@ constexpr int kMinReadTimeoutMs = 1000;
 constexpr unsigned kDrainTimeoutMs = 100;
 constexpr int kMaxDrainReads = 2 + kUsbReplyLimit / kUsbReplyChunk;
 
+// Transfers on an entry's device handle hold the gate shared; closing the handle holds it alone.
+// Transfers run under different locks (the CAN and LIN channel locks, not only the device lock),
+// so the device lock alone cannot keep a close from freeing the handle under one of them. A close
+// waits for the transfers in progress and keeps new ones out until the handle is gone.
+class HandleGate {
+ public:
+  void enter() {
+    std::unique_lock guard(mutex_);
+    changed_.wait(guard, [&] { return !closing_; });
+    ++users_;
+  }
+  void leave() {
+    std::lock_guard guard(mutex_);
+    if (--users_ == 0) changed_.notify_all();
+  }
+  void close_begin() {
+    std::unique_lock guard(mutex_);
+    changed_.wait(guard, [&] { return !closing_; });
+    closing_ = true;
+    changed_.wait(guard, [&] { return users_ == 0; });
+  }
+  void close_end() {
+    std::lock_guard guard(mutex_);
+    closing_ = false;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int users_ = 0;
+  bool closing_ = false;
+};
+
 struct UsbDeviceEntry {
   libusb_device* device = nullptr;  // referenced while stored here
-  libusb_device_handle* device_handle = nullptr;
+  std::atomic<libusb_device_handle*> device_handle{nullptr};
+  HandleGate gate;
   uint32_t handle = 0;
-  uint8_t opened = 0;
+  std::atomic<uint8_t> opened{0};
   uint8_t bus_number = 0;
   uint8_t device_address = 0;
   uint8_t port_number = 0;
@@ -52,6 +91,48 @@ struct UsbDeviceEntry {
   std::atomic<bool> reply_may_be_pending{false};
 };
 using EntryPtr = std::shared_ptr<UsbDeviceEntry>;
+
+// The open device handle of an entry for the length of one use, or null when it has none.
+class HandleUse {
+ public:
+  explicit HandleUse(UsbDeviceEntry& entry) : entry_(entry) {
+    entry_.gate.enter();
+    handle_ = entry_.device_handle;
+  }
+  ~HandleUse() { entry_.gate.leave(); }
+  HandleUse(const HandleUse&) = delete;
+  HandleUse& operator=(const HandleUse&) = delete;
+  libusb_device_handle* get() const { return handle_; }
+
+ private:
+  UsbDeviceEntry& entry_;
+  libusb_device_handle* handle_;
+};
+
+// What belongs to an adapter's handle beyond its list entry (which a scan drops and makes anew
+// when the adapter is re-plugged): whether the application closed it, and the bulk-in streams
+// running on it, which a close or reconnection stops before the device handle goes.
+struct UsbSession {
+  std::atomic<bool> closed_by_application{false};
+  std::mutex streams_mutex;
+  std::vector<BulkInStream*> streams;
+};
+
+AdapterTable<UsbSession>& sessions() {
+  static auto* table = new AdapterTable<UsbSession>;
+  return *table;
+}
+
+// Stops every stream running on the adapter's device handle. The list is held while they stop,
+// so an owner destroying its stream meanwhile waits in usb_stream_stopped.
+void stop_streams_on(uint32_t handle) {
+  const auto session = sessions().find(handle);
+  if (!session) return;
+  std::lock_guard guard(session->streams_mutex);
+  for (BulkInStream* stream : session->streams)
+    stream->stop_because(BulkInStream::End::kClosedUnderIt);
+  session->streams.clear();
+}
 
 // One libusb device list, freed with its device references when its last reader lets go: a
 // reconnection walks the list on a transaction's thread while a scan may replace it.
@@ -95,14 +176,23 @@ void mark_closed(UsbDeviceEntry& entry) {
   entry.device_handle = nullptr;
 }
 
-void close_handle(UsbDeviceEntry& entry) {
-  if (entry.device_handle) libusb_close(entry.device_handle);
+// Every close of a device handle goes through here: the streams on it are stopped and reaped,
+// the transfers in progress end, and only then is the handle released and closed.
+void close_handle(UsbDeviceEntry& entry, bool release_interface = false) {
+  // First without the gate: a stream's callback may itself make a transfer on the adapter.
+  stop_streams_on(entry.handle);
+  entry.gate.close_begin();
+  stop_streams_on(entry.handle);  // one that started meanwhile
+  if (libusb_device_handle* dh = entry.device_handle) {
+    if (release_interface) libusb_release_interface(dh, 0);
+    libusb_close(dh);
+  }
   mark_closed(entry);
+  entry.gate.close_end();
 }
 
 void free_entry(UsbDeviceEntry& entry) {
-  if (entry.opened && entry.device_handle) libusb_release_interface(entry.device_handle, 0);
-  close_handle(entry);
+  close_handle(entry, entry.opened != 0);
   set_device(entry, nullptr);
 }
 
@@ -244,9 +334,7 @@ EntryPtr scan_new_location(libusb_device* device, const std::string& path) {
   libusb_close(dh);  // a scan does not keep the adapter open
   if (EntryPtr existing = find_entry(identity)) {
     DeviceLockGuard guard(identity);
-    if (existing->opened && existing->device_handle)
-      libusb_release_interface(existing->device_handle, 0);
-    close_handle(*existing);
+    close_handle(*existing, existing->opened != 0);
     set_device(*existing, device);
     existing->bus_number = entry->bus_number;
     existing->device_address = entry->device_address;
@@ -371,7 +459,7 @@ bool open_entry(uint32_t handle) {
 // calls), so it must not take the global lock: it reads the scan's list through a reference.
 bool reconnect_usb(uint32_t handle) {
   EntryPtr entry = find_entry(handle);
-  if (!state().usb_ready || !entry) return false;
+  if (!state().usb_ready || !entry || usb_closed_by_application(handle)) return false;
   DeviceListPtr list = cached_device_list();
   if (!list) return false;
   bool present = false;
@@ -406,13 +494,13 @@ int max_packet_size(const EntryPtr& entry) {
 
 // Whatever is pending on the IN endpoint after a failed read answers an earlier request: read it
 // off before the next request goes out, or every later call would read its predecessor's reply.
-void drain_stale_replies(UsbDeviceEntry& entry) {
+void drain_stale_replies(UsbDeviceEntry& entry, libusb_device_handle* dh) {
   if (!entry.reply_may_be_pending.exchange(false)) return;
   std::vector<uint8_t> sink(static_cast<size_t>(kUsbReplyChunk));
   for (int i = 0; i < kMaxDrainReads; ++i) {
     int transferred = 0;
-    if (libusb_bulk_transfer(entry.device_handle, kEndpointIn, sink.data(), int(sink.size()),
-                             &transferred, kDrainTimeoutMs) != 0)
+    if (libusb_bulk_transfer(dh, kEndpointIn, sink.data(), int(sink.size()), &transferred,
+                             kDrainTimeoutMs) != 0)
       return;
   }
 }
@@ -471,8 +559,10 @@ int usb_write_packet(uint32_t handle, unsigned char endpoint, const uint8_t* dat
                      int timeout_ms) {
   EntryPtr entry = open_entry_for_transfer(handle);
   if (!entry) return -2;
-  drain_stale_replies(*entry);
-  libusb_device_handle* dh = entry->device_handle;
+  HandleUse use(*entry);
+  libusb_device_handle* dh = use.get();
+  if (!dh) return -2;  // closed meanwhile
+  drain_stale_replies(*entry, dh);
   int transferred = 0;
   int rc = libusb_bulk_transfer(dh, endpoint, const_cast<uint8_t*>(data), size, &transferred,
                                 unsigned(timeout_ms));
@@ -499,8 +589,13 @@ int usb_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
     reply.payload = nullptr;
     return -3;
   }
-  const int rc = read_reply_from(entry->device_handle, reply, expected,
-                                 std::max(timeout_ms, kMinReadTimeoutMs));
+  HandleUse use(*entry);
+  if (!use.get()) {  // closed meanwhile
+    reply.payload = nullptr;
+    return -3;
+  }
+  const int rc =
+      read_reply_from(use.get(), reply, expected, std::max(timeout_ms, kMinReadTimeoutMs));
   if (rc != 0) entry->reply_may_be_pending = true;
   return rc;
 }
@@ -508,10 +603,12 @@ int usb_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
 int usb_control_out(uint32_t handle, uint8_t request, int timeout_ms) {
   EntryPtr entry = open_entry_for_transfer(handle);
   if (!entry) return -1;
-  int rc = libusb_control_transfer(entry->device_handle, kVendorOut, request, 0, 0, nullptr, 0,
+  HandleUse use(*entry);
+  if (!use.get()) return -1;
+  int rc = libusb_control_transfer(use.get(), kVendorOut, request, 0, 0, nullptr, 0,
                                    unsigned(timeout_ms));
   if (rc < 0) {
-    libusb_reset_device(entry->device_handle);
+    libusb_reset_device(use.get());
     return -2;
   }
   return 0;
@@ -527,10 +624,28 @@ libusb_context* usb_context() {
   return state().context;
 }
 
-libusb_device_handle* usb_device_handle(uint32_t handle) {
-  DeviceLockGuard guard(handle);
+bool usb_start_stream(uint32_t handle, BulkInStream* stream,
+                      const std::function<bool(libusb_device_handle*)>& submit) {
   EntryPtr entry = open_entry_for_transfer(handle);
-  return entry && entry->opened ? entry->device_handle : nullptr;
+  const auto session = sessions().find_or_create(handle);
+  if (!entry || !session || !entry->opened) return false;
+  HandleUse use(*entry);
+  if (!use.get() || !submit(use.get())) return false;
+  std::lock_guard guard(session->streams_mutex);
+  session->streams.push_back(stream);
+  return true;
+}
+
+void usb_stream_stopped(uint32_t handle, BulkInStream* stream) {
+  const auto session = sessions().find(handle);
+  if (!session) return;
+  std::lock_guard guard(session->streams_mutex);
+  std::erase(session->streams, stream);
+}
+
+bool usb_closed_by_application(uint32_t handle) {
+  const auto session = sessions().find(handle);
+  return session && session->closed_by_application;
 }
 
 bool reconnect_device(uint32_t handle) {
@@ -551,6 +666,7 @@ VARNEL_API int USB_ScanDevice(DevHandle* pDevHandle) {
 VARNEL_API bool USB_OpenDevice(DevHandle handle) {
   return varnel::guarded(false, [&] {
     library_start();
+    if (const auto session = sessions().find(handle)) session->closed_by_application = false;
     if (has_device(handle)) return open_entry(handle);
     DevHandle found[kMaxDevices];
     int count = scan_devices(found);
@@ -560,12 +676,16 @@ VARNEL_API bool USB_OpenDevice(DevHandle handle) {
 }
 
 VARNEL_API bool USB_CloseDevice(DevHandle handle) {
-  DeviceLockGuard guard(handle);  // waits for a transaction on another thread to finish
-  EntryPtr entry = find_entry(handle);
-  if (!state().usb_ready || !entry || !entry->device || !entry->device_handle) return false;
-  libusb_release_interface(entry->device_handle, 0);
-  close_handle(*entry);
-  return true;
+  return varnel::guarded(false, [&] {
+    DeviceLockGuard guard(handle);  // waits for a transaction on another thread to finish
+    EntryPtr entry = find_entry(handle);
+    if (!state().usb_ready || !entry || !entry->device || !entry->device_handle) return false;
+    // Closed stays closed: no reconnection or retry reopens it, only USB_OpenDevice.
+    if (const auto session = sessions().find_or_create(handle))
+      session->closed_by_application = true;
+    close_handle(*entry, true);
+    return true;
+  });
 }
 
 VARNEL_API bool USB_ResetDevice(DevHandle handle) {

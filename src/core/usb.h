@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -35,8 +36,18 @@ struct libusb_device_handle;
 namespace varnel {
 // The library's libusb context (null before the first scan or open).
 libusb_context* usb_context();
-// The adapter's open libusb handle, or null (for the asynchronous streams).
-libusb_device_handle* usb_device_handle(uint32_t handle);
+class BulkInStream;
+// Hands the adapter's open device handle to `submit` (a stream's first transfer) while no close
+// can take it away, and keeps the stream on the adapter's list, so that closing or replacing the
+// handle (USB_CloseDevice, a reconnection, a scan) stops it first. False, and nothing kept, when
+// the adapter is not open or `submit` failed.
+bool usb_start_stream(uint32_t handle, BulkInStream* stream,
+                      const std::function<bool(libusb_device_handle*)>& submit);
+// Takes a stream its owner stopped off the adapter's list.
+void usb_stream_stopped(uint32_t handle, BulkInStream* stream);
+// Whether the application closed the adapter (USB_CloseDevice) and has not opened it since: no
+// reconnection reopens it then, and a failed write is not retried.
+bool usb_closed_by_application(uint32_t handle);
 
 // The adapter's attachment point, e.g. "1.4.2.4" (port chain, bus, port); empty if unknown.
 std::string usb_location_path(uint32_t handle);

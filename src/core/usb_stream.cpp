@@ -3,6 +3,8 @@
 #include <libusb.h>
 #include <sys/time.h>
 
+#include <utility>
+
 #include "core/usb.h"
 
 namespace varnel {
@@ -15,27 +17,44 @@ BulkInStream::~BulkInStream() {
 }
 
 bool BulkInStream::start() {
-  libusb_device_handle* dh = usb_device_handle(handle_);
-  if (!dh || options_.buffer_size <= 0) {
-    stop_ = ended_ = true;
-    return false;
+  {
+    std::lock_guard stopping(stop_mutex_);
+    if (options_.buffer_size <= 0) {
+      note_end(End::kStopped);
+      stop_ = ended_ = true;
+      return false;
+    }
+    transfer_ = libusb_alloc_transfer(0);
+    buffer_ = new unsigned char[size_t(options_.buffer_size)];
   }
-  transfer_ = libusb_alloc_transfer(0);
-  buffer_ = new unsigned char[size_t(options_.buffer_size)];
-  libusb_fill_bulk_transfer(transfer_, dh, kEndpointIn, buffer_, options_.buffer_size,
-                            &BulkInStream::on_transfer_done, this, 0);
-  in_flight_ = true;
-  if (libusb_submit_transfer(transfer_) != 0) {
+  // Not under the stop mutex: the carrier takes its stream list before a stream's stop mutex.
+  const bool submitted = usb_start_stream(handle_, this, [this](libusb_device_handle* dh) {
+    libusb_fill_bulk_transfer(transfer_, dh, kEndpointIn, buffer_, options_.buffer_size,
+                              &BulkInStream::on_transfer_done, this, 0);
+    in_flight_ = true;
+    if (libusb_submit_transfer(transfer_) == 0) return true;
     in_flight_ = false;
-    libusb_free_transfer(transfer_);
+    return false;
+  });
+  std::lock_guard stopping(stop_mutex_);
+  // A close may have stopped it (and freed its transfer) as soon as it was listed.
+  if (!submitted || stop_) {
+    if (transfer_) libusb_free_transfer(transfer_);
     transfer_ = nullptr;
     delete[] buffer_;
     buffer_ = nullptr;
+    note_end(End::kStopped);
     stop_ = ended_ = true;
     return false;
   }
+  registered_ = true;
   worker_ = std::thread([this] { pump(); });
   return true;
+}
+
+void BulkInStream::note_end(End why) {
+  End running = End::kRunning;
+  end_.compare_exchange_strong(running, why);
 }
 
 void BulkInStream::on_transfer_done(libusb_transfer* transfer) {
@@ -48,10 +67,12 @@ void BulkInStream::on_transfer_done(libusb_transfer* transfer) {
       break;
     case LIBUSB_TRANSFER_STALL:      // the firmware stalls the pipe when it goes away
     case LIBUSB_TRANSFER_NO_DEVICE:  // unplugged
+      self->note_end(End::kDeviceGone);
       self->stop_ = true;
       self->ended_ = true;
       break;
     default:  // cancelled, timed out, error: the stream ends without resubmission
+      if (!self->stop_) self->note_end(End::kDeviceGone);
       break;
   }
   self->in_flight_ = false;  // last touch: stop() may free the stream once it sees this
@@ -81,6 +102,26 @@ constexpr int kCancelGracePassMs = 10;
 }  // namespace
 
 void BulkInStream::stop() {
+  bool registered = false;
+  {
+    std::lock_guard stopping(stop_mutex_);
+    note_end(End::kStopped);
+    stop_locked();
+    registered = std::exchange(registered_, false);
+  }
+  if (registered) usb_stream_stopped(handle_, this);
+}
+
+// The carrier's stop: it has taken the stream off its list already and holds that list, so the
+// stream stays alive here even while its owner destroys it.
+void BulkInStream::stop_because(End why) {
+  std::lock_guard stopping(stop_mutex_);
+  note_end(why);
+  stop_locked();
+  registered_ = false;
+}
+
+void BulkInStream::stop_locked() {
   {
     std::lock_guard guard(submit_mutex_);
     stop_ = true;

@@ -252,6 +252,35 @@ void decode_all(const Message& m, const uint8_t* payload, size_t size, double* v
   }
 }
 
+namespace {
+
+const std::string* choice_of(const Signal& s, uint64_t raw) {
+  if (s.value_table.empty() || is_ieee(s.value_type)) return nullptr;
+  int64_t key = int64_t(raw);
+  if (s.is_signed && s.length >= 1 && s.length < 64 && ((raw >> (s.length - 1)) & 1)) {
+    key = int64_t(raw | ~s.mask);
+  }
+  if (raw > uint64_t(INT64_MAX) && !s.is_signed) return nullptr;
+  if (key < INT32_MIN || key > INT32_MAX) return nullptr;
+  auto it = s.value_table.find(int32_t(key));
+  return it == s.value_table.end() ? nullptr : &it->second;
+}
+
+}  // namespace
+
+void decode_choices(const Message& m, const uint8_t* payload, size_t size, const char** names,
+                    size_t count) {
+  const FirstWord word(payload, size);
+  const size_t n = std::min(count, m.signals.size());
+  for (size_t i = 0; i < n; ++i) {
+    const Signal& s = m.signals[i];
+    const std::string* name = active_in(m, s, word, payload, size, 0)
+                                  ? choice_of(s, extract(s, word, payload, size))
+                                  : nullptr;
+    names[i] = name ? name->c_str() : nullptr;
+  }
+}
+
 void encode_all(const Message& m, const double* values, size_t count, uint8_t* payload,
                 size_t size) {
   const auto put = [&](size_t i) {

@@ -60,6 +60,11 @@ bool signal_active(const Message& m, const Signal& s, const uint8_t* payload, si
 // `selected` (may be null) gets 1 for a selected signal, 0 for the others.
 void decode_all(const Message& m, const uint8_t* payload, size_t size, double* values,
                 uint8_t* selected, size_t count);
+// The choice name (value table entry) of each selected signal's raw value, in signal order, into
+// names[0..count); null where there is none. Raw values are keyed as DBC tools key them: signed
+// integer signals sign-extended, float signals never.
+void decode_choices(const Message& m, const uint8_t* payload, size_t size, const char** names,
+                    size_t count);
 // Builds a payload (zeroed by the caller) from physical values in signal order; NaN, or an
 // index at or past `count`, takes the signal's start value. Only selected signals are written.
 void encode_all(const Message& m, const double* values, size_t count, uint8_t* payload,

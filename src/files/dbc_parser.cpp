@@ -3,6 +3,7 @@
 #include "files/dbc_parser.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -74,6 +75,18 @@ bool contains(std::string_view s, char c) {
   return s.find(c) != std::string_view::npos;
 }
 
+// A CAN identifier has 29 bits and an extended flag; bits 29 and 30 of a file's number belong to
+// neither (tools mark pseudo-messages or relayed frames with bit 30), so DBC tools drop them.
+// What is left is extended when bit 31 says so or when it does not fit 11 bits.
+uint32_t can_identifier(unsigned long file_id) {
+  const uint32_t id = uint32_t(file_id) & 0x1FFFFFFFu;
+  return (file_id & 0x80000000ul) || id > 2047 ? id | 0x80000000u : id;
+}
+
+// The pseudo-message that holds the signals of no frame keeps its file number, so that no frame
+// finds it.
+constexpr std::string_view kNoFrameMessage = "VECTOR__INDEPENDENT_SIG_MSG";
+
 class Loader {
  public:
   explicit Loader(Database& db) : db_(db), standard_(db.standard) {}
@@ -92,12 +105,53 @@ class Loader {
   void attribute_definition(const std::vector<std::string>& t);
   void attribute_default(const std::vector<std::string>& t);
   Attribute* definition(const std::string& name);
+  uint32_t reference_id(const std::string& token) const;
+  void add_to_id_index(uint32_t id);
+  Message* first_message(uint32_t id);
+  template <typename Visit>
+  void for_each_message(uint32_t id, Visit visit);
 
   Database& db_;
   const bool standard_;
   // Definitions by name (first one wins), for the attribute lines.
   std::unordered_map<std::string, size_t> definitions_;
+  // Messages by identifier as the BO_ lines stored it, for the lines that refer to them: the
+  // first in file order, and for each message the next one with the same identifier, so a
+  // reference costs the same whatever the number of messages.
+  struct SameId {
+    size_t first, last;
+  };
+  std::unordered_map<uint32_t, SameId> by_id_;
+  std::vector<size_t> next_same_id_;
+  static constexpr size_t kNone = SIZE_MAX;
 };
+
+uint32_t Loader::reference_id(const std::string& token) const {
+  const unsigned long id = to_ulong0(token);
+  return standard_ ? can_identifier(id) : uint32_t(id);
+}
+
+void Loader::add_to_id_index(uint32_t id) {
+  const size_t index = db_.messages.size() - 1;
+  next_same_id_.push_back(kNone);
+  auto [it, inserted] = by_id_.try_emplace(id, SameId{index, index});
+  if (inserted) return;
+  next_same_id_[it->second.last] = index;
+  it->second.last = index;
+}
+
+Message* Loader::first_message(uint32_t id) {
+  auto it = by_id_.find(id);
+  return it == by_id_.end() ? nullptr : &db_.messages[it->second.first];
+}
+
+template <typename Visit>
+void Loader::for_each_message(uint32_t id, Visit visit) {
+  auto it = by_id_.find(id);
+  for (size_t i = it == by_id_.end() ? kNone : it->second.first; i != kNone; i = next_same_id_[i]) {
+    if (visit(db_.messages[i])) return;
+  }
+}
 
 bool Loader::main_line(std::vector<std::string>& t) {
   const std::string& kind = t[0];
@@ -118,6 +172,7 @@ bool Loader::message(std::vector<std::string>& t) {
   // Both the file's own convention (bit 31 already set) and a bare 29-bit number end up
   // flagged as extended.
   if (id > 2047) id |= 0x80000000ul;
+  if (standard_ && without(t[2], ":") != kNoFrameMessage) id = can_identifier(to_ulong0(t[1]));
   std::string name = t[2];
   if (!contains(name, ':') && contains(t[3], ':')) t.erase(t.begin() + 3);
   name = without(std::move(name), ":");
@@ -130,6 +185,7 @@ bool Loader::message(std::vector<std::string>& t) {
   m.id = uint32_t(id);
   m.dlc = uint8_t(to_ulong0(t[3]));
   m.transmitter = t[4];
+  add_to_id_index(m.id);
   return true;
 }
 
@@ -148,8 +204,13 @@ void Loader::signal(const std::vector<std::string>& t) {
     s.multiplex_indicator = kMultiplexor;
     ++i;
   } else if (contains(t[2], 'm')) {
-    s.multiplex_indicator = kMultiplexed;
-    s.multiplex_value = uint16_t(to_ulong0(without(t[2], "m:")));
+    const std::string value = without(t[2], "m:");
+    // An "m" without a number selects on no value: DBC tools show such a signal in every frame
+    // (and an SG_MUL_VAL_ line may still give it a switch).
+    if (!standard_ || !value.empty()) {
+      s.multiplex_indicator = kMultiplexed;
+      s.multiplex_value = uint16_t(to_ulong0(value));
+    }
     ++i;
   }
   // The colon stands alone or is glued to the name, the multiplex token or the position.
@@ -194,33 +255,30 @@ void Loader::signal(const std::vector<std::string>& t) {
   if (!receivers.empty()) s.receivers = split_at(receivers, ",");
 
   if (s.name.empty()) return;
-  db_.messages.back().signals.push_back(std::move(s));
+  Message& m = db_.messages.back();
+  m.signal_index.emplace(s.name, m.signals.size());
+  m.signals.push_back(std::move(s));
 }
 
 void Loader::comment(const std::vector<std::string>& t) {
   if (t.size() < 3) return;
-  const uint32_t id = uint32_t(to_ulong0(t[2]));
+  const uint32_t id = reference_id(t[2]);
   if (t[1] == "BO_") {
-    for (Message& m : db_.messages) {
-      if (m.id == id) {
-        m.comment = comment_text(t, 3);
-        return;
-      }
-    }
+    if (Message* m = first_message(id)) m->comment = comment_text(t, 3);
   } else if (t[1] == "SG_" && t.size() >= 4) {
     auto text = std::make_shared<const std::string>(comment_text(t, 4));
-    for (Message& m : db_.messages) {
-      if (m.id != id) continue;
+    for_each_message(id, [&](Message& m) {
       for (Signal& s : m.signals) {
         if (s.name == t[3]) s.comment = text;
       }
-    }
+      return false;
+    });
   }
 }
 
 void Loader::value_table(const std::vector<std::string>& t) {
   if (t.size() < 3) return;
-  const uint32_t id = uint32_t(to_ulong0(t[1]));
+  const uint32_t id = reference_id(t[1]);
   const std::string text = join(t, 3, " ");
   std::map<int32_t, std::string> table;
   std::string number, description;
@@ -238,31 +296,29 @@ void Loader::value_table(const std::vector<std::string>& t) {
       (quoted ? description : number) += c;
     }
   }
-  for (Message& m : db_.messages) {
-    if (m.id != id) continue;
-    if (Signal* s = m.find_signal(t[2])) {
-      s->value_table = std::move(table);
-      return;
-    }
-  }
+  for_each_message(id, [&](Message& m) {
+    Signal* s = m.find_signal(t[2]);
+    if (s) s->value_table = std::move(table);
+    return s != nullptr;
+  });
 }
 
 void Loader::value_type(const std::vector<std::string>& t) {
   if (t.size() < 3) return;
-  const uint32_t id = uint32_t(to_ulong0(t[1]));
+  const uint32_t id = reference_id(t[1]);
   std::vector<std::string> parts = split_at(without(join(t, 2, ""), ";"), ":");
   const unsigned long number = parts.size() > 1 ? to_ulong0(parts[1]) : 0;
   const uint32_t type = (number == 1 || number == 2) ? uint32_t(number) : kInteger;
-  for (Message& m : db_.messages) {
-    if (m.id != id) continue;
+  for_each_message(id, [&](Message& m) {
     if (Signal* s = m.find_signal(parts[0])) s->value_type = type;
-  }
+    return false;
+  });
 }
 
 // SG_MUL_VAL_ <id> <signal> <switch> <from>-<to>, <from>-<to> ...;
 void Loader::multiplex_ranges(const std::vector<std::string>& t) {
   if (t.size() < 5) return;
-  Message* m = db_.find_message_by_id(uint32_t(to_ulong0(t[1])));
+  Message* m = first_message(reference_id(t[1]));
   Signal* s = m ? m->find_signal(t[2]) : nullptr;
   if (!s) return;
   s->switch_name = t[3];
@@ -312,11 +368,11 @@ void Loader::attribute_line(const std::vector<std::string>& t) {
   const Attribute* def = definition(without(t[1], "\""));
   if (!def) return;
   if (t[2] == "BO_" && t.size() >= 5) {
-    if (Message* m = db_.find_message_by_id(uint32_t(to_ulong0(t[3])))) {
+    if (Message* m = first_message(reference_id(t[3]))) {
       m->attributes.push_back(Attribute{def->shape, t[4]});
     }
   } else if (t[2] == "SG_" && t.size() >= 6) {
-    Message* m = db_.find_message_by_id(uint32_t(to_ulong0(t[3])));
+    Message* m = first_message(reference_id(t[3]));
     Signal* s = m ? m->find_signal(t[4]) : nullptr;
     if (!s) return;
     s->attributes.push_back(Attribute{def->shape, t[5]});
@@ -378,7 +434,11 @@ void resolve_switches(Message& m) {
     s.switch_index = -1;
     if (s.switch_name.empty()) continue;
     auto it = m.signal_index.find(s.switch_name);
-    if (it != m.signal_index.end() && it->second != k) s.switch_index = int(it->second);
+    if (it == m.signal_index.end() || it->second == k) continue;
+    s.switch_index = int(it->second);
+    // A switch that is not the message's multiplexor is still written before what it selects.
+    Signal& sw = m.signals[it->second];
+    if (sw.multiplex_indicator != kMultiplexor) sw.switch_too = true;
   }
 }
 
@@ -466,14 +526,56 @@ uint16_t motorola_lsb_start(uint32_t file_start_bit, uint16_t length) {
 
 namespace {
 
+// Longest VAL_ statement the standard reading joins from several lines.
+constexpr size_t kMaxStatementChars = 1u << 20;
+
+// Has the statement text come to its closing ';' (outside quotes)?
+bool statement_closed(std::string_view text) {
+  bool quoted = false;
+  char last = 0;
+  for (char c : text) {
+    if (c == '"') quoted = !quoted;
+    if (!quoted && !std::isspace(static_cast<unsigned char>(c))) last = c;
+  }
+  return !quoted && last == ';';
+}
+
+// Does a line carry on a VAL_ statement: more "number description" pairs, or the closing ';'?
+bool continues_values(std::string_view line, bool inside_quotes) {
+  if (inside_quotes) return true;
+  const size_t first = line.find_first_not_of(" \t\r");
+  if (first == std::string_view::npos) return false;
+  const char c = line[first];
+  return std::isdigit(static_cast<unsigned char>(c)) || c == '-' || c == '+' || c == '"' ||
+         c == ';';
+}
+
+// Files written by some tools wrap a long VAL_ statement over several lines; DBC tools read up to
+// the ';'. Appends the continuation lines to `line`; a line read that does not continue it is
+// left in `next` (returns true).
+bool join_value_lines(LineReader& lines, std::string& line, std::string& next) {
+  while (!statement_closed(line) && line.size() < kMaxStatementChars && lines.next(next)) {
+    const bool inside_quotes = std::count(line.begin(), line.end(), '"') % 2 == 1;
+    if (!continues_values(next, inside_quotes)) return true;
+    line += next;
+  }
+  return false;
+}
+
 // The main pass: everything but BA_ lines. False when the input cannot be a database.
 bool main_pass(Loader& loader, LineReader& lines, bool standard) {
-  std::string line;
+  std::string line, next;
+  bool pending = false;  // `next` holds a line read ahead
   std::vector<std::string> t;
-  while (lines.next(line)) {
+  while (pending || lines.next(line)) {
+    if (pending) line.swap(next), pending = false;
     if (lines.bytes_read() > kMaxFileBytes) return false;
     tokenize(line, t, standard);
     if (t.empty() || t[0] == "BA_") continue;
+    if (standard && t[0] == "VAL_" && !statement_closed(line)) {
+      pending = join_value_lines(lines, line, next);
+      tokenize(line, t, standard);
+    }
     if (!loader.main_line(t)) return false;
   }
   return !lines.failed();

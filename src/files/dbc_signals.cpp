@@ -164,6 +164,18 @@ VARNEL_API int VARNEL_DbcDecodeFrame(uint64_t dbc, uint32_t id, const uint8_t* d
   return int(m->signals.size());
 }
 
+VARNEL_API int VARNEL_DbcDecodeChoices(uint64_t dbc, uint32_t id, const uint8_t* data, int length,
+                                       const char** names, int count) {
+  Database* db = database(dbc);
+  if (!db) return -4;
+  if (length < 0 || (length > 0 && !data) || count < 0 || (count > 0 && !names)) return -7;
+  const Message* m = db->find_message_by_id(id);
+  if (!m) return -5;
+  if (db->standard && size_t(length) < std::min<size_t>(m->dlc, kPayloadBytes)) return -6;
+  decode_choices(*m, data, std::min<size_t>(size_t(length), kPayloadBytes), names, size_t(count));
+  return int(m->signals.size());
+}
+
 VARNEL_API int VARNEL_DbcEncodeFrame(uint64_t dbc, uint32_t id, const double* values, int count,
                                      uint32_t flags, uint8_t* data, int size) {
   return varnel::guarded(-4, [&] {

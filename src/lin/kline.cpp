@@ -25,7 +25,7 @@ constexpr uint8_t kSync = 0x55;
 // After the address: 0x55, KB1, KB2; the inverted KB2 back; the inverted address.
 int key_bytes_exchange(DevHandle handle, uint8_t ch, uint8_t address, uint8_t* kb1, uint8_t* kb2) {
   std::vector<uint8_t> got;
-  int r = collect(handle, ch, 3, kSyncTimeoutMs, TimeCount::kPolls, got);
+  int r = collect(handle, ch, 3, kSyncTimeoutMs, got);
   if (r != 0) return r;
   if (got.size() < 3) return kNoAnswer;
   if (got[0] != kSync) return kBadAnswer;
@@ -36,7 +36,7 @@ int key_bytes_exchange(DevHandle handle, uint8_t ch, uint8_t address, uint8_t* k
   r = send_with_echo(handle, ch, {&inverted, 1}, kNoInterval, kKeyByteEchoTimeoutMs);
   if (r != 0) return r;
   got.clear();
-  r = collect(handle, ch, 1, kInvertedAddressTimeoutMs, TimeCount::kPolls, got);
+  r = collect(handle, ch, 1, kInvertedAddressTimeoutMs, got);
   if (r != 0) return r;
   if (got.empty()) return kNoAnswer;
   return got[0] == uint8_t(~address) ? 0 : kBadAnswer;
@@ -52,8 +52,7 @@ int request(DevHandle handle, uint8_t ch, const K_MSG& req, K_MSG& resp, uint8_t
   if (timeout_ms < 1) return kNoAnswer;
   ResponseReader reader(true);
   r = poll(
-      handle, ch, timeout_ms, TimeCount::kPolls,
-      [&](std::span<const uint8_t> bytes) { reader.feed(bytes); },
+      handle, ch, timeout_ms, [&](std::span<const uint8_t> bytes) { reader.feed(bytes); },
       [&] { return reader.complete(); });
   if (r != 0) return r;
   if (reader.empty()) return kNoAnswer;

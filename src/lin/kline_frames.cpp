@@ -51,6 +51,10 @@ Frame kwp_request_frame(KWP_MSG& r) {
   return f;
 }
 
+bool echo_matches(std::span<const uint8_t> sent, std::span<const uint8_t> echo) {
+  return std::equal(sent.begin(), sent.end(), echo.begin(), echo.end());
+}
+
 bool ResponseReader::header_known() const {
   return size_ >= 1 && size_ >= header_size();
 }

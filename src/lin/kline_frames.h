@@ -37,6 +37,9 @@ Frame k_request_frame(const K_MSG& request);
 // byte carries it; the checksum sent is written to CheckSum.
 Frame kwp_request_frame(KWP_MSG& request);
 
+// The K-line reads back its own transmission: the echo must be exactly the bytes sent.
+bool echo_matches(std::span<const uint8_t> sent, std::span<const uint8_t> echo);
+
 // A response as it arrives. The header (Fmt, addresses, length byte) is read as soon as its bytes
 // are in; the frame ends after SID + data and the checksum. Bytes beyond the frame are ignored.
 class ResponseReader {

@@ -1,13 +1,16 @@
 // The K-line's shared pieces (see kline_line.h).
 #include "lin/kline_line.h"
 
-#include <algorithm>
 #include <memory>
 #include <mutex>
 
+#include "core/adapter_state.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "core/transport.h"
+#include "lin/kline_frames.h"
+#include "lin/kline_wakeup_pins.h"
 
 namespace varnel::kline {
 namespace {
@@ -15,14 +18,15 @@ namespace {
 constexpr uint32_t kDefaultBaud = 10400;
 constexpr size_t kReadBuffer = VARNEL_UART_READ_SIZE;
 
-struct ConfigTable {
+// The UART configuration each channel last stored, kept per adapter.
+struct StoredConfigs {
   std::mutex mutex;
-  std::array<std::array<UartConfig, kChannels>, kMaxDevices> configs{};
-  std::array<std::array<bool, kChannels>, kMaxDevices> stored{};
+  std::array<UartConfig, kChannels> configs{};
+  std::array<bool, kChannels> stored{};
 };
 
-ConfigTable& table() {
-  static auto* t = new ConfigTable;  // lives until the process ends, as the other tables
+AdapterTable<StoredConfigs>& table() {
+  static auto* t = new AdapterTable<StoredConfigs>;  // lives until the process ends
   return *t;
 }
 
@@ -42,8 +46,7 @@ struct PinSequence {
 };
 
 void wait_until(uint64_t deadline_ns) {
-  while (monotonic_ns() < deadline_ns) {
-  }
+  wait_until_ns(deadline_ns);
 }
 
 }  // namespace
@@ -56,26 +59,26 @@ UartConfig uart_config(uint32_t baud, uint8_t letter) {
 }
 
 bool known_handle(uint32_t handle) {
-  return device_index(handle) >= 0;
+  return adapter_listed(handle);
 }
 
 int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
-  const int index = device_index(handle);
-  if (index < 0) return KWP_ERR_UNKNOWN_HANDLE;
-  // The callers check the channel too; a slip there must not write into another device's row.
-  if (channel >= kChannels) return result::kBadArgument;
-  std::lock_guard guard(table().mutex);
-  table().configs[size_t(index)][channel] = config;
-  table().stored[size_t(index)][channel] = true;
+  auto adapter = table().find_or_create(handle);
+  if (!adapter) return KWP_ERR_UNKNOWN_HANDLE;
+  std::lock_guard guard(adapter->mutex);
+  UartConfig* slot = channel_at(adapter->configs, channel);
+  if (!slot) return result::kBadArgument;  // the callers check the channel too
+  *slot = config;
+  adapter->stored[channel] = true;
   return 0;
 }
 
 UartConfig stored_config(uint32_t handle, uint8_t channel) {
-  const int index = device_index(handle);
-  std::lock_guard guard(table().mutex);
-  if (index < 0 || channel >= kChannels || !table().stored[size_t(index)][channel])
-    return uart_config(kDefaultBaud, kModeK);
-  return table().configs[size_t(index)][channel];
+  auto adapter = table().find(handle);
+  if (!adapter) return uart_config(kDefaultBaud, kModeK);
+  std::lock_guard guard(adapter->mutex);
+  const bool* stored = channel_at(adapter->stored, channel);
+  return stored && *stored ? adapter->configs[channel] : uart_config(kDefaultBaud, kModeK);
 }
 
 int init_uart(uint32_t handle, uint8_t channel) {
@@ -84,25 +87,28 @@ int init_uart(uint32_t handle, uint8_t channel) {
 }
 
 int send_five_baud_address(uint32_t handle, uint8_t channel, uint8_t address) {
-  int r = DIO_Init(handle, pin_of(channel));
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin_of(channel)};
+  PinSequence line{handle, mask};
   line.level(true).hold_ms(300).level(false).hold_ms(200);  // idle, then the start bit
   for (int bit = 0; bit < 8; ++bit) line.level((address >> bit) & 1).hold_ms(200);
   return line.level(true).hold_ms(10).result;  // the stop bit
 }
 
 int send_fast_pattern_slept(uint32_t handle, uint8_t channel) {
-  int r = DIO_Init(handle, pin_of(channel));
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin_of(channel)};
+  PinSequence line{handle, mask};
   return line.level(true).hold_ms(300).level(false).hold_ms(25).level(true).hold_ms(25).result;
 }
 
 int send_fast_pattern_counted(uint32_t handle, uint8_t channel) {
-  int r = DIO_Init(handle, pin_of(channel));
+  const uint32_t mask = wakeup_pin_mask(handle, channel);
+  int r = DIO_Init(handle, mask);
   if (r != 0) return r;
-  PinSequence line{handle, pin_of(channel)};
+  PinSequence line{handle, mask};
   if (line.level(true).hold_ms(300).result != 0) return line.result;
   const uint64_t low_from = monotonic_ns();
   if (line.level(false).result != 0) return line.result;
@@ -123,34 +129,29 @@ int send_with_echo(uint32_t handle, uint8_t channel, std::span<const uint8_t> fr
   std::vector<uint8_t> echo(kReadBuffer);
   const int n = UART_ReadBytes(handle, channel, echo.data(), echo_timeout_ms);
   if (n < 0) return n;
-  if (size_t(n) != frame.size() || !std::equal(frame.begin(), frame.end(), echo.begin()))
-    return kEchoError;
+  if (!echo_matches(frame, {echo.data(), size_t(n)})) return kEchoError;
   return 0;
 }
 
-int poll(uint32_t handle, uint8_t channel, int timeout_ms, TimeCount count,
+int poll(uint32_t handle, uint8_t channel, int timeout_ms,
          const std::function<void(std::span<const uint8_t>)>& take,
          const std::function<bool()>& done) {
   std::vector<uint8_t> buffer(kReadBuffer);
   const uint64_t start = monotonic_ns();
-  int remaining = timeout_ms;
   for (;;) {
     const int n = UART_ReadBytes(handle, channel, buffer.data(), 0);
     if (n < 0) return n;
     if (n > 0) take({buffer.data(), size_t(n)});
     if (done()) return 0;
-    const bool time_up =
-        count == TimeCount::kPolls ? remaining <= 0 : elapsed_ms_since(start) >= timeout_ms;
-    if (time_up) return 0;
-    busy_wait_us(kPollIntervalMs * 1000);
-    remaining -= kPollIntervalMs;
+    if (elapsed_ms_since(start) >= timeout_ms) return 0;
+    wait_for_us(kPollIntervalMs * 1000);
   }
 }
 
-int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms, TimeCount count,
+int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms,
             std::vector<uint8_t>& out) {
   return poll(
-      handle, channel, timeout_ms, count,
+      handle, channel, timeout_ms,
       [&](std::span<const uint8_t> bytes) {
         for (uint8_t b : bytes)
           if (out.size() < want) out.push_back(b);

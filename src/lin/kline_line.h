@@ -39,10 +39,8 @@ UartConfig stored_config(uint32_t handle, uint8_t channel);
 int init_uart(uint32_t handle, uint8_t channel);
 bool known_handle(uint32_t handle);
 
-// The pin of a channel: bit (channel) of the digital outputs.
-constexpr uint32_t pin_of(uint8_t channel) {
-  return 1u << channel;
-}
+// The wake-up patterns below draw on the channel's pin of the adapter's table
+// (kline_wakeup_pins.h): bit (channel) of the digital outputs unless the user mapped another.
 // Line high 300 ms, the start bit, the address least significant bit first, 200 ms a bit, then
 // the stop bit and 10 ms. The first DIO error ends the pattern and is returned.
 int send_five_baud_address(uint32_t handle, uint8_t channel, uint8_t address);
@@ -60,15 +58,14 @@ int send_with_echo(uint32_t handle, uint8_t channel, std::span<const uint8_t> fr
                    int echo_timeout_ms);
 
 // Polls UART_ReadBytes without waiting, handing each batch to `take`, with a 10 ms busy wait
-// between polls, until `done` says so or the time is up. How time is counted: each wait counts
-// 10 ms off (the K_ calls), or the time elapsed on the counter (the KWP_ calls). Returns 0, or
+// between polls, until `done` says so or the time elapsed on the counter since the first poll
+// reaches the time-out (a slow transport makes fewer polls, not a longer wait). Returns 0, or
 // the UART's error.
-enum class TimeCount { kPolls, kElapsed };
-int poll(uint32_t handle, uint8_t channel, int timeout_ms, TimeCount count,
+int poll(uint32_t handle, uint8_t channel, int timeout_ms,
          const std::function<void(std::span<const uint8_t>)>& take,
          const std::function<bool()>& done);
 // Collects up to `want` bytes into `out` (see poll); returns 0 or the UART's error.
-int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms, TimeCount count,
+int collect(uint32_t handle, uint8_t channel, size_t want, int timeout_ms,
             std::vector<uint8_t>& out);
 
 // The device time at the start of a KWP_ call, into the record: 0 when the command could not be

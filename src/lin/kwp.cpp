@@ -40,7 +40,7 @@ int begin_init(DevHandle handle, uint8_t ch, uint32_t baud, KWP_MSG& record, uin
 // Collects `want` bytes into Data from index Len on, Len counting them.
 int receive_into(DevHandle handle, uint8_t ch, KWP_MSG& m, size_t want, int32_t timeout_ms) {
   std::vector<uint8_t> got;
-  int r = collect(handle, ch, want, timeout_ms, TimeCount::kElapsed, got);
+  int r = collect(handle, ch, want, timeout_ms, got);
   for (uint8_t b : got) m.Data[m.Len++] = b;
   if (r != 0) return r;
   return got.size() < want ? flagged(m, KWP_STATUS_TIMEOUT, kNoAnswer) : 0;
@@ -84,8 +84,7 @@ int response(DevHandle handle, uint8_t ch, KWP_MSG& m, uint32_t timeout_ms) {
   ResponseReader reader(false);
   const int timeout = int(std::min<uint32_t>(timeout_ms, INT32_MAX));
   int r = poll(
-      handle, ch, timeout, TimeCount::kElapsed,
-      [&](std::span<const uint8_t> bytes) { reader.feed(bytes); },
+      handle, ch, timeout, [&](std::span<const uint8_t> bytes) { reader.feed(bytes); },
       [&] { return reader.complete(); });
   if (r != 0) return r;
   if (reader.empty()) return flagged(m, KWP_STATUS_TIMEOUT, kNoAnswer);

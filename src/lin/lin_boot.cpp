@@ -2,18 +2,24 @@
 // routine control, download and transfer, ECU reset, over a compact transport of its own on the
 // master exchange (frames of 8 bytes on 3C and 3D, classic checksums, 14 ms apart).
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
+#include "lin/lin_reassembly.h"
 #include "varnel.h"
 
 using namespace varnel;
+using namespace varnel::lin;
 
 namespace {
 
@@ -78,36 +84,29 @@ int send_message(uint32_t handle, uint8_t ch, uint8_t nad, const std::vector<uin
   return 0;
 }
 
+using Clock = std::chrono::steady_clock;
+// The next frame of an answer comes within this, as the LIN transport's N_Cr allows.
+constexpr Clock::duration kNextFramePatience = std::chrono::milliseconds(1000);
+
 // One whole message from the node: frames read until it is complete; -9 for a frame that could
-// not be read (nobody answered).
-int receive_message(uint32_t handle, uint8_t ch, std::vector<uint8_t>& out) {
-  out.clear();
-  size_t remaining = 0;
+// not be read (nobody answered), or when no frame of the answer came within `patience` of the
+// last (a node answering filler or frames of another kind, or with bad checksums, for ever).
+int receive_message(uint32_t handle, uint8_t ch, std::vector<uint8_t>& out,
+                    Clock::duration patience) {
+  BootReassembly message;
+  auto deadline = Clock::now() + patience;
   while (true) {
     LIN_EX_MSG ask = boot_record(LIN_EX_MSG_TYPE_MR, kResponseId), frame{};
     if (LIN_EX_MasterSync(handle, ch, &ask, &frame, 1) != 1 || frame.DataLen < 2) return kNoFrame;
-    const uint8_t pci = frame.Data[1];
-    switch (pci >> 4) {
-      case 0:
-        out.insert(out.end(), frame.Data + 2, frame.Data + 2 + std::min(pci & 0x0F, 6));
-        return 0;
-      case 1: {
-        const size_t total = size_t(pci & 0x0F) << 8 | frame.Data[2];
-        out.assign(frame.Data + 3, frame.Data + 3 + std::min<size_t>(5, total));
-        remaining = total > 5 ? total - 5 : 0;
-        if (remaining == 0) return 0;
-        break;
-      }
-      case 2: {  // the sequence number is not checked
-        const size_t n = std::min<size_t>(6, remaining);
-        out.insert(out.end(), frame.Data + 2, frame.Data + 2 + n);
-        remaining -= n;
-        if (remaining == 0) return 0;
-        break;
-      }
-      default:
-        break;
+    // a frame with a bad checksum is no answer
+    const auto step = frame.CheckType <= LIN_EX_CHECK_EXT ? message.take(frame.Data)
+                                                          : BootReassembly::Step::kPassedOver;
+    if (step == BootReassembly::Step::kComplete) {
+      out = message.message();
+      return 0;
     }
+    if (step == BootReassembly::Step::kMore) deadline = Clock::now() + patience;
+    if (Clock::now() >= deadline) return kNoFrame;
   }
 }
 
@@ -120,40 +119,61 @@ struct Exchange {
   }
 };
 
-Exchange exchange(uint32_t handle, uint8_t ch, uint8_t nad, const std::vector<uint8_t>& request) {
+// Any NAD goes out as given: 7F reaches a node whose own address is not known, and a bench with
+// one node on the bus is where that is done.
+Exchange exchange(uint32_t handle, uint8_t ch, uint8_t nad, const std::vector<uint8_t>& request,
+                  Clock::duration patience = kNextFramePatience) {
   Exchange e;
-  // NAD 0 is the sleep command's; the wildcard 7F would make every node answer at once
-  if (nad == 0 || nad == 0x7F) {
-    e.result = result::kBadArgument;
-    return e;
-  }
   e.result = send_message(handle, ch, nad, request);
-  if (e.result == 0) e.result = receive_message(handle, ch, e.answer);
+  if (e.result == 0) e.result = receive_message(handle, ch, e.answer, patience);
   return e;
 }
 
-// The target's key routine: the seed rotated left by 5 bits, XOR the key constant.
-uint16_t key_for(uint16_t seed, uint16_t constant) {
+// The target's key routine, per adapter and channel; the default where none is set.
+struct KeyRoutines {
+  std::mutex mutex;
+  std::array<VARNEL_LIN_BOOT_KEY_ROUTINE, VARNEL_LIN_MAX_CHANNELS> by_channel{};
+};
+AdapterTable<KeyRoutines>& key_routines() {
+  static auto* table = new AdapterTable<KeyRoutines>;
+  return *table;
+}
+
+// Our targets' routine: the seed rotated left by 5 bits, XOR the key constant.
+uint16_t default_key(uint16_t seed, uint16_t constant) {
   return uint16_t((seed << 5 | seed >> 11) ^ constant);
+}
+
+uint16_t key_for(uint32_t handle, uint8_t ch, uint16_t seed, uint16_t constant) {
+  VARNEL_LIN_BOOT_KEY_ROUTINE routine = nullptr;
+  if (const auto routines = key_routines().find(handle)) {
+    std::lock_guard guard(routines->mutex);
+    routine = routines->by_channel[ch % VARNEL_LIN_MAX_CHANNELS];
+  }
+  return (routine ? routine : default_key)(seed, constant);  // outside the lock: the caller's code
 }
 
 int unlock(uint32_t handle, uint8_t ch, uint8_t nad, uint16_t constant) {
   const Exchange seed = exchange(handle, ch, nad, {0x27, 0x01});
   if (!seed.positive(0x67, 4)) return seed.result < 0 ? seed.result : kWrongAnswer;
-  const uint16_t key = key_for(uint16_t(seed.answer[2] << 8 | seed.answer[3]), constant);
+  const uint16_t key =
+      key_for(handle, ch, uint16_t(seed.answer[2] << 8 | seed.answer[3]), constant);
   const Exchange sent = exchange(handle, ch, nad, {0x27, 0x02, uint8_t(key >> 8), uint8_t(key)});
   return sent.positive(0x67, 1) ? 0 : sent.result < 0 ? sent.result : kWrongAnswer;
 }
 
 // The node may restart into its boot loader before it answers the programming session: reads
-// are tried every 10 ms until one succeeds, whatever it holds, or the time-out runs out.
-int enter_programming(uint32_t handle, uint8_t ch, uint8_t nad, int64_t timeout_ms) {
-  Exchange e = exchange(handle, ch, nad, {0x10, 0x02});
+// are tried every 10 ms until one succeeds, whatever it holds, or the time-out has passed (on
+// the clock: a read of a silent adapter takes far longer than the step).
+int enter_programming(uint32_t handle, uint8_t ch, uint8_t nad, uint32_t timeout_ms) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto time_left = [&] { return std::max(deadline - Clock::now(), Clock::duration(0)); };
+  const auto step = std::chrono::milliseconds(kSessionPollMs);
+  Exchange e = exchange(handle, ch, nad, {0x10, 0x02}, std::min(kNextFramePatience, time_left()));
   while (!e.positive(0x50, 1)) {
-    timeout_ms -= kSessionPollMs;
-    if (timeout_ms < 0) return kSessionTimeOut;
-    busy_wait_us(kSessionPollMs * 1000);
-    e.result = receive_message(handle, ch, e.answer);
+    if (Clock::now() + step > deadline) return kSessionTimeOut;
+    wait_for_us(kSessionPollMs * 1000);
+    e.result = receive_message(handle, ch, e.answer, time_left());
     if (e.result == 0) break;
   }
   return 0;
@@ -173,7 +193,7 @@ int run_routine(uint32_t handle, uint8_t ch, uint8_t nad, std::vector<uint8_t> s
                   started.answer[3] == routine_low &&
                   (start_length_exact == 0 || started.answer.size() == start_length_exact);
   if (!ok) return started.result < 0 ? started.result : kWrongAnswer;
-  busy_wait_us(uint64_t(started.answer[4] << 8 | started.answer[5]) * 1000);
+  wait_for_us(uint64_t(started.answer[4] << 8 | started.answer[5]) * 1000);
   const Exchange results = exchange(handle, ch, nad, {0x31, 0x03, 0xDF, routine_low});
   const bool done = results.positive(0x71, 4) && results.answer[1] == 0x03 &&
                     results.answer[2] == 0xDF && results.answer[3] == routine_low;
@@ -197,7 +217,7 @@ VARNEL_API int USDLINBoot_Start(DevHandle handle, uint8_t ch, uint8_t nad, uint1
     const Exchange extended = exchange(handle, ch, nad, {0x10, 0x03});
     if (!extended.positive(0x50, 1)) return extended.result < 0 ? extended.result : kWrongAnswer;
     if (int r = unlock(handle, ch, nad, key_constant); r != 0) return r;
-    if (int r = enter_programming(handle, ch, nad, int64_t(timeout_ms)); r != 0) return r;
+    if (int r = enter_programming(handle, ch, nad, timeout_ms); r != 0) return r;
     return unlock(handle, ch, nad, key_constant);
   });
 }
@@ -255,5 +275,17 @@ VARNEL_API int VARNEL_USDLINBoot_MemCheckResult(DevHandle handle, uint8_t ch, ui
     *status = 0xFF;
     return run_routine(handle, ch, nad, with_be32({0x31, 0x01, 0xDF, 0xFE}, {value}), 6, 0xFE,
                        status);
+  });
+}
+
+VARNEL_API int VARNEL_USDLINBoot_SetKeyRoutine(DevHandle handle, uint8_t ch,
+                                               VARNEL_LIN_BOOT_KEY_ROUTINE routine) {
+  return guarded(result::kFailed, [&] {
+    if (ch >= VARNEL_LIN_MAX_CHANNELS) return result::kBadArgument;
+    const auto routines = key_routines().find_or_create(handle);
+    if (!routines) return result::kUnknownHandle;
+    std::lock_guard guard(routines->mutex);
+    routines->by_channel[ch] = routine;
+    return 0;
   });
 }

@@ -46,7 +46,7 @@ int read_records(uint32_t handle, uint32_t command, uint8_t channel, LIN_EX_MSG*
   max = std::min<uint32_t>(max, VARNEL_LIN_FETCH_SIZE);
   const auto r = transact(handle, command, {&channel, 1}, as_bytes(records, max));
   if (r.send_result != 0) return result::kWriteFailed;
-  if (r.read_result != 0) return result::kReplyFailed;
+  if (r.read_result != 0 || r.reply_length < 0) return result::kReplyFailed;
   const uint32_t n = uint32_t(r.reply_length) / sizeof(LIN_EX_MSG);
   if (n > max) return 0;
   std::copy_n(records, n, out);
@@ -62,7 +62,7 @@ constexpr uint32_t kDefaultBaud = 9600;
 constexpr int kSlaveTableScratch = VARNEL_LIN_SLAVE_TABLE_SIZE;
 
 int init(uint32_t handle, uint8_t ch, uint32_t baud, const PayloadWriter& request) {
-  Channel* channel = channel_of(handle, ch);
+  const ChannelRef channel = channel_of(handle, ch);
   if (!channel) return result::kBadArgument;
   if (int r = acknowledged(handle, kInit, request.bytes()); r != 0) return r;
   channel->baud = baud;
@@ -126,7 +126,7 @@ VARNEL_API int LIN_EX_Init2(DevHandle handle, uint8_t ch, uint32_t baud, uint8_t
 
 VARNEL_API int LIN_EX_Stop(DevHandle handle, uint8_t ch) {
   return guarded(result::kFailed, [&] {
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kBadArgument;
     const int r = acknowledged(handle, kStop, {&ch, 1});
     if (r == 0) channel->initialised = false;
@@ -155,7 +155,7 @@ VARNEL_API int LIN_EX_SetSlaveRespData(DevHandle handle, uint8_t ch, uint8_t id,
                                        uint8_t* data, uint32_t length, uint8_t check_type,
                                        int32_t mode) {
   return guarded(result::kFailed, [&] {
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kBadArgument;
     if (!channel->initialised) return result::kNotInitialised;
     if ((!data && length > 0) || per_frame == 0 || per_frame > 8) return result::kBadArgument;
@@ -200,7 +200,7 @@ VARNEL_API int LIN_EX_SlaveGetData(DevHandle handle, uint8_t ch, LIN_EX_MSG* rec
 
 VARNEL_API int LIN_EX_GetMsg(DevHandle handle, uint8_t ch, LIN_EX_MSG* records, int32_t max) {
   return guarded(result::kFailed, [&] {
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel || !records || max < 0) return result::kBadArgument;
     LIN_EX_MSG fetched[VARNEL_LIN_FETCH_SIZE];  // one fetch's worth, left unset: no allocation
     const int n = LIN_EX_SlaveGetData(handle, ch, fetched);
@@ -212,7 +212,7 @@ VARNEL_API int LIN_EX_GetMsg(DevHandle handle, uint8_t ch, LIN_EX_MSG* records, 
 
 VARNEL_API int LIN_EX_CtrlPowerOut(DevHandle handle, uint8_t ch, uint8_t level) {
   return guarded(result::kFailed, [&] {
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kBadArgument;
     // the adapter's codes: 1 for 12 V (and anything above), 2 for 5 V, 0 off
     const uint8_t code = level == 5 ? 2 : level >= 12 ? 1 : level;
@@ -244,7 +244,7 @@ VARNEL_API int LIN_EX_SetBusState(DevHandle handle, uint8_t ch, uint8_t state) {
 VARNEL_API int LIN_EX_ResetStartTime(DevHandle handle, uint8_t ch) {
   return guarded(result::kFailed, [&] {
     if (ch >= kChannels) return result::kBadArgument;
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kReplyFailed;
     channel->start_time = read_start_time(handle);
     return 0;
@@ -254,7 +254,7 @@ VARNEL_API int LIN_EX_ResetStartTime(DevHandle handle, uint8_t ch) {
 VARNEL_API int LIN_EX_SetStartTime(DevHandle handle, uint8_t ch, uint64_t start_time) {
   return guarded(result::kFailed, [&] {
     if (ch >= kChannels) return result::kBadArgument;
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kReplyFailed;
     channel->start_time = start_time;
     return 0;
@@ -263,7 +263,7 @@ VARNEL_API int LIN_EX_SetStartTime(DevHandle handle, uint8_t ch, uint64_t start_
 
 VARNEL_API int64_t LIN_EX_GetStartTime(DevHandle handle, uint8_t ch) {
   return guarded(int64_t(result::kFailed), [&]() -> int64_t {
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     return channel ? int64_t(channel->start_time.load()) : result::kBadArgument;
   });
 }

@@ -6,8 +6,10 @@
 #include <atomic>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/device.h"
@@ -15,6 +17,7 @@
 #include "core/transaction.h"
 #include "core/transport.h"
 #include "lin/lin_calls.h"
+#include "lin/lin_records.h"
 
 using namespace varnel;
 using namespace varnel::lin;
@@ -30,17 +33,17 @@ struct LegacyDevice {
   std::atomic<bool> old_firmware{false};
   std::array<std::atomic<uint32_t>, kOldChannels> baud{};
 };
-std::array<LegacyDevice, kMaxDevices> devices;
 
-LegacyDevice* device_of(uint32_t handle) {
-  const int index = device_index(handle);
-  return index >= 0 && index < kMaxDevices ? &devices[size_t(index)] : nullptr;
+// The adapter's generation and old-firmware baud rates, held for the caller; null when unknown.
+std::shared_ptr<LegacyDevice> device_of(uint32_t handle) {
+  static auto* devices = new AdapterTable<LegacyDevice>;  // lives until the process ends
+  return devices->find_or_create(handle);
 }
 
 // Which path a call takes: 1 the old commands, 0 the LIN_EX_ calls, -7 a channel that old
 // firmware does not have.
 int old_path(uint32_t handle, uint8_t ch) {
-  const LegacyDevice* device = device_of(handle);
+  const auto device = device_of(handle);
   if (!device || !device->old_firmware) return 0;
   return ch < kOldChannels ? 1 : result::kBadArgument;
 }
@@ -65,7 +68,7 @@ int read_firmware_version(uint32_t handle, uint32_t& version) {
 
 // Old firmware takes 110,000 / baud ms a request and 3 s more.
 int old_timeout_ms(uint32_t handle, uint8_t ch) {
-  const LegacyDevice* device = device_of(handle);
+  const auto device = device_of(handle);
   const uint32_t baud = device && ch < kOldChannels ? device->baud[ch].load() : 0;
   return int(110000 / std::max(baud, 1u) + 3000);
 }
@@ -77,39 +80,12 @@ std::vector<uint8_t> old_records(uint8_t ch, const LIN_MSG* records, uint32_t co
   return payload;
 }
 
-LIN_EX_MSG translated(const LIN_MSG& in, uint8_t type, uint8_t check_type) {
-  LIN_EX_MSG msg{};
-  msg.TimeStamp = 1;
-  msg.MsgType = type;
-  msg.PID = in.ID;
-  msg.CheckType = check_type;
-  msg.DataLen = in.DataLen;
-  std::memcpy(msg.Data, in.Data, 8);
-  return msg;
-}
-
-// The diagnostic identifiers take the classic checksum: from 3C when writing, but only from 3D
-// when reading, so a read of 3C is enhanced. Both as the older adapters' tools have it.
-uint8_t write_check(uint8_t id) {
-  return (id & 0x3F) < 0x3C ? LIN_EX_CHECK_EXT : LIN_EX_CHECK_STD;
-}
-uint8_t read_check(uint8_t id) {
-  return (id & 0x3F) < 0x3D ? LIN_EX_CHECK_EXT : LIN_EX_CHECK_STD;
-}
-
 // All records through LIN_EX_MasterSync: 0, or -4 when fewer came back.
 int sync_all(uint32_t handle, uint8_t ch, std::vector<LIN_EX_MSG>& in,
              std::vector<LIN_EX_MSG>& out) {
   out.resize(in.size());
   const int r = LIN_EX_MasterSync(handle, ch, in.data(), out.data(), uint32_t(in.size()));
   return r == int(in.size()) ? 0 : result::kReplyFailed;
-}
-
-// A frame read back as the older calls report it: the checksum counted in the length.
-void copy_back(LIN_MSG& to, const LIN_EX_MSG& from) {
-  std::memcpy(to.Data, from.Data, 8);
-  to.Check = from.Check;
-  to.DataLen = from.DataLen ? uint8_t(from.DataLen + 1) : 0;
 }
 
 bool bad_list(const void* records, uint32_t count) {
@@ -120,7 +96,7 @@ bool bad_list(const void* records, uint32_t count) {
 
 VARNEL_API int LIN_Init(DevHandle handle, uint8_t ch, LIN_CONFIG* config) {
   return guarded(result::kFailed, [&] {
-    LegacyDevice* device = device_of(handle);
+    const auto device = device_of(handle);
     if (!device || !config) return result::kBadArgument;
     uint32_t version = 0;
     if (int r = read_firmware_version(handle, version); r != 0) return r;
@@ -218,19 +194,14 @@ VARNEL_API int LIN_SlaveGetData(DevHandle handle, uint8_t ch, LIN_MSG* records) 
           transact(handle, kOldSlaveGet, {&ch, 1},
                    {reinterpret_cast<uint8_t*>(reply.data()), reply.size() * sizeof(LIN_MSG)});
       if (r.send_result != 0) return result::kWriteFailed;
-      if (r.read_result != 0) return result::kReplyFailed;
+      if (r.read_result != 0 || r.reply_length < 0) return result::kReplyFailed;
       const size_t n = std::min<size_t>(size_t(r.reply_length) / sizeof(LIN_MSG), reply.size());
       std::copy_n(reply.begin(), n, records);
       return int(n);
     }
     std::vector<LIN_EX_MSG> got(VARNEL_LIN_FETCH_SIZE);
     const int n = LIN_EX_SlaveGetData(handle, ch, got.data());
-    for (int i = 0; i < n; ++i) {
-      LIN_MSG& out = records[i];
-      out = {};
-      out.ID = got[size_t(i)].PID;
-      if (got[size_t(i)].CheckType <= LIN_EX_CHECK_EXT) copy_back(out, got[size_t(i)]);
-    }
+    for (int i = 0; i < n; ++i) records[i] = received_as_legacy(got[size_t(i)]);
     return n;
   });
 }

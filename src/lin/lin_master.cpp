@@ -43,7 +43,7 @@ int sync_timeout_ms(uint32_t baud, const LIN_EX_MSG* records, uint32_t n) {
 
 int sync_piece(uint32_t handle, uint8_t ch, const LIN_EX_MSG* in, LIN_EX_MSG* out, uint32_t n) {
   if (n == 0 || !in || !out) return result::kBadArgument;
-  Channel* channel = channel_of(handle, ch);
+  const ChannelRef channel = channel_of(handle, ch);
   if (!channel) return result::kBadArgument;
   if (!channel->initialised) return result::kNotInitialised;
   const uint32_t baud = channel->baud;
@@ -55,7 +55,8 @@ int sync_piece(uint32_t handle, uint8_t ch, const LIN_EX_MSG* in, LIN_EX_MSG* ou
       transact(handle, kMasterSync, with_records(ch, requests), as_bytes(replies.data(), n),
                within(sync_timeout_ms(baud, requests.data(), n)));
   if (r.send_result != 0) return result::kWriteFailed;
-  if (r.read_result != 0) return result::kReplyFailed;
+  // a negative length is no record at all, never "every record"
+  if (r.read_result != 0 || r.reply_length < 0) return result::kReplyFailed;
   const uint32_t got = std::min<uint32_t>(uint32_t(r.reply_length) / sizeof(LIN_EX_MSG), n);
   for (uint32_t i = 0; i < got; ++i) {
     judge_master_reply(replies[i], requests[i], ch);
@@ -94,8 +95,7 @@ uint32_t frame_floor_ms(const LIN_EX_MSG& msg, uint32_t baud) {
 VARNEL_API int LIN_EX_MasterSync(DevHandle handle, uint8_t ch, LIN_EX_MSG* in, LIN_EX_MSG* out,
                                  uint32_t count) {
   return guarded(result::kFailed, [&] {
-    if (device_index(handle) < 0 || device_index(handle) >= kMaxDevices)
-      return result::kBadArgument;
+    if (!adapter_listed(handle)) return result::kBadArgument;
     if (count == 0 || !in || !out) return result::kBadArgument;
     const uint32_t limit = piece_limit(handle);
     int total = 0;
@@ -148,7 +148,7 @@ VARNEL_API int LIN_EX_MasterStartSch(DevHandle handle, uint8_t ch, LIN_EX_MSG* r
                                      uint32_t count) {
   return guarded(result::kFailed, [&] {
     if (!records || count == 0) return result::kBadArgument;
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kBadArgument;
     if (!channel->initialised) return result::kNotInitialised;
     const uint32_t baud = channel->baud;
@@ -193,7 +193,7 @@ VARNEL_API int LIN_EX_MasterSendMsg(DevHandle handle, uint8_t ch, LIN_EX_MSG* in
                                     uint32_t count) {
   return guarded(result::kFailed, [&] {
     if (!in || !out || count == 0) return result::kBadArgument;
-    Channel* channel = channel_of(handle, ch);
+    const ChannelRef channel = channel_of(handle, ch);
     if (!channel) return result::kBadArgument;
     const uint32_t baud = std::max<uint32_t>(channel->baud, 1);
     if (LIN_EX_MasterSetSchRunTimes(handle, ch, 1) != 0) return result::kReplyFailed;

@@ -145,4 +145,36 @@ void judge_schedule_entry(LIN_EX_MSG& msg) {
   msg.CheckType = compare_checksum(msg);
 }
 
+LIN_EX_MSG translated(const LIN_MSG& in, uint8_t type, uint8_t check_type) {
+  LIN_EX_MSG msg{};
+  msg.TimeStamp = 1;
+  msg.MsgType = type;
+  msg.PID = in.ID;
+  msg.CheckType = check_type;
+  msg.DataLen = in.DataLen;
+  std::memcpy(msg.Data, in.Data, 8);
+  return msg;
+}
+
+uint8_t write_check(uint8_t id) {
+  return (id & 0x3F) < 0x3C ? LIN_EX_CHECK_EXT : LIN_EX_CHECK_STD;
+}
+
+uint8_t read_check(uint8_t id) {
+  return (id & 0x3F) < 0x3D ? LIN_EX_CHECK_EXT : LIN_EX_CHECK_STD;
+}
+
+void copy_back(LIN_MSG& to, const LIN_EX_MSG& from) {
+  std::memcpy(to.Data, from.Data, 8);
+  to.Check = from.Check;
+  to.DataLen = from.DataLen ? uint8_t(from.DataLen + 1) : 0;
+}
+
+LIN_MSG received_as_legacy(const LIN_EX_MSG& from) {
+  LIN_MSG out{};
+  out.ID = from.PID;
+  if (from.CheckType <= LIN_EX_CHECK_EXT) copy_back(out, from);
+  return out;
+}
+
 }  // namespace varnel::lin

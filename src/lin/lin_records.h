@@ -26,4 +26,17 @@ void judge_received(LIN_EX_MSG& msg);
 // The verdict on a master read entry of a schedule read back.
 void judge_schedule_entry(LIN_EX_MSG& msg);
 
+// The older calls' 11-byte records on the newer firmware. A request becomes a frame record
+// (TimeStamp 1, the kind and checksum type given, ID, length and data as they are).
+LIN_EX_MSG translated(const LIN_MSG& in, uint8_t type, uint8_t check_type);
+// The diagnostic identifiers take the classic checksum: from 3C when writing, but only from 3D
+// when reading, so a read of 3C is enhanced. Both as the older adapters' tools have it.
+uint8_t write_check(uint8_t id);
+uint8_t read_check(uint8_t id);
+// A frame read back as the older calls report it: the checksum counted in the length.
+void copy_back(LIN_MSG& to, const LIN_EX_MSG& from);
+// A judged frame the channel received, as the older slave call reports it: the protected
+// identifier, and data only when a checksum matched.
+LIN_MSG received_as_legacy(const LIN_EX_MSG& from);
+
 }  // namespace varnel::lin

@@ -4,7 +4,7 @@
 #include <array>
 #include <memory>
 
-#include "core/transport.h"
+#include "core/adapter_state.h"
 
 namespace varnel::lin {
 namespace {
@@ -16,27 +16,22 @@ struct Device {
   std::array<std::deque<LIN_EX_MSG>, kDiagnosticSlots> diagnostics;
 };
 
-Device* device_of(uint32_t handle) {
-  static auto* devices = new std::array<std::unique_ptr<Device>, kMaxDevices>;
-  static std::mutex creating;
-  const int index = device_index(handle);
-  if (index < 0 || index >= kMaxDevices) return nullptr;
-  std::lock_guard guard(creating);
-  auto& device = (*devices)[size_t(index)];
-  if (!device) device = std::make_unique<Device>();
-  return device.get();
+// Created for a listed handle on first use; held by the caller for as long as it uses it.
+std::shared_ptr<Device> device_of(uint32_t handle) {
+  static auto* devices = new AdapterTable<Device>;  // lives until the process ends
+  return devices->find_or_create(handle);
 }
 
 }  // namespace
 
-Channel* channel_of(uint32_t handle, uint8_t channel) {
-  if (channel >= kChannels) return nullptr;
-  Device* device = device_of(handle);
-  return device ? &device->channels[channel] : nullptr;
+ChannelRef channel_of(uint32_t handle, uint8_t channel) {
+  auto device = device_of(handle);
+  Channel* found = device ? channel_at(device->channels, channel) : nullptr;
+  return found ? ChannelRef(device, found) : nullptr;
 }
 
 void record_diagnostic(uint32_t handle, uint8_t channel, const LIN_EX_MSG& msg) {
-  Device* device = device_of(handle);
+  const auto device = device_of(handle);
   if (!device) return;
   const uint8_t slot = channel & 3;
   lin_lock(handle, slot);
@@ -47,7 +42,7 @@ void record_diagnostic(uint32_t handle, uint8_t channel, const LIN_EX_MSG& msg) 
 }
 
 std::vector<LIN_EX_MSG> take_diagnostics(uint32_t handle, uint8_t channel, size_t max) {
-  Device* device = device_of(handle);
+  const auto device = device_of(handle);
   if (!device) return {};
   const uint8_t slot = channel & 3;
   lin_lock(handle, slot);

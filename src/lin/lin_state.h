@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -27,8 +28,10 @@ struct Channel {
   RingQueue<LIN_EX_MSG> buffer{VARNEL_LIN_BUFFER_SIZE};
 };
 
-// The channel of an adapter, or null for an unknown handle or a channel of 8 or more.
-Channel* channel_of(uint32_t handle, uint8_t channel);
+// The channel of an adapter, held for the caller; null for an unknown handle or a channel of 8
+// or more.
+using ChannelRef = std::shared_ptr<Channel>;
+ChannelRef channel_of(uint32_t handle, uint8_t channel);
 
 // Appends under the buffer's own lock (lin_lock of the handle and channel modulo 4); the oldest
 // record goes first while the buffer holds 1000.

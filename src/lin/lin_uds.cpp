@@ -11,8 +11,10 @@
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "lin/lin_calls.h"
+#include "lin/lin_reassembly.h"
 #include "lin/lin_records.h"
 #include "lin/lin_state.h"
 
@@ -24,9 +26,6 @@ namespace {
 constexpr int kSendFailed = -98;
 constexpr int kNotAsSent = -99;
 constexpr int kNoResponse = -101;
-constexpr int kOutOfSequence = -103;
-constexpr int kBadPci = -105;
-constexpr int kResponseTooLong = -109;
 constexpr int32_t kMaxMessage = 4095;
 constexpr size_t kBatch = 64;
 constexpr uint8_t kFill = 0xFF;
@@ -146,51 +145,19 @@ int send_segmented(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR& a, const uin
 int receive(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR& a, uint8_t* out, uint64_t size,
             int32_t timeout_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  uint64_t total = 0, copied = 0;
-  uint8_t expected = 1;
-  bool first_seen = false;
-  const auto take = [&](const uint8_t* bytes, uint64_t n) {
-    n = std::min(n, total - copied);
-    if (copied + n > size) return false;
-    std::memcpy(out + copied, bytes, size_t(n));
-    copied += n;
-    return true;
-  };
+  DiagnosticReassembly message(out, size);
   while (std::chrono::steady_clock::now() < deadline) {
     LIN_EX_MSG ask = diagnostic_record(a, LIN_EX_MSG_TYPE_MR, a.ResID), frame{};
     if (LIN_EX_MasterSync(handle, ch, &ask, &frame, 1) != 1 || frame.CheckType > LIN_EX_CHECK_EXT ||
         frame.DataLen < 2)
       continue;  // tried again at once
-    const uint8_t pci = frame.Data[1];
-    if (pci < 0x10) {
-      const uint8_t n = pci & 0x0F;
-      if (n > 6) return kBadPci;
-      total = n;
-      if (!take(frame.Data + 2, n)) return kResponseTooLong;
-      return n;
-    }
-    if (pci >> 4 == 1) {
-      total = uint64_t(pci & 0x0F) << 8 | frame.Data[2];
-      copied = 0;
-      const bool long_form = total == 0;
-      if (long_form) total = uint64_t(get_be32(frame.Data + 3));
-      if (!take(frame.Data + (long_form ? 7 : 3), long_form ? 1 : 5)) return kResponseTooLong;
-      expected = 1;
-      first_seen = true;
-      continue;
-    }
-    if (pci >> 4 != 2) return kBadPci;
-    if (!first_seen) continue;  // the tail of an earlier answer
-    if ((pci & 0x0F) != (expected & 0x0F)) return kOutOfSequence;
-    if (!take(frame.Data + 2, 6)) return kResponseTooLong;
-    if (copied >= total) return total > uint64_t(INT_MAX) ? kResponseTooLong : int(total);
-    ++expected;
+    if (const int r = message.take(frame.Data); r != DiagnosticReassembly::kMore) return r;
   }
   return kNoResponse;
 }
 
-Channel* usable(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR* a, int* refusal) {
-  Channel* channel = channel_of(handle, ch);
+ChannelRef usable(uint32_t handle, uint8_t ch, const LIN_UDS_ADDR* a, int* refusal) {
+  const ChannelRef channel = channel_of(handle, ch);
   *refusal = !channel || !a          ? result::kBadArgument
              : !channel->initialised ? result::kNotInitialised
                                      : 0;
@@ -203,7 +170,7 @@ VARNEL_API int LIN_UDS_Request(DevHandle handle, uint8_t ch, LIN_UDS_ADDR* a, ui
                                int32_t length) {
   return guarded(result::kFailed, [&] {
     int refusal;
-    Channel* channel = usable(handle, ch, a, &refusal);
+    const ChannelRef channel = usable(handle, ch, a, &refusal);
     if (!channel) return refusal;
     // NAD 0 is the sleep command's, and a message has at least its service byte
     if (a->NAD == 0 || length <= 0 || !data) return result::kBadArgument;
@@ -214,7 +181,7 @@ VARNEL_API int LIN_UDS_Request(DevHandle handle, uint8_t ch, LIN_UDS_ADDR* a, ui
                              : send_segmented(handle, ch, *a, data, length, baud);
     if (r != 0 || length < 7) return r;
     const int64_t wait_ms = int64_t(a->FrameSpacing) - int64_t((137000 + baud - 1) / baud);
-    if (wait_ms >= 1) busy_wait_us(uint64_t(wait_ms) * 1000);
+    if (wait_ms >= 1) wait_for_us(uint64_t(wait_ms) * 1000);
     return 0;
   });
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/locks.h"
@@ -39,26 +40,31 @@ struct AdcDevice {
   std::atomic<ADC_DATA_CALLBACK> callback{nullptr};
   std::atomic<bool> queueing{false};  // the stream was started without a callback
   std::atomic<size_t> queue_limit{kDefaultQueueLimit};
-  std::unique_ptr<BulkInStream> stream;
   PacketQueue queue;
+  std::unique_ptr<BulkInStream> stream;  // its callback uses the fields above
+  // Why the last stream ended, once its stream is gone (a start while one ran, or the stop).
+  std::atomic<BulkInStream::End> last_end{BulkInStream::End::kStopped};
+  ~AdcDevice() { stream.reset(); }  // stopped and joined before the queue goes
 };
+using AdcDevicePtr = std::shared_ptr<AdcDevice>;
 
 // The table lives until exit (the libusb context does too); a stream left running is stopped at
 // exit, so that its thread is joined before the process ends.
-std::array<AdcDevice, kMaxDevices>& devices() {
-  static auto* table = new std::array<AdcDevice, kMaxDevices>;
+AdapterTable<AdcDevice>& devices() {
+  static auto* table = new AdapterTable<AdcDevice>;
   static struct Reaper {
     ~Reaper() {
-      for (AdcDevice& device : *table) device.stream.reset();
+      for (const AdcDevicePtr& device : table->all()) {
+        std::lock_guard control(device->control);
+        device->stream.reset();
+      }
     }
   } reaper;
   return *table;
 }
 
-AdcDevice* device_of(uint32_t handle) {
-  const int index = device_index(handle);
-  if (index < 0 || index >= kMaxDevices) return nullptr;
-  return &devices()[size_t(index)];
+AdcDevicePtr device_of(uint32_t handle) {
+  return devices().find_or_create(handle);
 }
 
 TransactionOptions reply_within(int timeout_ms) {
@@ -87,6 +93,10 @@ void stop_stream(uint32_t handle, AdcDevice& device) {
   }
   // Cancels, drains and joins (the pump is woken, the drain is bounded); a stream that the
   // adapter's unplug ended still has a thread to join.
+  if (device.stream) {
+    device.stream->stop();
+    device.last_end = device.stream->end();
+  }
   device.stream.reset();
 }
 
@@ -121,7 +131,7 @@ int start_stream(uint32_t handle, AdcDevice& device, ADC_DATA_CALLBACK callback)
 
 VARNEL_API int ADC_Init(DevHandle handle, uint8_t mask, uint32_t rate) {
   return guarded(result::kFailed, [&] {
-    if (AdcDevice* device = device_of(handle)) {
+    if (const AdcDevicePtr device = device_of(handle)) {
       device->mask = mask;
       device->rate = rate;
     }
@@ -134,7 +144,7 @@ VARNEL_API int ADC_Init(DevHandle handle, uint8_t mask, uint32_t rate) {
 
 VARNEL_API int ADC_Read(DevHandle handle, uint16_t* out, uint32_t samples_per_channel) {
   return guarded(result::kFailed, [&] {
-    AdcDevice* device = device_of(handle);
+    const AdcDevicePtr device = device_of(handle);
     const uint8_t mask = device ? device->mask.load() : 0;
     const uint32_t rate = device ? device->rate.load() : 0;
     const uint64_t expected = uint64_t(samples_per_channel) * std::popcount(mask) * 2;
@@ -153,7 +163,7 @@ VARNEL_API int ADC_StartContinueRead(DevHandle handle, uint8_t mask, uint32_t ra
                                      uint32_t packet_samples, ADC_DATA_CALLBACK callback) {
   return guarded(result::kFailed, [&] {
     if (packet_samples == 0 || packet_samples > INT_MAX / 2) return result::kBadArgument;
-    AdcDevice* device = device_of(handle);
+    const AdcDevicePtr device = device_of(handle);
     if (!device) return result::kFailed;
     std::lock_guard control(device->control);
     stop_stream(handle, *device);
@@ -172,7 +182,7 @@ VARNEL_API int ADC_StartContinueRead(DevHandle handle, uint8_t mask, uint32_t ra
 
 VARNEL_API int ADC_StopContinueRead(DevHandle handle) {
   return guarded(0, [&] {
-    if (AdcDevice* device = device_of(handle)) {
+    if (const AdcDevicePtr device = device_of(handle)) {
       std::lock_guard control(device->control);
       stop_stream(handle, *device);
     }
@@ -183,7 +193,7 @@ VARNEL_API int ADC_StopContinueRead(DevHandle handle) {
 VARNEL_API int ADC_GetData(DevHandle handle, uint16_t* out, int32_t max_samples) {
   return guarded(result::kFailed, [&] {
     if (!out || max_samples < 0) return result::kBadArgument;
-    AdcDevice* device = device_of(handle);
+    const AdcDevicePtr device = device_of(handle);
     if (!device) return result::kUnknownHandle;
     DeviceLockGuard lock(handle);
     const size_t copied =
@@ -194,16 +204,36 @@ VARNEL_API int ADC_GetData(DevHandle handle, uint16_t* out, int32_t max_samples)
 
 VARNEL_API int64_t VARNEL_ADC_Dropped(DevHandle handle) {
   return guarded(int64_t(result::kFailed), [&]() -> int64_t {
-    AdcDevice* device = device_of(handle);
+    const AdcDevicePtr device = device_of(handle);
     return device ? int64_t(device->queue.dropped()) : result::kUnknownHandle;
   });
 }
 
 VARNEL_API int VARNEL_ADC_SetQueueLimit(DevHandle handle, uint32_t bytes) {
   return guarded(result::kFailed, [&] {
-    AdcDevice* device = device_of(handle);
+    const AdcDevicePtr device = device_of(handle);
     if (!device) return result::kUnknownHandle;
     device->queue_limit = bytes == 0 ? kDefaultQueueLimit : size_t(bytes);
     return 0;
+  });
+}
+
+VARNEL_API int VARNEL_ADC_StreamState(DevHandle handle) {
+  return guarded(result::kFailed, [&] {
+    const AdcDevicePtr device = device_of(handle);
+    if (!device) return result::kUnknownHandle;
+    std::lock_guard control(device->control);
+    const BulkInStream::End end = device->stream ? device->stream->end() : device->last_end.load();
+    switch (end) {
+      case BulkInStream::End::kRunning:
+        return 1;
+      case BulkInStream::End::kStopped:
+        return 0;
+      case BulkInStream::End::kClosedUnderIt:
+        return result::kWriteFailed;
+      case BulkInStream::End::kDeviceGone:
+        break;
+    }
+    return result::kReplyMissing;
   });
 }

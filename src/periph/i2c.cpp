@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/result_codes.h"
@@ -21,27 +22,28 @@ namespace {
 using result::kBadArgument;
 
 // The last configuration each channel was initialised with; AddrBits 0 = never initialised.
-struct ConfigStore {
+struct StoredConfigs {
   std::mutex mutex;
-  std::array<std::array<IIC_CONFIG, VARNEL_IIC_MAX_CHANNELS>, kMaxDevices> configs{};
+  std::array<IIC_CONFIG, VARNEL_IIC_MAX_CHANNELS> configs{};
 };
-ConfigStore& store() {
-  static ConfigStore instance;
-  return instance;
+AdapterTable<StoredConfigs>& store() {
+  static auto* table = new AdapterTable<StoredConfigs>;
+  return *table;
 }
 
 uint8_t stored_width(uint32_t handle, uint8_t channel) {
-  int index = device_index(handle);
-  if (index < 0 || index >= kMaxDevices || channel >= VARNEL_IIC_MAX_CHANNELS) return 0;
-  std::lock_guard guard(store().mutex);
-  return store().configs[size_t(index)][channel].AddrBits;
+  auto adapter = store().find(handle);
+  if (!adapter) return 0;
+  std::lock_guard guard(adapter->mutex);
+  const IIC_CONFIG* config = channel_at(adapter->configs, channel);
+  return config ? config->AddrBits : 0;
 }
 
 void remember(uint32_t handle, uint8_t channel, const IIC_CONFIG& config) {
-  int index = device_index(handle);
-  if (index < 0 || index >= kMaxDevices || channel >= VARNEL_IIC_MAX_CHANNELS) return;
-  std::lock_guard guard(store().mutex);
-  store().configs[size_t(index)][channel] = config;
+  auto adapter = store().find_or_create(handle);
+  if (!adapter) return;
+  std::lock_guard guard(adapter->mutex);
+  if (IIC_CONFIG* slot = channel_at(adapter->configs, channel)) *slot = config;
 }
 
 bool bad_buffer(const void* data, int64_t length) {
@@ -143,8 +145,14 @@ VARNEL_API int IIC_GetSlaveAddr(DevHandle handle, uint8_t channel, uint16_t* add
     if (!addresses) return varnel::result::kNotInitialised;
     const uint16_t last = stored_width(handle, channel) == 7 ? 127 : 1023;
     int found = 0;
-    for (uint16_t address = 0; address <= last; ++address)
-      if (write(handle, channel, address, {}, 5, 0) == 0) addresses[found++] = address;
+    for (uint16_t address = 0; address <= last; ++address) {
+      const int probe = write(handle, channel, address, {}, 5, 0);
+      // A probe the adapter does not answer means the adapter is gone (or silent): every other
+      // probe would wait its full time-out too, so the scan ends with that code. A missing
+      // acknowledge is the adapter's positive status and just leaves the address out.
+      if (probe < 0) return probe;
+      if (probe == 0) addresses[found++] = address;
+    }
     return found;
   });
 }

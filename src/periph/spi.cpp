@@ -11,11 +11,15 @@
 #include <string>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
+#include "core/locks.h"
 #include "core/result_codes.h"
 #include "core/transaction.h"
+#include "periph/spi_codec.h"
 #include "varnel.h"
 
 namespace varnel::spi {
@@ -75,37 +79,30 @@ constexpr int kFlashPollMs = 10;
 constexpr uint32_t kSectorSize = 4096;
 constexpr uint8_t kBusy = 0x01;
 // Command bytes of the flash description the host uses itself.
-constexpr size_t kWriteEnable = 0, kSectorErase = 6, kChipErase = 7, kReadStatus = 13;
+constexpr size_t kWriteEnable = 0, kChipErase = 7, kReadStatus = 13;
 
 using result::kBadArgument;
-constexpr int kBadBitText = -5, kStillBusy = -6;
+constexpr int kStillBusy = -6;
 
-// The flash description each channel was given (SPI_FlashInit), per device index.
-struct FlashStore {
+// The flash description each channel was given (SPI_FlashInit), per adapter.
+struct FlashDescriptions {
   std::mutex mutex;
-  std::array<std::array<SPI_FLASH_CONFIG, kChannels>, kMaxDevices> configs{};
-  std::array<std::array<bool, kChannels>, kMaxDevices> known{};
+  std::array<SPI_FLASH_CONFIG, kChannels> configs{};
+  std::array<bool, kChannels> known{};
 };
-FlashStore& flash_store() {
-  static FlashStore store;
-  return store;
+AdapterTable<FlashDescriptions>& flash_store() {
+  static auto* table = new AdapterTable<FlashDescriptions>;
+  return *table;
 }
 
-// Bit texts: '0' and '1', first bit first, packed most significant bit first.
-int pack_bits(const char* text, std::vector<uint8_t>* packed, uint32_t* count) {
-  const size_t n = strnlen(text, VARNEL_SPI_MAX_BITS);
-  packed->assign((n + 7) / 8, 0);
-  for (size_t i = 0; i < n; ++i) {
-    if (text[i] != '0' && text[i] != '1') return kBadBitText;
-    if (text[i] == '1') (*packed)[i / 8] |= uint8_t(0x80 >> (i % 8));
+void keep_flash_description(uint32_t handle, uint8_t channel, const SPI_FLASH_CONFIG& config) {
+  auto adapter = flash_store().find_or_create(handle);
+  if (!adapter) return;
+  std::lock_guard guard(adapter->mutex);
+  if (SPI_FLASH_CONFIG* slot = channel_at(adapter->configs, channel)) {
+    *slot = config;
+    adapter->known[channel] = true;
   }
-  *count = uint32_t(n);
-  return 0;
-}
-
-void unpack_bits(std::span<const uint8_t> packed, uint32_t count, char* text) {
-  for (uint32_t i = 0; i < count; ++i) text[i] = (packed[i / 8] & (0x80 >> (i % 8))) ? '1' : '0';
-  text[count] = '\0';
 }
 
 int bits_transfer(uint32_t handle, uint32_t command, const PayloadWriter& request, uint32_t count,
@@ -117,11 +114,12 @@ int bits_transfer(uint32_t handle, uint32_t command, const PayloadWriter& reques
 }
 
 bool flash_description(uint32_t handle, uint8_t channel, SPI_FLASH_CONFIG* out) {
-  const int device = device_index(handle);
-  if (device < 0 || device >= kMaxDevices || channel >= kChannels) return false;
-  std::lock_guard guard(flash_store().mutex);
-  if (!flash_store().known[size_t(device)][channel]) return false;
-  *out = flash_store().configs[size_t(device)][channel];
+  auto adapter = flash_store().find(handle);
+  if (!adapter) return false;
+  std::lock_guard guard(adapter->mutex);
+  const bool* known = channel_at(adapter->known, channel);
+  if (!known || !*known) return false;
+  *out = adapter->configs[channel];
   return true;
 }
 
@@ -141,7 +139,7 @@ int wait_idle(uint32_t handle, uint8_t channel, const SPI_FLASH_CONFIG& flash, i
     if (sleep)
       sleep_for_ms(kFlashPollMs);
     else
-      busy_wait_us(kFlashPollMs * 1000);
+      wait_for_us(kFlashPollMs * 1000);
     *elapsed_ms += kFlashPollMs;
     if (*elapsed_ms > timeout_ms) return kStillBusy;
     if (int r = flash_status(handle, channel, flash, &status); r != 0) return r;
@@ -153,9 +151,12 @@ int send_command(uint32_t handle, uint8_t channel, std::vector<uint8_t> bytes) {
   return SPI_WriteBytes(handle, channel, bytes.data(), int32_t(bytes.size()));
 }
 
-// One erase: idle, write enable, the erase command, then polling until the flash is done.
+// One erase: idle, write enable, the erase command, then polling until the flash is done. The
+// adapter stays locked throughout: another thread's write enable or erase in between would leave
+// one of the two erases without its latch, and the flash ignores it.
 int flash_erase(uint32_t handle, uint8_t channel, const SPI_FLASH_CONFIG& flash,
                 std::vector<uint8_t> erase, int32_t timeout_ms) {
+  DeviceLockGuard whole_operation(handle);
   int32_t elapsed = 0;
   if (int r = wait_idle(handle, channel, flash, timeout_ms, false, &elapsed); r != 0) return r;
   if (int r = send_command(handle, channel, {flash.Commands[kWriteEnable]}); r != 0) return r;
@@ -270,6 +271,11 @@ VARNEL_API int VARNEL_SPI_NorFlashConfig(SPI_FLASH_CONFIG* config, uint64_t size
   *config = SPI_FLASH_CONFIG{};
   const uint8_t commands[] = {0x06, 0x03, 0x0B, 0x02, 0x9F, 0x04, 0x20, 0xC7, 0, 0, 0, 0, 0, 0x05};
   std::memcpy(config->Commands, commands, sizeof commands);
+  if (size > kThreeByteSpan) {
+    // read, fast read, page program and 4 KiB sector erase with 4 address bytes
+    const uint8_t four_byte[] = {0x13, 0x0C, 0x12, 0x21};
+    std::memcpy(config->Commands + 8, four_byte, sizeof four_byte);
+  }
   config->Param64 = size;
   config->Param32 = 256;
   return 0;
@@ -289,12 +295,7 @@ VARNEL_API int SPI_FlashInit(DevHandle handle, uint8_t channel, uint32_t clock_h
         .u32(uint32_t(kept.Param64))
         .u32(kept.Param32);
     const int r = acknowledged(handle, kFlashInit, request, kDefaultTimeoutMs);
-    const int device = device_index(handle);
-    if (r == 0 && device >= 0 && device < kMaxDevices && channel < kChannels) {
-      std::lock_guard guard(flash_store().mutex);
-      flash_store().configs[size_t(device)][channel] = kept;
-      flash_store().known[size_t(device)][channel] = true;
-    }
+    if (r == 0) keep_flash_description(handle, channel, kept);
     return r;
   });
 }
@@ -313,10 +314,25 @@ VARNEL_API int SPI_FlashReadID(DevHandle handle, uint8_t channel, uint8_t* id) {
   });
 }
 
+namespace {
+// A range the kept description cannot address (past the flash, or past 16 MiB with no 4-byte
+// command) is refused before it reaches the adapter. Without a kept description the adapter
+// judges alone.
+bool unaddressable(uint32_t handle, uint8_t channel, FlashOp op, uint64_t address,
+                   uint64_t length) {
+  SPI_FLASH_CONFIG flash;
+  FlashCommand command;
+  return flash_description(handle, channel, &flash) &&
+         flash_command(flash, op, address, length, &command) != 0;
+}
+}  // namespace
+
 VARNEL_API int SPI_FlashWrite(DevHandle handle, uint8_t channel, uint32_t address, uint8_t* data,
                               int32_t length) {
   return guarded(result::kFailed, [&] {
-    if (bad_buffer(data, length)) return kBadArgument;
+    if (bad_buffer(data, length) ||
+        unaddressable(handle, channel, FlashOp::kProgram, address, uint64_t(length)))
+      return kBadArgument;
     PayloadWriter request;
     request.u8(channel).u32(address).raw(data, size_t(length));
     return acknowledged(handle, kFlashWrite, request);
@@ -326,7 +342,9 @@ VARNEL_API int SPI_FlashWrite(DevHandle handle, uint8_t channel, uint32_t addres
 namespace {
 int flash_read(uint32_t handle, uint8_t channel, uint32_t command, uint32_t address, uint8_t* out,
                int32_t length) {
-  if (bad_buffer(out, length)) return result::kBadArgument;
+  const FlashOp op = command == kFlashRead ? FlashOp::kRead : FlashOp::kFastRead;
+  if (bad_buffer(out, length) || unaddressable(handle, channel, op, address, uint64_t(length)))
+    return result::kBadArgument;
   PayloadWriter request;
   request.u8(channel).u32(address).u32(uint32_t(length));
   return read_exactly(handle, command, request, {out, size_t(length)});
@@ -348,7 +366,10 @@ VARNEL_API int SPI_FlashReadFast(DevHandle handle, uint8_t channel, uint32_t add
 VARNEL_API int SPI_FlashEraseSector(DevHandle handle, uint8_t channel, uint32_t address,
                                     int32_t count, int32_t timeout_ms) {
   return guarded(result::kFailed, [&] {
-    if (count < 0 || timeout_ms < 0) return kBadArgument;
+    if (count < 0 || timeout_ms < 0 ||
+        unaddressable(handle, channel, FlashOp::kSectorErase, address / kSectorSize * kSectorSize,
+                      uint64_t(count) * kSectorSize))
+      return kBadArgument;
     PayloadWriter request;
     request.u8(channel).u32(address).u32(uint32_t(count));
     return acknowledged(handle, kFlashEraseSector, request,
@@ -370,14 +391,18 @@ VARNEL_API int SPI_FlashErase(DevHandle handle, uint8_t channel, uint32_t addres
     if (length < 0) return kBadArgument;
     SPI_FLASH_CONFIG flash;
     if (!flash_description(handle, channel, &flash)) return result::kNotInitialised;
-    // every 4 KiB sector the range touches, each within the time-out
+    // every 4 KiB sector the range touches, each within the time-out; the whole range is
+    // checked before the first erase
+    const uint64_t first = address / kSectorSize * kSectorSize;
     const uint64_t end = uint64_t(address) + uint64_t(length);
-    for (uint64_t sector = address / kSectorSize * kSectorSize; sector < end;
-         sector += kSectorSize) {
-      const int r = flash_erase(handle, channel, flash,
-                                {flash.Commands[kSectorErase], uint8_t(sector >> 16),
-                                 uint8_t(sector >> 8), uint8_t(sector)},
-                                timeout_ms);
+    FlashCommand erase;
+    if (end > first &&
+        flash_command(flash, FlashOp::kSectorErase, first,
+                      (end - first + kSectorSize - 1) / kSectorSize * kSectorSize, &erase) != 0)
+      return kBadArgument;
+    for (uint64_t sector = first; sector < end; sector += kSectorSize) {
+      const int r =
+          flash_erase(handle, channel, flash, erase.with_address(uint32_t(sector)), timeout_ms);
       if (r != 0) return r;
     }
     return 0;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/adapter_state.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
 #include "core/pollers.h"
@@ -43,7 +44,20 @@ struct Stream {
   std::unique_ptr<RingQueue<uint8_t>> buffer;              // allocated at the first byte
   std::atomic<SPI_SLAVE_DATA_CALLBACK> callback{nullptr};  // read by the stream thread
 };
-std::array<std::array<Stream, kChannels>, kMaxDevices> streams;
+struct SlaveStreams {
+  std::array<Stream, kChannels> channels;
+};
+AdapterTable<SlaveStreams>& streams() {
+  static auto* table = new AdapterTable<SlaveStreams>;  // the stream thread may outlive main
+  return *table;
+}
+
+// The channel's stream, held for the caller; null for an unknown handle or channel.
+std::shared_ptr<Stream> stream_of(uint32_t handle, uint8_t channel, bool create) {
+  auto adapter = create ? streams().find_or_create(handle) : streams().find(handle);
+  Stream* stream = adapter ? channel_at(adapter->channels, channel) : nullptr;
+  return stream ? std::shared_ptr<Stream>(adapter, stream) : nullptr;
+}
 
 // The slave calls give the adapter the wait and take 100 ms more for its answer.
 int slave_timeout_ms(int32_t wait_ms) {
@@ -65,12 +79,12 @@ int fetch(uint32_t handle, uint8_t channel, std::span<uint8_t> out) {
 }
 
 int stream_step(uint32_t handle, uint8_t channel) {
-  const int device = device_index(handle);
-  if (device < 0 || device >= kMaxDevices) return result::kUnknownHandle;
+  const auto held = stream_of(handle, channel, false);
+  if (!held) return result::kUnknownHandle;
   thread_local std::vector<uint8_t> bytes(kFetchBytes);
   const int n = fetch(handle, channel, bytes);
   if (n <= 0) return n;
-  Stream& stream = streams[size_t(device)][channel];
+  Stream& stream = *held;
   if (SPI_SLAVE_DATA_CALLBACK callback = stream.callback) {
     callback(handle, channel, bytes.data(), n);
     return 0;
@@ -85,12 +99,6 @@ int stream_step(uint32_t handle, uint8_t channel) {
 Pollers& stream_pollers() {
   static Pollers pollers(kChannels, stream_step, /*pause_ms=*/1);
   return pollers;
-}
-
-Stream* stream_of(uint32_t handle, uint8_t channel) {
-  const int device = device_index(handle);
-  if (device < 0 || device >= kMaxDevices || channel >= kChannels) return nullptr;
-  return &streams[size_t(device)][channel];
 }
 
 int write_then_read(uint32_t handle, uint8_t channel, uint32_t command, const uint8_t* data,
@@ -187,7 +195,7 @@ VARNEL_API int SPI_SlaveReadBytes(DevHandle handle, uint8_t channel, uint8_t* ou
 VARNEL_API int SPI_SlaveContinueRead(DevHandle handle, uint8_t channel,
                                      SPI_SLAVE_DATA_CALLBACK callback) {
   return guarded(result::kFailed, [&] {
-    Stream* stream = stream_of(handle, channel);
+    const auto stream = stream_of(handle, channel, true);
     if (!stream) return result::kBadArgument;
     if (int r = SPI_SlaveStartContinueRead(handle, channel); r != 0) return r;
     spi_slave_data_lock(handle, channel);
@@ -202,7 +210,7 @@ VARNEL_API int SPI_SlaveContinueRead(DevHandle handle, uint8_t channel,
 VARNEL_API int SPI_SlaveGetBytes(DevHandle handle, uint8_t channel, uint8_t* out, int32_t size) {
   return guarded(result::kFailed, [&] {
     if (!out || size < 0) return result::kBadArgument;
-    Stream* stream = stream_of(handle, channel);
+    const auto stream = stream_of(handle, channel, true);
     if (!stream) return result::kBadArgument;
     spi_slave_data_lock(handle, channel);
     const size_t n = stream->buffer ? stream->buffer->take(out, size_t(size)) : 0;
@@ -232,11 +240,19 @@ VARNEL_API int SPI_SlaveReadBytesFromBuffer(DevHandle handle, uint8_t channel, u
 
 VARNEL_API int64_t VARNEL_SPI_SlaveDropped(DevHandle handle, uint8_t channel) {
   return guarded(int64_t(result::kFailed), [&]() -> int64_t {
-    Stream* stream = stream_of(handle, channel);
+    const auto stream = stream_of(handle, channel, true);
     if (!stream) return result::kBadArgument;
     spi_slave_data_lock(handle, channel);
     const int64_t dropped = stream->buffer ? int64_t(stream->buffer->dropped()) : 0;
     spi_slave_data_unlock(handle, channel);
     return dropped;
+  });
+}
+
+VARNEL_API int VARNEL_SPI_SlaveStreamState(DevHandle handle, uint8_t channel) {
+  return guarded(result::kFailed, [&] {
+    if (channel >= kChannels) return result::kBadArgument;
+    if (stream_pollers().polled(handle, channel)) return 1;
+    return stream_pollers().stop_result(handle, channel);
   });
 }

@@ -8,6 +8,7 @@
 #include "core/bytes.h"
 #include "core/c_boundary.h"
 #include "core/clock.h"
+#include "core/delay.h"
 #include "core/result_codes.h"
 #include "core/transaction.h"
 #include "varnel.h"
@@ -88,8 +89,8 @@ int read(uint32_t handle, uint8_t channel, uint8_t* out, int32_t timeout_ms) {
   for (;;) {
     int got = poll_once(handle, channel, buffer);
     if (got != 0) return got;
-    // A spin rather than a sleep: a sleep would overshoot the millisecond.
-    busy_wait_us(1000);
+    // Ends on the millisecond, as a spin would (a plain sleep would overshoot it).
+    wait_for_us(1000);
     if (!(double(timeout_ms) > elapsed_ms_since(start))) return 0;
   }
 }

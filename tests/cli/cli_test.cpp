@@ -36,8 +36,15 @@ TEST(VarnelCli, FailedCallsAreReportedInWords) {
   } cases[] = {
       {"--sim gpio 0x12345678 read 0x10000",
        "gpio read: -4 (the reply could not be read, had the wrong length or reported failure)\n"},
+      // where the code tells what was refused, the message names it
       {"--sim gpio 0x12345678 pulse 0x1",  // pin 0 is still an input
-       "gpio pulse: -4 (the reply could not be read, had the wrong length or reported failure)\n"},
+       "gpio pulse: -4 (the adapter refused pulses on pins 0x00000001: a pin not set as output, or "
+       "its reply could not be read)\n"},
+      {"--sim can send 0x12345678:0 -b 123456 123#11",
+       "CAN_Init2: -4 (no bit timing for bit rate 123456: not a rate this adapter has)\n"},
+      {"--sim i2c detect 0x12345678:200",
+       "i2c detect: -4 (the adapter refused I2C channel 200 (no such channel, or its settings), or "
+       "its reply could not be read)\n"},
       {"scan --net 1.2.3", "scan --net 1.2.3: -1 (not a usable local IPv4 address)\n"},
       {"--sim gpio 0x0BADF00D read 0x1",
        "adapter 0x0BADF00D: not found (2 adapter(s) on USB; see `varnel scan`)\n"},

@@ -54,9 +54,21 @@ TEST(LinCli, FlashProgramsAndVerifiesAnImageWithAnExitCodePerOutcome) {
       {"--sim lin flash 0x12345678:0 20 " + beyond, 4},
       {"--sim lin flash 0x12345678:1 20 " + image, 1},  // nobody on channel 1's bus
       {"--sim lin flash 0x12345678:0 20 /nonexistent.hex", 2},
-      {"--sim lin flash 0x12345678:0 7F " + image, 2},
+      {"--sim lin flash 0x12345678:0 100 " + image, 2},
   };
   for (const auto& c : cases) EXPECT_EQ(varnel(c.args).exit_code, c.exit_code) << c.args;
+  // a unit whose key routine is the seed XOR the constant
+  const std::string xor_unit = "VARNEL_SIM_LIN_KEY_ROUTINE=xor";
+  const std::string flash = "--sim lin flash 0x12345678:0 20 " + image;
+  const Case routines[] = {
+      {flash, 3},
+      {flash + " --key-routine xor", 0},
+      {flash + " --key-routine " VARNEL_TEST_KEY_ROUTINE ":key_by_xor", 0},
+      {flash + " --key-routine " VARNEL_TEST_KEY_ROUTINE ":no_such_function", 2},
+      {flash + " --key-routine rot13", 2},
+  };
+  for (const auto& c : routines)
+    EXPECT_EQ(varnel(c.args, xor_unit).exit_code, c.exit_code) << c.args;
   EXPECT_EQ(varnel(cases[0].args).out,
             "Erasing, writing and verifying 20 bytes in 2 segment(s)... VERIFIED.\n");
   std::remove(beyond.c_str());

@@ -32,3 +32,33 @@ TEST(SpiCli, FlashWriteErasesWritesAndVerifiesAndTransfersPrintWhatCameBack) {
   }
   std::remove(image.c_str());
 }
+
+// The flash's size comes from its identification (EF 40 12: 2^18 bytes); a --size or an image
+// larger than that is refused before anything is erased.
+TEST(SpiCli, FlashSizeComesFromTheIdentificationAndLargerIsRefused) {
+  const std::string env = "VARNEL_SIM_SPI_FLASH_SIZE=262144";
+  const std::string dir = testing::TempDir() + "varnel_spi_size_" + std::to_string(getpid());
+  const std::string small = dir + "_small.bin", large = dir + "_large.bin", back = dir + "_back";
+  std::ofstream(small, std::ios::binary) << std::string(4096, '\x5A');
+  std::ofstream(large, std::ios::binary) << std::string(262145, '\x5A');
+  struct Case {
+    std::string args;
+    int exit_code;
+    const char* out;
+    const char* err;  // a part of stderr
+  } cases[] = {
+      {"id", 0, "flash ID EF 40 12: manufacturer 0xEF, device 0x4012, 256 kB\n", ""},
+      {"read " + back, 0, "Reading flash... done.\n", ""},
+      {"write --size 524288 " + small, 1, "", "--size is larger than the flash"},
+      {"write " + large, 1, "", "the image is larger than the flash"},
+      {"verify --size 262144 " + large, 1, "", "the image is larger than the flash"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel("--sim spi flash 0x12345678:0 " + c.args, env);
+    EXPECT_EQ(run.exit_code, c.exit_code) << c.args << "\n" << run.err;
+    EXPECT_EQ(run.out, c.out) << c.args;
+    EXPECT_NE(run.err.find(c.err), std::string::npos) << c.args << "\n" << run.err;
+  }
+  EXPECT_EQ(read_file(back), std::string(262144, '\xFF'));  // the whole chip, erased
+  for (const auto& file : {small, large, back}) std::remove(file.c_str());
+}

@@ -30,6 +30,8 @@ void exercise(const uint8_t* data, size_t size, bool standard) {
     double values[64];
     uint8_t selected[64];
     VARNEL_DbcDecodeFrame(h, fd.Id, data, int(size < 64 ? size : 64), values, selected, 64);
+    const char* names[64];
+    VARNEL_DbcDecodeChoices(h, fd.Id, data, int(size < 64 ? size : 64), names, 64);
     VARNEL_DbcEncodeFrame(h, fd.Id, values, 64, VARNEL_DBC_CLAMP, fd.Data, 64);
     const int signals = DBC_GetMsgSignalQuantity(h, msg.c_str());
     for (int k = 0; k < signals && k < 64; ++k) {

@@ -195,6 +195,9 @@ TYPED_TEST_P(I2cCases, ScanFindsTheDevicesAndProbesByTheStoredWidth) {
   TypeParam::clear_transfers(h);
   IIC_GetSlaveAddr(h, 12, found);
   EXPECT_EQ(this->requests_sent(kI2cHandle), 1024u);
+  // the adapter is gone: the first probe that cannot be sent ends the scan with its code
+  TypeParam::unplug(h);
+  EXPECT_EQ(IIC_GetSlaveAddr(h, 0, found), -2);
 }
 
 // The PEC the adapter appends is the CRC-8 of every byte of the transaction, address included; a

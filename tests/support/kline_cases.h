@@ -7,6 +7,7 @@
 #include <functional>
 #include <numeric>
 #include <string>
+#include <tuple>
 
 #include "sim/families/gpio.h"
 #include "sim/families/kline.h"
@@ -122,8 +123,10 @@ TYPED_TEST_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays) {
       fmt_after = request.Fmt;
       checksum_field = request.CheckSum;  // K_Request leaves the record alone
       EXPECT_EQ(rc, -5) << "the unit sleeps: nothing comes back";
-      // the echo, then polls at 0 and 10 ms: 10 ms counted off after each poll's wait
-      EXPECT_EQ(this->payloads(adapter, 0xA03).size(), 3u);
+      // the echo, then a poll at once and, unless the host was slow enough to let 10 ms pass
+      // meanwhile, one after the 10 ms wait; never a third
+      const size_t reads = this->payloads(adapter, 0xA03).size();
+      EXPECT_TRUE(reads == 2 || reads == 3) << reads;
     } else {
       KWP_MSG request = k_record<KWP_MSG>(row.fmt, row.len, sid, row.data);
       request.P4 = 7;
@@ -312,15 +315,59 @@ TYPED_TEST_P(KlineCases, RecordsCarryTheDeviceTimeAtTheStartOfTheCall) {
       << "all ones when the time's reply could not be read";
 }
 
+// The wake-up patterns draw on the pin the adapter's table names; the virtual unit hears the pin
+// it is wired to, and only that one.
+TYPED_TEST_P(KlineCases, WakeupPatternsDriveThePinTheTableNames) {
+  Adapter adapter = this->open();
+  struct Unmap {  // the table outlives the test: channel 0 goes back to pin 0 whatever happens
+    ~Unmap() { VARNEL_KLINE_SetWakeupPin(kKlineHandle, 0, 0); }
+  } unmap;
+  EXPECT_EQ(VARNEL_KLINE_GetWakeupPin(kKlineHandle, 5), 5) << "bit (channel) until set";
+  ASSERT_EQ(VARNEL_KLINE_SetWakeupPin(kKlineHandle, 0, 9), 0);
+  EXPECT_EQ(VARNEL_KLINE_GetWakeupPin(kKlineHandle, 0), 9);
+  KWP_MSG init{}, response{};
+  EXPECT_EQ(this->fast_init(init, response), -5) << "the unit is still wired to pin 0";
+  EXPECT_EQ(this->payloads(adapter, 0x0601), (std::vector<KBytes>{{0, 0, 0x02, 0, 0}}));
+  EXPECT_TRUE(this->held_levels(adapter, 0).empty());
+  auto held = this->held_levels(adapter, 9);
+  ASSERT_EQ(held.size(), 4u);  // the latch, then high, low, high
+  EXPECT_EQ((KBytes{held[1].first, held[2].first, held[3].first}), (KBytes{1, 0, 1}));
+  sim::set_kline_wakeup_pin(*adapter, 0, 9);
+  EXPECT_EQ(this->fast_init(init, response), 0) << this->line_story(adapter);
+  EXPECT_EQ(response.SID, 0xC1);
+  const std::tuple<uint32_t, uint8_t, uint8_t, int> refused[] = {
+      {kKlineHandle, 8, 1, -7}, {kKlineHandle, 0, 32, -7}, {0x0BADBEEF, 0, 1, -200}};
+  for (auto [handle, channel, pin, code] : refused)
+    EXPECT_EQ(VARNEL_KLINE_SetWakeupPin(handle, channel, pin), code) << int(channel) << int(pin);
+  EXPECT_EQ(VARNEL_KLINE_GetWakeupPin(kKlineHandle, 8), -7);
+  EXPECT_EQ(VARNEL_KLINE_GetWakeupPin(kKlineHandle, 0), 9) << "a refused call changes nothing";
+}
+
+// Each poll of a slow adapter takes 40 ms: a 100 ms time-out ends on the clock after three
+// polls at most (at 0, 50 and 100 ms), not after the eleven 10 ms steps it holds.
+TYPED_TEST_P(KlineCases, ResponsePollingEndsOnTheClockOnASlowAdapter) {
+  Adapter adapter = this->open();
+  ASSERT_EQ(KWP_Init(kKlineHandle, 0, 10400, 1), 0);
+  for (int i = 0; i < 16; ++i)
+    adapter->faults().next_reply({sim::ReplyFault::Kind::kLate, 40, 0xA03});
+  K_MSG request = k_record<K_MSG>(0x82, 0, 0x21, {0x01}), response{};
+  EXPECT_EQ(K_Request(kKlineHandle, 0, &request, &response, 0, 100), -5);
+  EXPECT_LE(this->payloads(adapter, 0xA03).size(), 4u) << "the echo and at most three polls";
+  adapter->faults().clear();
+}
+
 TYPED_TEST_P(KlineCases, BadArgumentsAreRefusedBeforeAnythingIsSent) {
   Adapter adapter = this->open();
   KWP_MSG m{};
   K_MSG k{};
   const uint32_t unknown = 0x0BADBEEF;
+  const uint32_t by_low_byte = 0xFF0000FF;  // an index of 255 by its bits, and no adapter
   std::function<int()> unknown_handle[] = {
       [&] { return KWP_Init(unknown, 0, 10400, 1); },
       [&] { return KWP_5BaudInit(unknown, 0, 10400, &m, 10); },
       [&] { return KWP_FastInit(unknown, 0, 10400, &m, &m, &m, 10); },
+      [&] { return KWP_Init(by_low_byte, 0, 10400, 1); },
+      [&] { return KWP_FastInit(by_low_byte, 0, 10400, &m, &m, &m, 10); },
   };
   std::function<int()> refused[] = {
       [&] { return KWP_Init(kKlineHandle, 8, 10400, 1); },
@@ -346,6 +393,8 @@ REGISTER_TYPED_TEST_SUITE_P(KlineCases, RequestRecordsGoOutAsTheirFormatSays,
                             FastInitWakesTheUnitThenAnswersFillTheRecord,
                             FaultsOfTheUnitGiveTheirCodesAndFlags,
                             RecordsCarryTheDeviceTimeAtTheStartOfTheCall,
+                            WakeupPatternsDriveThePinTheTableNames,
+                            ResponsePollingEndsOnTheClockOnASlowAdapter,
                             BadArgumentsAreRefusedBeforeAnythingIsSent);
 
 // The 5-baud cases take 2.5 s each; the pin commands they send are the same on every layer, so

@@ -246,6 +246,56 @@ TYPED_TEST_P(LinCases, BadInputAndBadRepliesGiveTheirCodes) {
   EXPECT_EQ(LIN_EX_MasterSync(kLinHandle, 0, &m, out, 1), -5);
 }
 
+// A master read takes its frame's time on the bus, in the host's time too: however fast the host
+// polls, no more frames pass than the bus carries. The shortest frame is a header: a 13-bit break,
+// its delimiter, sync and PID, 34 bit times, so a span of S seconds at 19200 baud holds at most
+// S x 19200 / 34 + 1 frames.
+TYPED_TEST_P(LinCases, MasterReadsTakeBusTime) {
+  this->open_master();
+  LIN_EX_MSG chunk[VARNEL_LIN_FETCH_SIZE];
+  while (LIN_EX_GetMsg(kLinHandle, 0, chunk, VARNEL_LIN_FETCH_SIZE) > 0) {
+  }
+  uint8_t data[8];
+  const auto start = std::chrono::steady_clock::now();
+  int reads = 0;
+  while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(300)) {
+    ASSERT_EQ(LIN_EX_MasterRead(kLinHandle, 0, 0x22, data), 0) << "nobody answers 22";
+    ++reads;
+  }
+  const double span_s =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  size_t frames = 0;
+  for (int n; (n = LIN_EX_GetMsg(kLinHandle, 0, chunk, VARNEL_LIN_FETCH_SIZE)) > 0;)
+    frames += size_t(n);
+  EXPECT_EQ(frames, size_t(reads)) << "every read is one frame on the bus";
+  EXPECT_LE(double(reads), span_s * 19200 / 34 + 1) << span_s;
+}
+
+// A reply whose length word is negative brings no record back: an error, never "all of them".
+TYPED_TEST_P(LinCases, NegativeReplyLengthsBringNoRecords) {
+  Adapter adapter = this->fresh_adapter(kLinHandle);
+  adapter->state<sim::DeviceModel>().firmware_version = 0x0105001D;  // the old commands too
+  LIN_CONFIG config{19200, 0, 1, 0};
+  ASSERT_EQ(LIN_Init(kLinHandle, 0, &config), 0);
+  ASSERT_EQ(LIN_EX_Init(kLinHandle, 1, 19200, 1), 0);
+  uint8_t data[2] = {1, 2};
+  LIN_EX_MSG in[3] = {lin_record(LIN_EX_MSG_TYPE_BK, 0), lin_record(LIN_EX_MSG_TYPE_MR, 0x21),
+                      lin_record(LIN_EX_MSG_TYPE_MW, 0x22, {5})},
+             out[3];
+  LIN_MSG old[VARNEL_LIN_LEGACY_FETCH_SIZE];
+  const auto with_length = [&](uint32_t length, uint32_t command) {
+    adapter->faults().next_reply({sim::ReplyFault::Kind::kAnnounceLength, length, command});
+  };
+  for (uint32_t length : {0xFFFFFFFFu, 0xFFFFFFECu, 0x80000000u}) {  // -1, -20, INT_MIN
+    with_length(length, 0xF07);
+    EXPECT_EQ(LIN_EX_MasterWrite(kLinHandle, 1, 0x22, data, 2, LIN_EX_CHECK_EXT), -4) << length;
+    with_length(length, 0xF07);
+    EXPECT_EQ(LIN_EX_MasterSync(kLinHandle, 1, in, out, 3), -4) << length;
+    with_length(length, 0xF04);
+    EXPECT_EQ(LIN_SlaveGetData(kLinHandle, 0, old), -4) << length;
+  }
+}
+
 // Firmware 1.5.0.30 and later: the older calls become LIN_EX_ records (writes of 3C classic,
 // reads of 3C still enhanced); before it, the old commands with their 11-byte records.
 TYPED_TEST_P(LinCases, OlderCallsOnBothFirmwareGenerations) {
@@ -296,6 +346,7 @@ REGISTER_TYPED_TEST_SUITE_P(LinCases, RequestsCarryTheirLayoutAndRecordsAsTheyLi
                             LongListsAreSplitWhereTheAdaptersLimitFalls,
                             ReplyTimeOutFollowsTheBaudRate, TheSlaveTableAnswersAnotherChannel,
                             SchedulesPlayInBusTime, BadInputAndBadRepliesGiveTheirCodes,
+                            NegativeReplyLengthsBringNoRecords, MasterReadsTakeBusTime,
                             OlderCallsOnBothFirmwareGenerations);
 
 }  // namespace testing_support

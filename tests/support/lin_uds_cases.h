@@ -3,6 +3,7 @@
 // PCI, data, FF padding), written out by hand; long messages both ways; each fault's code.
 #pragma once
 
+#include <future>
 #include <numeric>
 
 #include "sim/families/lin.h"
@@ -139,7 +140,10 @@ TYPED_TEST_P(LinUdsCases, FaultsGiveTheirCodes) {
   LIN_UDS_ADDR sleep = this->addr;
   sleep.NAD = 0;
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &sleep, vin.data(), 3), -7) << "NAD 0 is for sleep";
-  EXPECT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x7F), -7) << "not every node at once";
+  // The unit starts a long answer (20 bytes), gives it up and answers 7F 22 31: a new message.
+  this->ecu->faults.stray_frames = {{0x10, 0x10, 0x14, 0x62, 0xF1, 0x90, 0x56, 0x41}};
+  const std::vector<uint8_t> refused = this->exchange({0x22, 0x01, 0xFF}, 200);
+  EXPECT_EQ(refused, (LinBytes{0x7F, 0x22, 0x31}));
   adapter->faults().next_reply({sim::ReplyFault::Kind::kShort, 10, 0xF07});
   EXPECT_EQ(LIN_UDS_Request(kLinHandle, 0, &this->addr, vin.data(), 3), -98);
 }
@@ -201,8 +205,81 @@ TYPED_TEST_P(LinUdsCases, BootLoaderReprogramsTheUnitFromAnImageFile) {
       << "the silent unit does not answer the download";
 }
 
+// Every wait of the boot loader ends on the clock: a unit that answers each header with filler or
+// flow control, an answer with a bad checksum (no answer), a unit silent after the switch to the
+// programming session.
+TYPED_TEST_P(LinUdsCases, BootLoaderWaitsEndOnTheClock) {
+  Adapter adapter = this->open();
+  auto boot = sim::lin_model(*adapter).ecus[0][1];
+  ASSERT_EQ(USDLINBoot_Init(kLinHandle, 0, kFastBaud), 0);
+  // Any NAD goes out as given: the wildcard 7F (the boot loader alone on the bus) and 00 too.
+  auto& units = sim::lin_model(*adapter).ecus[0];
+  units.erase(units.begin());
+  TypeParam::clear_transfers(kLinHandle);
+  EXPECT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x7F), 0) << "the boot loader answers";
+  EXPECT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x00), -9) << "nobody answers 00";
+  EXPECT_EQ(this->frames_sent(0xF07),
+            (std::vector<LinBytes>{{0x7F, 0x02, 0x11, 0x01, 0xFF, 0xFF, 0xFF, 0xFF},
+                                   {0x00, 0x02, 0x11, 0x01, 0xFF, 0xFF, 0xFF, 0xFF}}));
+
+  for (uint8_t pci : {0xFF, 0x30}) {
+    boot->faults.stuck_pci = pci;
+    auto reset =
+        std::async(std::launch::async, [] { return USDLINBoot_ResetECU(kLinHandle, 0, 0x20); });
+    const bool ended = reset.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    boot->faults.stuck_pci.reset();  // a call that hangs ends now: the test fails, not hangs
+    EXPECT_TRUE(ended) << int(pci);
+    EXPECT_EQ(reset.get(), -9) << int(pci);
+  }
+  boot->faults.bad_checksum = true;  // on 51 01
+  EXPECT_EQ(USDLINBoot_ResetECU(kLinHandle, 0, 0x20), -9);
+
+  // A read after 10 02 takes the record's 14 ms on the bus and the wait between reads 10 ms: in a
+  // time-out of 50 ms the reply to 10 02 and at most two more reads fit.
+  boot->boot().silent_after_switch = 1000;
+  TypeParam::clear_transfers(kLinHandle);
+  EXPECT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0xBEEF, 50), -11);
+  int reads_after_switch = -1;
+  for (auto& t : this->bulk_on(kLinHandle, 0x01)) {
+    if ((t.data[2] << 8 | t.data[3]) != 0xF07) continue;
+    const bool switch_request =
+        t.data[9 + 9 + 1] == 0x02 && t.data[9 + 9 + 2] == 0x10 && t.data[9 + 9 + 3] == 0x02;
+    if (switch_request)
+      reads_after_switch = 0;
+    else if (reads_after_switch >= 0 && t.data[9 + 4] == LIN_EX_MSG_TYPE_MR)
+      ++reads_after_switch;
+  }
+  EXPECT_GE(reads_after_switch, 1);
+  EXPECT_LE(reads_after_switch, 3);
+}
+
+// Security access with the target's own key routine, set per adapter and channel.
+TYPED_TEST_P(LinUdsCases, BootLoaderUsesTheKeyRoutineSetForTheChannel) {
+  Adapter adapter = this->open();
+  auto boot = sim::lin_model(*adapter).ecus[0][1];
+  const VARNEL_LIN_BOOT_KEY_ROUTINE by_sum = [](uint16_t seed, uint16_t constant) {
+    return uint16_t(seed + constant);
+  };
+  boot->boot().key_routine = by_sum;
+  ASSERT_EQ(USDLINBoot_Init(kLinHandle, 0, kFastBaud), 0);
+  EXPECT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0xBEEF, 1000), -10) << "the default routine";
+  ASSERT_EQ(VARNEL_USDLINBoot_SetKeyRoutine(kLinHandle, 1, by_sum), 0);
+  EXPECT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0xBEEF, 1000), -10) << "set for channel 1";
+  ASSERT_EQ(VARNEL_USDLINBoot_SetKeyRoutine(kLinHandle, 0, by_sum), 0);
+  boot->boot().next_seed = 0x1234;
+  EXPECT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0xBEEF, 1000), 0);
+  // the second unlock's seed is 1234 x 31 + 7 = 3453 (16 bits); 3453 + BEEF = F342
+  EXPECT_EQ(boot->requests().back(), (LinBytes{0x27, 0x02, 0xF3, 0x42}));
+  ASSERT_EQ(VARNEL_USDLINBoot_SetKeyRoutine(kLinHandle, 0, nullptr), 0);
+  EXPECT_EQ(USDLINBoot_Start(kLinHandle, 0, 0x20, 0xBEEF, 1000), -10) << "the default again";
+  EXPECT_EQ(VARNEL_USDLINBoot_SetKeyRoutine(kLinHandle, 8, by_sum), -7);
+  ASSERT_EQ(VARNEL_USDLINBoot_SetKeyRoutine(kLinHandle, 1, nullptr), 0);
+}
+
 REGISTER_TYPED_TEST_SUITE_P(LinUdsCases, RequestsBecomeTheFramesOfTheirLength,
                             LongMessagesGoBothWaysWhole, FaultsGiveTheirCodes,
-                            BootLoaderReprogramsTheUnitFromAnImageFile);
+                            BootLoaderReprogramsTheUnitFromAnImageFile,
+                            BootLoaderWaitsEndOnTheClock,
+                            BootLoaderUsesTheKeyRoutineSetForTheChannel);
 
 }  // namespace testing_support

@@ -157,6 +157,112 @@ TYPED_TEST_P(SpiCases, ErasesEnableWritingFirstAndPollTheBusyBit) {
   EXPECT_EQ(SPI_FlashErase(h, 0, 0, 1, 50), -6);
 }
 
+// The sessions a call makes on the flash, status reads left out.
+template <class Call>
+std::vector<SpiBytes> flash_sessions(sim::SpiModel::Channel& ch, Call call, int expected = 0) {
+  ch.sessions.clear();
+  EXPECT_EQ(call(), expected);
+  std::vector<SpiBytes> seen;
+  for (auto& s : ch.sessions)
+    if (s[0] != 0x05) seen.push_back(s);
+  return seen;
+}
+
+// Above 16 MiB the JEDEC 4-byte-address commands: 13 read, 0C fast read (a dummy byte), 12 page
+// program, 21 4 KiB sector erase; a description without them is refused before anything is sent.
+TYPED_TEST_P(SpiCases, FlashAbove16MiBTakesTheFourByteCommandsOrIsRefused) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  auto& ch = this->channel(adapter);
+  ch.flash.resize(32 << 20);
+  SPI_FLASH_CONFIG flash;
+  ASSERT_EQ(VARNEL_SPI_NorFlashConfig(&flash, 32 << 20), 0);
+  ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
+  uint8_t zeros[2] = {0, 0}, in[4];
+  ASSERT_EQ(SPI_FlashWrite(h, 0, 0x10, zeros, 2), 0);  // must survive the erases above 16 MiB
+  using Sessions = std::vector<SpiBytes>;
+  struct Case {
+    std::function<int()> call;
+    Sessions sessions;
+  } cases[] = {
+      // clang-format off
+      {[&] { return SPI_FlashWrite(h, 0, 0x01FFFFFE, zeros, 2); },
+       {{0x06}, {0x12, 0x01, 0xFF, 0xFF, 0xFE, 0, 0}}},
+      {[&] { return SPI_FlashRead(h, 0, 0x01FFFFFC, in, 4); }, {{0x13, 0x01, 0xFF, 0xFF, 0xFC}}},
+      {[&] { return SPI_FlashReadFast(h, 0, 0x01000000, in, 2); },
+       {{0x0C, 0x01, 0x00, 0x00, 0x00, 0x00}}},
+      {[&] { return SPI_FlashErase(h, 0, 0x01FFF000, 4096, 1000); },
+       {{0x06}, {0x21, 0x01, 0xFF, 0xF0, 0x00}}},
+      {[&] { return SPI_FlashEraseSector(h, 0, 0x01000000, 1, 500); },
+       {{0x06}, {0x21, 0x01, 0x00, 0x00, 0x00}}},
+      // clang-format on
+  };
+  for (auto& c : cases)
+    EXPECT_EQ(flash_sessions(ch, c.call), c.sessions) << testing::PrintToString(c.sessions);
+  auto memory = ch.flash.contents();
+  EXPECT_EQ(SpiBytes(memory.begin() + 0x10, memory.begin() + 0x12), SpiBytes(2, 0));
+  EXPECT_EQ(SpiBytes(memory.end() - 2, memory.end()), SpiBytes(2, 0xFF));  // written, then erased
+
+  SPI_FLASH_CONFIG three_byte_only = nor_flash();
+  three_byte_only.Param64 = 32 << 20;
+  struct Refusal {
+    SPI_FLASH_CONFIG* flash;
+    std::function<int()> call;
+  } refusals[] = {
+      {&flash, [&] { return SPI_FlashErase(h, 0, 0x02000000, 1, 1000); }},  // past the flash
+      {&flash, [&] { return SPI_FlashRead(h, 0, 0x01FFFFFE, in, 4); }},
+      {&flash, [&] { return SPI_FlashEraseSector(h, 0, 0x01FFF000, 2, 500); }},
+      {&three_byte_only, [&] { return SPI_FlashErase(h, 0, 0x00FFF000, 0x2000, 1000); }},
+      {&three_byte_only, [&] { return SPI_FlashWrite(h, 0, 0x00FFFFFF, zeros, 2); }},
+      {&three_byte_only, [&] { return SPI_FlashRead(h, 0, 0x01000000, in, 1); }},
+  };
+  for (auto& r : refusals) {
+    ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, r.flash), 0);
+    TypeParam::clear_transfers(h);
+    EXPECT_EQ(r.call(), -7) << &r - refusals;
+    EXPECT_EQ(this->requests_sent(kSpiHandle), 0u) << &r - refusals;
+  }
+  EXPECT_EQ(flash_sessions(ch, [&] { return SPI_FlashErase(h, 0, 0x00FFF000, 1, 1000); }),
+            (Sessions{{0x06}, {0x20, 0xFF, 0xF0, 0x00}}));
+}
+
+// Two threads erasing one flash: each erase keeps its write enable, erase and polling together,
+// so every erase has its latch and every sector comes back erased. Erases that take no time keep
+// both threads at the flash all the time.
+TYPED_TEST_P(SpiCases, ErasesFromTwoThreadsDoNotInterleave) {
+  constexpr uint32_t h = kSpiHandle;
+  Adapter adapter = this->plug_and_open(h);
+  SPI_FLASH_CONFIG flash = nor_flash();
+  ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
+  constexpr uint32_t kSectors = 20;
+  SpiBytes zeros(kSectors * 2 * 4096, 0);
+  ASSERT_EQ(SPI_FlashWrite(h, 0, 0, zeros.data(), int32_t(zeros.size())), 0);
+  auto& ch = this->channel(adapter);
+  ch.flash.set_sector_erase_us(2000);  // both threads wait for the flash, then race
+  ch.sessions.clear();
+  std::atomic<int> ready{0};
+  auto erase_every_other = [&](uint32_t first) {
+    for (++ready; ready < 2;) {  // both start together
+    }
+    for (uint32_t i = 0; i < kSectors; ++i)
+      EXPECT_EQ(SPI_FlashErase(h, 0, (first + 2 * i) * 4096, 4096, 1000), 0);
+  };
+  std::thread a(erase_every_other, 0), b(erase_every_other, 1);
+  a.join();
+  b.join();
+  std::vector<uint8_t> order;
+  for (auto& s : ch.sessions)
+    if (s[0] != 0x05) order.push_back(s[0]);
+  EXPECT_EQ(order.size(), 4 * kSectors);
+  size_t split = 0;  // erases whose write enable and erase are not next to each other
+  for (size_t i = 0; i + 1 < order.size(); i += 2)
+    split += SpiBytes{order[i], order[i + 1]} != SpiBytes{0x06, 0x20};
+  EXPECT_EQ(split, 0u);
+  auto memory = ch.flash.contents();
+  EXPECT_EQ(SpiBytes(memory.begin(), memory.begin() + ptrdiff_t(zeros.size())),
+            SpiBytes(zeros.size(), 0xFF));
+}
+
 // Block fields (sizes and count u16, interval u32) come before the event fields (pins u32, type
 // u8, wait u32); each block reaches the flash as a session of its own.
 TYPED_TEST_P(SpiCases, BlocksAndEventsSendTheirFieldsAndReportMissingEvents) {
@@ -307,12 +413,11 @@ TYPED_TEST_P(SpiCases, BadInputAndBadRepliesGiveTheirCodes) {
   EXPECT_EQ(SPI_FlashEraseSector(h, 0, 0, 1, 100), 0);
 }
 
-REGISTER_TYPED_TEST_SUITE_P(SpiCases, EachCallSendsItsLayoutBigEndian,
-                            BitTextsArePackedAndUnpackedMostSignificantFirst,
-                            FlashProgramsOnlyClearBitsAndWrapAtThePageEnd,
-                            ErasesEnableWritingFirstAndPollTheBusyBit,
-                            BlocksAndEventsSendTheirFieldsAndReportMissingEvents,
-                            SlaveSideReadsTheMastersBytesInOrderOnceOrAsAStream,
-                            BadInputAndBadRepliesGiveTheirCodes);
+REGISTER_TYPED_TEST_SUITE_P(
+    SpiCases, EachCallSendsItsLayoutBigEndian, BitTextsArePackedAndUnpackedMostSignificantFirst,
+    FlashProgramsOnlyClearBitsAndWrapAtThePageEnd, ErasesEnableWritingFirstAndPollTheBusyBit,
+    FlashAbove16MiBTakesTheFourByteCommandsOrIsRefused, ErasesFromTwoThreadsDoNotInterleave,
+    BlocksAndEventsSendTheirFieldsAndReportMissingEvents,
+    SlaveSideReadsTheMastersBytesInOrderOnceOrAsAStream, BadInputAndBadRepliesGiveTheirCodes);
 
 }  // namespace testing_support

@@ -139,14 +139,14 @@ TEST(DbcParser, SignalLineForms) {
 TEST(DbcParser, CommentsValueTablesAndValueTypes) {
   auto db = must_parse(
       "BO_ 100 A: 8 N\n SG_ S : 0|32@1- (1,0) [0|0] \"\" N\n SG_ T : 32|32@1- (1,0) [0|0] \"\" N\n"
-      "BO_ 100 B: 8 N\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" N\n"
+      "BO_ 100 B: 8 N\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" N\n SG_ U : 8|8@1+ (1,0) [0|0] \"\" N\n"
       "BO_ 7 C: 8 N\n"
       "CM_ BO_ 100 \"first line\nsecond line\";\n"
       "CM_ BO_ 100 \"later\";\n"
       "CM_ BO_ 7 \"one\ntwo\";\n"
       "CM_ SG_ 100 S \"shared \"\"text\";\n"
       "VAL_ 100 S 1 \"On\" 0 \"Off  now\" -1 \"Err\" 0x10 \"Hex\" 1 \"Again\" ;\n"
-      "SIG_VALTYPE_ 100 S : 1;\nSIG_VALTYPE_ 100 T : 3;\n");
+      "SIG_VALTYPE_ 100 S : 1;\nSIG_VALTYPE_ 100 T : 3;\nVAL_ 100 U 2 \"Two\";\n");
   const Message &a = db->messages[0], &b = db->messages[1];
   // Only the first line of a multi-line comment, for the first message with the id; a later
   // CM_ line overwrites it.
@@ -159,6 +159,8 @@ TEST(DbcParser, CommentsValueTablesAndValueTypes) {
       {-1, "Err"}, {0, "Off now"}, {1, "Again"}, {16, "Hex"}};
   EXPECT_EQ(a.signals[0].value_table, table);
   EXPECT_TRUE(b.signals[0].value_table.empty());  // only the first signal found
+  // the first message with the id that has the signal
+  EXPECT_EQ(b.signals[1].value_table, (std::map<int32_t, std::string>{{2, "Two"}}));
   EXPECT_EQ(a.signals[0].value_type, 1u);
   EXPECT_EQ(b.signals[0].value_type, 1u);  // every message with the id
   EXPECT_EQ(a.signals[1].value_type, 0u);  // 3 is not a known type

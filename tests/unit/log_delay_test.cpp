@@ -1,5 +1,6 @@
-// The log file switch and the busy-wait delays.
+// The log file switch, the busy-wait delays and the wait inside calls.
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -8,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include "core/clock.h"
 #include "core/delay.h"
 #include "varnel.h"
 
@@ -100,4 +102,19 @@ TEST(Delay, WaitsAtLeastTheAskedTime) {
   start = std::chrono::steady_clock::now();
   sleep_ms(2);
   EXPECT_GE(elapsed_ms(start), 2.0);
+}
+
+// The wait inside calls never ends before its deadline, whether it spins whole (50 us) or sleeps
+// first, and leaves the thread's timer slack as the application set it.
+TEST(Delay, WaitInsideCallsEndsNoEarlierThanItsDeadlineAndKeepsTheTimerSlack) {
+  ASSERT_EQ(prctl(PR_SET_TIMERSLACK, 70000UL, 0, 0, 0), 0);
+  for (uint64_t us : {0, 50, 150, 2000}) {
+    const auto start = std::chrono::steady_clock::now();
+    varnel::wait_for_us(us);
+    EXPECT_GE(elapsed_ms(start) * 1000.0, double(us)) << us;
+  }
+  const uint64_t deadline = varnel::monotonic_ns() + 1'000'000;
+  varnel::wait_until_ns(deadline);
+  EXPECT_GE(varnel::monotonic_ns(), deadline);
+  EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 70000);
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -108,8 +109,43 @@ TEST_F(Device, UserDataRoundTripsAndSectorsErase) {
   EXPECT_EQ(std::memcmp(back, expect, 8), 0);
   EXPECT_FALSE(DEV_EraseUserDataSector(kHandle, 5));  // the area has sectors 0..4
   EXPECT_FALSE(DEV_WriteUserData(kHandle, VARNEL_DEV_USER_DATA_SIZE - 4, pattern, 8));
-  // a read that runs past the end of the area gets fewer bytes than asked
-  EXPECT_FALSE(DEV_ReadUserData(kHandle, VARNEL_DEV_USER_DATA_SIZE - 4, back, 8));
+}
+
+// The reply goes into the buffer whatever its length (never past the count asked); only a reply
+// that could not be read fails. The extension tells how many bytes came.
+TEST_F(Device, UserDataReadTakesAnyReplyAndTheCountTells) {
+  struct Case {
+    const char* name;
+    std::optional<ReplyFault> fault;
+    uint32_t offset;
+    bool ok;
+    int count;
+  } cases[] = {
+      {"whole", {}, 0, true, 8},
+      {"the area ends after 4 bytes", {}, VARNEL_DEV_USER_DATA_SIZE - 4, true, 4},
+      {"longer", ReplyFault{ReplyFault::Kind::kAnnounceLength, 100}, 0, true, 8},
+      {"empty", ReplyFault{ReplyFault::Kind::kAnnounceLength, 0}, 0, true, 0},
+      {"length -1", ReplyFault{ReplyFault::Kind::kAnnounceLength, uint32_t(-1)}, 0, true, 0},
+      {"cut payload", ReplyFault{ReplyFault::Kind::kShort, 4}, 0, false, -4},
+      {"another command", ReplyFault{ReplyFault::Kind::kOtherCommand, 0x0101}, 0, false, -4},
+      {"offset not a multiple of 4", {}, 2, false, -7}};
+  for (auto& c : cases) {
+    uint8_t buffer[9];
+    std::memset(buffer, 0xAB, sizeof buffer);
+    if (c.fault) adapter->faults().next_reply(*c.fault);
+    EXPECT_EQ(DEV_ReadUserData(kHandle, c.offset, buffer, 8), c.ok) << c.name;
+    if (c.fault) adapter->faults().next_reply(*c.fault);
+    EXPECT_EQ(VARNEL_DEV_ReadUserDataN(kHandle, c.offset, buffer, 8), c.count) << c.name;
+    EXPECT_EQ(buffer[8], 0xAB) << c.name;
+  }
+  // Over USB a reply above 0x80000 bytes is cut to that: still a read.
+  constexpr uint32_t kAsked = 0x80000 + 4;
+  std::vector<uint8_t> big(kAsked);
+  for (int n = 0; n < 2; ++n)
+    adapter->faults().next_reply({ReplyFault::Kind::kAnnounceLength, kAsked});
+  EXPECT_TRUE(DEV_ReadUserData(kHandle, 0, big.data(), kAsked));
+  adapter->reset();  // the 4 bytes beyond the cut are still in the pipe
+  EXPECT_EQ(VARNEL_DEV_ReadUserDataN(kHandle, 0, big.data(), kAsked), 0x80000);
 }
 
 // Calls that store a reply of a known size fail on any other reply, and never store past it.
@@ -126,8 +162,6 @@ TEST_F(Device, ReplyOfAnotherShapeFails) {
   for (auto& c : cases) {
     uint8_t buffer[9];
     std::memset(buffer, 0xAB, sizeof buffer);
-    adapter->faults().next_reply(c.fault);
-    EXPECT_FALSE(DEV_ReadUserData(kHandle, 0, buffer, 8)) << c.name;
     adapter->faults().next_reply(c.fault);
     EXPECT_FALSE(DEV_GetTimestamp(kHandle, 0, buffer)) << c.name;
     EXPECT_EQ(buffer[8], 0xAB) << c.name;
@@ -188,10 +222,9 @@ TEST_F(Device, CanStartTimeIsHostTimeLessDeviceTime) {
 }
 
 TEST_F(Device, CorrectionSendsHostTimeInHostOrderAndKeepsTheFirst) {
-  const int index = varnel::device_index(kHandle);
   const int64_t host_before = host_ms();
   ASSERT_TRUE(DEV_CorrectionTimestamp(kHandle));
-  const auto first = varnel::correction_times(index);
+  const auto first = varnel::correction_times(kHandle);
   const auto payload = sent().back().payload;
   ASSERT_EQ(payload.size(), 8u);
   uint64_t on_wire = 0;  // little-endian, written out rather than copied from memory
@@ -202,8 +235,8 @@ TEST_F(Device, CorrectionSendsHostTimeInHostOrderAndKeepsTheFirst) {
 
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
   ASSERT_TRUE(DEV_CorrectionTimestamp(kHandle));
-  EXPECT_EQ(varnel::correction_times(index).first_ms, first.first_ms);
-  EXPECT_GT(varnel::correction_times(index).last_ms, first.last_ms);
+  EXPECT_EQ(varnel::correction_times(kHandle).first_ms, first.first_ms);
+  EXPECT_GT(varnel::correction_times(kHandle).last_ms, first.last_ms);
   EXPECT_FALSE(DEV_CorrectionTimestamp(0x0BADF00D));
 }
 

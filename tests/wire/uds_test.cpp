@@ -26,6 +26,7 @@ class Uds : public CanTest {
       ASSERT_EQ(CAN_Init2(handle, 0, 500000), 0);
     ecu_ = sim::CanDiagnosticEcu::create(bus_, ecu);
     ASSERT_EQ(CAN_UDS_Config(handle, 0, &config), 0);
+    ASSERT_EQ(VARNEL_CAN_UDS_SetIsoTiming(handle, 0, iso_timing_), 0);
   }
   int request(const Bytes& message) {
     Bytes copy = message;
@@ -51,10 +52,25 @@ class Uds : public CanTest {
   }
 
   uint32_t handle_ = 0;
+  int iso_timing_ = 0;
   std::shared_ptr<sim::VirtualAdapter> adapter_;
   std::shared_ptr<sim::CanDiagnosticEcu> ecu_;
   CAN_UDS_ADDR addr_{0x7E0, 0x7E8, 0, 0, 0, 8};
 };
+
+// A receiver's reassembly (ISO 15765-2) of the frames heard, each as long as it was on the bus:
+// a first frame (12-bit length) and consecutive frames numbered from 1.
+Bytes reassembled(const std::vector<Bytes>& frames) {
+  const size_t length = size_t(frames.at(0)[0] & 0x0F) << 8 | frames[0][1];
+  Bytes out(frames[0].begin() + 2, frames[0].end());
+  for (size_t i = 1; i < frames.size(); ++i) {
+    EXPECT_EQ(frames[i][0], 0x20 | (i & 0x0F));
+    out.insert(out.end(), frames[i].begin() + 1, frames[i].end());
+  }
+  EXPECT_GE(out.size(), length);
+  out.resize(length);
+  return out;
+}
 
 Bytes counting(size_t n) {
   Bytes b(n);
@@ -303,4 +319,130 @@ TEST_F(Uds, ExtendedAddressingPutsTheAddressFirst) {
   EXPECT_EQ(heard_frames()[1], (Bytes{0x10, 0x30, 0, 0, 0, 0, 0, 0}));  // our flow control
   ASSERT_EQ(request(write_request(7)), 0);  // 7 bytes: first frame 10 07 and 5 bytes
   EXPECT_EQ(heard_frames()[2], (Bytes{0x10, 0x10, 0x07, 0x2E, 0x01, 0x00, 3, 4}));
+}
+
+// A frame length that is not a CAN FD length goes on the bus as the next one, so it is rounded up
+// and every frame packed full: a receiver that reads the length off the bus gets the message.
+TEST_F(Uds, RoundsFrameLenUpToTheNextFdLength) {
+  struct Case {
+    uint8_t frame_len, on_bus;
+  } cases[] = {{9, 12}, {10, 12}, {13, 16}, {21, 24}, {25, 32}, {33, 48}, {49, 64}, {63, 64}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(int(c.frame_len));
+    start(kFd, {}, {0, 0, 0x55, 0, 0});
+    addr_ = {0x7E0, 0x7E8, 0x02, 0, 0, c.frame_len};
+    const Bytes message = write_request(100);
+    ASSERT_EQ(request(message), 0);
+    EXPECT_EQ(addr_.FrameLen, c.on_bus);
+    const auto frames = heard_frames();
+    for (size_t i = 0; i + 1 < frames.size(); ++i) EXPECT_EQ(frames[i].size(), c.on_bus) << i;
+    EXPECT_EQ(reassembled(frames), message);
+    restart();
+  }
+}
+
+// The receiver's STmin, by default (above 127: no gap) and read as ISO 15765-2 reads it (F1-F9
+// hundreds of microseconds, reserved codes 127 ms): the gap each timed record asks the adapter
+// for, and the gaps the frames kept on the bus.
+TEST_F(Uds, IsoTimingReadsEveryStminCode) {
+  struct Case {
+    uint8_t stmin;
+    int iso;
+    uint32_t gap_us;
+  } cases[] = {{0xF5, 0, 0},      {0xF5, 1, 500},    {0xF1, 1, 100},
+               {0xF9, 1, 900},    {0x80, 0, 0},      {0x80, 1, 127000},
+               {0xF0, 1, 127000}, {0xFA, 1, 127000}, {0x7F, 1, 127000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << int(c.stmin) << " iso " << c.iso);
+    sim::CanDiagnosticEcu::Config ecu;
+    ecu.stmin = c.stmin;
+    iso_timing_ = c.iso;
+    start(kClassic, ecu);
+    ASSERT_EQ(request(write_request(40)), 0);  // first frame + 5 consecutive frames
+    const auto timed = packets(*adapter_, 0x0C0C);
+    ASSERT_EQ(timed.size(), c.gap_us ? 1u : 0u);
+    for (size_t i = 0; c.gap_us && i < 5; ++i) {  // the channel, records with the gap at 4
+      const uint8_t* p = timed[0].payload.data() + 1 + 20 * i + 4;
+      EXPECT_EQ(uint32_t(p[0] | p[1] << 8 | p[2] << 16 | p[3] << 24), c.gap_us);
+    }
+    const auto heard = ecu_->heard();
+    ASSERT_EQ(heard.size(), 6u);
+    for (size_t i = 2; i < heard.size(); ++i)
+      EXPECT_GE(heard[i].end_us - heard[i - 1].end_us, c.gap_us) << i;
+    restart();
+  }
+  iso_timing_ = 0;
+}
+
+// "Wait" frames 100 ms apart against a flow control wait of 300 ms: counted from the first, the
+// wait runs out before "continue" comes; with ISO timing each "wait" starts it again.
+TEST_F(Uds, IsoTimingRestartsTheWaitOnEveryWaitFrame) {
+  for (int iso : {0, 1}) {
+    iso_timing_ = iso;
+    start(kClassic, {}, {0, 0, 0, 0, 300});
+    sim::CanDiagnosticEcu::Faults faults;
+    faults.flow_waits = 4;
+    faults.wait_spacing_us = 100000;
+    ecu_->set_faults(faults);
+    EXPECT_EQ(request(write_request(20)), iso ? 0 : CAN_UDS_ERR_TIMEOUT) << iso;
+    restart();
+  }
+  iso_timing_ = 0;
+}
+
+// Without the receive poller, an answer that came after its request gave up waits in the
+// adapter; the next request drops it, so its response is its own.
+TEST_F(Uds, ALateAnswerIsNotTakenForTheNextOne) {
+  for (uint32_t handle : {kClassic, kFd}) {
+    sim::CanDiagnosticEcu::Config ecu;
+    ecu.answer_delay_us = 300000;
+    start(handle, ecu);
+    int r = 0;
+    ASSERT_EQ(request({0x10, 0x03}), 0);
+    response(&r, 20);
+    ASSERT_EQ(r, CAN_UDS_ERR_TIMEOUT);
+    bus_->advance_us(400000);  // the answer 50 03 ... is due now
+    ASSERT_EQ(request({0x3E, 0x00}), 0);
+    bus_->advance_us(400000);
+    EXPECT_EQ(response(&r), (Bytes{0x7E, 0x00})) << std::hex << handle;
+    restart();
+  }
+}
+
+// A tester that abandons a transfer (no flow control for the ECU's long answer, or a request's
+// consecutive frames coming after N_Cr) does not stop the ECU: once its time-outs have passed
+// in bus time it serves the next request.
+TEST_F(Uds, TheEcuDropsAnAbandonedTransferAndServesTheNext) {
+  struct Case {
+    const char* name;
+    std::vector<Bytes> early, late;  // frames of 0x7E0 before and after 1.1 s
+    size_t understood;               // whole requests among them
+  } cases[] = {
+      {"answer without flow control", {{0x03, 0x22, 0xF1, 0x90}}, {}, 1},
+      {"request cut off",
+       {{0x10, 0x14, 0x2E, 0x01, 0x00, 3, 4, 5}},  // 20 bytes: a first frame + 2 consecutive
+       {{0x21, 6, 7, 8, 9, 10, 11, 12}, {0x22, 13, 14, 15, 16, 17, 18, 19}},
+       0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    start(kClassic);
+    auto tester = sim::CanPeer::create(bus_, {500000, 0});
+    auto send = [&](const Bytes& bytes) {
+      sim::CanFrame frame{0x7E0, false, false, false, false, 8};
+      std::copy(bytes.begin(), bytes.end(), frame.data.begin());
+      tester->send(frame);
+    };
+    for (const auto& f : c.early) send(f);
+    bus_->advance_us(1000);
+    bus_->catch_up();  // the ECU's first frame or flow control goes out
+    bus_->advance_us(1100000);
+    for (const auto& f : c.late) send(f);
+    bus_->catch_up();
+    EXPECT_EQ(ecu_->requests().size(), c.understood);
+    ASSERT_EQ(request({0x3E, 0x00}), 0);
+    int r = 0;
+    EXPECT_EQ(response(&r), (Bytes{0x7E, 0x00}));
+    restart();
+  }
 }

@@ -11,6 +11,21 @@
 
 namespace varnel_cli {
 
+CallContext can_init_context(uint32_t handle, bool fd, uint32_t bitrate, uint32_t data_bitrate) {
+  const std::string rate = std::to_string(bitrate);
+  if (fd) {
+    CANFD_INIT_CONFIG config{};
+    if (CANFD_GetCANSpeedArg(handle, &config, bitrate, data_bitrate) != 0)
+      return {"CANFD_GetCANSpeedArg",
+              {{"bit rate", rate}, {"data bit rate", std::to_string(data_bitrate)}}};
+    return {"CANFD_Init2", {}};
+  }
+  CAN_INIT_CONFIG config{};
+  if (CAN_GetCANSpeedArg(handle, &config, bitrate) != 0)
+    return {"CAN_GetCANSpeedArg", {{"bit rate", rate}}};
+  return {"CAN_Init2", {}};
+}
+
 std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
                                                uint32_t data_bitrate) {
   auto failed = [] {
@@ -32,7 +47,9 @@ std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint3
   const int rc = fd ? CANFD_Init2(out.handle, out.channel, bitrate, data_bitrate, 1, 1)
                     : CAN_Init2(out.handle, out.channel, bitrate);
   if (rc != 0) {
-    std::fprintf(stderr, "%s: %s\n", fd ? "CANFD_Init2" : "CAN_Init2", result_text(rc));
+    std::fprintf(
+        stderr, "%s: %s\n", fd ? "CANFD_Init2" : "CAN_Init2",
+        describe_result(rc, can_init_context(out.handle, fd, bitrate, data_bitrate)).c_str());
     return failed();
   }
   return out;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "can_names.h"
+#include "result_text.h"
 
 namespace varnel_cli {
 
@@ -18,6 +19,10 @@ struct OpenCanChannel {
 };
 
 // Prints why not on stderr, sets the exit code and returns nullopt when the channel cannot be had.
+// What a failed CAN_Init2 / CANFD_Init2 was about: the rates, when the library has no bit timing
+// for them (the call's -4 then), else the call itself.
+CallContext can_init_context(uint32_t handle, bool fd, uint32_t bitrate, uint32_t data_bitrate);
+
 std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
                                                uint32_t data_bitrate);
 

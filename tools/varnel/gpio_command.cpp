@@ -50,9 +50,11 @@ std::string pin_levels(uint32_t mask, uint32_t values) {
   return text;
 }
 
-// Opens the adapter, runs `call`, reports a failure in words and closes again.
+// Opens the adapter, runs `call`, reports a failure in words and closes again. `context`: what
+// the call was asked, for a failure that names it.
 template <typename Call>
-void with_adapter(const GpioOptions& options, const char* what, Call call) {
+void with_adapter(const GpioOptions& options, const char* what, const CallContext& context,
+                  Call call) {
   if (exit_code() != 0) return;  // an earlier step on the same line failed
   const uint32_t handle = number(*options.handle);
   if (!prepare_adapters() || !open_adapter(handle)) {
@@ -61,10 +63,15 @@ void with_adapter(const GpioOptions& options, const char* what, Call call) {
   }
   int rc = call(handle);
   if (rc != 0) {
-    std::fprintf(stderr, "gpio %s: %s\n", what, describe_result(rc).c_str());
+    std::fprintf(stderr, "gpio %s: %s\n", what, describe_result(rc, context).c_str());
     exit_code() = 1;
   }
   close_adapter(handle);
+}
+
+template <typename Call>
+void with_adapter(const GpioOptions& options, const char* what, Call call) {
+  with_adapter(options, what, CallContext{}, call);
 }
 
 void run_set(const GpioOptions& o) {
@@ -101,8 +108,15 @@ void run_read(const GpioOptions& o) {
   });
 }
 
+std::string hex32(uint32_t value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", value);
+  return text;
+}
+
 void run_pulse(const GpioOptions& o) {
-  with_adapter(o, "pulse", [&o](uint32_t handle) {
+  const CallContext context{"GPIO_SendPulses", {{"pins", hex32(number(o.mask))}}};
+  with_adapter(o, "pulse", context, [&o](uint32_t handle) {
     const uint32_t mask = number(o.mask), width = number(o.width), period = number(o.period);
     int rc = GPIO_SendPulses(handle, mask, width, period, o.count);
     if (rc == 0) {

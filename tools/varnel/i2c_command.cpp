@@ -78,10 +78,14 @@ void with_channel(const I2cOptions& o, const char* what, Call call) {
     return;
   }
   IIC_CONFIG config{o.clock, 0, 1, 7, 0, 0, {}};
+  CallContext context{"IIC_Init", {{"channel", std::to_string(t.channel)}}};
   int rc = IIC_Init(t.handle, t.channel, &config);
-  if (rc == 0) rc = call(t);
+  if (rc == 0) {
+    rc = call(t);
+    context = {what, {}};
+  }
   if (rc != 0) {
-    std::fprintf(stderr, "%s: %s\n", what, describe_result(rc, kI2cResults).c_str());
+    std::fprintf(stderr, "%s: %s\n", what, describe_result(rc, context, kI2cResults).c_str());
     exit_code() = 1;
   }
   close_adapter(t.handle);

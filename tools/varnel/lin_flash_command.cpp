@@ -1,11 +1,15 @@
-// varnel lin flash TARGET NAD FILE [--key K] [-b BAUD] [--timeout MS]
+// varnel lin flash TARGET NAD FILE [--key K] [--key-routine ROUTINE] [-b BAUD] [--timeout MS]
 //   Reprograms the LIN control unit NAD through its boot loader with an image file in any format
 //   the image calls read (S-records, Intel HEX, text): programming session and security access,
 //   then each segment erased, written in pieces of 1 KiB (a bar on a terminal, plain lines
-//   otherwise) and verified by the unit's CRC-32 check, then an ECU reset.
+//   otherwise) and verified by the unit's CRC-32 check, then an ECU reset. The key routine of
+//   security access is the library's default (rotate5), another named one, or a function
+//   `uint16_t f(uint16_t seed, uint16_t key_constant)` in a shared library, given as LIB.so:f.
 // Exit codes: 0 done, 1 adapter or transport failure, 2 usage or unreadable file, 3 session or
 // security access refused, 4 erase or write refused, 5 verification failed.
 #include "lin_flash_command.h"
+
+#include <dlfcn.h>
 
 #include <cstdio>
 #include <memory>
@@ -45,7 +49,40 @@ struct FlashOptions {
   std::string target, nad, file;
   uint32_t baud = 19200, timeout_ms = 2000;
   std::string key_text = "0xBEEF";
+  std::string key_routine;  // empty: the library's default
 };
+
+// The named key routines; anything else with a colon is LIB.so:SYMBOL.
+uint16_t key_rotate5(uint16_t seed, uint16_t constant) {
+  return uint16_t((seed << 5 | seed >> 11) ^ constant);
+}
+uint16_t key_xor(uint16_t seed, uint16_t constant) {
+  return uint16_t(seed ^ constant);
+}
+constexpr struct {
+  const char* name;
+  VARNEL_LIN_BOOT_KEY_ROUTINE routine;
+} kKeyRoutines[] = {{"rotate5", key_rotate5}, {"xor", key_xor}};
+
+// The routine a --key-routine names, or null with `why` set. A library stays loaded for the
+// process's life: the routine is called from it.
+VARNEL_LIN_BOOT_KEY_ROUTINE find_key_routine(const std::string& text, std::string& why) {
+  for (const auto& k : kKeyRoutines)
+    if (text == k.name) return k.routine;
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
+    why = "expected rotate5, xor or LIB.so:FUNCTION, got " + text;
+    return nullptr;
+  }
+  void* library = dlopen(text.substr(0, colon).c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!library) {
+    why = dlerror();
+    return nullptr;
+  }
+  void* symbol = dlsym(library, text.substr(colon + 1).c_str());
+  if (!symbol) why = "no function " + text.substr(colon + 1) + " in " + text.substr(0, colon);
+  return reinterpret_cast<VARNEL_LIN_BOOT_KEY_ROUTINE>(symbol);
+}
 
 int fail(const char* what, int rc, int code) {
   std::fprintf(stderr, "%s: %s\n", what, describe_result(rc, kBootResults).c_str());
@@ -77,6 +114,15 @@ int program(uint32_t h, uint8_t ch, uint8_t nad, const HEXFILE_SEGMENT& seg, Pro
 }
 
 int flash(const FlashOptions& o, uint32_t h, uint8_t ch, uint8_t nad, const ImageSegments& image) {
+  if (!o.key_routine.empty()) {
+    std::string why;
+    VARNEL_LIN_BOOT_KEY_ROUTINE routine = find_key_routine(o.key_routine, why);
+    if (!routine) {
+      std::fprintf(stderr, "--key-routine: %s\n", why.c_str());
+      return kUsage;
+    }
+    VARNEL_USDLINBoot_SetKeyRoutine(h, ch, routine);
+  }
   if (int rc = USDLINBoot_Init(h, ch, o.baud); rc != 0)
     return fail("USDLINBoot_Init", rc, kTransport);
   uint32_t key = 0;
@@ -132,20 +178,23 @@ void add_lin_flash_command(CLI::App* lin) {
                        : "expected HANDLE:CHANNEL (0..7), got " + text;
           },
           "HANDLE:CH"));
-  flash->add_option("NAD", o->nad, "node address in hex (1..7E)")
+  flash->add_option("NAD", o->nad, "node address in hex (00..FF; 7F: whichever node is there)")
       ->required()
       ->check(CLI::Validator(
           [](std::string& text) {
             char* end = nullptr;
             const unsigned long nad = std::strtoul(text.c_str(), &end, 16);
-            return !text.empty() && *end == 0 && nad >= 1 && nad <= 0x7E
+            return !text.empty() && *end == 0 && nad <= 0xFF
                        ? std::string()
-                       : "expected a NAD of 1..7E, got " + text;
+                       : "expected a NAD of 00..FF, got " + text;
           },
           "NAD"));
   flash->add_option("FILE", o->file, "S-records, Intel HEX or text")->required();
   flash->add_option("--key", o->key_text, "the unit's 16-bit key constant (default 0xBEEF)")
       ->check(u32_validator("key"));
+  flash->add_option("--key-routine", o->key_routine,
+                    "the unit's key routine: rotate5 (the default), xor, or LIB.so:FUNCTION "
+                    "(uint16_t FUNCTION(uint16_t seed, uint16_t key_constant))");
   flash->add_option("-b,--baud", o->baud, "baud rate (default 19200)")
       ->check(CLI::Range(1000u, 20000u));
   flash->add_option("--timeout", o->timeout_ms, "ms to wait for the programming session");

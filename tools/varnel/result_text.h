@@ -3,6 +3,8 @@
 
 #include <span>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace varnel_cli {
 
@@ -17,5 +19,18 @@ const char* result_text(int code, std::span<const ResultMeaning> family = {});
 
 // "<code> (<meaning>)".
 std::string describe_result(int code, std::span<const ResultMeaning> family = {});
+
+// What a call was asked: its name and the arguments a refusal may be about, by name
+// ({"bit rate", "123456"}).
+struct CallContext {
+  std::string call;
+  std::vector<std::pair<std::string, std::string>> arguments;
+};
+
+// "<code> (<meaning>)" for the code `context.call` gave: where that call's code tells which
+// argument or state was refused, the meaning names it with the value asked for; otherwise the
+// family's or the common meaning.
+std::string describe_result(int code, const CallContext& context,
+                            std::span<const ResultMeaning> family = {});
 
 }  // namespace varnel_cli

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "adapter.h"
+#include "can_channel.h"
 #include "can_time.h"
 #include "result_text.h"
 
@@ -37,7 +38,8 @@ int CanChannel::open(uint32_t bitrate, uint32_t data_bitrate, std::string& why) 
   int rc = fd_ ? CANFD_Init2(id_.handle, id_.channel, bitrate, data_bitrate, 1, 1)
                : CAN_Init2(id_.handle, id_.channel, bitrate);
   if (rc != 0) {
-    why = std::string(fd_ ? "CANFD_Init2: " : "CAN_Init2: ") + describe_result(rc);
+    why = std::string(fd_ ? "CANFD_Init2: " : "CAN_Init2: ") +
+          describe_result(rc, can_init_context(id_.handle, fd_, bitrate, data_bitrate));
     return rc;
   }
   rc = fd_ ? CANFD_StartGetMsg(id_.handle, id_.channel) : CAN_StartGetMsg(id_.handle, id_.channel);

@@ -38,9 +38,18 @@ constexpr ResultMeaning kSpiResults[] = {
 struct SpiOptions {
   std::string target, operation, data, file;
   uint32_t read = 0;
-  uint32_t size = 1 << 20;
+  uint32_t size = 0;  // 0: the size the identification gives
   uint32_t clock = 10000000;
 };
+
+// The size the JEDEC capacity byte (the third identification byte) gives, 0 when unknown. Up to
+// 0x19 the makers write log2 of the size in bytes (0x14: 1 MiB, 0x19: 32 MiB); from 64 MiB on
+// they go on at 0x20 (0x20: 64 MiB, 0x21: 128 MiB, 0x22: 256 MiB) instead of 0x1A.
+uint32_t size_from_capacity(uint8_t capacity) {
+  if (capacity >= 0x10 && capacity <= 0x19) return uint32_t(1) << capacity;
+  if (capacity >= 0x20 && capacity <= 0x22) return uint32_t(64 << 20) << (capacity - 0x20);
+  return 0;
+}
 
 using Target = ChannelTarget;
 
@@ -109,12 +118,50 @@ bool load_image(const SpiOptions& o, std::vector<uint8_t>& image) {
   std::ifstream in(o.file, std::ios::binary);
   image.assign(std::istreambuf_iterator<char>(in), {});
   if (!in.good() && !in.eof()) image.clear();
-  if (!in || image.empty() || image.size() > o.size) {
-    std::fprintf(stderr, "%s: not a readable image of 1 to %u bytes\n", o.file.c_str(), o.size);
+  if (!in || image.empty()) {
+    std::fprintf(stderr, "%s: not a readable image of 1 byte or more\n", o.file.c_str());
     exit_code() = 1;
     return false;
   }
   return true;
+}
+
+// The flash's size: its identification's, or --size where the identification does not tell; a
+// --size or an image larger than the flash is refused here, before anything is erased. 0: refused.
+uint32_t flash_size(const SpiOptions& o, const uint8_t* id, size_t image_size) {
+  const uint32_t chip = size_from_capacity(id[2]);
+  const uint32_t size = o.size ? o.size : chip;
+  const char* refusal = nullptr;
+  if (size == 0)
+    refusal = "the identification does not give the flash size: give --size";
+  else if (chip && size > chip)
+    refusal = "--size is larger than the flash";
+  else if (image_size > size)
+    refusal = "the image is larger than the flash";
+  if (!refusal) return size;
+  std::fprintf(stderr, "flash ID %02X %02X %02X (%u bytes): %s\n", id[0], id[1], id[2], chip,
+               refusal);
+  exit_code() = 1;
+  return 0;
+}
+
+// The port and the flash description, sized by the identification (or --size): the description
+// first goes without a size, as the identification needs one. `size` stays 0 for id and erase,
+// which need none.
+bool start_flash(const SpiOptions& o, const Target& t, size_t image_size, uint8_t* id,
+                 uint32_t* size) {
+  SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, o.clock};
+  SPI_FLASH_CONFIG flash;
+  VARNEL_SPI_NorFlashConfig(&flash, 0);
+  if (failed("SPI_Init", SPI_Init(t.handle, t.channel, &config)) ||
+      failed("SPI_FlashInit", SPI_FlashInit(t.handle, t.channel, o.clock, &flash)) ||
+      failed("SPI_FlashReadID", SPI_FlashReadID(t.handle, t.channel, id)))
+    return false;
+  if (o.operation == "id" || o.operation == "erase") return true;
+  *size = flash_size(o, id, image_size);
+  if (*size == 0) return false;
+  VARNEL_SPI_NorFlashConfig(&flash, *size);
+  return !failed("SPI_FlashInit", SPI_FlashInit(t.handle, t.channel, o.clock, &flash));
 }
 
 void run_flash(const SpiOptions& o) {
@@ -126,20 +173,15 @@ void run_flash(const SpiOptions& o) {
     exit_code() = 1;
     return;
   }
-  SPI_CONFIG config{0, 1, 0, 0, 0, 0, {}, o.clock};
-  SPI_FLASH_CONFIG flash;
-  VARNEL_SPI_NorFlashConfig(&flash, o.size);
-  if (!failed("SPI_Init", SPI_Init(t.handle, t.channel, &config)) &&
-      !failed("SPI_FlashInit", SPI_FlashInit(t.handle, t.channel, o.clock, &flash))) {
+  uint8_t id[VARNEL_SPI_FLASH_ID_SIZE] = {};
+  uint32_t size = 0;
+  if (start_flash(o, t, image.size(), id, &size)) {
     if (o.operation == "id") {
-      uint8_t id[VARNEL_SPI_FLASH_ID_SIZE] = {};
-      if (!failed("SPI_FlashReadID", SPI_FlashReadID(t.handle, t.channel, id)))
-        std::printf("flash ID %02X %02X %02X: manufacturer 0x%02X, device 0x%02X%02X, %u kB\n",
-                    id[0], id[1], id[2], id[0], id[1], id[2],
-                    id[2] >= 10 && id[2] < 32 ? (1u << id[2]) / 1024 : 0);
+      std::printf("flash ID %02X %02X %02X: manufacturer 0x%02X, device 0x%02X%02X, %u kB\n", id[0],
+                  id[1], id[2], id[0], id[1], id[2], size_from_capacity(id[2]) / 1024);
     } else if (o.operation == "read") {
       std::vector<uint8_t> data;
-      if (read_flash(t, o.size, data, "reading")) {
+      if (read_flash(t, size, data, "reading")) {
         std::ofstream out(o.file, std::ios::binary);
         out.write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
         if (!out) {
@@ -230,7 +272,9 @@ void add_spi_commands(CLI::App& app) {
       ->required()
       ->check(CLI::IsMember({"id", "read", "write", "verify", "erase"}));
   flash->add_option("FILE", o->file, "the image (read, write, verify)");
-  flash->add_option("--size", o->size, "flash size in bytes (default 1 MiB)")
+  flash
+      ->add_option("--size", o->size,
+                   "bytes of the flash to use (default: the size its identification gives)")
       ->check(CLI::Range(1u, 1u << 28));
   flash->callback([o] {
     const bool needs_file =

@@ -2,8 +2,10 @@
 //
 // Each REQUEST is hex (22F190, 22.F1.90 or "22 F1 90"); its response is printed in hex, a
 // negative response with its code's name: 7F 22 31 (requestOutOfRange). "Response pending"
-// answers (7F xx 78) are reported on stderr and waited through. Exit code 1 when a request
-// failed or was answered negatively.
+// answers (7F xx 78) are reported on stderr and waited through. A negative or missing response
+// does not stop the list; a request that cannot be sent does. Exit code 1 when any request failed
+// or was answered negatively. Flow control is read as ISO 15765-2 reads it unless
+// --no-iso-timing asks for the adapter's own reading.
 #include <cctype>
 #include <cstdio>
 #include <memory>
@@ -37,24 +39,28 @@ struct UdsOptions {
   std::vector<std::string> requests;
   std::string ext_addr;  // hex, as isotpsend -x takes it; empty: normal addressing
   bool fd = false, brs = false;
+  bool iso_timing = true;
   int timeout_ms = 1000;
   uint32_t bitrate = 500000, data_bitrate = 2000000;
 };
 
-// One request and its final response; false when it failed or was refused.
-bool exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8_t> request,
-              int timeout_ms) {
+enum class Outcome { kAnswered, kRefused, kNotSent };
+
+// One request and its final response: answered positively, refused or unanswered, or not sent.
+Outcome exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8_t> request,
+                 int timeout_ms) {
   const int sent =
       CAN_UDS_Request(ch.handle, ch.channel, &addr, request.data(), int32_t(request.size()));
   if (sent != 0) {
     std::fprintf(stderr, "CAN_UDS_Request: %s\n", describe_result(sent, kUdsResults).c_str());
-    return false;
+    return Outcome::kNotSent;
   }
-  return print_final_response(
+  const bool answered = print_final_response(
       [&](uint8_t* out, uint32_t size, int wait_ms) {
         return VARNEL_CAN_UDS_ResponseN(ch.handle, ch.channel, &addr, out, size, wait_ms);
       },
       timeout_ms, kUdsResults);
+  return answered ? Outcome::kAnswered : Outcome::kRefused;
 }
 
 void run_uds(const UdsOptions& o) {
@@ -78,14 +84,15 @@ void run_uds(const UdsOptions& o) {
                     uint8_t(ext ? 1 : 0),
                     uint8_t(ext ? std::stoul(o.ext_addr, nullptr, 16) : 0),
                     uint8_t(o.fd || o.brs ? 64 : 8)};
+  VARNEL_CAN_UDS_SetIsoTiming(ch->handle, ch->channel, o.iso_timing ? 1 : 0);
   // No receive poller: without it the library fetches from the adapter whenever it waits for a
   // frame (every millisecond), where the poller would hold each flow control and answer back for
   // up to its 10 ms period, longer than many ECUs' P2 over a multi-frame exchange.
-  for (const auto& request : *requests)
-    if (!exchange(*ch, addr, request, o.timeout_ms)) {
-      exit_code() = 1;
-      break;
-    }
+  for (const auto& request : *requests) {
+    const Outcome outcome = exchange(*ch, addr, request, o.timeout_ms);
+    if (outcome != Outcome::kAnswered) exit_code() = 1;
+    if (outcome == Outcome::kNotSent) break;
+  }
   close_adapter(ch->handle);
 }
 
@@ -123,6 +130,9 @@ void add_uds_commands(CLI::App& app) {
           "ADDR"));
   uds->add_flag("--fd", o->fd, "CAN FD frames of 64 bytes");
   uds->add_flag("--brs", o->brs, "CAN FD frames with the bit-rate switch");
+  uds->add_flag("--iso-timing,!--no-iso-timing", o->iso_timing,
+                "flow control as ISO 15765-2 reads it: STmin F1-F9 in 100 us, each wait frame "
+                "restarts the wait (default on)");
   uds->add_option("-t,--timeout", o->timeout_ms, "ms to wait for a response (default 1000)")
       ->check(CLI::Range(1, 600000));
   uds->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");

@@ -88,16 +88,17 @@ class Gpio(unittest.TestCase):
         self.assertEqual(a.gpio.read(0x0002), 0)  # only the masked pins are reported
 
     def test_refusals_raise_with_the_call_and_code(self):
-        cases = [
-            ("GPIO_SetInput", lambda: self.adapter.gpio.set_input(1, 7)),  # unknown pull mode
-            ("GPIO_SetOutput", lambda: self.adapter.gpio.set_output(1 << 16)),  # no pin 16
-            ("GPIO_SendPulses", lambda: self.adapter.gpio.pulses(1 << 12, 10, 20, 3)),  # input pin
+        cases = [  # the call, what was asked, and the text that names what was refused
+            ("GPIO_SetInput", lambda: self.adapter.gpio.set_input(1, 7), "reported failure"),
+            ("GPIO_SetOutput", lambda: self.adapter.gpio.set_output(1 << 16), "reported failure"),
+            ("GPIO_SendPulses", lambda: self.adapter.gpio.pulses(1 << 12, 10, 20, 3),
+             "pulses on pins 0x00001000: a pin not set as output"),
         ]
-        for call, action in cases:
+        for call, action, text in cases:
             with self.subTest(call=call), self.assertRaises(varnel.VarnelError) as caught:
                 action()
             self.assertEqual((caught.exception.code, caught.exception.call), (-4, call))
-            self.assertIn("reported failure", str(caught.exception))
+            self.assertIn(text, str(caught.exception))
 
     def test_values_beyond_the_argument_width_are_refused_not_cut(self):
         cases = [lambda: self.adapter.gpio.write(1 << 32, 0), lambda: self.adapter.gpio.read(-1),

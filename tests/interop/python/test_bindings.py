@@ -49,6 +49,17 @@ class ResultWords(unittest.TestCase):
         fallbacks = re.findall(r'"(success \(a count\))"\s*:\s*"(unknown result code)"', source)
         self.assertEqual(fallbacks, [(varnel.result_text(3), varnel.result_text(-99))])
 
+    def test_call_meanings_match_the_command_line_tool(self):
+        path = os.path.join(SOURCE_DIR, "tools", "varnel", "result_text.cpp")
+        with open(path, encoding="utf-8") as f:
+            source = f.read()
+        table = re.search(r"kCallMeanings\[\]\s*=\s*\{(.*?)\n\};", source, re.S).group(1)
+        entries = re.findall(r'\{"(\w+)",\s*(-?\d+),\s*((?:"[^"]*"\s*)+)\}', table)
+        words = {(call, int(code)): "".join(re.findall(r'"([^"]*)"', text))
+                 for call, code, text in entries}
+        self.assertGreaterEqual(len(words), 4)
+        self.assertEqual(varnel.errors.CALL_TEXT, words)
+
 
 
 class LibraryLookup(unittest.TestCase):

@@ -34,6 +34,18 @@ class KLine(unittest.TestCase):
             self.adapter.kline(8).init()
         self.assertEqual(caught.exception.code, -7)
 
+    def test_wakeup_pin_moves_the_pattern_off_the_units_pin(self):
+        kline = self.adapter.kline(3)  # a unit no other case wakes
+        self.addCleanup(setattr, kline, "wakeup_pin", 3)
+        kline.wakeup_pin = 9
+        self.assertEqual((kline.wakeup_pin, self.adapter.kline(1).wakeup_pin), (9, 1))
+        with self.assertRaises(varnel.VarnelError) as caught:
+            kline.fast_init()  # the virtual unit listens on pin 3
+        self.assertEqual(caught.exception.code, -5)
+        with self.assertRaises(varnel.VarnelError) as caught:
+            kline.wakeup_pin = 32
+        self.assertEqual(caught.exception.code, -7)
+
 
 if __name__ == "__main__":
     unittest.main()

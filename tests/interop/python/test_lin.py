@@ -46,6 +46,15 @@ class Lin(unittest.TestCase):
             self.lin.flash(0x20, [(0x100, b"\x01")], key_constant=0x1111)
         self.assertEqual(caught.exception.code, -10)
 
+    def test_a_key_routine_of_the_callers(self):
+        self.addCleanup(self.lin.set_key_routine, None)
+        self.lin.set_key_routine(lambda seed, constant: seed ^ constant)  # not the unit's
+        with self.assertRaises(varnel.VarnelError) as caught:
+            self.lin.flash(0x20, [(0x100, b"\x01")])
+        self.assertEqual(caught.exception.code, -10)
+        rotate5 = lambda seed, constant: ((seed << 5 | seed >> 11) & 0xFFFF) ^ constant
+        self.lin.flash(0x20, [(0x100, b"\x01")], key_routine=rotate5)  # the unit's own
+
     def test_bad_channel_raises_with_its_code(self):
         with self.assertRaises(varnel.VarnelError) as caught:
             self.adapter.lin(8)
