@@ -42,20 +42,16 @@ struct UdsConfigs {
   std::array<CAN_UDS_CONFIG, 2> configs{};
   std::array<bool, 2> iso_timings{};
 };
-AdapterTable<UdsConfigs>& uds_configs() {
-  static auto* table = new AdapterTable<UdsConfigs>;
-  return *table;
-}
 
 CAN_UDS_CONFIG config_of(uint32_t handle, uint8_t channel) {
-  const auto adapter = uds_configs().find(handle);
+  const auto adapter = adapter_table<UdsConfigs>().find(handle);
   if (!adapter) return CAN_UDS_CONFIG{};
   std::lock_guard guard(adapter->mutex);
   return adapter->configs[channel & 1];
 }
 
 bool iso_timing_of(uint32_t handle, uint8_t channel) {
-  const auto adapter = uds_configs().find(handle);
+  const auto adapter = adapter_table<UdsConfigs>().find(handle);
   if (!adapter) return false;
   std::lock_guard guard(adapter->mutex);
   return adapter->iso_timings[channel & 1];
@@ -402,7 +398,7 @@ int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, 
 VARNEL_API int CAN_UDS_Config(DevHandle handle, uint8_t channel, CAN_UDS_CONFIG* config) {
   return guarded(result::kFailed, [&] {
     if (!config) return result::kBadArgument;
-    const auto adapter = uds_configs().find_or_create(handle);
+    const auto adapter = adapter_table<UdsConfigs>().find_or_create(handle);
     if (!adapter || resolve_device(handle) < 0) return kNoDevice;
     std::lock_guard guard(adapter->mutex);
     adapter->configs[channel & 1] = *config;
@@ -440,7 +436,7 @@ VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle handle, uint8_t channel, CAN_U
 
 VARNEL_API int VARNEL_CAN_UDS_SetIsoTiming(DevHandle handle, uint8_t channel, int on) {
   return guarded(result::kFailed, [&] {
-    const auto adapter = uds_configs().find_or_create(handle);
+    const auto adapter = adapter_table<UdsConfigs>().find_or_create(handle);
     if (!adapter || resolve_device(handle) < 0) return kNoDevice;
     std::lock_guard guard(adapter->mutex);
     adapter->iso_timings[channel & 1] = on != 0;

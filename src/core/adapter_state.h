@@ -89,6 +89,14 @@ class AdapterTable {
   std::array<Entry, kMaxAdapterStates> entries_{};
 };
 
+// The one table of a family's State, created on first use and never destroyed: a stream or poller
+// thread may still reach it while the process exits.
+template <typename State>
+AdapterTable<State>& adapter_table() {
+  static auto* table = new AdapterTable<State>;
+  return *table;
+}
+
 // The channel's element of a per-channel array, or null for a channel beyond it.
 template <typename T, size_t N>
 T* channel_at(std::array<T, N>& channels, unsigned channel) {

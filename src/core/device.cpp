@@ -47,10 +47,6 @@ struct Corrections {
   std::mutex mutex;
   CorrectionTimes times;
 };
-AdapterTable<Corrections>& corrections() {
-  static auto* table = new AdapterTable<Corrections>;
-  return *table;
-}
 
 // Replies the caller does not look at still have to land somewhere: over TCP a reply with a
 // payload but no buffer counts as failed.
@@ -105,7 +101,7 @@ int month_number(const char* name) {
 }  // namespace
 
 CorrectionTimes correction_times(uint32_t handle) {
-  const auto adapter = corrections().find(handle);
+  const auto adapter = adapter_table<Corrections>().find(handle);
   if (!adapter) return {};
   std::lock_guard guard(adapter->mutex);
   return adapter->times;
@@ -223,7 +219,7 @@ VARNEL_API bool DEV_CorrectionTimestamp(DevHandle handle) {
     if (index < 0 || index >= kMaxDevices) return false;
     DeviceLockGuard guard(handle);
     uint64_t now = wall_clock_ms();
-    if (const auto adapter = corrections().find_or_create(handle)) {
+    if (const auto adapter = adapter_table<Corrections>().find_or_create(handle)) {
       std::lock_guard times_guard(adapter->mutex);
       adapter->times.last_ms = now;
       if (adapter->times.first_ms == 0) adapter->times.first_ms = now;

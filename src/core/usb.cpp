@@ -118,15 +118,10 @@ struct UsbSession {
   std::vector<BulkInStream*> streams;
 };
 
-AdapterTable<UsbSession>& sessions() {
-  static auto* table = new AdapterTable<UsbSession>;
-  return *table;
-}
-
 // Stops every stream running on the adapter's device handle. The list is held while they stop,
 // so an owner destroying its stream meanwhile waits in usb_stream_stopped.
 void stop_streams_on(uint32_t handle) {
-  const auto session = sessions().find(handle);
+  const auto session = adapter_table<UsbSession>().find(handle);
   if (!session) return;
   std::lock_guard guard(session->streams_mutex);
   for (BulkInStream* stream : session->streams)
@@ -627,7 +622,7 @@ libusb_context* usb_context() {
 bool usb_start_stream(uint32_t handle, BulkInStream* stream,
                       const std::function<bool(libusb_device_handle*)>& submit) {
   EntryPtr entry = open_entry_for_transfer(handle);
-  const auto session = sessions().find_or_create(handle);
+  const auto session = adapter_table<UsbSession>().find_or_create(handle);
   if (!entry || !session || !entry->opened) return false;
   HandleUse use(*entry);
   if (!use.get() || !submit(use.get())) return false;
@@ -637,14 +632,14 @@ bool usb_start_stream(uint32_t handle, BulkInStream* stream,
 }
 
 void usb_stream_stopped(uint32_t handle, BulkInStream* stream) {
-  const auto session = sessions().find(handle);
+  const auto session = adapter_table<UsbSession>().find(handle);
   if (!session) return;
   std::lock_guard guard(session->streams_mutex);
   std::erase(session->streams, stream);
 }
 
 bool usb_closed_by_application(uint32_t handle) {
-  const auto session = sessions().find(handle);
+  const auto session = adapter_table<UsbSession>().find(handle);
   return session && session->closed_by_application;
 }
 
@@ -666,7 +661,8 @@ VARNEL_API int USB_ScanDevice(DevHandle* pDevHandle) {
 VARNEL_API bool USB_OpenDevice(DevHandle handle) {
   return varnel::guarded(false, [&] {
     library_start();
-    if (const auto session = sessions().find(handle)) session->closed_by_application = false;
+    if (const auto session = adapter_table<UsbSession>().find(handle))
+      session->closed_by_application = false;
     if (has_device(handle)) return open_entry(handle);
     DevHandle found[kMaxDevices];
     int count = scan_devices(found);
@@ -681,7 +677,7 @@ VARNEL_API bool USB_CloseDevice(DevHandle handle) {
     EntryPtr entry = find_entry(handle);
     if (!state().usb_ready || !entry || !entry->device || !entry->device_handle) return false;
     // Closed stays closed: no reconnection or retry reopens it, only USB_OpenDevice.
-    if (const auto session = sessions().find_or_create(handle))
+    if (const auto session = adapter_table<UsbSession>().find_or_create(handle))
       session->closed_by_application = true;
     close_handle(*entry, true);
     return true;

@@ -25,11 +25,6 @@ struct StoredConfigs {
   std::array<bool, kChannels> stored{};
 };
 
-AdapterTable<StoredConfigs>& table() {
-  static auto* t = new AdapterTable<StoredConfigs>;  // lives until the process ends
-  return *t;
-}
-
 // Pin commands in order; the first failure stops the sequence.
 struct PinSequence {
   uint32_t handle;
@@ -63,7 +58,7 @@ bool known_handle(uint32_t handle) {
 }
 
 int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
-  auto adapter = table().find_or_create(handle);
+  auto adapter = adapter_table<StoredConfigs>().find_or_create(handle);
   if (!adapter) return KWP_ERR_UNKNOWN_HANDLE;
   std::lock_guard guard(adapter->mutex);
   UartConfig* slot = channel_at(adapter->configs, channel);
@@ -74,7 +69,7 @@ int store_config(uint32_t handle, uint8_t channel, const UartConfig& config) {
 }
 
 UartConfig stored_config(uint32_t handle, uint8_t channel) {
-  auto adapter = table().find(handle);
+  auto adapter = adapter_table<StoredConfigs>().find(handle);
   if (!adapter) return uart_config(kDefaultBaud, kModeK);
   std::lock_guard guard(adapter->mutex);
   const bool* stored = channel_at(adapter->stored, channel);

@@ -24,15 +24,10 @@ struct WakeupPins {
   }();
 };
 
-AdapterTable<WakeupPins>& table() {
-  static auto* t = new AdapterTable<WakeupPins>;  // lives until the process ends, as the others
-  return *t;
-}
-
 }  // namespace
 
 uint8_t wakeup_pin(uint32_t handle, uint8_t channel) {
-  const auto adapter = table().find(handle);
+  const auto adapter = adapter_table<WakeupPins>().find(handle);
   if (!adapter) return channel;
   std::lock_guard guard(adapter->mutex);
   return adapter->pins.at(channel);
@@ -43,7 +38,7 @@ uint32_t wakeup_pin_mask(uint32_t handle, uint8_t channel) {
 }
 
 bool set_wakeup_pin(uint32_t handle, uint8_t channel, uint8_t pin) {
-  const auto adapter = table().find_or_create(handle);
+  const auto adapter = adapter_table<WakeupPins>().find_or_create(handle);
   if (!adapter) return false;
   std::lock_guard guard(adapter->mutex);
   adapter->pins.at(channel) = pin;

@@ -134,10 +134,6 @@ struct KeyRoutines {
   std::mutex mutex;
   std::array<VARNEL_LIN_BOOT_KEY_ROUTINE, VARNEL_LIN_MAX_CHANNELS> by_channel{};
 };
-AdapterTable<KeyRoutines>& key_routines() {
-  static auto* table = new AdapterTable<KeyRoutines>;
-  return *table;
-}
 
 // Our targets' routine: the seed rotated left by 5 bits, XOR the key constant.
 uint16_t default_key(uint16_t seed, uint16_t constant) {
@@ -146,7 +142,7 @@ uint16_t default_key(uint16_t seed, uint16_t constant) {
 
 uint16_t key_for(uint32_t handle, uint8_t ch, uint16_t seed, uint16_t constant) {
   VARNEL_LIN_BOOT_KEY_ROUTINE routine = nullptr;
-  if (const auto routines = key_routines().find(handle)) {
+  if (const auto routines = adapter_table<KeyRoutines>().find(handle)) {
     std::lock_guard guard(routines->mutex);
     routine = routines->by_channel[ch % VARNEL_LIN_MAX_CHANNELS];
   }
@@ -282,7 +278,7 @@ VARNEL_API int VARNEL_USDLINBoot_SetKeyRoutine(DevHandle handle, uint8_t ch,
                                                VARNEL_LIN_BOOT_KEY_ROUTINE routine) {
   return guarded(result::kFailed, [&] {
     if (ch >= VARNEL_LIN_MAX_CHANNELS) return result::kBadArgument;
-    const auto routines = key_routines().find_or_create(handle);
+    const auto routines = adapter_table<KeyRoutines>().find_or_create(handle);
     if (!routines) return result::kUnknownHandle;
     std::lock_guard guard(routines->mutex);
     routines->by_channel[ch] = routine;

@@ -26,13 +26,9 @@ struct StoredConfigs {
   std::mutex mutex;
   std::array<IIC_CONFIG, VARNEL_IIC_MAX_CHANNELS> configs{};
 };
-AdapterTable<StoredConfigs>& store() {
-  static auto* table = new AdapterTable<StoredConfigs>;
-  return *table;
-}
 
 uint8_t stored_width(uint32_t handle, uint8_t channel) {
-  auto adapter = store().find(handle);
+  auto adapter = adapter_table<StoredConfigs>().find(handle);
   if (!adapter) return 0;
   std::lock_guard guard(adapter->mutex);
   const IIC_CONFIG* config = channel_at(adapter->configs, channel);
@@ -40,7 +36,7 @@ uint8_t stored_width(uint32_t handle, uint8_t channel) {
 }
 
 void remember(uint32_t handle, uint8_t channel, const IIC_CONFIG& config) {
-  auto adapter = store().find_or_create(handle);
+  auto adapter = adapter_table<StoredConfigs>().find_or_create(handle);
   if (!adapter) return;
   std::lock_guard guard(adapter->mutex);
   if (IIC_CONFIG* slot = channel_at(adapter->configs, channel)) *slot = config;

@@ -90,13 +90,9 @@ struct FlashDescriptions {
   std::array<SPI_FLASH_CONFIG, kChannels> configs{};
   std::array<bool, kChannels> known{};
 };
-AdapterTable<FlashDescriptions>& flash_store() {
-  static auto* table = new AdapterTable<FlashDescriptions>;
-  return *table;
-}
 
 void keep_flash_description(uint32_t handle, uint8_t channel, const SPI_FLASH_CONFIG& config) {
-  auto adapter = flash_store().find_or_create(handle);
+  auto adapter = adapter_table<FlashDescriptions>().find_or_create(handle);
   if (!adapter) return;
   std::lock_guard guard(adapter->mutex);
   if (SPI_FLASH_CONFIG* slot = channel_at(adapter->configs, channel)) {
@@ -114,7 +110,7 @@ int bits_transfer(uint32_t handle, uint32_t command, const PayloadWriter& reques
 }
 
 bool flash_description(uint32_t handle, uint8_t channel, SPI_FLASH_CONFIG* out) {
-  auto adapter = flash_store().find(handle);
+  auto adapter = adapter_table<FlashDescriptions>().find(handle);
   if (!adapter) return false;
   std::lock_guard guard(adapter->mutex);
   const bool* known = channel_at(adapter->known, channel);

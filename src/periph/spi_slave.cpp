@@ -47,14 +47,11 @@ struct Stream {
 struct SlaveStreams {
   std::array<Stream, kChannels> channels;
 };
-AdapterTable<SlaveStreams>& streams() {
-  static auto* table = new AdapterTable<SlaveStreams>;  // the stream thread may outlive main
-  return *table;
-}
 
 // The channel's stream, held for the caller; null for an unknown handle or channel.
 std::shared_ptr<Stream> stream_of(uint32_t handle, uint8_t channel, bool create) {
-  auto adapter = create ? streams().find_or_create(handle) : streams().find(handle);
+  auto adapter = create ? adapter_table<SlaveStreams>().find_or_create(handle)
+                        : adapter_table<SlaveStreams>().find(handle);
   Stream* stream = adapter ? channel_at(adapter->channels, channel) : nullptr;
   return stream ? std::shared_ptr<Stream>(adapter, stream) : nullptr;
 }
