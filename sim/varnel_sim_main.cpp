@@ -8,6 +8,7 @@
 // listed ones, then 0x55000010, 0x55000020, ... that are not listed. The handle's top byte is the
 // adapter kind (0x55 or 0x56 with bit 0 clear for a network adapter). SIGINT/SIGTERM stop it
 // cleanly.
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,11 +24,6 @@
 #include "sim/net_server.h"
 
 namespace {
-
-volatile std::sig_atomic_t stop_requested = 0;
-void on_signal(int) {
-  stop_requested = 1;
-}
 
 void usage() {
   std::fprintf(stderr,
@@ -101,14 +97,18 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  // SIGINT and SIGTERM are blocked in every thread (the server's threads inherit the mask) and
+  // taken by sigwait below: a handler plus pause() could lose a signal that came just before the
+  // pause, or went to another thread, and never stop.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   std::vector<std::shared_ptr<sim::VirtualAdapter>> adapters;
   for (uint32_t handle : handles) adapters.push_back(std::make_shared<sim::VirtualAdapter>(handle));
   sim::NetServer server(adapters, ports, options);
 
-  struct sigaction action {};
-  action.sa_handler = on_signal;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
 
   sim::start_can_scene_from_environment();
@@ -121,7 +121,8 @@ int main(int argc, char** argv) {
   for (size_t i = 0; i < adapters.size(); ++i)
     std::printf("  adapter 0x%08X at %s\n", adapters[i]->handle(), server.address_of(i).c_str());
   std::fflush(stdout);
-  while (!stop_requested) pause();
+  int signal_number = 0;
+  sigwait(&stop_signals, &signal_number);
   server.stop();
   std::printf("varnel-sim: stopped\n");
   return 0;
