@@ -43,7 +43,7 @@ int IsoTpReader::single(uint8_t pci, const uint8_t* body, size_t body_len, bool 
   }
   if (length > body_len - offset) return CAN_UDS_ERR_FRAME;
   if (length > size_) return VARNEL_CAN_UDS_ERR_SIZE;
-  std::memcpy(out_, body + offset, length);
+  copy(0, body + offset, length);
   return int(length);
 }
 
@@ -59,7 +59,7 @@ int IsoTpReader::first(uint8_t pci, const uint8_t* body, size_t body_len, bool* 
   if (length > uint64_t(INT32_MAX)) return CAN_UDS_ERR_FRAME;
   announced_ = length;
   received_ = std::min<uint64_t>(length, body_len - offset);
-  std::memcpy(out_, body + offset, size_t(received_));
+  copy(0, body + offset, size_t(received_));
   expected_ = 1;
   started_ = true;
   *flow_control_due = true;
@@ -70,9 +70,15 @@ int IsoTpReader::consecutive(uint8_t pci, const uint8_t* body, size_t body_len) 
   if (!started_ || (pci & 0x0F) != (expected_ & 0x0F)) return CAN_UDS_ERR_SEQUENCE;
   ++expected_;
   const uint64_t n = std::min<uint64_t>(body_len - 1, announced_ - received_);
-  std::memcpy(out_ + received_, body + 1, size_t(n));
+  copy(size_t(received_), body + 1, size_t(n));
   received_ += n;
   return received_ == announced_ ? int(announced_) : 0;
+}
+
+// An empty copy is skipped: a caller with no room may pass no buffer at all, and memcpy must not be
+// handed a null pointer even for nothing.
+void IsoTpReader::copy(size_t at, const uint8_t* bytes, size_t n) {
+  if (n > 0) std::memcpy(out_ + at, bytes, n);
 }
 
 }  // namespace varnel::can

@@ -24,6 +24,7 @@ class IsoTpReader {
   int single(uint8_t pci, const uint8_t* body, size_t body_len, bool long_frame);
   int first(uint8_t pci, const uint8_t* body, size_t body_len, bool* flow_control_due);
   int consecutive(uint8_t pci, const uint8_t* body, size_t body_len);
+  void copy(size_t at, const uint8_t* bytes, size_t n);
 
   uint8_t* out_;
   uint64_t size_;
