@@ -36,11 +36,15 @@ class RecordLayout(unittest.TestCase):
                 self.assertEqual(fields, expected)
 
 
+def _result_text_source():
+    path = os.path.join(SOURCE_DIR, "tools", "varnel", "result_text.cpp")
+    with open(path, encoding="utf-8") as f:
+        return f.read()
+
+
 class ResultWords(unittest.TestCase):
     def test_common_table_matches_the_command_line_tool(self):
-        path = os.path.join(SOURCE_DIR, "tools", "varnel", "result_text.cpp")
-        with open(path, encoding="utf-8") as f:
-            source = f.read()
+        source = _result_text_source()
         table = re.search(r"kCommon\[\]\s*=\s*\{(.*?)\};", source, re.S).group(1)
         entries = re.findall(r'\{\s*(-?\d+)\s*,\s*"([^"]*)"\s*\}', table)
         self.assertGreaterEqual(len(entries), 7)
@@ -50,9 +54,7 @@ class ResultWords(unittest.TestCase):
         self.assertEqual(fallbacks, [(varnel.result_text(3), varnel.result_text(-99))])
 
     def test_call_meanings_match_the_command_line_tool(self):
-        path = os.path.join(SOURCE_DIR, "tools", "varnel", "result_text.cpp")
-        with open(path, encoding="utf-8") as f:
-            source = f.read()
+        source = _result_text_source()
         table = re.search(r"kCallMeanings\[\]\s*=\s*\{(.*?)\n\};", source, re.S).group(1)
         entries = re.findall(r'\{"(\w+)",\s*(-?\d+),\s*((?:"[^"]*"\s*)+)\}', table)
         words = {(call, int(code)): "".join(re.findall(r'"([^"]*)"', text))
