@@ -1,6 +1,6 @@
 """Result codes in words, and the exception raised for a failed call.
 
-The words are the ones the command-line tool prints (tools/varnel/result_text.cpp); a test keeps
+The words are the ones the command-line tool prints (tools/varnel/core/result_text.cpp); a test keeps
 the two tables in step.
 """
 
@@ -16,7 +16,7 @@ RESULT_TEXT = {
 
 
 # What a code means for one call, naming what the call was asked ({name} stands for the argument
-# of that name): the command-line tool's words (kCallMeanings in tools/varnel/result_text.cpp).
+# of that name): the command-line tool's words (kCallMeanings in tools/varnel/core/result_text.cpp).
 CALL_TEXT = {
     ("CAN_GetCANSpeedArg", -4): "no bit timing for bit rate {bit rate}: not a rate this adapter has",
     ("CANFD_GetCANSpeedArg", -4): "no bit timing for bit rate {bit rate} with data bit rate "

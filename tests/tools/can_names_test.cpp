@@ -1,6 +1,6 @@
 // The tool's CAN channel names: what parses, and that the name printed for a channel parses back
 // to that channel.
-#include "can_names.h"
+#include "core/can_names.h"
 
 #include <gtest/gtest.h>
 

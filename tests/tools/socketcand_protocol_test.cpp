@@ -2,7 +2,7 @@
 // exact frame lines), and the built `varnel socketcand` on the virtual adapter fed hostile bytes
 // through real sockets; this also runs in the sanitizer build, where the python-can interop
 // test, which covers what a well-behaved client sees, cannot.
-#include "socketcand_protocol.h"
+#include "socketcand/socketcand_protocol.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // registers itself (command_group.h); this file only builds the app and runs it.
 #include <vector>
 
-#include "command_group.h"
+#include "core/command_group.h"
 #include "varnel_version.h"
 
 namespace varnel_cli {

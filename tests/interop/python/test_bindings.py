@@ -37,7 +37,7 @@ class RecordLayout(unittest.TestCase):
 
 
 def _result_text_source():
-    path = os.path.join(SOURCE_DIR, "tools", "varnel", "result_text.cpp")
+    path = os.path.join(SOURCE_DIR, "tools", "varnel", "core", "result_text.cpp")
     with open(path, encoding="utf-8") as f:
         return f.read()
 
