@@ -9,6 +9,9 @@ physical value; the ratios are ours over theirs (how many times faster).
 signal and attributes, as exported databases have them) and prints the load time per message of
 both parsers (CPU time: ours the median of 5 runs, canmatrix the best of 3): a loader whose
 references search every message grows with the file.
+--scaling --instructions counts our loader's instructions per message instead, under
+valgrind's callgrind (one load, less the count for an empty file): the same figure whatever else
+the machine runs, so it shows the loader's own growth apart from the memory hierarchy's.
 """
 import argparse
 import contextlib
@@ -89,6 +92,36 @@ def synthetic_dbc(messages):
     return "\n".join(out) + "\n"
 
 
+def load_instructions(bench, path):
+    """Instructions of the bench program loading `path` once (callgrind's total)."""
+    with tempfile.TemporaryDirectory() as tmp:
+        out = os.path.join(tmp, "callgrind.out")
+        env = dict(os.environ, VARNEL_DBC_BENCH_FILE=path)
+        run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, bench,
+                              "--benchmark_filter=BM_ParseFile$", "--benchmark_min_time=0"],
+                             env=env, capture_output=True, text=True, check=True)
+        for line in run.stderr.splitlines():
+            if "Collected :" in line:
+                return int(line.split(":")[-1])
+    raise RuntimeError("callgrind printed no total")
+
+
+def scaling_instructions(bench, sizes):
+    print("%8s %18s %12s" % ("messages", "instructions/msg", "x at first"))
+    first = None
+    with tempfile.TemporaryDirectory() as tmp:
+        def write(n):
+            path = os.path.join(tmp, "synthetic_%d.dbc" % n)
+            with open(path, "w") as f:
+                f.write(synthetic_dbc(n))
+            return path
+        baseline = load_instructions(bench, write(0))
+        for n in sizes:
+            per_msg = (load_instructions(bench, write(n)) - baseline) / n
+            first = first or per_msg
+            print("%8d %18.0f %11.3fx" % (n, per_msg, per_msg / first))
+
+
 def scaling(bench, sizes):
     print("%8s %10s %14s %12s %16s" % ("messages", "bytes", "varnel us/msg", "x at first",
                                        "canmatrix us/msg"))
@@ -149,7 +182,11 @@ def main():
     ap.add_argument("--file", default=DEFAULT_FILE)
     ap.add_argument("--candied")
     ap.add_argument("--scaling", nargs="?", const="300,1000,10000")
+    ap.add_argument("--instructions", action="store_true",
+                    help="with --scaling: callgrind's instruction counts instead of CPU time")
     args = ap.parse_args()
+    if args.scaling and args.instructions:
+        return scaling_instructions(args.bench, [int(n) for n in args.scaling.split(",")])
     if args.scaling:
         return scaling(args.bench, [int(n) for n in args.scaling.split(",")])
     path = os.path.abspath(args.file)
