@@ -109,16 +109,16 @@ int send_in_chunks(uint32_t handle, uint8_t channel, uint32_t command, uint32_t 
 }
 
 int send_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kFailed;
-  const uint32_t bitrate = classic_channel(device, channel).bitrate;
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kFailed;
+  const uint32_t bitrate = adapter->classic[channel].bitrate;
   return send_in_chunks(handle, channel, kCanSend, count, [&](uint32_t at, size_t n, uint8_t* out) {
     return prepare_chunk(msgs + at, n, channel, bitrate, out);
   });
 }
 
 int send_timed_classic(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, uint32_t count) {
-  if (channel_device(handle, channel) < 0) return result::kFailed;
+  if (!can_adapter(handle, channel)) return result::kFailed;
   return send_in_chunks(handle, channel, kCanSendTimed, count,
                         [&](uint32_t at, size_t n, uint8_t* out) {
                           uint64_t gaps_us = 0;
@@ -135,9 +135,9 @@ int send_timed_classic(uint32_t handle, uint8_t channel, const CAN_MSG* msgs, ui
 }
 
 int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t count) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kFailed;
-  const uint32_t bitrate = classic_channel(device, channel).bitrate;
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kFailed;
+  const uint32_t bitrate = adapter->classic[channel].bitrate;
   thread_local std::vector<uint8_t> payload(12 + kSynchChunk * sizeof(CAN_MSG));
   int total = 0;
   for (uint32_t at = 0; at < count;) {
@@ -170,9 +170,9 @@ int send_synch_classic(uint32_t handle, uint8_t channel, CAN_MSG* msgs, uint32_t
   return total;
 }
 
-void store_bitrate(int device, uint8_t channel, uint32_t clock, const CAN_INIT_CONFIG& config) {
+void store_bitrate(ClassicChannel& state, uint32_t clock, const CAN_INIT_CONFIG& config) {
   const uint64_t quanta = uint64_t(config.Bs2 + 1 + config.Bs1) * config.Prescaler;
-  classic_channel(device, channel).bitrate = quanta ? uint32_t(clock / quanta) : 0;
+  state.bitrate = quanta ? uint32_t(clock / quanta) : 0;
 }
 
 int init_through_fd(uint32_t handle, uint8_t channel, const CAN_INIT_CONFIG& config) {
@@ -188,11 +188,10 @@ int init_through_fd(uint32_t handle, uint8_t channel, const CAN_INIT_CONFIG& con
   const int r = CANFD_Init(handle, channel, &fd);
   if (r != 0) return r;
   CANFD_ResetStartTime(handle, channel);
-  const int device = device_index(handle);
-  if (device >= 0 && device <= kMaxDeviceIndex) {
+  if (const CanState adapter = can_adapter(handle, channel & 1)) {
     const uint8_t top = uint8_t(handle >> 24);
-    store_bitrate(device, channel & 1, (top == 0x53 || top == 0x54) ? 40000000u : 160000000u,
-                  config);
+    store_bitrate(adapter->classic[channel & 1],
+                  (top == 0x53 || top == 0x54) ? 40000000u : 160000000u, config);
   }
   return 0;
 }
@@ -213,8 +212,7 @@ VARNEL_API int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* conf
     if (!config) return result::kBadArgument;
     if (is_fd_adapter(handle)) return init_through_fd(handle, channel, *config);
     const uint8_t ch = channel & 1;
-    const int device = device_index(handle);
-    const bool tracked = device >= 0 && device <= kMaxDeviceIndex;
+    const CanState adapter = can_adapter(handle, ch);
     classic_pollers().clear(handle, ch);
     const uint8_t payload[13] = {ch,
                                  0,
@@ -231,10 +229,10 @@ VARNEL_API int CAN_Init(DevHandle handle, uint8_t channel, CAN_INIT_CONFIG* conf
                                  uint8_t(config->Prescaler)};
     const int r = transact(handle, kCanInit, payload, {}).acknowledged();
     if (r != 0) return r;
-    if (tracked) {
-      classic_channel(device, ch).start_time = read_start_time(handle);
+    if (adapter) {
+      adapter->classic[ch].start_time = read_start_time(handle);
       // every classic adapter reports its rate against 42 MHz, whatever its table assumes
-      store_bitrate(device, ch, 42000000u, *config);
+      store_bitrate(adapter->classic[ch], 42000000u, *config);
     }
     return 0;
   });
@@ -314,26 +312,26 @@ VARNEL_API int CAN_Stop(DevHandle handle, uint8_t channel) {
 
 VARNEL_API int64_t CAN_GetStartTime(DevHandle handle, uint8_t channel) {
   if (is_fd_adapter(handle)) return CANFD_GetStartTime(handle, channel);
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kFailed;
-  return int64_t(classic_channel(device, channel).start_time.load());
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kFailed;
+  return int64_t(adapter->classic[channel].start_time.load());
 }
 
 VARNEL_API int CAN_ResetStartTime(DevHandle handle, uint8_t channel) {
   return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_ResetStartTime(handle, channel);
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kFailed;
-    classic_channel(device, channel).start_time = read_start_time(handle);
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kFailed;
+    adapter->classic[channel].start_time = read_start_time(handle);
     return 0;
   });
 }
 
 VARNEL_API int CAN_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
   if (is_fd_adapter(handle)) return CANFD_SetStartTime(handle, channel, start_time);
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kFailed;
-  classic_channel(device, channel).start_time = start_time;
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kFailed;
+  adapter->classic[channel].start_time = start_time;
   return 0;
 }
 

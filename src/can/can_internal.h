@@ -36,7 +36,7 @@ struct FdRates {
   uint32_t nominal = 0;
   uint32_t data = 0;
 };
-FdRates fd_rates(uint32_t handle, int device, uint8_t channel);
+FdRates fd_rates(uint32_t handle, FdChannel& state);
 
 // Command codes.
 enum : uint32_t {

@@ -14,8 +14,8 @@ using namespace varnel::can;
 namespace varnel::can {
 
 int classic_poller_step(uint32_t handle, uint8_t channel) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kUnknownHandle;
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kUnknownHandle;
   thread_local std::vector<uint8_t> buffer(kClassicFetchBytes);
   thread_local std::vector<CAN_MSG> records(kClassicFetchLimit);
   // Fetch and queue under the device lock: a fetch on demand and the poller's may run at once,
@@ -25,7 +25,7 @@ int classic_poller_step(uint32_t handle, uint8_t channel) {
   if (r.send_result != 0) return result::kWriteFailed;
   if (r.read_result != 0) return result::kReplyFailed;
   const size_t n = size_t(std::max(0, r.reply_length)) / sizeof(CAN_MSG);
-  ClassicChannel& state = classic_channel(device, channel);
+  ClassicChannel& state = adapter->classic[channel];
   if (n > kClassicFetchLimit) {  // more than a fetch can hold: garbage, dropped whole
     state.fetches_dropped += n;
     return 0;
@@ -34,7 +34,6 @@ int classic_poller_step(uint32_t handle, uint8_t channel) {
   for (size_t i = 0; i < n; ++i)
     records[i].Flags = uint8_t((records[i].Flags & 0x9F) | ((channel & 3) << 5));
   DataLock lock(handle, channel);
-  adopt_queues(state, handle);
   state.application.append(records.data(), n);
   state.diagnostic.append(records.data(), n);
   return 0;
@@ -61,15 +60,14 @@ int read_through_fd(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capac
 // Pulls once when the channel is not polled, then drains up to `capacity` records.
 int read_classic(uint32_t handle, uint8_t channel, CAN_MSG* out, size_t capacity,
                  bool report_fetch_error) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kReplyFailed;
-  ClassicChannel& state = classic_channel(device, channel);
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kReplyFailed;
+  ClassicChannel& state = adapter->classic[channel];
   if (!classic_pollers().polled(handle, channel)) {
     const int r = classic_poller_step(handle, channel);
     if (r < 0 && report_fetch_error) return r;
   }
   DataLock lock(handle, channel);
-  adopt_queues(state, handle);
   return int(state.application.take(out, capacity));
 }
 
@@ -96,12 +94,11 @@ VARNEL_API int CAN_GetMsgWithSize(DevHandle handle, uint8_t channel, CAN_MSG* ou
 VARNEL_API int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
   return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_ClearMsg(handle, channel);
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kFailed;
-    ClassicChannel& state = classic_channel(device, channel);
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kFailed;
+    ClassicChannel& state = adapter->classic[channel];
     {
       DataLock lock(handle, channel);
-      adopt_queues(state, handle);
       state.application.clear();
     }
     if (!classic_pollers().polled(handle, channel)) {
@@ -116,7 +113,7 @@ VARNEL_API int CAN_ClearMsg(DevHandle handle, uint8_t channel) {
 VARNEL_API int CAN_StartGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(result::kFailed, [&] {
     if (is_fd_adapter(handle)) return CANFD_StartGetMsg(handle, channel);
-    if (channel_device(handle, channel) < 0) return result::kReplyFailed;
+    if (!can_adapter(handle, channel)) return result::kReplyFailed;
     DataLock lock(handle, channel);
     return classic_pollers().start(handle, channel);
   });

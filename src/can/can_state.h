@@ -1,21 +1,22 @@
-// Host-side state of the CAN and CAN FD channels, in fixed tables indexed by device index x 2 +
-// channel.
+// Host-side state of the CAN and CAN FD channels, kept per adapter by its handle (see
+// core/adapter_state.h): a rescan that renumbers the device indexes leaves every adapter its own
+// queues, bit rate and start time.
 #pragma once
 
-#include "core/device.h"
-
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 #include "can/can_records.h"
+#include "core/device.h"
 #include "core/ring_queue.h"
 #include "varnel.h"
 
 namespace varnel::can {
 
 constexpr size_t kQueueLimit = VARNEL_CAN_QUEUE_SIZE;
-constexpr int kMaxDeviceIndex = 59;
 
 struct ClassicChannel {
   RingQueue<CAN_MSG> application{kQueueLimit};
@@ -23,7 +24,6 @@ struct ClassicChannel {
   std::atomic<uint32_t> bitrate{0};
   std::atomic<uint64_t> start_time{0};
   std::atomic<uint64_t> fetches_dropped{0};  // records of fetches dropped whole as garbage
-  uint32_t owner = 0;                        // the handle whose frames the queues hold
 };
 
 struct FdChannel {
@@ -33,28 +33,19 @@ struct FdChannel {
   CANFD_INIT_CONFIG init{};  // last successful init record
   bool initialised = false;
   std::atomic<uint64_t> start_time{0};
-  uint32_t owner = 0;
 };
 
-// Under the channel's data lock: queues whose slot passed to another adapter (a rescan renumbers
-// the device indexes) are emptied first, so one adapter never reads another's frames.
-template <typename Channel>
-void adopt_queues(Channel& state, uint32_t handle) {
-  if (state.owner == handle) return;
-  state.application.clear();
-  state.diagnostic.clear();
-  state.application.forget_drops();
-  state.diagnostic.forget_drops();
-  if constexpr (requires { state.fetches_dropped; }) state.fetches_dropped = 0;
-  state.owner = handle;
-}
+// One adapter's channels, both kinds: an adapter uses the kind its handle says.
+struct CanAdapterState {
+  std::array<ClassicChannel, kChannels> classic;
+  std::array<FdChannel, kChannels> fd;
+};
+// Held by whoever uses the state, so that it outlives a rescan that gives its slot away.
+using CanState = std::shared_ptr<CanAdapterState>;
 
-// Valid for device index 0..59 and channel 0..1 only.
-ClassicChannel& classic_channel(int device, int channel);
-FdChannel& fd_channel(int device, int channel);
-
-// Checks the handle's index and the channel; the index, or -1.
-int channel_device(uint32_t handle, uint8_t channel);
+// The adapter's CAN state, created on first use for a handle the library lists; null for an
+// unknown handle or a channel beyond the adapter's two.
+CanState can_adapter(uint32_t handle, uint8_t channel);
 
 // The channel's data lock (can_data_lock), held for the scope.
 class DataLock {
@@ -70,6 +61,5 @@ class DataLock {
   uint32_t handle_;
   uint8_t channel_;
 };
-
 
 }  // namespace varnel::can

@@ -14,7 +14,6 @@ template <typename Channel>
 void fill_queue_counts(uint32_t handle, uint8_t channel, Channel& state,
                        VARNEL_RECEIVE_STATS& stats) {
   DataLock lock(handle, channel);
-  adopt_queues(state, handle);
   stats.ApplicationDropped = state.application.dropped();
   stats.DiagnosticDropped = state.diagnostic.dropped();
 }
@@ -32,15 +31,15 @@ VARNEL_API int VARNEL_CAN_GetReceiveStats(DevHandle handle, uint8_t channel,
                                           VARNEL_RECEIVE_STATS* stats) {
   return guarded(result::kReplyFailed, [&] {
     if (!stats) return result::kBadArgument;
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kReplyFailed;
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kReplyFailed;
     std::memset(stats, 0, sizeof *stats);
     const bool fd = is_fd_adapter(handle);
     Pollers& pollers = fd ? fd_pollers() : classic_pollers();
     if (fd) {
-      fill_queue_counts(handle, channel, fd_channel(device, channel), *stats);
+      fill_queue_counts(handle, channel, adapter->fd[channel], *stats);
     } else {
-      ClassicChannel& state = classic_channel(device, channel);
+      ClassicChannel& state = adapter->classic[channel];
       fill_queue_counts(handle, channel, state, *stats);
       stats->FetchesDropped = state.fetches_dropped;
     }

@@ -17,16 +17,9 @@ namespace {
 constexpr auto kFetchGap = std::chrono::microseconds(200);
 
 // Records waiting in the channel's application queue.
-size_t queued(uint32_t handle, uint8_t channel, int device, bool fd) {
+size_t queued(uint32_t handle, uint8_t channel, CanAdapterState& adapter, bool fd) {
   DataLock lock(handle, channel);
-  if (fd) {
-    FdChannel& state = fd_channel(device, channel);
-    adopt_queues(state, handle);
-    return state.application.size();
-  }
-  ClassicChannel& state = classic_channel(device, channel);
-  adopt_queues(state, handle);
-  return state.application.size();
+  return fd ? adapter.fd[channel].application.size() : adapter.classic[channel].application.size();
 }
 
 }  // namespace
@@ -34,15 +27,15 @@ size_t queued(uint32_t handle, uint8_t channel, int device, bool fd) {
 VARNEL_API int VARNEL_CAN_WaitMsg(DevHandle handle, uint8_t channel, int32_t timeout_ms) {
   return guarded(result::kReplyFailed, [&] {
     if (timeout_ms < 0) return result::kBadArgument;
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kReplyFailed;
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kReplyFailed;
     const bool fd = is_fd_adapter(handle);
     const uint64_t start = monotonic_ns();
     while (true) {
-      if (const size_t n = queued(handle, channel, device, fd)) return int(n);
+      if (const size_t n = queued(handle, channel, *adapter, fd)) return int(n);
       const int r = fd ? fd_poller_step(handle, channel) : classic_poller_step(handle, channel);
       if (r < 0) return r;
-      if (const size_t n = queued(handle, channel, device, fd)) return int(n);
+      if (const size_t n = queued(handle, channel, *adapter, fd)) return int(n);
       if (elapsed_ms_since(start) >= double(timeout_ms)) return 0;
       std::this_thread::sleep_for(kFetchGap);
     }

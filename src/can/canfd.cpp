@@ -17,8 +17,7 @@ using namespace varnel::can;
 
 namespace varnel::can {
 
-FdRates fd_rates(uint32_t handle, int device, uint8_t channel) {
-  FdChannel& state = fd_channel(device, channel);
+FdRates fd_rates(uint32_t handle, FdChannel& state) {
   std::lock_guard guard(state.init_mutex);
   FdRates rates;
   if (!state.initialised) return rates;
@@ -32,11 +31,11 @@ FdRates fd_rates(uint32_t handle, int device, uint8_t channel) {
 }
 
 int fd_poller_step(uint32_t handle, uint8_t channel) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kUnknownHandle;
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kUnknownHandle;
   thread_local std::vector<uint8_t> area(kFdFetchBytes);
   thread_local std::vector<CANFD_MSG> records(kFdFetchLimit);
-  FdChannel& state = fd_channel(device, channel);
+  FdChannel& state = adapter->fd[channel];
   DeviceLockGuard fetching(handle);  // as the classic step: fetches queue in the order they ran
   const auto r = transact(handle, kFdFetch, {&channel, 1}, area);
   if (r.send_result != 0 || r.read_result != 0) {
@@ -47,7 +46,6 @@ int fd_poller_step(uint32_t handle, uint8_t channel) {
   const size_t n =
       decode_fd_records({area.data(), stored}, channel, records.data(), records.size());
   DataLock lock(handle, channel);
-  adopt_queues(state, handle);
   state.application.append(records.data(), n);
   state.diagnostic.append(records.data(), n);
   return 0;
@@ -100,9 +98,8 @@ VARNEL_API int CANFD_Init(DevHandle handle, uint8_t channel, CANFD_INIT_CONFIG* 
     std::memcpy(payload + 1, config, sizeof(CANFD_INIT_CONFIG));
     const int r = transact(handle, kFdInit, payload, {}).acknowledged();
     if (r != 0) return r;
-    const int device = device_index(handle);
-    if (device >= 0 && device <= kMaxDeviceIndex) {
-      FdChannel& state = fd_channel(device, ch);
+    if (const CanState adapter = can_adapter(handle, ch)) {
+      FdChannel& state = adapter->fd[ch];
       {
         std::lock_guard guard(state.init_mutex);
         state.init = *config;
@@ -148,9 +145,9 @@ size_t pack_fd_chunk(uint8_t channel, CANFD_MSG* records, size_t n, std::vector<
 VARNEL_API int CANFD_SendMsgTimeout(DevHandle handle, uint8_t channel, CANFD_MSG* msgs,
                                     uint32_t count, uint32_t timeout_ms) {
   return guarded(result::kFailed, [&] {
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kFailed;
-    const FdRates rates = fd_rates(handle, device, channel);
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kFailed;
+    const FdRates rates = fd_rates(handle, adapter->fd[channel]);
     if (count == 0) return 0;
     if (!msgs) return result::kBadArgument;
     thread_local std::vector<uint8_t> payload(1 + kFdChunk * sizeof(CANFD_MSG));
@@ -195,7 +192,7 @@ VARNEL_API int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MS
   return guarded(result::kReplyFailed, [&] {
     if (count == 0) return 0;
     if (!msgs) return result::kBadArgument;
-    if (channel_device(handle, channel) < 0) return result::kReplyFailed;
+    if (!can_adapter(handle, channel)) return result::kReplyFailed;
     thread_local std::vector<uint8_t> payload(1 + kFdChunk * sizeof(CANFD_MSG));
     int total = 0;
     for (uint32_t at = 0; at < count;) {
@@ -225,28 +222,26 @@ VARNEL_API int CANFD_SendMsgWithTime(DevHandle handle, uint8_t channel, CANFD_MS
 VARNEL_API int CANFD_GetMsg(DevHandle handle, uint8_t channel, CANFD_MSG* out, int32_t capacity) {
   return guarded(result::kFailed, [&] {
     if (!out || capacity < 0) return result::kBadArgument;
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kReplyFailed;
-    FdChannel& state = fd_channel(device, channel);
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kReplyFailed;
+    FdChannel& state = adapter->fd[channel];
     if (!fd_pollers().polled(handle, channel)) {
       const int r = fd_poller_step(handle, channel);
       if (r < 0) return r;
     }
     DataLock lock(handle, channel);
-    adopt_queues(state, handle);
     return int(state.application.take(out, size_t(capacity)));
   });
 }
 
 VARNEL_API int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
   return guarded(result::kFailed, [&] {
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kFailed;
-    FdChannel& state = fd_channel(device, channel);
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kFailed;
+    FdChannel& state = adapter->fd[channel];
     // pull first, so frames waiting in the device are dropped with the queue
     if (!fd_pollers().polled(handle, channel)) fd_poller_step(handle, channel);
     DataLock lock(handle, channel);
-    adopt_queues(state, handle);
     state.application.clear();
     return 0;
   });
@@ -254,7 +249,7 @@ VARNEL_API int CANFD_ClearMsg(DevHandle handle, uint8_t channel) {
 
 VARNEL_API int CANFD_StartGetMsg(DevHandle handle, uint8_t channel) {
   return guarded(result::kFailed, [&] {
-    if (channel_device(handle, channel) < 0) return result::kReplyFailed;
+    if (!can_adapter(handle, channel)) return result::kReplyFailed;
     DataLock lock(handle, channel);
     return fd_pollers().start(handle, channel);
   });
@@ -279,23 +274,23 @@ VARNEL_API int CANFD_Stop(DevHandle handle, uint8_t channel) {
 }
 
 VARNEL_API int64_t CANFD_GetStartTime(DevHandle handle, uint8_t channel) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kFailed;
-  return int64_t(fd_channel(device, channel).start_time.load());
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kFailed;
+  return int64_t(adapter->fd[channel].start_time.load());
 }
 
 VARNEL_API int CANFD_ResetStartTime(DevHandle handle, uint8_t channel) {
   return guarded(result::kFailed, [&] {
-    const int device = channel_device(handle, channel);
-    if (device < 0) return result::kFailed;
-    fd_channel(device, channel).start_time = read_start_time(handle);
+    const CanState adapter = can_adapter(handle, channel);
+    if (!adapter) return result::kFailed;
+    adapter->fd[channel].start_time = read_start_time(handle);
     return 0;
   });
 }
 
 VARNEL_API int CANFD_SetStartTime(DevHandle handle, uint8_t channel, uint64_t start_time) {
-  const int device = channel_device(handle, channel);
-  if (device < 0) return result::kFailed;
-  fd_channel(device, channel).start_time = start_time;
+  const CanState adapter = can_adapter(handle, channel);
+  if (!adapter) return result::kFailed;
+  adapter->fd[channel].start_time = start_time;
   return 0;
 }

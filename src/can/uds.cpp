@@ -57,11 +57,6 @@ bool iso_timing_of(uint32_t handle, uint8_t channel) {
   return adapter->iso_timings[channel & 1];
 }
 
-int resolve_device(uint32_t handle) {
-  const int device = device_index(handle);
-  return device < 0 || device > kMaxDeviceIndex ? -1 : device;
-}
-
 uint8_t smallest_fd_length(size_t bytes) {
   for (uint8_t length : kFdLengths)
     if (length >= bytes) return length;
@@ -87,10 +82,10 @@ struct Frame {
 // One exchange on one channel: how frames are built and sent, and where they are taken from.
 class Link {
  public:
-  Link(uint32_t handle, uint8_t channel, int device, CAN_UDS_ADDR& addr)
+  Link(uint32_t handle, uint8_t channel, CanState adapter, CAN_UDS_ADDR& addr)
       : handle_(handle),
         channel_(channel),
-        device_(device),
+        adapter_(std::move(adapter)),
         fd_adapter_(is_fd_adapter(handle)),
         addr_(addr),
         config_(config_of(handle, channel)),
@@ -178,9 +173,9 @@ class Link {
   void clear_queue() {
     DataLock lock(handle_, channel_);
     if (fd_adapter_)
-      fd_channel(device_, channel_ & 1).diagnostic.clear();
+      adapter_->fd[channel_ & 1].diagnostic.clear();
     else
-      classic_channel(device_, channel_ & 1).diagnostic.clear();
+      adapter_->classic[channel_ & 1].diagnostic.clear();
   }
 
   // The next frame from the response identifier with at least `min_len` bytes after the address
@@ -208,7 +203,7 @@ class Link {
 
   std::optional<Frame> take_classic() {
     CAN_MSG msg;
-    auto& queue = classic_channel(device_, channel_ & 1).diagnostic;
+    auto& queue = adapter_->classic[channel_ & 1].diagnostic;
     while (queue.take(&msg, 1) == 1) {
       if (msg.Id != (addr_.ResID & 0x1FFFFFFF) || bool(msg.Extended) != response_extended() ||
           (msg.Flags & 1))
@@ -223,7 +218,7 @@ class Link {
 
   std::optional<Frame> take_fd() {
     CANFD_MSG msg;
-    auto& queue = fd_channel(device_, channel_ & 1).diagnostic;
+    auto& queue = adapter_->fd[channel_ & 1].diagnostic;
     while (queue.take(&msg, 1) == 1) {
       const bool extended = (msg.Id & 0x80000000u) != 0, remote = (msg.Id & 0x40000000u) != 0;
       if ((msg.Id & 0x1FFFFFFF) != (addr_.ResID & 0x1FFFFFFF) || extended != response_extended() ||
@@ -263,7 +258,7 @@ class Link {
 
   const uint32_t handle_;
   const uint8_t channel_;
-  const int device_;
+  const CanState adapter_;
   const bool fd_adapter_;
   CAN_UDS_ADDR& addr_;
   const CAN_UDS_CONFIG config_;
@@ -373,9 +368,9 @@ int send_flow_continue(Link& link) {
 int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, uint64_t size,
             int32_t timeout_ms) {
   if (!addr || !out) return result::kBadArgument;
-  const int device = resolve_device(handle);
-  if (device < 0) return kNoDevice;
-  Link link(handle, channel, device, *addr);
+  CanState adapter = can_adapter(handle, channel & 1);
+  if (!adapter) return kNoDevice;
+  Link link(handle, channel, std::move(adapter), *addr);
   IsoTpReader reader(out, size, link.pci_offset());
   const uint64_t start = monotonic_ns();
   while (true) {
@@ -399,7 +394,7 @@ VARNEL_API int CAN_UDS_Config(DevHandle handle, uint8_t channel, CAN_UDS_CONFIG*
   return guarded(result::kFailed, [&] {
     if (!config) return result::kBadArgument;
     const auto adapter = adapter_table<UdsConfigs>().find_or_create(handle);
-    if (!adapter || resolve_device(handle) < 0) return kNoDevice;
+    if (!adapter || !can_adapter(handle, channel & 1)) return kNoDevice;
     std::lock_guard guard(adapter->mutex);
     adapter->configs[channel & 1] = *config;
     return 0;
@@ -410,9 +405,9 @@ VARNEL_API int CAN_UDS_Request(DevHandle handle, uint8_t channel, CAN_UDS_ADDR* 
                                int32_t length) {
   return guarded(result::kFailed, [&] {
     if (!addr || !data || length <= 0) return result::kBadArgument;
-    const int device = resolve_device(handle);
-    if (device < 0) return kNoDevice;
-    Link link(handle, channel, device, *addr);
+    CanState adapter = can_adapter(handle, channel & 1);
+    if (!adapter) return kNoDevice;
+    Link link(handle, channel, std::move(adapter), *addr);
     link.drain_responses();
     link.fit_frame_length(size_t(length));
     const size_t single_room =
@@ -437,7 +432,7 @@ VARNEL_API int VARNEL_CAN_UDS_ResponseN(DevHandle handle, uint8_t channel, CAN_U
 VARNEL_API int VARNEL_CAN_UDS_SetIsoTiming(DevHandle handle, uint8_t channel, int on) {
   return guarded(result::kFailed, [&] {
     const auto adapter = adapter_table<UdsConfigs>().find_or_create(handle);
-    if (!adapter || resolve_device(handle) < 0) return kNoDevice;
+    if (!adapter || !can_adapter(handle, channel & 1)) return kNoDevice;
     std::lock_guard guard(adapter->mutex);
     adapter->iso_timings[channel & 1] = on != 0;
     return 0;

@@ -5,6 +5,7 @@
 #include "can/can_state.h"
 #include "sim/bus/can_bus.h"
 #include "sim/families/device.h"
+#include "support/can_state_reset.h"
 #include "support/usbfs_layer.h"
 #include "support/wire_fixture.h"
 
@@ -53,15 +54,7 @@ class UsbfsFamilies : public UsbfsTest {
     UsbfsTest::TearDown();
     sim::set_default_can_bus(nullptr);
   }
-  static void reset_can_tables() {
-    for (int ch = 0; ch < 2; ++ch) {
-      auto& c = varnel::can::classic_channel(0, ch);
-      c.application.clear();
-      c.diagnostic.clear();
-      c.bitrate = 0;
-      c.start_time = 0;
-    }
-  }
+  static void reset_can_tables() { testing_support::reset_can_states(); }
 
   std::shared_ptr<sim::CanBus> bus_;
   std::shared_ptr<sim::VirtualAdapter> adapter_;

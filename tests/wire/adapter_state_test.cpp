@@ -88,6 +88,12 @@ struct UdsConfig {
     EXPECT_TRUE(received(adapter, 0xC02, {0x02, 0x3E, 0x00, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA}));
   }
 };
+struct CanStartTime {
+  static void set(DevHandle h, bool stays) {
+    ASSERT_EQ(CAN_SetStartTime(h, 0, stays ? 2222 : 1111), 0);
+  }
+  static void expect_own(Adapter&) { EXPECT_EQ(CAN_GetStartTime(kStays, 0), 2222); }
+};
 struct AdcStream {
   static void set(DevHandle h, bool stays) {
     if (stays) {
@@ -105,8 +111,8 @@ struct AdcStream {
 
 template <class Family>
 class AdapterState : public testing_support::SimTest {};
-using Families =
-    ::testing::Types<LinChannel, SpiFlash, I2cWidth, KlineConfig, UdsConfig, AdcStream>;
+using Families = ::testing::Types<LinChannel, SpiFlash, I2cWidth, KlineConfig, UdsConfig,
+                                  CanStartTime, AdcStream>;
 TYPED_TEST_SUITE(AdapterState, Families);
 
 TYPED_TEST(AdapterState, StaysWithItsAdapterWhenARescanRenumbersTheAdapters) {

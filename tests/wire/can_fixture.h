@@ -7,6 +7,7 @@
 #include "can/can_state.h"
 #include "sim/bus/can_bus.h"
 #include "sim/families/can.h"
+#include "support/can_state_reset.h"
 #include "support/sim_fixture.h"
 
 namespace testing_support {
@@ -35,21 +36,7 @@ class CanTest : public SimTest {
     return plug_and_open(handle);
   }
 
-  static void reset_host_tables() {
-    for (int device = 0; device < 4; ++device)
-      for (int ch = 0; ch < 2; ++ch) {
-        auto& c = varnel::can::classic_channel(device, ch);
-        c.application.clear();
-        c.diagnostic.clear();
-        c.bitrate = 0;
-        c.start_time = 0;
-        auto& f = varnel::can::fd_channel(device, ch);
-        f.application.clear();
-        f.diagnostic.clear();
-        f.initialised = false;
-        f.start_time = 0;
-      }
-  }
+  static void reset_host_tables() { testing_support::reset_can_states(); }
 
   static std::vector<sim::Packet> packets(sim::VirtualAdapter& adapter, uint32_t command) {
     std::vector<sim::Packet> out;

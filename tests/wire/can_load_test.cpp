@@ -45,7 +45,7 @@ TEST_F(CanLoad, PollerAndReaderKeepOrderWithoutDuplicatesAndCountEveryLoss) {
   std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
   uint64_t received = 0, out_of_order = 0;
   int64_t last = -1;
-  auto& channel = varnel::can::classic_channel(0, 0);
+  auto& channel = varnel::can::can_adapter(kHandle, 0)->classic[0];
   auto accounted = [&] {
     varnel::can::DataLock lock(kHandle, 0);  // the poller counts under it
     return received + controller->rx_overflows() + channel.application.dropped() +

@@ -173,7 +173,7 @@ TEST_F(CanWire, FetchOfMoreThan5000FramesIsDroppedWhole) {
   std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
   EXPECT_EQ(CAN_GetMsg(kHandle, 0, in.data()), 0);
   EXPECT_EQ(sim::can_controller(*adapter, 0)->pending(), 0u);
-  EXPECT_EQ(varnel::can::classic_channel(0, 0).application.size(), 0u);
+  EXPECT_EQ(varnel::can::can_adapter(kHandle, 0)->classic[0].application.size(), 0u);
 
   for (uint32_t i = 0; i < 5000; ++i) peer->send(counted_frame(0x100, i));  // exactly the bound
   EXPECT_EQ(CAN_GetMsg(kHandle, 0, in.data()), 5000);
@@ -204,7 +204,7 @@ TEST_F(CanWire, ClearMsgDropsQueuedAndWaitingFrames) {
   EXPECT_EQ(CAN_ClearMsg(kHandle, 0), 0);
   std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
   EXPECT_EQ(CAN_GetMsg(kHandle, 0, in.data()), 0);
-  EXPECT_EQ(varnel::can::classic_channel(0, 0).diagnostic.size(), 2u);  // left alone
+  EXPECT_EQ(varnel::can::can_adapter(kHandle, 0)->classic[0].diagnostic.size(), 2u);  // left alone
 }
 
 TEST_F(CanWire, StatusReportsErrorCountersOfAnUnacknowledgedSender) {
@@ -283,7 +283,7 @@ TEST_F(CanWire, StopSendsStopAndClearsQueue) {
   ASSERT_EQ(CAN_Stop(kHandle, 0), 0);
   EXPECT_EQ(packets(*adapter, 0x0C09).size(), 1u);
   EXPECT_FALSE(sim::can_controller(*adapter, 0)->started());
-  EXPECT_EQ(varnel::can::classic_channel(0, 0).application.size(), 0u);
+  EXPECT_EQ(varnel::can::can_adapter(kHandle, 0)->classic[0].application.size(), 0u);
 }
 
 TEST_F(CanWire, PollerDeliversPeriodicPeerFramesAndStops) {
