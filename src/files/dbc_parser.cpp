@@ -562,6 +562,14 @@ bool join_value_lines(LineReader& lines, std::string& line, std::string& next) {
   return false;
 }
 
+// A comment's text may run over several lines (DBC tools keep reading up to its closing quote):
+// appends the lines that follow until the quotes close.
+void join_comment_lines(LineReader& lines, std::string& line, std::string& next) {
+  while (std::count(line.begin(), line.end(), '"') % 2 == 1 && line.size() < kMaxStatementChars &&
+         lines.next(next))
+    line += next;
+}
+
 // The main pass: everything but BA_ lines. False when the input cannot be a database.
 bool main_pass(Loader& loader, LineReader& lines, bool standard) {
   std::string line, next;
@@ -574,6 +582,9 @@ bool main_pass(Loader& loader, LineReader& lines, bool standard) {
     if (t.empty() || t[0] == "BA_") continue;
     if (standard && t[0] == "VAL_" && !statement_closed(line)) {
       pending = join_value_lines(lines, line, next);
+      tokenize(line, t, standard);
+    } else if (standard && t[0] == "CM_" && std::count(line.begin(), line.end(), '"') % 2 == 1) {
+      join_comment_lines(lines, line, next);
       tokenize(line, t, standard);
     }
     if (!loader.main_line(t)) return false;

@@ -28,6 +28,21 @@ std::vector<std::string> choices(DBC_HANDLE db, uint32_t id, std::vector<uint8_t
   return out;
 }
 
+// A comment over two lines is read to its closing quote; the line break reads as a blank, and
+// the statements after it are still read.
+TEST(DbcToolHabits, CommentOverSeveralLinesIsReadWhole) {
+  std::ifstream in(kFile, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  const auto db = varnel::dbc::parse(text.str(), true);
+  ASSERT_NE(db, nullptr);
+  const varnel::dbc::Signal* temp = db->find_message_by_id(kEngine)->find_signal("Temp");
+  EXPECT_EQ(temp->comment_text(), "Coolant temperature, measured at the outlet");
+  EXPECT_EQ(choices(VARNEL_DbcLoadFileEx(kFile.c_str(), VARNEL_DBC_STANDARD), kEngine,
+                    {0, 0, 1, 0, 0, 0, 0, 0})[4],
+            "Idle");
+}
+
 TEST(DbcToolHabits, WrappedValueStatementKeepsEveryName) {
   const DBC_HANDLE standard = VARNEL_DbcLoadFileEx(kFile.c_str(), VARNEL_DBC_STANDARD);
   const DBC_HANDLE legacy = VARNEL_DbcLoadFileEx(kFile.c_str(), 0);
