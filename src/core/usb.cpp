@@ -506,9 +506,10 @@ bool bulk_in_exact(libusb_device_handle* dh, uint8_t* data, int size, int timeou
   return rc == 0 && transferred == size;
 }
 
-// The header, then the payload in 64 KiB chunks. 0 or -3.
-int read_reply_from(libusb_device_handle* dh, CommandPacket& reply, uint32_t expected,
-                    int timeout) {
+// The header, then the payload in 64 KiB chunks. 0 or -3. `cut`: the reply was longer than a
+// reply may be, so the rest of it is still on its way.
+int read_reply_from(libusb_device_handle* dh, CommandPacket& reply, uint32_t expected, int timeout,
+                    bool& cut) {
   uint8_t header[8];
   if (!bulk_in_exact(dh, header, 8, timeout)) {
     reply.payload = nullptr;
@@ -517,7 +518,8 @@ int read_reply_from(libusb_device_handle* dh, CommandPacket& reply, uint32_t exp
   reply.command = get_be32(header);
   reply.length = int32_t(get_be32(header + 4));
   if (reply.length <= 0) return 0;
-  if (reply.length > kUsbReplyLimit) reply.length = kUsbReplyLimit;
+  cut = reply.length > kUsbReplyLimit;
+  if (cut) reply.length = kUsbReplyLimit;
   std::unique_ptr<uint8_t[]> scratch;
   for (int32_t offset = 0; offset < reply.length;) {
     if (reply.command != expected) return -3;
@@ -589,9 +591,11 @@ int usb_read_reply(uint32_t handle, CommandPacket& reply, int timeout_ms) {
     reply.payload = nullptr;
     return -3;
   }
+  bool cut = false;
   const int rc =
-      read_reply_from(use.get(), reply, expected, std::max(timeout_ms, kMinReadTimeoutMs));
-  if (rc != 0) entry->reply_may_be_pending = true;
+      read_reply_from(use.get(), reply, expected, std::max(timeout_ms, kMinReadTimeoutMs), cut);
+  // What is left of a failed or cut reply is read off before the next request.
+  if (rc != 0 || cut) entry->reply_may_be_pending = true;
   return rc;
 }
 
