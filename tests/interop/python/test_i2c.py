@@ -1,8 +1,11 @@
 """The I2C module against the virtual adapter's channel 0: a 24C02 at 0x50, an SMBus device at
 0x48, nothing at 0x23."""
+import errno
+import inspect
 import unittest
 
 import varnel
+from wire import last_payload
 
 HANDLE = 0x12345678
 
@@ -36,16 +39,69 @@ class I2c(unittest.TestCase):
         self.assertEqual(bus.read_block_data(0x48, 0x23), [1, 2, 3])
         self.assertEqual(bus.block_process_call(0x48, 0x31, [1, 2]), [2, 1])
 
-    def test_missing_acknowledge_raises_the_status(self):
+    def test_failures_are_oserrors_with_the_errno_of_linux_i2c(self):
+        cases = [  # (transfer, errno, the library's code)
+            (lambda: self.bus.read_byte_data(0x23, 0), errno.ENXIO, 1),   # nobody at 0x23
+            (lambda: self.bus.write_byte_data(0x48, 0x50, 1), errno.EIO, 2),  # unknown command
+            (lambda: self.bus.write_block_data(0x48, 0x20, bytes(33)), errno.EIO, -7),
+        ]
+        for transfer, number, code in cases:
+            with self.subTest(code=code), self.assertRaises(OSError) as caught:
+                transfer()
+            self.assertEqual((caught.exception.errno, caught.exception.code), (number, code))
+        self.assertIsInstance(caught.exception, varnel.VarnelError)
         with self.assertRaises(varnel.I2cStatusError) as caught:
-            self.bus.read_byte_data(0x23, 0)
-        self.assertEqual((caught.exception.code, caught.exception.call),
-                         (1, "SMBUS_ReadByteProtocol"))
-        with self.assertRaises(varnel.VarnelError) as caught:
-            self.bus.write_block_data(0x48, 0x20, bytes(33))
-        self.assertEqual(caught.exception.code, -7)
+            self.bus.read_byte(0x23)
+        self.assertEqual((caught.exception.code, caught.exception.call), (1, "SMBUS_ReadByte"))
+        found = []
+        for address in range(0x08, 0x78):  # i2cdetect's range, as smbus2 users scan it
+            try:
+                self.bus.read_byte(address)
+            except OSError:
+                continue
+            found.append(address)
+        self.assertEqual(found, [0x48, 0x50, 0x54])
         with self.assertRaises(ValueError):  # not cut to 0x00 on the way
             self.bus.write_byte_data(0x48, 0x100, 1)
+
+    def test_pec_property_sets_the_flag_of_smbus_transfers_on_the_wire(self):
+        # write-read 0x703: channel, address u16, time-out u32 (10 ms), read length u32, the
+        # PEC flag in the event byte, then the command
+        self.bus.pec = True
+        self.bus.read_byte_data(0x48, 0x05)
+        self.assertEqual(last_payload(HANDLE, 0x703).hex(), "000048" "0000000a" "00000001" "01" "05")
+        self.bus.enable_pec(False)
+        self.bus.read_byte_data(i2c_addr=0x48, register=0x05, force=True)
+        self.assertEqual(last_payload(HANDLE, 0x703)[11], 0)
+
+    def test_smbus_opens_and_closes_its_adapter_in_a_with_block(self):
+        with varnel.SMBus(f"0x{HANDLE:08X}:1") as bus:
+            bus.write_byte_data(0x48, 0x02, 0x5A)
+            self.assertEqual(bus.read_byte_data(0x48, 0x02), 0x5A)
+        self.assertFalse(bus.adapter.is_open)
+        with self.assertRaises(OSError) as caught:
+            bus.read_byte(0x48)
+        self.assertEqual(caught.exception.errno, errno.EIO)
+
+
+class SameShapeAsSmbus2(unittest.TestCase):
+    def test_methods_take_smbus2s_parameters(self):
+        import smbus2  # python3-smbus2: its shape only, never used at run time
+
+        def parameters(function):
+            return [(p.name, p.default) for p in inspect.signature(function).parameters.values()]
+
+        names = [n for n, _ in inspect.getmembers(smbus2.SMBus, inspect.isfunction)
+                 if not n.startswith("_") and n != "open"]  # open(bus): SMBus(bus) opens
+        self.assertGreater(len(names), 15)
+        for name in names:
+            with self.subTest(method=name):
+                self.assertEqual(parameters(getattr(varnel.SMBus, name)),
+                                 parameters(getattr(smbus2.SMBus, name)))
+        self.assertIsInstance(varnel.SMBus.pec, property)
+        for name in ("read", "write"):
+            self.assertEqual(parameters(getattr(varnel.i2c_msg, name)),
+                             parameters(getattr(smbus2.i2c_msg, name)))
 
 
 if __name__ == "__main__":
