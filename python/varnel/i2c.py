@@ -156,7 +156,8 @@ class I2cBus:
         return value.value
 
     def write_byte_data(self, i2c_addr, register, value, force=None):
-        self._call("SMBUS_WriteByteProtocol", i2c_addr, _fits(register, 8), _fits(value, 8), self.pec)
+        self._call("SMBUS_WriteByteProtocol", i2c_addr, _fits(register, 8), _fits(value, 8),
+                   self.pec)
 
     def read_word_data(self, i2c_addr, register, force=None):
         value = ctypes.c_uint16()
@@ -176,7 +177,8 @@ class I2cBus:
 
     def read_block_data(self, i2c_addr, register, force=None):
         out, count = (ctypes.c_uint8 * SMBUS_BLOCK_MAX)(), ctypes.c_uint32()
-        self._call("SMBUS_BlockRead", i2c_addr, _fits(register, 8), out, ctypes.byref(count), self.pec)
+        self._call("SMBUS_BlockRead", i2c_addr, _fits(register, 8), out, ctypes.byref(count),
+                   self.pec)
         return list(out[: count.value])
 
     def write_block_data(self, i2c_addr, register, data, force=None):

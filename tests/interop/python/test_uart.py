@@ -4,7 +4,7 @@ import struct
 import unittest
 
 import varnel
-from wire import last_payload
+from support import last_payload, parameters
 
 HANDLE = 0x12345678
 
@@ -40,23 +40,19 @@ class Uart(unittest.TestCase):
     def test_lines_and_terminators_leave_what_follows_for_the_next_read(self):
         with self.adapter.uart(3, timeout=0.05) as port:
             port.write(b"one\ntwo\nthree")
-            steps = [  # (read, what it returns)
-                (port.readline, b"one\n"),
-                (lambda: port.read_until(b"tw"), b"tw"),
-                (lambda: port.read_until(b"\n", size=1), b"o"),  # the size comes first
-                (port.readline, b"\n"),
-                (port.readline, b"three"),  # no line feed: what came within the time-out
-            ]
-            for i, (read, expected) in enumerate(steps):
-                with self.subTest(step=i):
-                    self.assertEqual(read(), expected)
+            self.assertEqual(port.readline(), b"one\n")
+            self.assertEqual(port.read_until(b"tw"), b"tw")
+            self.assertEqual(port.read_until(b"\n", size=1), b"o")  # the size comes first
+            self.assertEqual(port.readline(), b"\n")
+            self.assertEqual(port.readline(), b"three")  # no line feed: what came in time
 
     def test_baudrate_reconfigures_break_and_flush_on_the_wire(self):
         with self.adapter.uart(4, baudrate=115200, timeout=0) as port:
             port.baudrate = 2400
             # configuration 0xA00: channel, then the record: baud u32 in host order, parity,
             # stop bits, reserved, mode
-            self.assertEqual(last_payload(HANDLE, 0xA00), bytes([4]) + struct.pack("<I4B", 2400, 0, 1, 0, 0))
+            self.assertEqual(last_payload(HANDLE, 0xA00),
+                             bytes([4]) + struct.pack("<I4B", 2400, 0, 1, 0, 0))
             port.send_break(0.01)  # 24 bit times at 2400 baud
             self.assertEqual(last_payload(HANDLE, 0xA07), bytes([4, 24]))
             port.send_break()  # 0.25 s is 600 bit times: the adapter's longest break, 255
@@ -68,10 +64,6 @@ class Uart(unittest.TestCase):
 
     def test_methods_take_pyserials_parameters(self):
         import serial  # python3-serial: its shape only, never used at run time
-
-        def parameters(function):
-            return [(p.name, p.default) for p in inspect.signature(function).parameters.values()]
-
         for name in ("read", "readline", "read_until", "write", "flush", "reset_input_buffer",
                      "send_break", "open", "close"):
             with self.subTest(method=name):
