@@ -1,5 +1,4 @@
 """The UART module against the virtual adapter, whose channels have a loopback plug."""
-import inspect
 import struct
 import unittest
 
