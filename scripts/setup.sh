@@ -8,6 +8,7 @@ build_packages=(cmake ninja-build g++ pkg-config libusb-1.0-0-dev libcli11-dev)
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libtsan2 clang libclang-rt-14-dev
   python3 python3-can python3-canmatrix python3-numpy python3-pip python3-setuptools python3-venv
+  python3-serial python3-smbus2
   binutils srecord
   iproute2
   umockdev libumockdev-dev

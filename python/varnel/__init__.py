@@ -13,9 +13,9 @@ from .adapter import Adapter, DeviceInfo, is_fd_adapter, is_network_handle, net_
 from .channel import CanChannel, Frame
 from . import dbc
 from . import records
-from .errors import I2cStatusError, RESULT_TEXT, VarnelError, result_text
+from .errors import I2cError, I2cStatusError, RESULT_TEXT, VarnelError, result_text
 from .gpio import Gpio
-from .i2c import I2cBus, i2c_msg
+from .i2c import I2cBus, SMBus, i2c_msg
 from .library import lib
 from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
 from .uart import Uart
@@ -24,8 +24,8 @@ from .uds import NegativeResponse, UdsClient
 __version__ = "0.1.0"
 __all__ = [
     "Adapter", "CanChannel", "dbc", "DeviceInfo", "Frame", "GPIO_PULL_DOWN", "GPIO_PULL_NONE",
-    "GPIO_PULL_UP", "Gpio", "I2cBus", "I2cStatusError", "i2c_msg", "RESULT_TEXT", "VarnelError",
-    "is_fd_adapter", "is_network_handle", "lib", "NegativeResponse", "net_scan", "records",
-    "result_text", "scan", "Uart",
+    "GPIO_PULL_UP", "Gpio", "I2cBus", "I2cError", "I2cStatusError", "i2c_msg", "RESULT_TEXT",
+    "VarnelError", "is_fd_adapter", "is_network_handle", "lib", "NegativeResponse", "net_scan", "records",
+    "result_text", "scan", "SMBus", "Uart",
     "UdsClient",
 ]

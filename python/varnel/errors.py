@@ -1,8 +1,9 @@
-"""Result codes in words, and the exception raised for a failed call.
+"""Result codes in words, and the exceptions raised for a failed call.
 
 The words are the ones the command-line tool prints (tools/varnel/core/result_text.cpp); a test keeps
 the two tables in step.
 """
+import errno
 
 RESULT_TEXT = {
     0: "success",
@@ -54,10 +55,11 @@ class VarnelError(Exception):
 
     def about(self, arguments):
         """The same failure, told with what the call was asked."""
-        return VarnelError(self.code, self.call, {**self.arguments, **arguments})
+        return type(self)(self.code, self.call, {**self.arguments, **arguments})
 
 
 # The status bytes of the virtual adapter's I2C firmware (VARNEL_IIC_STATUS_* in varnel.h).
+I2C_STATUS_ADDRESS_NACK = 1
 I2C_STATUS_TEXT = {
     1: "no acknowledge of the address",
     2: "a data byte was not acknowledged",
@@ -69,11 +71,24 @@ I2C_STATUS_TEXT = {
 }
 
 
-class I2cStatusError(VarnelError):
-    """An I2C or SMBus transfer ended with the adapter's status byte `code` (positive): a missing
-    acknowledge, a bus error, a PEC mismatch."""
+class I2cError(VarnelError, OSError):
+    """A failed I2C or SMBus transfer, also an OSError as smbus2's failures are, so that the
+    usual `except OSError` of a bus scan catches it: `errno` is ENXIO when no device acknowledged
+    the address, EIO for everything else (a data byte not acknowledged, a bus error, a PEC
+    mismatch, a reply that could not be read). `code` is the library's result: the adapter's
+    status byte (positive), or a negative result code."""
 
-    def __init__(self, code, call):
-        Exception.__init__(self, f"{call}: status {code} ({I2C_STATUS_TEXT.get(code, 'adapter status')})")
-        self.code = code
-        self.call = call
+    def __init__(self, code, call, arguments=None):
+        VarnelError.__init__(self, code, call, arguments)
+        if code > 0:
+            text = f"{call}: status {code} ({I2C_STATUS_TEXT.get(code, 'adapter status')})"
+        else:
+            text = f"{call}: {code} ({result_text(code, call, self.arguments)})"
+        self.errno = errno.ENXIO if code == I2C_STATUS_ADDRESS_NACK else errno.EIO
+        self.strerror = text
+        self.args = (self.errno, text)
+
+
+class I2cStatusError(I2cError):
+    """An I2C or SMBus transfer that ended with the adapter's status byte `code` (positive): a
+    missing acknowledge, a bus error, a PEC mismatch."""

@@ -3,10 +3,11 @@
     with varnel.Adapter(0x12345678) as adapter:
         with adapter.uart(0, baudrate=9600, timeout=0.5) as port:
             port.write(b"AT\\r\\n")
-            print(port.read(64))           # up to 64 bytes, waiting at most 0.5 s
+            print(port.readline())         # up to the line feed, waiting at most 0.5 s
 
 `read(size)` returns when `size` bytes came or the time-out passed; bytes the adapter handed over
-beyond `size` are kept for the next read. A failed call raises VarnelError with its code.
+beyond what a read takes are kept for the next one. Setting `baudrate`, `parity` or `stopbits`
+configures the channel again. A failed call raises VarnelError with its code.
 """
 import ctypes
 import time
@@ -15,12 +16,18 @@ from .library import lib
 from .records import UART_CONFIG, UART_MAX_LENGTH, UART_READ_SIZE
 
 PARITY_NONE, PARITY_ODD, PARITY_EVEN = "N", "O", "E"
+BREAK_BITS_MAX = 255  # the break byte of the adapter's write counts bit times
 _PARITY_CODES = {PARITY_NONE: 0, PARITY_ODD: 1, PARITY_EVEN: 2}
 
 
 def _buffer(data):
     data = bytes(data)
     return (ctypes.c_uint8 * max(len(data), 1)).from_buffer_copy(data or b"\0"), len(data)
+
+
+def _check_framing(parity, stopbits):
+    if parity not in _PARITY_CODES or stopbits not in (1, 2):
+        raise ValueError(f"unsupported framing: parity {parity!r}, {stopbits} stop bits")
 
 
 def _chunks(data):
@@ -35,15 +42,77 @@ class Uart:
 
     def __init__(self, adapter, channel, baudrate=115200, parity=PARITY_NONE, stopbits=1,
                  mode=0, timeout=1.0):
-        if parity not in _PARITY_CODES or stopbits not in (1, 2):
-            raise ValueError(f"unsupported framing: parity {parity!r}, {stopbits} stop bits")
+        _check_framing(parity, stopbits)
         self.adapter, self.channel, self.timeout = adapter, channel, timeout
         self._pending = bytearray()
-        mode = mode[0] if isinstance(mode, (bytes, bytearray)) else mode
-        config = UART_CONFIG(BaudRate=baudrate, Parity=_PARITY_CODES[parity], StopBits=stopbits,
-                             Mode=mode)
+        self._baudrate, self._parity, self._stopbits = baudrate, parity, stopbits
+        self._mode = mode[0] if isinstance(mode, (bytes, bytearray)) else mode
+        self.is_open = False
+        self.open()
+
+    def _configure(self):
+        config = UART_CONFIG(BaudRate=self._baudrate, Parity=_PARITY_CODES[self._parity],
+                             StopBits=self._stopbits, Mode=self._mode)
         self._call("UART_Init", ctypes.byref(config))
-        self.is_open = True
+
+    def _reconfigure(self, baudrate=None, parity=None, stopbits=None):
+        # a closed port keeps the settings for open(); the old ones stay when the adapter refuses
+        before = self._baudrate, self._parity, self._stopbits
+        after = (self._baudrate if baudrate is None else baudrate,
+                 self._parity if parity is None else parity,
+                 self._stopbits if stopbits is None else stopbits)
+        _check_framing(*after[1:])
+        self._baudrate, self._parity, self._stopbits = after
+        if not self.is_open:
+            return
+        try:
+            self._configure()
+        except Exception:
+            self._baudrate, self._parity, self._stopbits = before
+            raise
+
+    def open(self):
+        """Configures the channel again after close()."""
+        if not self.is_open:
+            self._configure()
+            self.is_open = True
+
+    @property
+    def baudrate(self):
+        return self._baudrate
+
+    @baudrate.setter
+    def baudrate(self, value):
+        if not isinstance(value, int) or not 0 < value <= 0xFFFFFFFF:
+            raise ValueError(f"baud rate {value!r}: expected a positive number of bit/s")
+        self._reconfigure(baudrate=value)
+
+    @property
+    def parity(self):
+        return self._parity
+
+    @parity.setter
+    def parity(self, value):
+        self._reconfigure(parity=value)
+
+    @property
+    def stopbits(self):
+        return self._stopbits
+
+    @stopbits.setter
+    def stopbits(self, value):
+        self._reconfigure(stopbits=value)
+
+    @property
+    def timeout(self):
+        """Seconds a read waits (None: until its bytes came; 0: what has arrived)."""
+        return self._timeout
+
+    @timeout.setter
+    def timeout(self, value):
+        if value is not None and value < 0:
+            raise ValueError(f"timeout {value!r}: expected None or seconds >= 0")
+        self._timeout = value
 
     def _call(self, name, *args):
         self.adapter.require_open(name)
@@ -100,19 +169,55 @@ class Uart:
 
     def read(self, size=1, timeout=None):
         """Up to `size` bytes: returns when they came or `timeout` (else self.timeout) passed."""
+        return self._read(lambda pending: size if len(pending) >= size else None, timeout)
+
+    def read_until(self, expected=b"\n", size=None):
+        """Bytes up to and with `expected`, or `size` bytes, or what came within the time-out;
+        what follows `expected` stays for the next read."""
+        expected = bytes(expected)
+
+        def end(pending):
+            at = pending.find(expected)
+            if at >= 0 and (size is None or at + len(expected) <= size):
+                return at + len(expected)
+            return size if size is not None and len(pending) >= size else None
+
+        return self._read(end, None)
+
+    def readline(self, size=-1):
+        """A line up to and with b"\\n" (at most `size` bytes when size >= 0)."""
+        return self.read_until(b"\n", None if size is None or size < 0 else size)
+
+    def _read(self, end_of, timeout):
+        # `end_of(pending)`: how many bytes make the answer, or None to wait for more
         timeout = self.timeout if timeout is None else timeout
         deadline = None if timeout is None else time.monotonic() + timeout
-        while len(self._pending) < size:
-            if deadline is None:
-                self._poll(1000)
-                continue
+        polled = False
+        while (count := end_of(self._pending)) is None:
             # at least one poll, also when the time is up: what has arrived is handed over
-            if self._poll(max(0.0, (deadline - time.monotonic()) * 1000)) == 0:
+            if polled and deadline is not None and time.monotonic() >= deadline:
+                count = len(self._pending)
                 break
-        out, self._pending = bytes(self._pending[:size]), self._pending[size:]
+            left = 1.0 if deadline is None else max(0.0, deadline - time.monotonic())
+            self._poll(left * 1000)
+            polled = True
+        out, self._pending = bytes(self._pending[:count]), self._pending[count:]
         return out
 
     def reset_input_buffer(self):
         """Drops what was received so far, here and on the adapter."""
         self._pending.clear()
         self._call("UART_ClearData")
+
+    def flush(self):
+        """Returns when every byte written so far has gone out, also those of write(wait=False):
+        an empty write that waits, which the adapter answers once its transmitter is free."""
+        self._call("UART_WriteBytes", *_buffer(b""))
+
+    def send_break(self, duration=0.25):
+        """Holds the line low for `duration` seconds, as far as the adapter can: its break is 1 to
+        255 bit times at the channel's baud rate (2.2 ms at 115200), so a longer one is cut to
+        that. Every receiver sees a break; a device that wants the line low for longer does
+        not. Returns when the break (and the one bit of line high after it) is over."""
+        bits = max(1, min(BREAK_BITS_MAX, round(duration * self._baudrate)))
+        self._call("UART_WriteBytesWithBreak", bits, *_buffer(b""))
