@@ -260,7 +260,7 @@ void MonitorModel::append_trace(std::string& out) {
   for (size_t n = 0; n < kept; ++n) {
     const MonitorFrame& f = trace_[(trace_next_ + trace_.size() - kept + n) % trace_.size()];
     const BusFrame bus = bus_frame_of(f.msg);
-    char head[96];
+    char head[192];
     std::snprintf(head, sizeof head,
                   "%s{\"ch\":%zu,\"t\":%llu,\"id\":\"%0*X\",\"ext\":%s,\"fd\":%s,\"brs\":%s,"
                   "\"rtr\":%s,\"len\":%u,\"data\":\"",

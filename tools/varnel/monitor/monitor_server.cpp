@@ -243,6 +243,13 @@ class Monitor {
     // a page that stops reading holds its thread this long before it is let go; meanwhile its
     // own queue drops its oldest updates
     server_.set_write_timeout(30, 0);
+    // Pages' sockets inherit a small send buffer, so a page that stops reading meets its own
+    // bounded queue soon instead of the kernel holding megabytes of updates for it.
+    server_.set_socket_options([](socket_t sock) {
+      int yes = 1, bytes = 64 * 1024;
+      setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+      setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+    });
     const std::string web = web_directory();
     server_.Get("/", [this, web](const httplib::Request& req, httplib::Response& res) {
       if (!admitted(req, res)) return;
