@@ -12,6 +12,7 @@ test_packages=(
   binutils srecord
   iproute2
   umockdev libumockdev-dev
+  libcpp-httplib-dev libjs-chart.js chromium python3-websocket
 )
 
 packages=()

@@ -32,4 +32,7 @@ CLI::Option* add_channel_argument(CLI::App* command, std::string& target);
 // `varnel can filter` and `varnel can schedule` (can_services_command.cpp), under `varnel can`.
 void add_can_service_commands(CLI::App* can);
 
+// `varnel can stat` (stat_command.cpp): canbusload's view of the channels.
+void add_can_stat_command(CLI::App* can);
+
 }  // namespace varnel_cli

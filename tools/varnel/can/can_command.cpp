@@ -558,6 +558,7 @@ void add_can_commands(CLI::App& app) {
 
   auto gen_target = std::make_shared<CanTarget>();
   add_can_service_commands(can);
+  add_can_stat_command(can);
 
   auto gen = can->add_subcommand("gen", "generate frames as cangen does");
   auto o = std::make_shared<GenOptions>();

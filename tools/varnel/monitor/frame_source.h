@@ -1,0 +1,42 @@
+// Where the monitor's frames come from: live CAN channels, or a candump log played back. The
+// monitor only fetches, asks the time and (where allowed) sends, so another source plugs in
+// without touching the server.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "monitor/monitor_frame.h"
+
+namespace varnel_cli::monitor {
+
+class FrameSource {
+ public:
+  virtual ~FrameSource() = default;
+  virtual const std::vector<ChannelInfo>& channels() const = 0;
+  // Appends the frames that arrived since the last call. False once the source has ended (the
+  // log played out) or failed (the message says why).
+  virtual bool fetch(std::vector<MonitorFrame>& out, std::string& message) = 0;
+  // The time the source stands at, in the frames' time (host time, or the log's time).
+  virtual uint64_t now_us() const = 0;
+  virtual ChannelHealth health(size_t /*channel*/) { return {}; }
+  // Puts a frame on the bus: 0, or a result code of the library; -1 where the source cannot.
+  virtual int send(size_t /*channel*/, const CANFD_MSG& /*frame*/) { return -1; }
+  // Releases what the source opened (the monitor calls it on Ctrl-C).
+  virtual void close() {}
+};
+
+// Live channels, by name (canN or HANDLE:CH) with the same rates for all. Prints why not and
+// returns nullptr when a channel cannot be had.
+std::unique_ptr<FrameSource> open_live_can(const std::vector<std::string>& names, uint32_t bitrate,
+                                           uint32_t data_bitrate);
+
+// A candump log ("(time) can0 123#DEADBEEF" lines) played at its own timing, or as fast as the
+// monitor takes it with `fast`. Its interfaces become the channels in order of first appearance.
+// Prints why not and returns nullptr when the file cannot be read.
+std::unique_ptr<FrameSource> open_candump_replay(const std::string& path, bool fast,
+                                                 uint32_t bitrate, uint32_t data_bitrate);
+
+}  // namespace varnel_cli::monitor
