@@ -74,6 +74,9 @@ TEST(CandumpLog, BadLinesSayWhy) {
        "expected a time stamp (SECONDS.MICROSECONDS) first, got (17000x0000.000000)"},
       {"(1.000000)", "no interface name after the time stamp"},
       {"(1.000000) can0", "no frame after the interface name"},
+      {"(1.000000) c\x01n0 123#11", "an interface name with unprintable bytes"},
+      {"(1.000000) can45678901234567890123456789012 123#11",
+       "an interface name longer than 31 characters"},
       {"(1.000000) can0 800#11", "not a frame: 800#11 (ID#DATA, ID#R or ID##FLAGS+DATA, in hex)"},
       {"(1.000000) can0 123#112", "not a frame: 123#112 (ID#DATA, ID#R or ID##FLAGS+DATA, in hex)"},
       {"(1.000000) can0 123##1"

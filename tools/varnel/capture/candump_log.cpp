@@ -8,6 +8,7 @@ namespace varnel_cli::candump_log {
 namespace {
 
 constexpr uint32_t kErrorFlag = 0x20000000;  // SocketCAN's CAN_ERR_FLAG in the identifier
+constexpr size_t kMaxInterfaceName = 31;
 constexpr const char* kFrameForms = "ID#DATA, ID#R or ID##FLAGS+DATA, in hex";
 
 bool is_space(char c) {
@@ -107,6 +108,13 @@ ParsedLine parse_line(std::string_view line) {
   parsed.record.time_us = *time;
   const std::string_view channel = next_word(rest);
   if (channel.empty()) return bad("no interface name after the time stamp");
+  // an interface name is short and printable, as the kernel's are (15 characters) or ours
+  // (HANDLE:CH); anything else would not survive being written again
+  if (channel.size() > kMaxInterfaceName)
+    return bad("an interface name longer than " + std::to_string(kMaxInterfaceName) +
+               " characters");
+  for (char c : channel)
+    if (c < 0x21 || c > 0x7E) return bad("an interface name with unprintable bytes");
   parsed.record.channel = std::string(channel);
   const std::string_view frame = next_word(rest);
   if (frame.empty()) return bad("no frame after the interface name");
