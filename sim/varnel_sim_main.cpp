@@ -2,6 +2,7 @@
 //
 //   varnel-sim [--adapter HANDLE]... [--count N] [--first-address 127.0.0.2]
 //              [--discovery-port 1025] [--tcp-port 8000] [--host-order]
+//   varnel-sim --version
 //
 // Each adapter gets its own address (127.0.0.2, .3, ...) with a TCP server; one UDP socket on
 // 127.0.0.255 answers the discovery probe for all of them. --count N serves N adapters in all: the
@@ -22,13 +23,15 @@
 
 #include "sim/bus/can_scene.h"
 #include "sim/net_server.h"
+#include "varnel_version.h"
 
 namespace {
 
 void usage() {
   std::fprintf(stderr,
                "usage: varnel-sim [--adapter HANDLE]... [--count N] [--first-address ADDR]\n"
-               "                  [--discovery-port PORT] [--tcp-port PORT] [--host-order]\n");
+               "                  [--discovery-port PORT] [--tcp-port PORT] [--host-order]\n"
+               "       varnel-sim --version\n");
 }
 
 bool parse_number(const char* text, unsigned long max, unsigned long* out) {
@@ -79,6 +82,9 @@ int main(int argc, char** argv) {
     } else if (arg == "--host-order") {
       options.replies_in_host_order = true;
       continue;
+    } else if (arg == "--version") {
+      std::printf("varnel-sim %s\n", VARNEL_VERSION_STRING);
+      return 0;
     } else if (arg == "--help" || arg == "-h") {
       usage();
       return 0;

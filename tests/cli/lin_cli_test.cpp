@@ -9,9 +9,11 @@ using namespace cli_test;
 
 TEST(LinCli, FramesPrintAsParsableLinesAndBadArgumentsExitTwo) {
   const std::regex line(R"(\(\d+\.\d{3}\) 0x12345678:0 21#11223344 pid=61 check=F3 enhanced\n)");
-  ToolRun read = varnel("--sim lin read 0x12345678:0 21");
-  EXPECT_EQ(read.exit_code, 0) << read.err;
-  EXPECT_TRUE(std::regex_match(read.out, line)) << read.out;
+  for (const char* id : {"21", "0x21", "0X21"}) {  // with 0x as every other hex argument
+    ToolRun read = varnel(std::string("--sim lin read 0x12345678:0 ") + id);
+    EXPECT_EQ(read.exit_code, 0) << id << read.err;
+    EXPECT_TRUE(std::regex_match(read.out, line)) << id << read.out;
+  }
   ToolRun silent = varnel("--sim lin read 0x12345678:0 22");
   EXPECT_EQ(silent.exit_code, 1) << "nobody answers 22";
   EXPECT_NE(silent.out.find(" 22# pid=E2 check=00 error\n"), std::string::npos) << silent.out;
@@ -21,6 +23,7 @@ TEST(LinCli, FramesPrintAsParsableLinesAndBadArgumentsExitTwo) {
     EXPECT_EQ(varnel(ok).exit_code, 0) << ok;
   for (const char* bad :
        {"--sim lin read 0x12345678:8 21", "--sim lin read 0x12345678:0 40",
+        "--sim lin read 0x12345678:0 0x40", "--sim lin read 0x12345678:0 0x",
         "--sim lin write 0x12345678:0 21#010203040506070809", "--sim lin write 0x12345678:0 21#0",
         "--sim lin schedule 0x12345678:0 21", "--sim lin schedule 0x12345678:0"})
     EXPECT_EQ(varnel(bad).exit_code, 2) << bad;

@@ -39,6 +39,7 @@ done
 # The installed tool finds its library and the usbsim relative to itself, never the build tree.
 tool() { env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS -u VARNEL_SIM_ACTIVE "$prefix/bin/varnel" "$@" 2>&1; }
 check "varnel --version" "$(tool --version)" "varnel $version"
+check "varnel-sim --version" "$("$prefix/bin/varnel-sim" --version 2>&1)" "varnel-sim $version"
 check "varnel --sim scan" "$(tool --sim scan | head -n 1)" "2 adapter(s) on USB"
 check "varnel scan without an adapter" "$(tool scan | sed -n 3p)" \
   "  the udev rules $prefix/lib/udev/rules.d/60-varnel.rules in /etc/udev/rules.d,"

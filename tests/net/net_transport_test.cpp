@@ -311,7 +311,8 @@ TEST_F(NetTransport, TrickledReplyFailsAtTheReplyDeadline) {
 }
 
 // The varnel-sim program as a user runs it: adapters from the command line, discovery and TCP on
-// the ports it prints, exit 0 on SIGTERM and SIGINT, 2 for bad arguments, 1 for a taken port.
+// the ports it prints, exit 0 on SIGTERM and SIGINT, 2 for bad arguments, 1 for a taken port;
+// --version names the library it was built with.
 TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
   const std::string sim = VARNEL_BINARY_DIR "/bin/varnel-sim";
   auto exit_code = [&](const std::string& args) {
@@ -319,6 +320,11 @@ TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   };
   EXPECT_EQ(exit_code("--adapter banana"), 2);
+  FILE* version = popen((sim + " --version").c_str(), "r");
+  char line[64] = {};
+  ASSERT_TRUE(version && fgets(line, sizeof line, version)) << "nothing on --version";
+  EXPECT_EQ(pclose(version), 0);
+  EXPECT_EQ(line, "varnel-sim " + std::string(VARNEL_GetVersion()) + "\n");
   EXPECT_EQ(exit_code("--tcp-port 70000"), 2);
   Daemon taken({0x55000210});
   const std::string port = std::to_string(taken.server->discovery_port());

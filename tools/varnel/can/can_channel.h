@@ -29,8 +29,10 @@ std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint3
 // The TARGET argument of a command on one channel (canN or HANDLE:CH), checked as it parses.
 CLI::Option* add_channel_argument(CLI::App* command, std::string& target);
 
-// `varnel can filter` and `varnel can schedule` (can_services_command.cpp), under `varnel can`.
+// `varnel can filter` and `varnel can schedule` (can_services_command.cpp), under `varnel can`;
+// they bring `varnel can play` (can_play_command.cpp) along.
 void add_can_service_commands(CLI::App* can);
+void add_can_play_command(CLI::App* can);
 
 // `varnel can stat` (stat_command.cpp): canbusload's view of the channels.
 void add_can_stat_command(CLI::App* can);

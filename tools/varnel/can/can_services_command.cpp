@@ -167,6 +167,7 @@ void add_can_service_commands(CLI::App* can) {
     }
     run_schedule(*s);
   });
+  add_can_play_command(can);
 }
 
 }  // namespace varnel_cli

@@ -66,7 +66,8 @@ int hex_value(const std::string& text, size_t max_digits) {
   return value;
 }
 
-// "21", "3C#0102", "3C#0102@20" (with_period): an ID of 0..3F, up to 8 bytes, a period in ms.
+// "21", "0x21", "3C#0102", "3C#0102@20" (with_period): an ID of 0..3F (0x before it or not), up
+// to 8 bytes, a period in ms.
 struct Frame {
   uint8_t id = 0;
   std::vector<uint8_t> data;
@@ -85,7 +86,11 @@ bool parse_frame(std::string text, Frame& f, bool with_period) {
     text = text.substr(0, at);
   }
   const size_t hash = text.find('#');
-  const int id = hex_value(text.substr(0, hash), 2);
+  std::string id_text = text.substr(0, hash);
+  // 0x21 as well as 21, as every other command takes a hex number
+  if (id_text.size() > 2 && id_text[0] == '0' && (id_text[1] == 'x' || id_text[1] == 'X'))
+    id_text.erase(0, 2);
+  const int id = hex_value(id_text, 2);
   if (id < 0 || id > 0x3F) return false;
   f.id = uint8_t(id);
   if (hash == std::string::npos) return true;

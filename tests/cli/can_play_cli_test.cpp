@@ -1,0 +1,151 @@
+// `varnel can play` replays a candump log as canplayer does. What it sends is seen by another
+// channel on the same virtual bus: a dump beside it on a `varnel sim` daemon, whose log lines
+// carry the bus time the adapter stamped each frame with.
+#include <fcntl.h>
+#include <signal.h>
+
+#include <fstream>
+#include <regex>
+
+#include "cli_support.h"
+
+using namespace cli_test;
+
+namespace {
+
+// vcan0's frames classic, remote and CAN FD with the bit-rate switch, 50 and 150 ms apart; vcan9
+// is never assigned; an error frame is the controller's report, not sent.
+constexpr const char* kLog =
+    "(1700000000.000000) vcan0 123#DEADBEEF\n"
+    "(1700000000.050000) vcan0 1ABCDEF0#R\n"
+    "(1700000000.200000) vcan9 7FF#00\n"
+    "(1700000000.200000) vcan0 456##1112233445566778899AABBCC\n"
+    "(1700000000.210000) vcan0 20000004#0004000000000000\n";
+const std::vector<std::string> kPass = {"123#DEADBEEF", "1ABCDEF0#R",
+                                        "456##1112233445566778899AABBCC"};
+
+std::string write_log(const std::string& name, const std::string& text) {
+  const std::string path = testing::TempDir() + name + std::to_string(getpid()) + ".log";
+  std::ofstream(path) << text;
+  return path;
+}
+
+// The tool in the background with its standard output readable (stderr dropped).
+pid_t start(std::vector<const char*> args, FILE** out) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  args.insert(args.begin(), "varnel");
+  args.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], 1);
+    dup2(open("/dev/null", O_WRONLY), 2);
+    for (const char* name : {"LD_LIBRARY_PATH", "VARNEL_USBSIM_ADAPTERS", "VARNEL_SIM_ACTIVE"})
+      unsetenv(name);
+    execv(VARNEL_BINARY_DIR "/bin/varnel", const_cast<char* const*>(args.data()));
+    _exit(127);
+  }
+  close(fds[1]);
+  *out = fdopen(fds[0], "r");
+  return pid;
+}
+
+void stop(pid_t pid, FILE* out) {
+  kill(pid, SIGINT);
+  waitpid(pid, nullptr, 0);
+  fclose(out);
+}
+
+// Frames the dump of channel 1 saw from the replay (not the daemon's own 321), with bus times
+// in µs. The replay starts once the dump shows its first frame: its channel is set up then.
+void replay(const std::string& play_args, size_t expected, std::vector<std::string>& frames,
+            std::vector<long long>& us) {
+  FILE* out = nullptr;
+  const pid_t dump = start({"--net", "127.0.0.1", "can", "dump", "0x55000140:1", "-L"}, &out);
+  char line[256];
+  std::cmatch m;
+  bool played = false;
+  while (frames.size() < expected && fgets(line, sizeof line, out) &&
+         std::regex_match(line, m, std::regex(R"(\((\d+)\.(\d{6})\) can1 (\S+)\n)"))) {
+    if (m[3] != "321#CAFE") {
+      frames.push_back(m[3]);
+      us.push_back(std::stoll(m[1]) * 1000000 + std::stoll(m[2]));
+    }
+    if (played) continue;
+    played = true;
+    ToolRun run = varnel("--net 127.0.0.1 can play " + play_args);
+    EXPECT_EQ(run.exit_code, 0) << run.err;
+    if (run.exit_code != 0) break;
+  }
+  stop(dump, out);
+}
+
+}  // namespace
+
+// The log's gaps hold on the bus: no frame leaves well before its time (a late first frame may
+// shorten the next gap, hence the margin); a second pass starts over; -g replaces the timing.
+TEST(CanPlayCli, SendsTheAssignedChannelsFramesInOrderAtTheLogsTimes) {
+  FILE* daemon_out = nullptr;
+  const pid_t daemon =
+      start({"--sim-traffic", "321#CAFE@20", "sim", "--adapter", "0x55000140", "--discovery-port",
+             "0", "--tcp-port", "0", "--first-address", "127.0.0.44"},
+            &daemon_out);
+  unsigned discovery = 0, tcp = 0;
+  EXPECT_EQ(
+      fscanf(daemon_out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp),
+      2);
+  setenv("VARNEL_NET_DISCOVERY_PORT", std::to_string(discovery).c_str(), 1);
+  setenv("VARNEL_NET_TCP_PORT", std::to_string(tcp).c_str(), 1);
+  const std::string log = write_log("replay", kLog);
+  std::vector<std::string> frames, gapped;
+  std::vector<long long> us, gapped_us;
+  replay(log + " can0=vcan0 -l 2", 6, frames, us);
+  replay("-I " + log + " can0=vcan0 -g 100", 3, gapped, gapped_us);
+  stop(daemon, daemon_out);
+  std::vector<std::string> twice = kPass;
+  twice.insert(twice.end(), kPass.begin(), kPass.end());
+  ASSERT_EQ(frames, twice);
+  for (size_t first : {0, 3}) {
+    EXPECT_GE(us[first + 1] - us[first], 30000) << first;      // 50 ms in the log
+    EXPECT_GE(us[first + 2] - us[first + 1], 90000) << first;  // 150 ms
+  }
+  ASSERT_EQ(gapped, kPass);
+  EXPECT_GE(gapped_us[1] - gapped_us[0], 60000);
+  EXPECT_GE(gapped_us[2] - gapped_us[1], 60000);
+}
+
+// -v prints each frame sent as canplayer does, stdout=LOGCHANNEL that channel's lines; a bad line
+// (counted with comments and blank lines) or a log channel with no channel of its name fails
+// before anything is sent.
+TEST(CanPlayCli, PrintsWhatItSendsAndNamesTheLineThatFails) {
+  const std::string log = write_log("lines", kLog);
+  ToolRun verbose = varnel("--sim can play " + log + " can2=vcan0 stdout=vcan9 -t -v");
+  EXPECT_EQ(verbose.exit_code, 0) << verbose.err;
+  EXPECT_EQ(verbose.out,
+            "can2 (vcan0) 123#DEADBEEF\ncan2 (vcan0) 1ABCDEF0#R\n"
+            "(1700000000.200000) vcan9 7FF#00\ncan2 (vcan0) 456##1112233445566778899AABBCC\n");
+  const std::string bad =
+      write_log("bad", "# candump -L\n(1.000000) can0 123#11\r\n\n(1.1) can0 123#1\n");
+  const struct {
+    std::string args;
+    int exit_code;
+    std::string err;
+  } cases[] = {
+      {bad, 1, bad + ":4: not a frame: 123#1 (ID#DATA, ID#R or ID##FLAGS+DATA, in hex)"},
+      {log, 1,
+       log + ":1: log channel vcan0 is no channel name here (canN or HANDLE:CH): assign it a "
+             "channel, CHANNEL=vcan0"},
+      {log + " can0=vcan0 -l 0", 2, "-l takes a number of passes or i (forever), not 0"},
+      {log + " vcan0=can0", 2,
+       "bad assignment vcan0=can0 (CHANNEL=LOGCHANNEL, CHANNEL canN, HANDLE:CH or stdout)"},
+      {log + " 0x12345678:0=vcan0", 1,  // a classic adapter for a CAN FD frame
+       "the log has CAN FD frames on vcan0, and can0 is on an adapter without a CAN FD "
+       "controller"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel("--sim can play " + c.args);
+    EXPECT_EQ(run.exit_code, c.exit_code) << c.args;
+    EXPECT_EQ(run.err, "can play: " + c.err + "\n") << c.args;
+    EXPECT_EQ(run.out, "") << c.args;
+  }
+}
