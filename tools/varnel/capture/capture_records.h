@@ -5,7 +5,7 @@
 //     format), two reserved bytes, then the data, padded to the 8 or 64 bytes of Linux's
 //     can_frame / canfd_frame so that a reader that tells the two apart by size reads it too;
 //   - the adapter's error state events as SocketCAN error frames;
-//   - LIN frames with the 8-byte LIN pseudo-header (link type 254).
+//   - LIN frames with the 8-byte LIN pseudo-header (link type 212).
 // The same definitions decode what the reader finds (`varnel can play`, the monitor's replay).
 #pragma once
 
@@ -20,7 +20,7 @@
 namespace varnel_cli::capture {
 
 constexpr uint16_t kLinkTypeSocketCan = 227;
-constexpr uint16_t kLinkTypeLin = 254;
+constexpr uint16_t kLinkTypeLin = 212;  // LINKTYPE_LIN (254 is the Bluetooth monitor)
 
 constexpr uint32_t kCanExtendedFlag = 0x80000000u;
 constexpr uint32_t kCanRemoteFlag = 0x40000000u;
