@@ -11,6 +11,7 @@ test_packages=(
   binutils srecord
   iproute2
   umockdev libumockdev-dev
+  tshark
 )
 
 packages=()

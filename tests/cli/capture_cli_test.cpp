@@ -33,9 +33,10 @@ std::string tshark_fields(const std::string& file, const std::string& fields) {
 
 // Identifiers, lengths and data as sent by the virtual bus's node; the CAN FD frames with the
 // bit-rate switch where the traffic asked for it (##1) and 72-byte canfd_frame packets (the FD
-// flags field exists for CAN FD frames only: a classic frame leaves it empty); device events as error frames: controller problem
-// (0x04) and counters (0x200) under the error flag 0x20000000, RX warning in byte 1, the
-// receive error counter in byte 7 (0x60 = 96, then 0x80 = 128 with RX passive).
+// flags field exists for CAN FD frames only: a classic frame leaves it empty); device events as
+// error frames: controller problem (0x04) and counters (0x200) under the error flag 0x20000000, RX
+// warning in byte 1, the receive error counter in byte 7 (0x60 = 96, then 0x80 = 128 with RX
+// passive).
 TEST(CaptureCli, TsharkReadsCanDumpCapturesAsSent) {
   const std::string base = "-e frame.interface_name -e can.id -e can.flags.xtd -e can.len ";
   const struct {
@@ -72,6 +73,27 @@ TEST(CaptureCli, CaptureDescribesEachChannel) {
   ASSERT_EQ(run.exit_code, 0) << run.err;
   EXPECT_EQ(tshark_fields(file, "-e frame.interface_description -e frame.encap_type"),
             "VARNEL 0x53000001:0 CAN FD 500000/2000000 bit/s,125\n");
+  std::remove(file.c_str());
+}
+
+// A diagnostic exchange captured from the virtual ECU (the bus's node sends the request 22 F190
+// and the flow control the tester would): Wireshark's ISO-TP reassembles the 20-byte response of
+// first and consecutive frames and UDS decodes both, the VIN as the ECU documents it.
+TEST(CaptureCli, TsharkDecodesUdsFromTheVirtualEcuWithoutADatabase) {
+  const std::string file = temp_path("uds.pcapng");
+  ToolRun run = varnel(
+      "--sim-traffic 7E0#0322F19000000000@100,7E0#3000000000000000@100 can dump can0 -n 12 -T "
+      "5000 -w " +
+      file);
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const std::string uds =
+      shell("tshark -r " + file +
+            " -o iso15765.can.ids:0x7e0-0x7e8 -d iso15765.subdissector,uds -Y uds -T fields "
+            "-E separator=, -e can.id -e uds.sid -e uds.reply -e uds.rdbi.data_identifier "
+            "-e uds.rdbi.data_record 2>/dev/null");
+  EXPECT_NE(uds.find("2016,0x22,0x00,0xf190,\n"), std::string::npos) << uds;
+  const std::string vin = "5641524e454c53494d4543553030303031";  // "VARNELSIMECU00001"
+  EXPECT_NE(uds.find("2024,0x22,0x01,0xf190," + vin + "\n"), std::string::npos) << uds;
   std::remove(file.c_str());
 }
 
