@@ -13,6 +13,7 @@ test_packages=(
   iproute2
   umockdev libumockdev-dev
   libcpp-httplib-dev libjs-chart.js chromium python3-websocket
+  tshark
 )
 
 packages=()

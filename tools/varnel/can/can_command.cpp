@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "can/can_channel.h"
+#include "capture/capture_file.h"
 #include "core/adapter.h"
 #include "core/can_names.h"
 #include "core/can_time.h"
@@ -291,6 +292,7 @@ struct DumpOptions {
   int time_limit_ms = 0;    // -T
   std::string dbc;
   bool errors = false;  // -e
+  std::string capture;  // -w: a pcapng capture instead of lines
 };
 
 std::atomic<bool> interrupted{false};
@@ -337,6 +339,16 @@ void run_dump(CanTarget t, const DumpOptions& o) {
     return;
   }
   if (!open_channel(t)) return;
+  auto capture = o.capture.empty() ? nullptr : capture::CaptureFile::create(o.capture);
+  if (!o.capture.empty() && !capture) {
+    varnel_cli::exit_code() = 1;
+    close_adapter(t.handle);
+    return;
+  }
+  const uint32_t capture_interface =
+      capture
+          ? capture->add_can_channel(t.interface, t.handle, t.channel, t.bitrate, t.data_bitrate)
+          : 0;
   FILE* out = stdout;
   if (o.log_file) {
     const std::string name = log_file_name();
@@ -393,6 +405,7 @@ void run_dump(CanTarget t, const DumpOptions& o) {
       if (event && !o.errors) continue;  // not a frame: out of the output unless asked for
       if (!event && !passes_filters(t, f.Id)) continue;
       ++shown;
+      if (capture && capture->write_can(capture_interface, f, now)) continue;
       const std::string& name = t.interface;
       if (log_format) {
         const std::string line = varnel::can_text::candump_log_line(name, f, now);
@@ -408,8 +421,13 @@ void run_dump(CanTarget t, const DumpOptions& o) {
       if (!event) print_decoded(db, f);
     }
     std::fflush(out);
+    if (capture) capture->flush();
   }
   std::signal(SIGINT, previous);
+  if (capture && !capture->ok()) {
+    std::fprintf(stderr, "can dump: writing %s failed\n", o.capture.c_str());
+    varnel_cli::exit_code() = 1;
+  }
   if (out != stdout) std::fclose(out);
   warn_if_reconnected(t, reconnects_seen);
   // the count or time limit may come first: a poller that stopped meanwhile still fails the dump
@@ -554,6 +572,9 @@ void add_can_commands(CLI::App& app) {
   dump->add_option("-T,--timeout", d->time_limit_ms, "stop after MS milliseconds");
   dump->add_option("--dbc", d->dbc, "decode frames with this DBC database");
   dump->add_flag("-e,--errors", d->errors, "show device events as candump shows error frames");
+  dump->add_option(
+      "-w,--write", d->capture,
+      "write the frames to a pcapng capture (Wireshark, tshark) instead; - for stdout");
   dump->callback([=] { run_dump(*dump_target, *d); });
 
   auto gen_target = std::make_shared<CanTarget>();

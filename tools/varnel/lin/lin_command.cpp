@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "capture/capture_file.h"
 #include "core/adapter.h"
 #include "core/channel_session.h"
 #include "core/command_group.h"
@@ -43,6 +44,7 @@ struct LinOptions {
   uint32_t baud = 19200;
   bool classic = false, enhanced = false, stop = false;
   int count = 0, time_limit_ms = 0;
+  std::string capture;  // dump -w: a pcapng capture instead of lines
   uint32_t runs = 0;
 };
 
@@ -228,6 +230,9 @@ std::atomic<bool> interrupted{false};
 
 void run_dump(const LinOptions& o) {
   with_channel(o, 0, [&](const Target& t) {
+    auto capture = o.capture.empty() ? nullptr : capture::CaptureFile::create(o.capture);
+    if (!o.capture.empty() && !capture) return CallResult::reported();
+    if (capture) capture->add_lin_channel(o.target, t.handle, t.channel, o.baud);
     interrupted = false;
     auto previous = std::signal(SIGINT, [](int) { interrupted = true; });
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.time_limit_ms);
@@ -237,13 +242,24 @@ void run_dump(const LinOptions& o) {
            (o.time_limit_ms <= 0 || std::chrono::steady_clock::now() < end)) {
       const int n = LIN_EX_GetMsg(t.handle, t.channel, frames.data(), int32_t(frames.size()));
       if (failed("LIN_EX_GetMsg", n)) break;
-      for (int i = 0; i < n && (o.count <= 0 || shown < o.count); ++i, ++shown)
-        print_frame(t, frames[size_t(i)]);
+      const int64_t start_ms = LIN_EX_GetStartTime(t.handle, t.channel);
+      for (int i = 0; i < n && (o.count <= 0 || shown < o.count); ++i, ++shown) {
+        const LIN_EX_MSG& f = frames[size_t(i)];
+        if (capture)
+          capture->write_lin(0, f, capture::lin_host_us(start_ms, f.TimeStamp));
+        else
+          print_frame(t, f);
+      }
       std::fflush(stdout);
+      if (capture && !capture->flush()) break;
       if (n == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     std::signal(SIGINT, previous);
-    return 0;
+    if (capture && !capture->ok()) {
+      std::fprintf(stderr, "lin dump: writing %s failed\n", o.capture.c_str());
+      return CallResult::reported();
+    }
+    return CallResult(0);
   });
 }
 
@@ -349,6 +365,9 @@ void add_lin_commands(CLI::App& app) {
   CLI::App* dump = add("dump", "every frame the channel sees, one line each");
   dump->add_option("-n,--count", o->count, "frames to show (default: until Ctrl-C)");
   dump->add_option("-T,--timeout", o->time_limit_ms, "stop after this many ms");
+  dump->add_option(
+      "-w,--write", o->capture,
+      "write the frames to a pcapng capture (Wireshark, tshark) instead; - for stdout");
   dump->callback([o] { run_dump(*o); });
   CLI::App* uds = add("uds", "diagnostic requests to a node (LIN diagnostic transport)");
   uds->add_option("NAD", o->nad, "node address in hex (1..7F)")
