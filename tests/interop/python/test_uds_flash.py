@@ -6,7 +6,9 @@ import random
 import threading
 import unittest
 
-os.environ.setdefault("VARNEL_SIM_CAN_ECU", "7E0/7E8")  # read when the virtual bus starts
+# the virtual ECU answers on 7E1/7E9, out of the way of the independent server on 7E0/7E8; the
+# variable is read when the virtual bus starts
+os.environ["VARNEL_SIM_CAN_ECU"] = "7E1/7E9"
 
 import can  # noqa: E402
 
@@ -22,7 +24,7 @@ class FlashIntoTheVirtualEcu(unittest.TestCase):
         self.addCleanup(self.adapter.close)
         self.channel = self.adapter.can(0, bitrate=500000)
         self.addCleanup(self.channel.close)
-        self.client = Client(self.adapter.uds(0, 0x7E0, 0x7E8), timeout=2.0)
+        self.client = Client(self.adapter.uds(0, 0x7E1, 0x7E9), timeout=2.0)
 
     def test_a_256_kib_image_reads_back_equal(self):
         image = random.Random(7).randbytes(256 * 1024)
