@@ -28,6 +28,67 @@ CanFrame bus_frame(const CANFD_MSG& msg) {
   return frame;
 }
 
+// The ECU's options after its identifiers: key=NAME (its key routine), block=N (its
+// maxNumberOfBlockLength, 3..4095), pending=N ("response pending" answers to an erase) and
+// fault=A+B... (wrong-key, wrong-sequence, abort-transfer, checksum, reset). False, with the bad
+// option in `bad`, for anything else.
+bool apply_ecu_options(const std::string& text, UdsServer& server, std::string* bad) {
+  UdsServer::Config config;
+  UdsServer::Faults faults;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(',', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    start = end + 1;
+    const size_t equals = item.find('=');
+    const std::string name = item.substr(0, equals);
+    const std::string value = equals == std::string::npos ? "" : item.substr(equals + 1);
+    char* stop = nullptr;
+    const unsigned long number = std::strtoul(value.c_str(), &stop, 0);
+    const bool numeric = !value.empty() && *stop == '\0';
+    bool ok = true;
+    if (name == "key") {
+      config.key_routine = UdsServer::key_routine_named(value);
+      ok = config.key_routine != nullptr;
+    } else if (name == "block") {
+      ok = numeric && number >= 3 && number <= 4095;
+      config.max_block_length = uint16_t(number);
+    } else if (name == "pending") {
+      ok = numeric && number <= 100;
+      config.erase_pending = int(number);
+    } else if (name == "fault") {
+      for (size_t at = 0; ok && at <= value.size();) {
+        size_t plus = value.find('+', at);
+        if (plus == std::string::npos) plus = value.size();
+        const std::string fault = value.substr(at, plus - at);
+        at = plus + 1;
+        if (fault == "wrong-key")
+          faults.wrong_key = true;
+        else if (fault == "wrong-sequence")
+          faults.wrong_sequence = true;
+        else if (fault == "abort-transfer")
+          faults.abort_transfer = true;
+        else if (fault == "checksum")
+          faults.corrupt_byte = true;
+        else if (fault == "reset")
+          faults.reset_after_erase = true;
+        else
+          ok = false;
+      }
+    } else {
+      ok = false;
+    }
+    if (!ok) {
+      *bad = item;
+      return false;
+    }
+  }
+  server.configure(config);
+  server.set_faults(faults);
+  return true;
+}
+
 std::string environment(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
@@ -58,12 +119,15 @@ std::shared_ptr<CanPeer> start_can_scene(const std::string& timing_text,
   return peer;
 }
 
-std::shared_ptr<CanDiagnosticEcu> start_can_ecu(const std::string& ids,
+std::shared_ptr<CanDiagnosticEcu> start_can_ecu(const std::string& ids_and_options,
                                                 const std::string& timing_text,
                                                 const std::shared_ptr<CanBus>& bus,
                                                 std::string* error) {
-  if (ids.empty()) return nullptr;
+  if (ids_and_options.empty()) return nullptr;
   const auto timing = scene_text::parse_timing(timing_text.empty() ? kDefaultTiming : timing_text);
+  const size_t comma = ids_and_options.find(',');
+  const std::string ids = ids_and_options.substr(0, comma);
+  const std::string options = comma == std::string::npos ? "" : ids_and_options.substr(comma + 1);
   const size_t slash = ids.find('/');
   char* end = nullptr;
   CanDiagnosticEcu::Config config;
@@ -81,7 +145,16 @@ std::shared_ptr<CanDiagnosticEcu> start_can_ecu(const std::string& ids,
   config.extended_ids =
       request.size() == 8 || config.request_id > 0x7FF || config.response_id > 0x7FF;
   config.timing = {timing->nominal_bps, timing->data_bps};
-  return CanDiagnosticEcu::create(bus, config);
+  auto ecu = CanDiagnosticEcu::create(bus, config);
+  std::string bad;
+  if (!apply_ecu_options(options, ecu->server(), &bad)) {
+    *error = "bad diagnostic ECU option '" + bad +
+             "' (use key=rotate7|xor, block=N, pending=N, fault=wrong-key|wrong-sequence|"
+             "abort-transfer|checksum|reset)";
+    bus->detach(ecu.get());
+    return nullptr;
+  }
+  return ecu;
 }
 
 void start_can_scene_from_environment() {

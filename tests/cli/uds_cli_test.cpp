@@ -29,3 +29,72 @@ TEST(UdsCli, ResponsesInHexAndNegativeOnesByName) {
     EXPECT_EQ(run.out, c.out) << c.args;
   }
 }
+
+// A small image of two segments, one in each flash region of the default map, as S-records
+// (objcopy writes them: an independent writer).
+static std::string two_segment_image() {
+  const std::string dir = testing::TempDir();
+  std::system(("cd " + dir +
+               " && head -c 1000 /dev/urandom > app.bin && head -c 300 /dev/urandom > cal.bin"
+               " && objcopy -I binary -O srec --change-addresses 0x20000 app.bin app.srec"
+               " && objcopy -I binary -O srec --change-addresses 0x10F00 cal.bin cal.srec"
+               " && grep -h '^S[123]' cal.srec app.srec > image.srec")
+                  .c_str());
+  return dir + "image.srec";
+}
+
+TEST(UdsCli, FlashFaultsGiveTheirErrorAndExitCode) {
+  const std::string image = two_segment_image();
+  struct Case {
+    const char* ecu;
+    const char* extra;
+    int exit_code;
+    const char* said;  // on stderr, or stdout for success
+  } cases[] = {
+      {"7E0/7E8,block=18", "--verify", 0, "Read back 1300 bytes: VERIFIED."},
+      {"7E0/7E8,key=xor", "--key-routine xor", 0, "the ECU's CRC-32 matches"},
+      {"7E0/7E8,key=xor", "", 3, "security access (key): 7F 27 35 (invalidKey)"},
+      {"7E0/7E8,fault=wrong-key", "", 3, "7F 27 35 (invalidKey)"},
+      {"7E0/7E8,block=18,fault=wrong-sequence", "", 4, "7F 36 73 (wrongBlockSequenceCounter)"},
+      {"7E0/7E8,block=18,fault=abort-transfer", "", 4, "7F 36 71 (transferDataSuspended)"},
+      {"7E0/7E8,fault=checksum", "", 5, "the ECU's CRC-32 is"},
+      {"7E0/7E8,fault=reset", "", 4, "no longer in its programming session (now 01)"},
+      {"7E0/7E8", "--key-routine nonsense", 2, "expected rotate7, xor or LIB.so:FUNCTION"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(std::string("--sim-ecu ") + c.ecu + " uds flash can0 7E0 7E8 " + image +
+                         " " + c.extra);
+    EXPECT_EQ(run.exit_code, c.exit_code) << c.ecu << "\n" << run.err;
+    EXPECT_NE((run.out + run.err).find(c.said), std::string::npos) << c.ecu << "\n" << run.err;
+    if (c.exit_code != 0) {
+      EXPECT_EQ(run.out.find("VERIFIED"), std::string::npos) << c.ecu;
+    }
+  }
+}
+
+TEST(UdsCli, InfoDtcAndReadDecodeWhatTheEcuSends) {
+  // DTC texts by hand from the 3-byte codes: the top two bits pick P/C/B/U, the next two the
+  // first digit, then three hex digits and the failure type byte (01 23 00 -> P0123-00,
+  // 40 35 11 -> C0035-11, C1 00 87 -> U0100-87, 92 34 00 -> B1234-00)
+  ToolRun dtc = varnel("--sim uds dtc can0 7E0 7E8");
+  EXPECT_EQ(dtc.exit_code, 0) << dtc.err;
+  EXPECT_EQ(dtc.out,
+            "P0123-00  status 09: testFailed confirmedDTC\n"
+            "C0035-11  status 04: pendingDTC\n"
+            "U0100-87  status 28: confirmedDTC testFailedSinceLastClear\n"
+            "B1234-00  status 20: testFailedSinceLastClear\n");
+  EXPECT_EQ(varnel("--sim uds dtc can0 7E0 7E8 --mask 04").out,
+            "C0035-11  status 04: pendingDTC\n");
+  EXPECT_EQ(varnel("--sim uds dtc can0 7E0 7E8 --clear").out, "trouble codes cleared\n");
+
+  ToolRun read = varnel("--sim uds read can0 7E0 7E8 F18B 0xF195 F1FF");
+  EXPECT_EQ(read.exit_code, 1);
+  EXPECT_EQ(read.out,
+            "F18B: 24 03 15\nF195: 31 2E 34 2E 32 \"1.4.2\"\nF1FF: 7F 22 31 (requestOutOfRange)\n");
+
+  ToolRun info = varnel("--sim uds info can0 7E0 7E8");
+  EXPECT_EQ(info.exit_code, 0) << info.err;
+  EXPECT_NE(info.out.find("F18B ECUManufacturingDate"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("24 03 15 (2024-03-15)"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("F186 activeDiagnosticSession"), std::string::npos) << info.out;
+}

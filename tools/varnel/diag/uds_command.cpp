@@ -17,7 +17,9 @@
 #include "core/adapter.h"
 #include "core/command_group.h"
 #include "core/result_text.h"
+#include "diag/uds_client.h"
 #include "diag/uds_text.h"
+#include "diag/uds_workflows.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -96,30 +98,19 @@ void run_uds(const UdsOptions& o) {
   close_adapter(ch->handle);
 }
 
-CLI::Validator can_id_validator() {
-  return CLI::Validator(
-      [](std::string& text) {
-        const bool hex = !text.empty() && text.size() <= 8 &&
-                         text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-        return hex && std::stoul(text, nullptr, 16) <= 0x1FFFFFFF
-                   ? std::string()
-                   : "expected a CAN identifier in hex (7E0, 18DA10F1), got " + text;
-      },
-      "ID");
-}
-
 void add_uds_commands(CLI::App& app) {
   auto o = std::make_shared<UdsOptions>();
   CLI::App* uds = app.add_subcommand(
       "uds", "diagnostic requests over ISO-TP: varnel uds can0 7E0 7E8 22F190 (response in hex)");
-  add_channel_argument(uds, o->target);
-  uds->add_option("TXID", o->tx_text, "identifier of the requests (hex)")
-      ->required()
-      ->check(can_id_validator());
-  uds->add_option("RXID", o->rx_text, "identifier of the responses (hex)")
-      ->required()
-      ->check(can_id_validator());
-  uds->add_option("REQUEST", o->requests, "requests in hex, sent in order")->required();
+  // the workflows are subcommands; without one the arguments are the requests in hex
+  add_uds_read_commands(uds);
+  add_uds_flash_command(uds);
+  auto* target = add_channel_argument(uds, o->target)->required(false);
+  auto* txid = uds->add_option("TXID", o->tx_text, "identifier of the requests (hex)")
+                   ->check(can_id_validator());
+  auto* rxid = uds->add_option("RXID", o->rx_text, "identifier of the responses (hex)")
+                   ->check(can_id_validator());
+  auto* request = uds->add_option("REQUEST", o->requests, "requests in hex, sent in order");
   uds->add_option("-x,--ext-addr", o->ext_addr, "extended addressing with this address (hex)")
       ->check(CLI::Validator(
           [](std::string& text) {
@@ -137,7 +128,12 @@ void add_uds_commands(CLI::App& app) {
       ->check(CLI::Range(1, 600000));
   uds->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");
   uds->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
-  uds->callback([o] { run_uds(*o); });
+  uds->callback([=] {
+    if (!uds->get_subcommands().empty()) return;
+    for (const CLI::Option* required : {target, txid, rxid, request})
+      if (required->count() == 0) throw CLI::RequiredError(required->get_name());
+    run_uds(*o);
+  });
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 // security access refused, 4 erase or write refused, 5 verification failed.
 #include "lin/lin_flash_command.h"
 
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -18,6 +16,7 @@
 #include "core/adapter.h"
 #include "core/channel_session.h"
 #include "core/command_group.h"
+#include "core/library_symbol.h"
 #include "core/progress.h"
 #include "core/result_text.h"
 #include "core/sim_mode.h"
@@ -70,19 +69,11 @@ constexpr struct {
 VARNEL_LIN_BOOT_KEY_ROUTINE find_key_routine(const std::string& text, std::string& why) {
   for (const auto& k : kKeyRoutines)
     if (text == k.name) return k.routine;
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
+  if (!names_library_symbol(text)) {
     why = "expected rotate5, xor or LIB.so:FUNCTION, got " + text;
     return nullptr;
   }
-  void* library = dlopen(text.substr(0, colon).c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!library) {
-    why = dlerror();
-    return nullptr;
-  }
-  void* symbol = dlsym(library, text.substr(colon + 1).c_str());
-  if (!symbol) why = "no function " + text.substr(colon + 1) + " in " + text.substr(0, colon);
-  return reinterpret_cast<VARNEL_LIN_BOOT_KEY_ROUTINE>(symbol);
+  return reinterpret_cast<VARNEL_LIN_BOOT_KEY_ROUTINE>(find_library_symbol(text, why));
 }
 
 int fail(const char* what, int rc, int code) {
