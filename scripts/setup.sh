@@ -9,7 +9,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libtsan2 clang libclang-rt-14-dev
   python3 python3-can python3-canmatrix python3-numpy python3-pip python3-setuptools python3-venv
   binutils srecord
-  iproute2
+  iproute2 tmux
   umockdev libumockdev-dev
 )
 
