@@ -102,6 +102,7 @@ TEST(VarnelUartCli, BadDataTargetOrFramingIsAUsageError) {
   EXPECT_EQ(varnel("--sim uart 0x12345678:8 read").exit_code, 2);
   EXPECT_EQ(varnel("--sim uart 0x12345678:0 -y x send 41").exit_code, 2);
   EXPECT_EQ(varnel("--sim uart 0x12345678:0 -y e -p 2 --baud 300 send 41").exit_code, 0);
+  EXPECT_EQ(varnel("--sim uart 0x12345678:0 -d 8 send 41").exit_code, 0);
   EXPECT_EQ(varnel("--sim uart 0x12345678:0 -d 7 send 41").exit_code, 2);  // 8 data bits only
   EXPECT_EQ(varnel("--sim uart 0x12345678:0 term --omap crlf,nocr < /dev/null").exit_code, 2);
 }
