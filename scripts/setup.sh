@@ -10,7 +10,7 @@ test_packages=(
   python3 python3-can python3-canmatrix python3-numpy python3-pip python3-setuptools python3-venv
   python3-serial python3-smbus2
   binutils srecord
-  iproute2
+  iproute2 tmux
   umockdev libumockdev-dev
   libcpp-httplib-dev libjs-chart.js chromium python3-websocket
   tshark

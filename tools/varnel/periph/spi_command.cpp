@@ -3,6 +3,8 @@
 //   varnel spi flash TARGET id                       the flash's identification and size
 //   varnel spi flash TARGET read|write|verify FILE   the whole flash (or --size bytes) to/from FILE
 //   varnel spi flash TARGET erase                    the whole chip
+//   varnel spi flash TARGET -r|-w|-v FILE, -E         flashrom's spelling of the same; an image
+//                                                    must then be the flash's size, as there
 // TARGET is HANDLE:CHANNEL. `write` erases only the 4 KiB sectors that need it, writes only the
 // sectors that differ, and verifies. Progress goes to stderr: a bar on a terminal, a line per
 // quarter otherwise.
@@ -10,7 +12,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -38,6 +42,7 @@ constexpr ResultMeaning kSpiResults[] = {
 
 struct SpiOptions {
   std::string target, operation, data, file;
+  bool flashrom_flags = false;  // -r/-w/-v/-E: an image must be exactly the flash's size
   uint32_t read = 0;
   uint32_t size = 0;  // 0: the size the identification gives
   uint32_t clock = 10000000;
@@ -112,8 +117,19 @@ bool verify_flash(const Target& t, const std::vector<uint8_t>& image) {
   return true;
 }
 
+// flashrom's words for a file it cannot open.
+void cannot_open(const std::string& file, int error) {
+  std::fprintf(stderr, "Error: opening file \"%s\" failed: %s\n", file.c_str(),
+               std::strerror(error));
+  exit_code() = 1;
+}
+
 bool load_image(const SpiOptions& o, std::vector<uint8_t>& image) {
   std::ifstream in(o.file, std::ios::binary);
+  if (!in.is_open()) {
+    cannot_open(o.file, errno);
+    return false;
+  }
   image.assign(std::istreambuf_iterator<char>(in), {});
   if (!in.good() && !in.eof()) image.clear();
   if (!in || image.empty()) {
@@ -125,7 +141,8 @@ bool load_image(const SpiOptions& o, std::vector<uint8_t>& image) {
 }
 
 // The flash's size: its identification's, or --size where the identification does not tell; a
-// --size or an image larger than the flash is refused here, before anything is erased. 0: refused.
+// --size larger than the flash, an image larger than the size (with flashrom's flags: of another
+// size) are refused here, before anything is erased. 0: refused.
 uint32_t flash_size(const SpiOptions& o, const uint8_t* id, size_t image_size) {
   const uint32_t chip = size_from_capacity(id[2]);
   const uint32_t size = o.size ? o.size : chip;
@@ -134,8 +151,12 @@ uint32_t flash_size(const SpiOptions& o, const uint8_t* id, size_t image_size) {
     refusal = "the identification does not give the flash size: give --size";
   else if (chip && size > chip)
     refusal = "--size is larger than the flash";
-  else if (image_size > size)
-    refusal = "the image is larger than the flash";
+  if (!refusal && image_size && (image_size > size || (o.flashrom_flags && image_size != size))) {
+    std::fprintf(stderr, "Error: Image size (%zu B) doesn't match the expected size (%u B)!\n",
+                 image_size, size);
+    exit_code() = 1;
+    return 0;
+  }
   if (!refusal) return size;
   std::fprintf(stderr, "flash ID %02X %02X %02X (%u bytes): %s\n", id[0], id[1], id[2], chip,
                refusal);
@@ -172,6 +193,7 @@ void run_flash_operation(const SpiOptions& o, const Target& t, const uint8_t* id
     std::vector<uint8_t> data;
     if (!read_flash(t, size, data, "reading")) return;
     std::ofstream out(o.file, std::ios::binary);
+    if (!out.is_open()) return cannot_open(o.file, errno);
     out.write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
     if (!out) {
       std::fprintf(stderr, "%s: cannot write\n", o.file.c_str());
@@ -274,15 +296,48 @@ void add_spi_commands(CLI::App& app) {
 
   CLI::App* flash = spi->add_subcommand("flash", "SPI NOR flash: id, read, write, verify, erase");
   flash->add_option("TARGET", o->target, "HANDLE:CHANNEL")->required()->check(target_validator());
-  flash->add_option("OPERATION", o->operation, "id|read|write|verify|erase")
-      ->required()
-      ->check(CLI::IsMember({"id", "read", "write", "verify", "erase"}));
+  CLI::Option* operation =
+      flash->add_option("OPERATION", o->operation, "id|read|write|verify|erase")
+          ->check(CLI::IsMember({"id", "read", "write", "verify", "erase"}));
   flash->add_option("FILE", o->file, "the image (read, write, verify)");
+  // flashrom's flags for the same operations
+  std::vector<CLI::Option*> flags;
+  for (const auto& [names, word] :
+       {std::pair{"-r,--read", "read"}, {"-w,--write", "write"}, {"-v,--verify", "verify"}}) {
+    const std::string op = word;
+    flags.push_back(flash
+                        ->add_option_function<std::string>(
+                            names,
+                            [o, op](const std::string& file) {
+                              o->operation = op;
+                              o->file = file;
+                              o->flashrom_flags = true;
+                            },
+                            op + " the flash from/to FILE as flashrom does")
+                        ->type_name("FILE"));
+  }
+  flags.push_back(flash->add_flag_callback(
+      "-E,--erase",
+      [o] {
+        o->operation = "erase";
+        o->flashrom_flags = true;
+      },
+      "erase the chip as flashrom does"));
+  for (CLI::Option* flag : flags) {
+    flag->excludes(operation);
+    for (CLI::Option* other : flags)
+      if (other != flag) flag->excludes(other);
+  }
   flash
       ->add_option("--size", o->size,
                    "bytes of the flash to use (default: the size its identification gives)")
       ->check(CLI::Range(1u, 1u << 28));
   flash->callback([o] {
+    if (o->operation.empty()) {
+      std::fprintf(stderr, "spi flash: give an OPERATION, or one of -r, -w, -v FILE, -E\n");
+      exit_code() = 2;
+      return;
+    }
     const bool needs_file =
         o->operation == "read" || o->operation == "write" || o->operation == "verify";
     if (needs_file == o->file.empty()) {

@@ -1,10 +1,12 @@
 // `varnel uart`: a UART channel from the shell. TARGET is HANDLE:CHANNEL (channel 0 when left out);
-// each command configures the channel first: --baud (115200 by default), and picocom's framing
-// options --parity (-y) n, o or e and --stopbits (-p) 1 or 2; 8N1 unless told otherwise.
+// each command configures the channel first: --baud (-b, 115200 by default), and picocom's framing
+// options --parity (-y) n, o or e, --stopbits (-p) 1 or 2 and --databits (-d, 8 only); 8N1
+// unless told otherwise.
 //   varnel uart TARGET send DEADBEEF             bytes in hex
 //   varnel uart TARGET send -t 'AT\r\n'          text, with echo -e's escapes
 //   varnel uart TARGET read [--timeout MS] [--count N] [--raw]
-//   varnel uart TARGET term                      stdin to the channel, the channel to stdout
+//   varnel uart TARGET term [-c] [--imap|--omap|--emap MAPS] [-q]
+//                                                stdin to the channel, the channel to stdout
 #include <unistd.h>
 
 #include <cctype>
@@ -32,6 +34,8 @@ struct UartOptions {
   bool text = false, raw = false;
   int32_t timeout_ms = 1000;
   uint32_t count = 0;  // 0: all that comes
+  unsigned data_bits = 8;
+  TerminalSettings term;
 };
 
 using Target = ChannelTarget;
@@ -96,6 +100,14 @@ std::vector<uint8_t> unescape(const std::string& text) {
   return out;
 }
 
+UART_CONFIG uart_config(const UartOptions& o) {
+  UART_CONFIG config{};
+  config.BaudRate = o.baud;
+  config.Parity = o.parity == 'o' ? 1 : o.parity == 'e' ? 2 : 0;  // the firmware's codes
+  config.StopBits = o.stop_bits;
+  return config;
+}
+
 // A session on the channel, configured with the framing asked for.
 void with_channel(const UartOptions& o, const std::string& what, const SessionStep& work) {
   Target target;
@@ -103,10 +115,7 @@ void with_channel(const UartOptions& o, const std::string& what, const SessionSt
   run_channel_session(
       {"uart " + what}, target,
       [&o](const Target& t) {
-        UART_CONFIG config{};
-        config.BaudRate = o.baud;
-        config.Parity = o.parity == 'o' ? 1 : o.parity == 'e' ? 2 : 0;  // the firmware's codes
-        config.StopBits = o.stop_bits;
+        const UART_CONFIG config = uart_config(o);
         return CallResult(UART_Init(t.handle, t.channel, &config),
                           {"UART_Init", {{"baud rate", std::to_string(o.baud)}}});
       },
@@ -154,7 +163,10 @@ void run_read(const UartOptions& o) {
 }
 
 void run_term(const UartOptions& o) {
-  with_channel(o, "term", [](Target t) { return run_uart_terminal(t.handle, t.channel); });
+  TerminalSettings settings = o.term;
+  settings.config = uart_config(o);
+  with_channel(o, "term",
+               [&](Target t) { return run_uart_terminal(t.handle, t.channel, settings); });
 }
 
 void add_uart_commands(CLI::App& app) {
@@ -170,12 +182,16 @@ void add_uart_commands(CLI::App& app) {
                                          : "TARGET must be HANDLE:CHANNEL (channel 0 to 7)";
           },
           "HANDLE:CH", "target"));
-  uart->add_option("--baud", o->baud, "baud rate (default 115200)")
+  uart->add_option("-b,--baud", o->baud, "baud rate (default 115200)")
       ->check(CLI::Range(1u, 20000000u));
   uart->add_option("-y,--parity", o->parity, "parity: n (none, the default), o (odd), e (even)")
       ->check(CLI::IsMember({'n', 'o', 'e'}));
   uart->add_option("-p,--stopbits", o->stop_bits, "stop bits: 1 (the default) or 2")
       ->check(CLI::IsMember({1, 2}));
+  // The adapter's UART frames 8 data bits (its configuration has no field for fewer): -d is taken
+  // for picocom's sake, and 5, 6 or 7 are refused rather than ignored.
+  uart->add_option("-d,--databits", o->data_bits, "data bits: 8 (the adapter's only framing)")
+      ->check(CLI::IsMember({8}));
 
   CLI::App* send = uart->add_subcommand("send", "send bytes (hex, or text with --text)");
   send->add_option("DATA", o->data, "DEADBEEF, or text with --text")->required();
@@ -190,6 +206,27 @@ void add_uart_commands(CLI::App& app) {
   read->callback([o] { run_read(*o); });
 
   CLI::App* term = uart->add_subcommand("term", "terminal: stdin to the channel, it to stdout");
+  term->fallthrough();  // picocom puts -b, -y, -p, -d after the command: `term -b 9600`
+  term->add_flag("-c,--echo", o->term.echo, "local echo (Ctrl-A Ctrl-C toggles it)");
+  term->add_flag("-q,--quiet", o->term.quiet, "no greeting or leaving messages");
+  const auto map_option = [&](const char* name, unsigned& map, const char* what) {
+    term->add_option_function<std::string>(
+            name, [&map](const std::string& text) { parse_char_map(text, map); },  // validated
+            std::string(what) + ": picocom's maps, e.g. crlf,delbs")
+        ->type_name("MAPS")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+              unsigned map;
+              return parse_char_map(text, map)
+                         ? std::string()
+                         : "maps are crlf, crcrlf, igncr, lfcr, lfcrlf, ignlf, bsdel, delbs, "
+                           "spchex, tabhex, crhex, lfhex, 8bithex, nrmhex";
+            },
+            "MAPS"));
+  };
+  map_option("--imap", o->term.input_map, "what comes in, before it is shown");
+  map_option("--omap", o->term.output_map, "what is typed, before it goes out");
+  map_option("--emap", o->term.echo_map, "the local echo (default crcrlf,delbs)");
   term->callback([o] { run_term(*o); });
 }
 
