@@ -21,6 +21,7 @@ struct CanFrame {
   bool remote = false;
   bool fd = false;   // CAN FD format
   bool brs = false;  // data phase at the data bit rate
+  bool esi = false;  // error state indicator: the sender is error passive
   uint8_t len = 0;   // data bytes, 0-64
   std::array<uint8_t, 64> data{};
 };

@@ -23,6 +23,7 @@ CanFrame bus_frame(const CANFD_MSG& msg) {
   frame.id = msg.Id & 0x1FFFFFFFu;
   frame.fd = (msg.Flags & 0x04) != 0;
   frame.brs = frame.fd && (msg.Flags & 0x01) != 0;
+  frame.esi = frame.fd && (msg.Flags & 0x02) != 0;
   frame.len = msg.DataLen;
   std::memcpy(frame.data.data(), msg.Data, msg.DataLen);
   return frame;

@@ -51,9 +51,11 @@ inline std::optional<Timing> parse_timing(const std::string& text) {
   return timing;
 }
 
-// Parses the traffic list; on failure `bad_item` (when given) holds the item that did not parse.
+// Parses the traffic list; on failure `bad_item` (when given) holds the item that did not parse
+// and `why` (when given) what is wrong with it.
 inline std::optional<std::vector<PeriodicFrame>> parse_traffic(const std::string& text,
-                                                               std::string* bad_item = nullptr) {
+                                                               std::string* bad_item = nullptr,
+                                                               std::string* why = nullptr) {
   constexpr uint32_t kMaxPeriodMs = 3600000;
   std::vector<PeriodicFrame> traffic;
   for (size_t start = 0; start <= text.size();) {
@@ -63,14 +65,18 @@ inline std::optional<std::vector<PeriodicFrame>> parse_traffic(const std::string
     start = end + 1;
     if (item.empty()) continue;
     const size_t at = item.rfind('@');
+    std::string reason = "no period: add @MS";
     std::optional<CANFD_MSG> frame;
     std::optional<uint32_t> period;
     if (at != std::string::npos) {
-      frame = varnel::can_text::parse_frame(item.substr(0, at));
+      frame = varnel::can_text::parse_frame(item.substr(0, at), &reason);
       period = parse_positive(item.substr(at + 1), kMaxPeriodMs);
+      if (frame && !period)
+        reason = "the period is a whole number of ms, 1-" + std::to_string(kMaxPeriodMs);
     }
     if (!frame || !period) {
       if (bad_item) *bad_item = item;
+      if (why) *why = reason;
       return std::nullopt;
     }
     traffic.push_back({*frame, *period});

@@ -53,6 +53,7 @@ size_t parse_record(const uint8_t* p, size_t available, CanFrame& frame) {
   frame.remote = word1 & (1u << 5);
   frame.brs = word1 & (1u << 6);
   frame.fd = word1 & (1u << 7);
+  frame.esi = frame.fd && (word1 & (1u << 8));
   frame.id = frame.extended ? ((word0 & 0x7FF) << 18) | ((word0 >> 11) & 0x3FFFF)
                             : (word0 & 0x7FF) | (((word0 >> 29) & 1) << 11);
   std::memcpy(frame.data.data(), p + kHeader, frame.len);
@@ -77,7 +78,8 @@ void append_device_record(std::vector<uint8_t>& out, const CanRxRecord& rx, uint
   const uint32_t word0 = f.extended ? ((f.id >> 18) & 0x7FF) | ((f.id & 0x3FFFF) << 11)
                                     : (f.id & 0x7FF) | (((f.id >> 11) & 1) << 29);
   uint32_t word1 = code | (f.extended ? 1u << 4 : 0) | (f.remote ? 1u << 5 : 0) |
-                   (f.brs ? 1u << 6 : 0) | (f.fd ? 1u << 7 : 0) | stamp_high << 16;
+                   (f.brs ? 1u << 6 : 0) | (f.fd ? 1u << 7 : 0) | (f.esi ? 1u << 8 : 0) |
+                   stamp_high << 16;
   if (rx.echo) word1 |= uint32_t(rx.echo_index & 0x7F) << 9 | 1u << 24;
   put_word(out, word0);
   put_word(out, word1);

@@ -2,6 +2,7 @@
 // sends the traffic named by --sim-traffic.
 #include <map>
 #include <regex>
+#include <set>
 
 #include "cli_support.h"
 
@@ -48,10 +49,10 @@ TEST(CanCli, DumpStampsFramesAsCandumpDoes) {
     const char* line;  // each of the two lines
   } cases[] = {
       {"", R"(  can0  123   \[1\]  11\n)"},
-      {"-t a", R"(\(\d{10}\.\d{6}\)   can0  123   \[1\]  11\n)"},
-      {"-t A", R"(\(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}\)   can0  123   \[1\]  11\n)"},
-      {"-t z", R"(\(000\.0[0-2]\d{4}\)   can0  123   \[1\]  11\n)"},
-      {"-t d", R"(\(000\.0[0-2]\d{4}\)   can0  123   \[1\]  11\n)"},
+      {"-t a", R"( \(\d{10}\.\d{6}\)  can0  123   \[1\]  11\n)"},
+      {"-t A", R"( \(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}\)  can0  123   \[1\]  11\n)"},
+      {"-t z", R"( \(000\.0[0-2]\d{4}\)  can0  123   \[1\]  11\n)"},
+      {"-t d", R"( \(000\.0[0-2]\d{4}\)  can0  123   \[1\]  11\n)"},
   };
   for (const auto& c : cases) {
     ToolRun run = varnel(scene + c.option);
@@ -61,7 +62,7 @@ TEST(CanCli, DumpStampsFramesAsCandumpDoes) {
         << run.out;
   }
   ToolRun z = varnel(scene + "-t z");
-  EXPECT_EQ(z.out.rfind("(000.000000) ", 0), 0u) << z.out;  // counted from the first frame
+  EXPECT_EQ(z.out.rfind(" (000.000000) ", 0), 0u) << z.out;  // counted from the first frame
   ToolRun stopped =
       varnel("--sim-traffic 123#11@20 can dump 0x12345678:0", "timeout --preserve-status -s INT 1");
   EXPECT_EQ(stopped.exit_code, 0) << stopped.err;
@@ -141,7 +142,7 @@ TEST(CanCli, SendNeedsANodeThatAcknowledges) {
     const char* err;
   } cases[] = {
       {"--sim can send 0x53000001:0 123##1112233445566778899AABBCC 1ABCDEF0#R", 0,
-       "  can2  123   [12]  11 22 33 44 55 66 77 88 99 AA BB CC\n"
+       "  can2  123  [12]  11 22 33 44 55 66 77 88 99 AA BB CC\n"
        "  can2  1ABCDEF0   [0]  remote request\n",
        ""},
       {"--sim-can-peer none can send 0x53000001:0 123#11", 1, "",
@@ -182,8 +183,8 @@ TEST(CanCli, LogLinesReplayOnTheChannelTheyName) {
 }
 
 TEST(CanCli, GeneratedFramesAreRepeatable) {
-  ToolRun first = varnel("--sim can gen 0x12345678:0 -n 3 -g 0");
-  ToolRun second = varnel("--sim can gen 0x12345678:1 -n 3 -g 0");
+  ToolRun first = varnel("--sim can gen 0x12345678:0 -n 3 -g 0 -vv");
+  ToolRun second = varnel("--sim can gen 0x12345678:1 -n 3 -g 0 -vv");
   ASSERT_EQ(first.exit_code, 0) << first.err;
   EXPECT_EQ(first.out, golden("can_gen.txt"));
   EXPECT_EQ(lines_matching(second.out, std::regex("can1(.*)\n")),
@@ -191,20 +192,21 @@ TEST(CanCli, GeneratedFramesAreRepeatable) {
 }
 
 // cangen's modes: r random, i increment (identifier 0, 1, 2...; the lengths a length code names
-// in order; every data byte the frame's number), or fixed values.
+// in order; the data a little-endian count of the frames before, in at least one byte), or fixed
+// values; -vv prints candump's lines.
 TEST(CanCli, GeneratorTakesCangensModes) {
   const struct {
     const char* args;
     const char* out;
   } cases[] = {
       {"0x53000001:0 -n 3 -b -e -I i -L i -D i",
-       "  can2  00000000   [00] \n  can2  00000001   [01]  01\n  can2  00000002   [02]  02 02\n"},
+       "  can2  00000000  [01]  00\n  can2  00000001  [01]  01\n  can2  00000002  [02]  02 00\n"},
       {"0x53000001:0 -n 1 -f -I 1ABCDEF0 -L 12 -D 0102",
-       "  can2  1ABCDEF0   [12]  01 02 01 02 01 02 01 02 01 02 01 02\n"},
+       "  can2  1ABCDEF0  [12]  01 02 01 02 01 02 01 02 01 02 01 02\n"},
       {"0x12345678:0 -n 1 -R -I 7FF -L 4", "  can0  7FF   [4]  remote request\n"},
   };
   for (const auto& c : cases) {
-    ToolRun run = varnel(std::string("--sim can gen -g 0 ") + c.args);
+    ToolRun run = varnel(std::string("--sim can gen -g 0 -vv ") + c.args);
     EXPECT_EQ(run.exit_code, 0) << c.args << "\n" << run.err;
     EXPECT_EQ(run.out, c.out) << c.args;
   }
@@ -257,4 +259,133 @@ TEST(CanCli, DumpFailsWhenAPowerCycleStopsThePoller) {
   EXPECT_EQ(run.exit_code, 1);
   EXPECT_NE(run.err.find("can dump: the receive poller stopped: "), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("; poller stopped (result -2)"), std::string::npos) << run.err;
+}
+
+// candump -x puts the direction and the CAN FD flags (B bit-rate switch, E error state
+// indicator) behind the interface, and " R" behind a log line; -a the bytes as text in a column
+// that starts three spaces after where an eighth byte would end. Both lines derived from
+// candump's layout by hand.
+TEST(CanCli, DumpExtraAndAsciiColumnsAsCandump) {
+  const struct {
+    const char* traffic;
+    const char* args;
+    const char* line;
+  } cases[] = {
+      {"123#41420A7E@10", "can0 -a", "  can0  123   [4]  41 42 0A 7E               'AB.~'\n"},
+      {"1ABCDEF0#3132333435363738@10", "can0 -a",
+       "  can0  1ABCDEF0   [8]  31 32 33 34 35 36 37 38   '12345678'\n"},
+      {"123#41@10", "can0 -x -a", "  can0  RX - -  123   [1]  41                        'A'\n"},
+      {"123##1112233@10", "can2 -x", "  can2  RX B -  123  [03]  11 22 33\n"},
+      {"123##3AA@10", "can2 -x", "  can2  RX B E  123  [01]  AA\n"},
+      {"123##2AA@10", "can2 -x -L", "can2 123##2AA R\n"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(std::string("--sim-traffic ") + c.traffic + " can dump -n 1 " + c.args);
+    EXPECT_EQ(run.exit_code, 0) << c.args << run.err;
+    EXPECT_EQ(std::regex_replace(run.out, std::regex(R"(^\(\d+\.\d{6}\) )"), ""), c.line)
+        << c.traffic << " " << c.args;
+  }
+}
+
+// Several channels in one dump, each with its own filters, and `any` for every channel found;
+// the lines name the channel each frame came on.
+TEST(CanCli, DumpTakesSeveralChannelsAndAny) {
+  const std::string traffic = "--sim-traffic 123#11@10,456#22@10 can dump ";
+  ToolRun two = varnel(traffic + "can0,123:7FF 0x53000001:0,456:7FF -n 6");
+  ASSERT_EQ(two.exit_code, 0) << two.err;
+  std::map<std::string, int> seen;
+  for (const auto& frame : lines_matching(two.out, std::regex(R"(  (can\d  \w+) )"))) ++seen[frame];
+  EXPECT_EQ(seen.size(), 2u) << two.out;
+  EXPECT_EQ(seen["can0  123"] + seen["can2  456"], 6) << two.out;
+  // one summary line per channel, named
+  EXPECT_NE(two.err.find("can dump: can0: "), std::string::npos) << two.err;
+  EXPECT_NE(two.err.find("can dump: can2: "), std::string::npos) << two.err;
+  ToolRun any = varnel(traffic + "any,123:7FF --duration 500");
+  ASSERT_EQ(any.exit_code, 0) << any.err;
+  const auto names = lines_matching(any.out, std::regex(R"(  (can\d)  123 )"));
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+            (std::set<std::string>{"can0", "can1", "can2", "can3"}));
+}
+
+// -T ends a dump after that long without a frame (as candump's), not after that long in all:
+// frames every 20 ms keep a 300 ms dump going past 300 ms until its count. --duration keeps the
+// limit in all.
+TEST(CanCli, DumpIdleTimeoutWaitsForSilence) {
+  ToolRun busy = varnel("--sim-traffic 123#11@20 can dump can0 -T 300 -n 30");
+  EXPECT_EQ(busy.exit_code, 0) << busy.err;
+  EXPECT_EQ(lines_matching(busy.out, std::regex("(can0)  123")).size(), 30u);
+  // nothing passes the filter: silence ends it; a dump that never ended meets the guard's 30 s
+  ToolRun silent = varnel("--sim-traffic 123#11@20 can dump can0,456:7FF -T 300", "timeout 30");
+  EXPECT_EQ(silent.exit_code, 0) << silent.err;
+  EXPECT_EQ(silent.out, "");
+  ToolRun timed = varnel("--sim-traffic 123#11@20 can dump can0 --duration 300", "timeout 30");
+  EXPECT_EQ(timed.exit_code, 0) << timed.err;
+  EXPECT_NE(timed.out, "");
+}
+
+// cangen -v prints each frame in cansend syntax with dots between the bytes; -vvv the candump
+// line with the text column. -E sets the error state indicator (flags digit 2), -b the bit-rate
+// switch (1). The -D i counter is little-endian: frame 256 carries 00 01.
+TEST(CanCli, GeneratorPrintsAndCountsAsCangen) {
+  const struct {
+    const char* args;
+    const char* tail;  // the last lines
+  } cases[] = {
+      {"can0 -n 258 -I 123 -L 2 -D i -v",
+       "  can0  123#FF.00\n  can0  123#00.01\n  can0  123#01.01\n"},
+      {"can0 -n 2 -I 7FF -L 4 -R -v", "  can0  7FF#R4\n  can0  7FF#R4\n"},
+      {"can2 -n 1 -I 123 -L 2 -D 4142 -E -v", "  can2  123##2.41.42\n"},
+      {"can2 -n 1 -I 123 -L 2 -D 4142 -b -E -vvv",
+       "  can2  123  [02]  41 42                     'AB'\n"},
+      {"can0 -n 1 -I 123 -L 0 -v", "  can0  123#\n"},  // no byte only when asked
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(std::string("--sim can gen -g 0 ") + c.args);
+    EXPECT_EQ(run.exit_code, 0) << c.args << run.err;
+    EXPECT_TRUE(run.out.ends_with(c.tail)) << c.args << "\n" << run.out.substr(run.out.size() - 80);
+  }
+  EXPECT_EQ(varnel("--sim can gen can0 -n 3 -g 0").out, "");  // silent without -v, as cangen
+}
+
+// A random length is at least one byte; -m mixes standard, extended and remote frames, and CAN FD
+// ones only where the adapter has a CAN FD controller.
+TEST(CanCli, GeneratorLengthsAndMixAsCangen) {
+  const struct {
+    const char* args;
+    std::vector<const char*> present, absent;  // patterns among the -v lines
+  } cases[] = {
+      {"can0 -n 200", {"#[0-9A-F]{2}"}, {"#\n"}},
+      {"can2 -n 200 -f", {"##0\\."}, {"##0\n"}},
+      {"can0 -n 200 -m", {"  [0-9A-F]{3}#[0-9A-F]", "  [0-9A-F]{8}#", "#R"}, {"##"}},
+      {"can2 -n 200 -m", {"  [0-9A-F]{3}#[0-9A-F]", "##[13]\\.", "##[23]\\.", "#R"}, {}},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel(std::string("--sim can gen -g 0 -v ") + c.args);
+    ASSERT_EQ(run.exit_code, 0) << c.args << run.err;
+    for (const char* p : c.present)
+      EXPECT_TRUE(std::regex_search(run.out, std::regex(p))) << c.args << " lacks " << p;
+    for (const char* p : c.absent)
+      EXPECT_FALSE(std::regex_search(run.out, std::regex(p))) << c.args << " has " << p;
+  }
+}
+
+// A --sim-traffic item that is no frame is refused with what is wrong with it.
+TEST(CanCli, SimTrafficErrorNamesTheFault) {
+  const struct {
+    std::string traffic, why;
+  } cases[] = {
+      {"123##1" + std::string(22, 'A') + "@10",
+       "11 is not a CAN FD length: 0\u20138, 12, 16, 20, 24, 32, 48, 64"},
+      {"123#112233445566778899@10", "9 bytes: a classic CAN frame carries 0-8"},
+      {"800#11@10", "800 is beyond 11 bits"},
+      {"123#11", "no period: add @MS"},
+      {"123#11@0", "the period is a whole number of ms, 1-3600000"},
+      {"123#1G@10", "1G is not a hex byte"},
+  };
+  for (const auto& c : cases) {
+    ToolRun run = varnel("--sim-traffic " + c.traffic + " can dump can0");
+    EXPECT_EQ(run.exit_code, 2) << c.traffic;
+    EXPECT_NE(run.err.find("'" + c.traffic + "': " + c.why), std::string::npos) << c.traffic << "\n"
+                                                                                << run.err;
+  }
 }

@@ -68,7 +68,7 @@ TEST_F(NetCli, DeviceCommandsReachNetworkAdapters) {
        "(.*\n){2}pins 0x00000003 read 0x00000002 \\(pin 0 low, pin 1 high\\)\n"},
       // the scene's node acknowledges, so the frame goes out
       {"can send 0x55000140:1 123##1112233445566778899AABBCC",
-       "  can1  123   \\[12\\]  11 22 33 44 55 66 77 88 99 AA BB CC\n"},
+       "  can1  123  \\[12\\]  11 22 33 44 55 66 77 88 99 AA BB CC\n"},
       {"can dump 0x55000140:0 -n 2 -L", "(\\(\\d+\\.\\d{6}\\) can0 321#CAFE\n){2}"},
       // the daemon's adapter keeps playing the schedule after the command ends
       {"can schedule 0x55000140:0 123#11@10", "123#11@10\n"},

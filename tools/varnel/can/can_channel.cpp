@@ -26,33 +26,68 @@ CallContext can_init_context(uint32_t handle, bool fd, uint32_t bitrate, uint32_
   return {"CAN_Init2", {}};
 }
 
-std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
-                                               uint32_t data_bitrate) {
-  auto failed = [] {
-    exit_code() = 1;
+std::optional<CanScan> CanScan::make() {
+  if (!prepare_adapters()) {
+    exit_code() = 1;  // it said why
     return std::nullopt;
-  };
-  if (!prepare_adapters()) return failed();
-  const auto scanned = scan_can_channels();
-  const auto id = resolve_can_channel(scanned, name);
-  if (!id) {
-    std::fprintf(stderr, "%s: no such channel (%zu CAN channels found; see `varnel scan`)\n",
-                 can_channel_name(name.index).c_str(), scanned.size());
-    return failed();
   }
-  OpenCanChannel out{id->handle, id->channel, can_interface_name(scanned, *id)};
-  const bool found = std::find(scanned.begin(), scanned.end(), *id) != scanned.end();
-  if (!(found ? open_found_adapter(out.handle) : open_adapter(out.handle))) return failed();
-  const bool fd = is_fd_adapter(out.handle);
-  const int rc = fd ? CANFD_Init2(out.handle, out.channel, bitrate, data_bitrate, 1, 1)
-                    : CAN_Init2(out.handle, out.channel, bitrate);
-  if (rc != 0) {
-    std::fprintf(
-        stderr, "%s: %s\n", fd ? "CANFD_Init2" : "CAN_Init2",
-        describe_result(rc, can_init_context(out.handle, fd, bitrate, data_bitrate)).c_str());
-    return failed();
-  }
+  CanScan scan;
+  scan.scanned_ = scan_can_channels();
+  return scan;
+}
+
+OpenCanChannel CanScan::channel(CanChannelId id) const {
+  const bool found = std::find(scanned_.begin(), scanned_.end(), id) != scanned_.end();
+  return {id.handle, id.channel, can_interface_name(scanned_, id), found};
+}
+
+std::optional<OpenCanChannel> CanScan::find(const CanChannelName& name) const {
+  const auto id = resolve_can_channel(scanned_, name);
+  if (id) return channel(*id);
+  std::fprintf(stderr, "%s: no such channel (%zu CAN channels found; see `varnel scan`)\n",
+               can_channel_name(name.index).c_str(), scanned_.size());
+  exit_code() = 1;
+  return std::nullopt;
+}
+
+std::vector<OpenCanChannel> CanScan::every() const {
+  std::vector<OpenCanChannel> out;
+  for (CanChannelId id : scanned_) out.push_back(channel(id));
   return out;
+}
+
+namespace {
+
+// The set-up step of a CAN session: the channel started at the rates.
+CallResult init_can_channel(const ChannelTarget& t, const CanRates& rates) {
+  const bool fd = is_fd_adapter(t.handle);
+  const int rc = fd ? CANFD_Init2(t.handle, t.channel, rates.bitrate, rates.data_bitrate, 1, 1)
+                    : CAN_Init2(t.handle, t.channel, rates.bitrate);
+  if (rc == 0) return 0;
+  // named after the call made, explained by what it was asked
+  const CallContext context = can_init_context(t.handle, fd, rates.bitrate, rates.data_bitrate);
+  std::fprintf(stderr, "%s: %s\n", fd ? "CANFD_Init2" : "CAN_Init2",
+               describe_result(rc, context).c_str());
+  return CallResult::reported();
+}
+
+}  // namespace
+
+bool run_can_session(const SessionReport& report, const std::vector<OpenCanChannel>& channels,
+                     const CanRates& rates, const std::function<CallResult()>& work) {
+  std::vector<ChannelTarget> targets;
+  for (const OpenCanChannel& ch : channels) targets.push_back(ch.target());
+  return run_channels_session(
+      report, targets, [&](const ChannelTarget& t) { return init_can_channel(t, rates); }, work);
+}
+
+bool run_can_session(const SessionReport& report, const std::string& name, const CanRates& rates,
+                     const std::function<CallResult(const OpenCanChannel&)>& work) {
+  const auto parsed = parse_can_channel_name(name);  // the argument's check parsed it
+  const auto scan = CanScan::make();
+  const auto channel = scan && parsed ? scan->find(*parsed) : std::nullopt;
+  if (!channel) return false;
+  return run_can_session(report, {*channel}, rates, [&] { return work(*channel); });
 }
 
 CLI::Option* add_channel_argument(CLI::App* command, std::string& target) {

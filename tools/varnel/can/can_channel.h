@@ -1,13 +1,18 @@
-// Opening one CAN channel by name for a command: the adapters prepared (--sim), the name resolved
-// among the scanned channels, the adapter opened and the channel initialised.
+// CAN channels by name for a command: the adapters prepared (--sim), the names resolved among one
+// scan, and the channel session (core/channel_session.h) run over them with each channel
+// initialised at the command's rates.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "core/adapter.h"
 #include "core/can_names.h"
+#include "core/channel_session.h"
 #include "core/result_text.h"
 
 namespace varnel_cli {
@@ -16,15 +21,43 @@ struct OpenCanChannel {
   uint32_t handle = 0;
   uint8_t channel = 0;
   std::string interface;  // its name in output lines (canN or HANDLE:CH)
+  bool found_by_scan = false;
+  ChannelTarget target() const { return {handle, channel, found_by_scan}; }
 };
 
-// Prints why not on stderr, sets the exit code and returns nullopt when the channel cannot be had.
+struct CanRates {
+  uint32_t bitrate = 500000;
+  uint32_t data_bitrate = 2000000;
+};
+
 // What a failed CAN_Init2 / CANFD_Init2 was about: the rates, when the library has no bit timing
 // for them (the call's -4 then), else the call itself.
 CallContext can_init_context(uint32_t handle, bool fd, uint32_t bitrate, uint32_t data_bitrate);
 
-std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
-                                               uint32_t data_bitrate);
+// One scan of the CAN channels, the adapters made reachable first (--sim), in which names are
+// resolved: the channels found are then opened without scanning again.
+class CanScan {
+ public:
+  // Nullopt (exit code 1, having said why) when no adapter can be reached.
+  static std::optional<CanScan> make();
+  // The channel a name stands for; nullopt (exit code 1) after saying there is none.
+  std::optional<OpenCanChannel> find(const CanChannelName& name) const;
+  // Every channel found, in scan order (candump's `any`).
+  std::vector<OpenCanChannel> every() const;
+
+ private:
+  OpenCanChannel channel(CanChannelId id) const;
+  std::vector<CanChannelId> scanned_;
+};
+
+// Opens the adapters of `channels`, initialises each channel at `rates`, runs `work` and closes
+// (run_channels_session). False when a step failed (it has said why).
+bool run_can_session(const SessionReport& report, const std::vector<OpenCanChannel>& channels,
+                     const CanRates& rates, const std::function<CallResult()>& work);
+
+// The same on the one channel a name (canN or HANDLE:CH) stands for.
+bool run_can_session(const SessionReport& report, const std::string& name, const CanRates& rates,
+                     const std::function<CallResult(const OpenCanChannel&)>& work);
 
 // The TARGET argument of a command on one channel (canN or HANDLE:CH), checked as it parses.
 CLI::Option* add_channel_argument(CLI::App* command, std::string& target);

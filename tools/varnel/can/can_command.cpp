@@ -1,7 +1,8 @@
 // varnel can send CHANNEL FRAME...   frames in can-utils syntax (123#DEADBEEF, 123##1..., 123#R)
-// varnel can dump CHANNEL [-L] [-n N] [-t S]   candump-like lines with host time stamps
-// varnel can gen  CHANNEL [-n N] [-g MS] [-I ID] [--len N] [--fd]   cangen-like traffic
-// CHANNEL is canN or HANDLE:CH (can_names.h); output lines name the channel canN.
+// varnel can dump CHANNEL... [-L] [-n N] [-t S] [-x] [-a] [-T MS]   candump-like lines, host time
+// varnel can gen  CHANNEL [-n N] [-g MS] [-I ID] [-L N] [-D DATA] [-f|-b|-E] [-m] [-v]   cangen
+// CHANNEL is canN or HANDLE:CH (can_names.h), for a dump also `any`; output lines name the
+// channel canN.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -22,14 +23,16 @@
 #include "core/adapter.h"
 #include "core/can_names.h"
 #include "core/can_time.h"
+#include "core/channel_session.h"
 #include "core/command_group.h"
 #include "core/result_text.h"
-#include "core/sim_mode.h"
 #include "src/can/can_text.h"
 #include "varnel.h"
 
 namespace varnel_cli {
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 // candump's receive filters: "ID:MASK" passes a frame whose identifier matches ID in the bits of
 // MASK, "ID~MASK" one that does not; a frame passes when any filter passes it (no filter: all).
@@ -39,15 +42,12 @@ struct Filter {
   bool passes(uint32_t frame_id) const { return ((frame_id & mask) == (id & mask)) != inverse; }
 };
 
-struct CanTarget {
-  std::string text;  // canN or HANDLE:CH, then ,FILTER...
+// One channel argument of a dump: canN, HANDLE:CH or `any` (every channel found), then
+// ,FILTER...
+struct DumpTarget {
+  bool every = false;
   CanChannelName name;
-  uint32_t handle = 0;  // the channel the name resolved to when it was opened
-  uint8_t channel = 0;
-  std::string interface;  // its name in output lines
   std::vector<Filter> filters;
-  uint32_t bitrate = 500000;
-  uint32_t data_bitrate = 2000000;
 };
 
 std::optional<uint32_t> parse_hex_word(const std::string& text) {
@@ -70,37 +70,38 @@ bool parse_filter(const std::string& text, Filter& filter) {
   return true;
 }
 
-bool parse_target(CanTarget& target) {
-  const size_t comma = target.text.find(',');
-  const std::string head = target.text.substr(0, comma);
-  target.filters.clear();
+std::optional<DumpTarget> parse_dump_target(const std::string& text) {
+  const size_t comma = text.find(',');
+  const std::string head = text.substr(0, comma);
+  DumpTarget target;
   for (size_t at = comma; at != std::string::npos;) {
-    const size_t next = target.text.find(',', at + 1);
+    const size_t next = text.find(',', at + 1);
     Filter filter;
-    if (!parse_filter(target.text.substr(at + 1, next - at - 1), filter)) return false;
+    if (!parse_filter(text.substr(at + 1, next - at - 1), filter)) return std::nullopt;
     target.filters.push_back(filter);
     at = next;
   }
+  target.every = head == "any";
+  if (target.every) return target;
   const auto name = parse_can_channel_name(head);
-  if (name) target.name = *name;
-  return name.has_value();
+  if (!name) return std::nullopt;
+  target.name = *name;
+  return target;
 }
 
-bool passes_filters(const CanTarget& t, uint32_t frame_id) {
-  if (t.filters.empty()) return true;
-  return std::any_of(t.filters.begin(), t.filters.end(),
+bool passes_filters(const std::vector<Filter>& filters, uint32_t frame_id) {
+  if (filters.empty()) return true;
+  return std::any_of(filters.begin(), filters.end(),
                      [&](const Filter& f) { return f.passes(frame_id & 0x1FFFFFFF); });
 }
 
-CLI::Validator target_validator() {
+CLI::Validator dump_target_validator() {
   return CLI::Validator(
       [](std::string& text) {
-        CanTarget t;
-        t.text = text;
-        return parse_target(t)
-                   ? std::string()
-                   : "expected canN or HANDLE:CH (CH 0 or 1), then ,ID:MASK|ID~MASK..., got " +
-                         text;
+        return parse_dump_target(text) ? std::string()
+                                       : "expected canN, HANDLE:CH (CH 0 or 1) or any, then "
+                                         ",ID:MASK|ID~MASK..., got " +
+                                             text;
       },
       "CHANNEL");
 }
@@ -120,33 +121,14 @@ struct FrameClock {
   }
 };
 
-FrameClock frame_clock(const CanTarget& t, bool fd) {
+FrameClock frame_clock(const OpenCanChannel& c, bool fd) {
   FrameClock clock;
   clock.start_ms =
-      fd ? CANFD_GetStartTime(t.handle, t.channel) : CAN_GetStartTime(t.handle, t.channel);
+      fd ? CANFD_GetStartTime(c.handle, c.channel) : CAN_GetStartTime(c.handle, c.channel);
   clock.tick_us = fd ? kFdTickUs : kClassicTickUs;
   // without a start time (an old adapter), fall back to the time of arrival at the host
   if (clock.start_ms <= 0) clock.start_ms = int64_t(host_us() / 1000);
   return clock;
-}
-
-bool fail(const char* call, int rc) {
-  std::fprintf(stderr, "%s: %s\n", call, result_text(rc));
-  exit_code() = 1;
-  return false;
-}
-
-bool open_channel(CanTarget& t) {
-  if (!parse_target(t)) {
-    exit_code() = 1;
-    return false;
-  }
-  const auto open = open_can_channel(t.name, t.bitrate, t.data_bitrate);
-  if (!open) return false;
-  t.handle = open->handle;
-  t.channel = open->channel;
-  t.interface = open->interface;
-  return true;
 }
 
 CAN_MSG to_classic(const CANFD_MSG& fd) {
@@ -162,6 +144,7 @@ CAN_MSG to_classic(const CANFD_MSG& fd) {
 CANFD_MSG from_classic(const CAN_MSG& msg) {
   CANFD_MSG fd{};
   fd.Id = msg.Id | (msg.Extended & 1 ? 0x80000000u : 0) | (msg.Flags & 1 ? 0x40000000u : 0);
+  fd.Flags = msg.Flags & 0x80;  // sent by this host
   fd.DataLen = msg.DataLen;
   fd.TimeStamp = msg.TimeStamp;  // still in the classic unit
   fd.TimeStampHigh = msg.TimeStampHigh;
@@ -169,31 +152,30 @@ CANFD_MSG from_classic(const CAN_MSG& msg) {
   return fd;
 }
 
-bool send_frames(const CanTarget& t, std::vector<CANFD_MSG>& frames) {
-  if (is_fd_adapter(t.handle)) {
-    const int rc = CANFD_SendMsg(t.handle, t.channel, frames.data(), uint32_t(frames.size()));
+CallResult send_frames(const OpenCanChannel& c, std::vector<CANFD_MSG>& frames) {
+  if (is_fd_adapter(c.handle)) {
+    const int rc = CANFD_SendMsg(c.handle, c.channel, frames.data(), uint32_t(frames.size()));
     if (rc >= 0 && rc < int(frames.size())) {
       std::fprintf(stderr, "CANFD_SendMsg: %d of %zu frames went out (no node acknowledged?)\n", rc,
                    frames.size());
-      exit_code() = 1;
-      return false;
+      return CallResult::reported();
     }
-    return rc == int(frames.size()) || fail("CANFD_SendMsg", rc);
+    return {rc, {"CANFD_SendMsg", {}}};
   }
   std::vector<CAN_MSG> msgs;
   for (auto& f : frames) {
     if (f.Flags & 0x04) {
       std::fprintf(stderr, "this adapter has no CAN FD controller\n");
-      exit_code() = 1;
-      return false;
+      return CallResult::reported();
     }
     msgs.push_back(to_classic(f));
   }
-  const int rc = CAN_SendMsg(t.handle, t.channel, msgs.data(), uint32_t(msgs.size()));
-  return rc == int(msgs.size()) || fail("CAN_SendMsg", rc < 0 ? rc : -4);
+  const int rc = CAN_SendMsg(c.handle, c.channel, msgs.data(), uint32_t(msgs.size()));
+  return {rc == int(msgs.size()) ? 0 : rc < 0 ? rc : -4, {"CAN_SendMsg", {}}};
 }
 
-void run_send(CanTarget t, const std::vector<std::string>& texts) {
+void run_send(const std::string& target, const CanRates& rates,
+              const std::vector<std::string>& texts) {
   std::vector<CANFD_MSG> frames;
   for (auto& text : texts) {
     auto frame = varnel::can_text::parse_frame(text);
@@ -204,58 +186,76 @@ void run_send(CanTarget t, const std::vector<std::string>& texts) {
     }
     frames.push_back(*frame);
   }
-  if (!open_channel(t)) return;
-  if (send_frames(t, frames))
-    for (auto& f : frames)
-      std::printf("%s\n", varnel::can_text::candump_line(t.interface, f).c_str());
-  close_adapter(t.handle);
+  run_can_session({}, target, rates, [&](const OpenCanChannel& c) {
+    const CallResult sent = send_frames(c, frames);
+    if (sent.code >= 0)
+      for (auto& f : frames)
+        std::printf("%s\n", varnel::can_text::candump_line(c.interface, f).c_str());
+    return sent;
+  });
 }
 
 // The decoded signals of a frame, when a database knows its identifier.
-void print_decoded(DBC_HANDLE db, const CANFD_MSG& f) {
+void print_decoded(FILE* out, DBC_HANDLE db, const CANFD_MSG& f) {
   if (!db) return;
   char text[VARNEL_DBC_TEXT_MAX];
   const int n =
       VARNEL_DbcFormatFrame(db, f.Id & ~0x40000000u, f.Data, f.DataLen, text, sizeof text);
-  if (n >= 0) std::printf("  %s\n", text);
-  if (n == -6) std::printf("  (frame shorter than its message in the database)\n");
+  if (n >= 0) std::fprintf(out, "  %s\n", text);
+  if (n == -6) std::fprintf(out, "  (frame shorter than its message in the database)\n");
 }
 
-// One line on stderr when the dump ends: what the host queues lost, the poller's state and how
-// often the adapter was connected again during the dump.
-void print_receive_stats(const CanTarget& t, int shown, int64_t reconnects) {
+// One channel of a dump, with what the dump keeps about it.
+struct DumpChannel {
+  OpenCanChannel open;
+  std::vector<Filter> filters;
+  bool fd = false;
+  FrameClock clock;
+  int shown = 0;
+  int64_t reconnects_before = 0, reconnects_seen = 0;
+  bool poller_reported = false;
+  std::vector<CAN_MSG> classic;  // receive buffers
+  std::vector<CANFD_MSG> frames;
+  uint32_t capture_interface = 0;  // with -w: its interface in the capture
+};
+
+// One line on stderr per channel when the dump ends: what the host queues lost, the poller's
+// state and how often the adapter was connected again during the dump.
+void print_receive_stats(const DumpChannel& c, bool name_it) {
   VARNEL_RECEIVE_STATS s{};
-  if (VARNEL_CAN_GetReceiveStats(t.handle, t.channel, &s) != 0) return;
+  if (VARNEL_CAN_GetReceiveStats(c.open.handle, c.open.channel, &s) != 0) return;
   std::fprintf(stderr,
-               "can dump: %d frames shown; dropped: application %llu, diagnostic %llu, "
+               "can dump: %s%s%d frames shown; dropped: application %llu, diagnostic %llu, "
                "garbage fetches %llu; poller %s (result %d); errors rx %u tx %u flags %u; "
                "reconnects %lld\n",
-               shown, (unsigned long long)s.ApplicationDropped,
-               (unsigned long long)s.DiagnosticDropped, (unsigned long long)s.FetchesDropped,
-               s.PollerRunning ? "running" : "stopped", int(s.PollerStopResult),
-               unsigned(s.Status.RxErrorCounter), unsigned(s.Status.TxErrorCounter),
-               unsigned(s.Status.ErrorFlags), (long long)reconnects);
+               name_it ? c.open.interface.c_str() : "", name_it ? ": " : "", c.shown,
+               (unsigned long long)s.ApplicationDropped, (unsigned long long)s.DiagnosticDropped,
+               (unsigned long long)s.FetchesDropped, s.PollerRunning ? "running" : "stopped",
+               int(s.PollerStopResult), unsigned(s.Status.RxErrorCounter),
+               unsigned(s.Status.TxErrorCounter), unsigned(s.Status.ErrorFlags),
+               (long long)(c.reconnects_seen - c.reconnects_before));
 }
 
 // An adapter that was unplugged or lost power comes back through the library's reconnection
 // with its channels stopped, and CAN_GetMsg returns 0 from then on without an error: the
 // reconnection count is the one trace of it. Warns once per change; `seen` follows the count.
-void warn_if_reconnected(const CanTarget& t, int64_t& seen) {
-  const int64_t now = VARNEL_GetReconnectCount(t.handle);
-  if (now == seen) return;
+void warn_if_reconnected(DumpChannel& c) {
+  const int64_t now = VARNEL_GetReconnectCount(c.open.handle);
+  if (now == c.reconnects_seen) return;
   std::fprintf(
       stderr,
       "can dump: warning: adapter 0x%08X was connected again (unplugged or power-cycled?): "
       "frames it received meanwhile are lost, and after a power cycle it receives "
       "nothing until the channel is initialised again\n",
-      t.handle);
-  seen = now;
+      c.open.handle);
+  c.reconnects_seen = now;
 }
 
 // True (after a warning) when the receive poller stopped on a failed fetch.
-bool poller_stopped(const CanTarget& t) {
+bool poller_stopped(const DumpChannel& c) {
   VARNEL_RECEIVE_STATS s{};
-  if (VARNEL_CAN_GetReceiveStats(t.handle, t.channel, &s) != 0 || s.PollerRunning) return false;
+  if (VARNEL_CAN_GetReceiveStats(c.open.handle, c.open.channel, &s) != 0 || s.PollerRunning)
+    return false;
   std::fprintf(stderr, "can dump: the receive poller stopped: %s\n",
                result_text(s.PollerStopResult));
   return true;
@@ -264,8 +264,9 @@ bool poller_stopped(const CanTarget& t) {
 // A CAN FD adapter's device event (data: 1, transmit errors, receive errors, state flags 1
 // warning, 2 passive, 4 bus off) as the error frame SocketCAN delivers for the same change: a
 // controller problem with the warning/passive bits per direction, the counters in bytes 6 and 7,
-// and bus-off when it is. candump prints these with the error flag in the identifier.
-std::string error_frame_text(const CANFD_MSG& event, const std::string& interface, bool log) {
+// and bus-off when it is. candump prints these with the error flag in the identifier:
+// "20000204#0004000000000060" in a log, "20000204   [8]  00 04 ...   ERRORFRAME" on screen.
+std::string error_frame_text(const CANFD_MSG& event, bool log) {
   constexpr uint32_t kErrorFlag = 0x20000000, kController = 0x04, kBusOff = 0x40, kCounters = 0x200;
   const uint8_t tec = event.Data[1], rec = event.Data[2];
   const uint32_t id = kErrorFlag | kController | kCounters | ((event.Data[3] & 4) ? kBusOff : 0);
@@ -275,8 +276,7 @@ std::string error_frame_text(const CANFD_MSG& event, const std::string& interfac
   data[6] = tec;
   data[7] = rec;
   char text[96];
-  int at = log ? std::snprintf(text, sizeof text, "%s %08X#", interface.c_str(), id)
-               : std::snprintf(text, sizeof text, "  %s  %08X   [8] ", interface.c_str(), id);
+  int at = std::snprintf(text, sizeof text, log ? "%08X#" : "%08X   [8] ", id);
   for (uint8_t byte : data)
     at += std::snprintf(text + at, sizeof text - size_t(at), log ? "%02X" : " %02X", byte);
   if (!log) std::snprintf(text + at, sizeof text - size_t(at), "   ERRORFRAME");
@@ -289,7 +289,10 @@ struct DumpOptions {
   bool log_file = false;    // -l: those lines into candump-DATE_TIME.log instead of stdout
   std::string time_kind;    // -t: a absolute, d delta, z from the first frame, A with the date
   int count = 0;            // -n
-  int time_limit_ms = 0;    // -T
+  int idle_ms = 0;          // -T: stop after this long without a frame
+  int duration_ms = 0;      // --duration: stop after this long in all
+  bool extra = false;       // -x: direction and CAN FD flags
+  bool ascii = false;       // -a: the bytes as text
   std::string dbc;
   bool errors = false;  // -e
   std::string capture;  // -w: a pcapng capture instead of lines
@@ -331,121 +334,240 @@ std::string log_file_name() {
   return name;
 }
 
-void run_dump(CanTarget t, const DumpOptions& o) {
-  DBC_HANDLE db = 0;
-  if (!o.dbc.empty() && !(db = VARNEL_DbcLoadFileEx(o.dbc.c_str(), VARNEL_DBC_STANDARD))) {
-    std::fprintf(stderr, "can dump: cannot load the database %s\n", o.dbc.c_str());
-    varnel_cli::exit_code() = 1;
-    return;
-  }
-  if (!open_channel(t)) return;
-  auto capture = o.capture.empty() ? nullptr : capture::CaptureFile::create(o.capture);
-  if (!o.capture.empty() && !capture) {
-    varnel_cli::exit_code() = 1;
-    close_adapter(t.handle);
-    return;
-  }
-  const uint32_t capture_interface =
-      capture
-          ? capture->add_can_channel(t.interface, t.handle, t.channel, t.bitrate, t.data_bitrate)
-          : 0;
+// Where every frame the dump shows goes, one frame at a time: the screen or log line and the
+// decoded signals, or with -w the capture alone.
+struct DumpOutput {
+  const DumpOptions& options;
   FILE* out = stdout;
-  if (o.log_file) {
-    const std::string name = log_file_name();
-    if (!(out = std::fopen(name.c_str(), "w"))) {
-      std::fprintf(stderr, "can dump: cannot write %s\n", name.c_str());
-      varnel_cli::exit_code() = 1;
-      close_adapter(t.handle);
+  capture::CaptureFile* capture = nullptr;
+  DBC_HANDLE db = 0;
+  size_t name_width = 0;  // candump right-aligns the names to the longest
+  uint64_t first_us = 0, last_us = 0;
+
+  void write(const DumpChannel& c, const CANFD_MSG& f, uint64_t frame_us) {
+    if (capture) {
+      capture->write_can(c.capture_interface, f, frame_us);
       return;
     }
-    std::fprintf(stderr, "can dump: logging to %s\n", name.c_str());
+    const bool event = f.Id == VARNEL_CANFD_EVENT_ID;
+    const std::string& name = c.open.interface;
+    const std::string padded =
+        std::string(name_width - std::min(name_width, name.size()), ' ') + name;
+    const bool sent = f.Flags & 0x80;
+    if (options.log_format || options.log_file) {
+      const std::string line = varnel::can_text::candump_log_line(padded, f, frame_us);
+      const std::string head = line.substr(0, line.find(')') + 2) + padded + " ";
+      std::fprintf(
+          out, "%s%s%s\n", head.c_str(),
+          event ? error_frame_text(f, true).c_str() : varnel::can_text::cansend_text(f).c_str(),
+          options.extra ? (sent ? " T" : " R") : "");
+      return;
+    }
+    static constexpr const char* kFlags[] = {"- -", "B -", "- E", "B E"};  // switch, error state
+    std::string extra;
+    if (options.extra)
+      extra = std::string(sent ? "  TX " : "  RX ") + kFlags[event ? 0 : f.Flags & 3];
+    std::fprintf(out, " %s %s%s  %s\n",
+                 stamp(options.time_kind, frame_us, first_us, last_us).c_str(), padded.c_str(),
+                 extra.c_str(),
+                 event ? error_frame_text(f, false).c_str()
+                       : varnel::can_text::candump_frame_text(f, options.ascii).c_str());
+    if (!event) print_decoded(out, db, f);
   }
-  const bool log_format = o.log_format || o.log_file;
-  // Ctrl-C ends the dump as candump's does: the summary, the adapter closed, exit 0.
-  interrupted = false;
-  auto previous = std::signal(SIGINT, [](int) { interrupted = true; });
-  const bool fd = is_fd_adapter(t.handle);
-  std::vector<CAN_MSG> classic(fd ? 0 : VARNEL_CAN_QUEUE_SIZE);
-  std::vector<CANFD_MSG> frames(fd ? 5000 : 0);
-  fd ? CANFD_StartGetMsg(t.handle, t.channel) : CAN_StartGetMsg(t.handle, t.channel);
-  const FrameClock clock = frame_clock(t, fd);
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.time_limit_ms);
+};
+
+// A frame fetched in one pass over the channels, to be shown in bus time order.
+struct Fetched {
+  uint64_t host_us;
+  size_t channel;
+  CANFD_MSG frame;
+};
+
+// One pass over the channels: what each fetched that the dump shows (its filters pass it,
+// device events with -e), in time order. A failed fetch ends the dump.
+CallResult fetch_pass(std::vector<DumpChannel>& channels, const DumpOptions& o,
+                      std::vector<Fetched>& fetched) {
+  fetched.clear();
+  for (size_t i = 0; i < channels.size(); ++i) {
+    DumpChannel& c = channels[i];
+    const int n = c.fd ? CANFD_GetMsg(c.open.handle, c.open.channel, c.frames.data(),
+                                      int32_t(c.frames.size()))
+                       : CAN_GetMsg(c.open.handle, c.open.channel, c.classic.data());
+    if (n < 0) return {n, {c.fd ? "CANFD_GetMsg" : "CAN_GetMsg", {}}};
+    for (int k = 0; k < n; ++k) {
+      const CANFD_MSG f = c.fd ? c.frames[size_t(k)] : from_classic(c.classic[size_t(k)]);
+      const bool event = c.fd && f.Id == VARNEL_CANFD_EVENT_ID;
+      if (event ? !o.errors : !passes_filters(c.filters, f.Id)) continue;
+      fetched.push_back({c.clock.host_us(f.TimeStampHigh, f.TimeStamp), i, f});
+    }
+  }
+  std::stable_sort(fetched.begin(), fetched.end(),
+                   [](const Fetched& a, const Fetched& b) { return a.host_us < b.host_us; });
+  return 0;
+}
+
+// Receives until a limit, Ctrl-C or a failure: -n frames, -T without a frame, --duration.
+CallResult receive(std::vector<DumpChannel>& channels, const DumpOptions& o, DumpOutput& output) {
+  const auto start = Clock::now();
+  auto last_frame = start, next_check = start;
   int shown = 0;
-  uint64_t first_us = 0, last_us = 0;
-  const int64_t reconnects_before = VARNEL_GetReconnectCount(t.handle);
-  int64_t reconnects_seen = reconnects_before;
-  auto next_check = std::chrono::steady_clock::now();
-  bool poller_reported = false;
-  while (!interrupted && (o.count <= 0 || shown < o.count) &&
-         (o.time_limit_ms <= 0 || std::chrono::steady_clock::now() < end)) {
+  std::vector<Fetched> fetched;
+  while (!interrupted && (o.count <= 0 || shown < o.count)) {
+    const auto now = Clock::now();
+    if (o.duration_ms > 0 && now - start >= std::chrono::milliseconds(o.duration_ms)) break;
     // Looked at by the clock, also while frames come: a read on an adapter that went away can
     // itself take seconds (the library's write retry), so counting idle reads would take hours.
-    if (std::chrono::steady_clock::now() >= next_check) {
-      next_check = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
-      warn_if_reconnected(t, reconnects_seen);
-      if ((poller_reported = poller_stopped(t))) {
-        varnel_cli::exit_code() = 1;
-        break;
+    if (now >= next_check) {
+      next_check = now + std::chrono::milliseconds(250);
+      for (DumpChannel& c : channels) {
+        warn_if_reconnected(c);
+        if ((c.poller_reported = poller_stopped(c))) return CallResult::reported();
       }
     }
-    int n = fd ? CANFD_GetMsg(t.handle, t.channel, frames.data(), int32_t(frames.size()))
-               : CAN_GetMsg(t.handle, t.channel, classic.data());
-    if (n < 0) {
-      fail(fd ? "CANFD_GetMsg" : "CAN_GetMsg", n);
-      break;
-    }
-    if (n == 0) {
+    if (CallResult r = fetch_pass(channels, o, fetched); r.code < 0) return r;
+    if (fetched.empty()) {
+      // silence counts from the last frame shown, judged after a fetch: frames waiting in the
+      // queues when this process was held up are not silence
+      if (o.idle_ms > 0 && Clock::now() - last_frame >= std::chrono::milliseconds(o.idle_ms)) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       continue;
     }
-    for (int i = 0; i < n && (o.count <= 0 || shown < o.count); ++i) {
-      const CANFD_MSG f = fd ? frames[size_t(i)] : from_classic(classic[size_t(i)]);
-      const uint64_t now = clock.host_us(f.TimeStampHigh, f.TimeStamp);
-      const bool event = fd && f.Id == VARNEL_CANFD_EVENT_ID;
-      if (event && !o.errors) continue;  // not a frame: out of the output unless asked for
-      if (!event && !passes_filters(t, f.Id)) continue;
+    last_frame = Clock::now();
+    for (const Fetched& f : fetched) {
+      if (o.count > 0 && shown >= o.count) break;
       ++shown;
-      if (capture && capture->write_can(capture_interface, f, now)) continue;
-      const std::string& name = t.interface;
-      if (log_format) {
-        const std::string line = varnel::can_text::candump_log_line(name, f, now);
-        std::fprintf(
-            out, "%s\n",
-            event ? (line.substr(0, line.find(')') + 2) + error_frame_text(f, name, true)).c_str()
-                  : line.c_str());
-        continue;
-      }
-      std::fprintf(out, "%s%s\n", stamp(o.time_kind, now, first_us, last_us).c_str(),
-                   event ? error_frame_text(f, name, false).c_str()
-                         : varnel::can_text::candump_line(name, f).c_str());
-      if (!event) print_decoded(db, f);
+      ++channels[f.channel].shown;
+      output.write(channels[f.channel], f.frame, f.host_us);
     }
-    std::fflush(out);
-    if (capture) capture->flush();
+    std::fflush(output.out);
+    if (output.capture) output.capture->flush();
   }
+  return 0;
+}
+
+// The dump on open channels: the pollers started, frames received, then the summary.
+CallResult dump_channels(std::vector<DumpChannel>& channels, const DumpOptions& o,
+                         DumpOutput& output) {
+  if (o.log_file) {
+    const std::string name = log_file_name();
+    if (!(output.out = std::fopen(name.c_str(), "w"))) {
+      std::fprintf(stderr, "can dump: cannot write %s\n", name.c_str());
+      return CallResult::reported();
+    }
+    std::fprintf(stderr, "can dump: logging to %s\n", name.c_str());
+  }
+  for (DumpChannel& c : channels) {
+    c.fd = is_fd_adapter(c.open.handle);
+    if (c.fd)
+      c.frames.resize(5000);
+    else
+      c.classic.resize(VARNEL_CAN_QUEUE_SIZE);
+    c.fd ? CANFD_StartGetMsg(c.open.handle, c.open.channel)
+         : CAN_StartGetMsg(c.open.handle, c.open.channel);
+    c.clock = frame_clock(c.open, c.fd);
+    c.reconnects_before = c.reconnects_seen = VARNEL_GetReconnectCount(c.open.handle);
+  }
+  // Ctrl-C ends the dump as candump's does: the summary, the adapters closed, exit 0.
+  interrupted = false;
+  auto previous = std::signal(SIGINT, [](int) { interrupted = true; });
+  CallResult result = receive(channels, o, output);
   std::signal(SIGINT, previous);
+  if (output.out != stdout) std::fclose(output.out);
+  for (DumpChannel& c : channels) {
+    warn_if_reconnected(c);
+    // the count or time limit may come first: a poller that stopped meanwhile still fails it
+    if (!c.poller_reported && !interrupted && poller_stopped(c) && result.code >= 0)
+      result = CallResult::reported();
+    print_receive_stats(c, channels.size() > 1);
+    c.fd ? CANFD_StopGetMsg(c.open.handle, c.open.channel)
+         : CAN_StopGetMsg(c.open.handle, c.open.channel);
+  }
+  return result;
+}
+
+// The channels of a dump's arguments, each once: a channel named twice takes both its filter
+// lists (one without filters passes everything).
+std::vector<DumpChannel> dump_channel_list(const std::vector<DumpTarget>& targets,
+                                           const std::vector<std::vector<OpenCanChannel>>& found) {
+  std::vector<DumpChannel> channels;
+  for (size_t t = 0; t < targets.size(); ++t)
+    for (const OpenCanChannel& open : found[t]) {
+      auto same = std::find_if(channels.begin(), channels.end(), [&](const DumpChannel& c) {
+        return c.open.handle == open.handle && c.open.channel == open.channel;
+      });
+      if (same == channels.end()) {
+        channels.emplace_back();
+        channels.back().open = open;
+        channels.back().filters = targets[t].filters;
+      } else if (same->filters.empty() || targets[t].filters.empty()) {
+        same->filters.clear();
+      } else {
+        same->filters.insert(same->filters.end(), targets[t].filters.begin(),
+                             targets[t].filters.end());
+      }
+    }
+  return channels;
+}
+
+void run_dump(const std::vector<std::string>& texts, const CanRates& rates, const DumpOptions& o) {
+  DBC_HANDLE db = 0;
+  if (!o.dbc.empty() && !(db = VARNEL_DbcLoadFileEx(o.dbc.c_str(), VARNEL_DBC_STANDARD))) {
+    std::fprintf(stderr, "can dump: cannot load the database %s\n", o.dbc.c_str());
+    exit_code() = 1;
+    return;
+  }
+  const auto scan = CanScan::make();
+  if (!scan) return;
+  std::vector<DumpTarget> targets;
+  std::vector<std::vector<OpenCanChannel>> found;
+  for (const std::string& text : texts) {
+    targets.push_back(*parse_dump_target(text));  // the argument's check parsed it
+    if (targets.back().every) {
+      found.push_back(scan->every());
+      continue;
+    }
+    const auto channel = scan->find(targets.back().name);
+    if (!channel) return;
+    found.push_back({*channel});
+  }
+  std::vector<DumpChannel> channels = dump_channel_list(targets, found);
+  std::vector<OpenCanChannel> open;
+  DumpOutput output{o};
+  output.db = db;
+  std::unique_ptr<capture::CaptureFile> capture;
+  if (!o.capture.empty()) {
+    if (!(capture = capture::CaptureFile::create(o.capture))) {
+      exit_code() = 1;
+      return;
+    }
+    for (DumpChannel& c : channels)
+      c.capture_interface = capture->add_can_channel(
+          c.open.interface, c.open.handle, c.open.channel, rates.bitrate, rates.data_bitrate);
+    output.capture = capture.get();
+  }
+  for (const DumpChannel& c : channels) {
+    open.push_back(c.open);
+    output.name_width = std::max(output.name_width, c.open.interface.size());
+  }
+  run_can_session({}, open, rates, [&] { return dump_channels(channels, o, output); });
   if (capture && !capture->ok()) {
     std::fprintf(stderr, "can dump: writing %s failed\n", o.capture.c_str());
-    varnel_cli::exit_code() = 1;
+    exit_code() = 1;
   }
-  if (out != stdout) std::fclose(out);
-  warn_if_reconnected(t, reconnects_seen);
-  // the count or time limit may come first: a poller that stopped meanwhile still fails the dump
-  if (!poller_reported && !interrupted && poller_stopped(t)) varnel_cli::exit_code() = 1;
-  print_receive_stats(t, shown, reconnects_seen - reconnects_before);
-  fd ? CANFD_StopGetMsg(t.handle, t.channel) : CAN_StopGetMsg(t.handle, t.channel);
-  close_adapter(t.handle);
 }
 
 // What `can gen` makes, in cangen's terms: each of identifier (-I), length (-L) and data (-D) is
 // random ("r", the default), incrementing ("i") or fixed (hex identifier, decimal length, hex
-// data); -f makes CAN FD frames, -b CAN FD frames with the bit-rate switch, -e extended
-// identifiers, -R remote frames.
+// data); -f makes CAN FD frames, -b CAN FD frames with the bit-rate switch, -E CAN FD frames with
+// the error state indicator, -e extended identifiers, -R remote frames; -m mixes them frame by
+// frame (CAN FD only where the adapter has it). -v prints each frame sent.
 struct GenOptions {
   int count = 10;
   int gap_ms = 200;
   std::string id = "r", len = "r", data = "r";
-  bool fd = false, brs = false, extended = false, remote = false;
+  bool fd = false, brs = false, esi = false, extended = false, remote = false, mix = false;
+  int verbose = 0;
+  bool any_fd() const { return fd || brs || esi; }
 };
 
 struct GenPlan {
@@ -456,7 +578,7 @@ struct GenPlan {
   std::vector<uint8_t> fixed_data;
 };
 
-constexpr int kFdLengths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
+using varnel::can_text::kFdLengths;
 
 bool is_frame_length(int len, bool fd) {
   if (len >= 0 && len <= 8) return true;
@@ -469,13 +591,11 @@ GenPlan::Mode mode_of(const std::string& text) {
   return GenPlan::Mode::kFixed;
 }
 
-// cangen's limits, checked before anything is opened: a classic frame carries 0 to 8 bytes, a
-// CAN FD frame one of the lengths a length code names; an identifier is hex within 11 bits, or
-// 29 with -e (a fixed one above 0x7FF implies -e).
 GenPlan checked_gen_plan(const GenOptions& o) {
   GenPlan plan;
-  const bool fd = o.fd || o.brs;
-  if (fd && o.remote) throw CLI::ValidationError("-R", "CAN FD has no remote frames");
+  // a mix may make CAN FD frames, which take the longer lengths (its classic ones carry 8)
+  const bool fd = o.any_fd() || o.mix;
+  if (o.any_fd() && o.remote) throw CLI::ValidationError("-R", "CAN FD has no remote frames");
   plan.id = mode_of(o.id);
   plan.len = mode_of(o.len);
   plan.data = mode_of(o.data);
@@ -503,98 +623,158 @@ GenPlan checked_gen_plan(const GenOptions& o) {
   return plan;
 }
 
-void run_gen(CanTarget t, const GenOptions& o) {
-  const GenPlan plan = checked_gen_plan(o);
-  if (!open_channel(t)) return;
-  const bool fd = o.fd || o.brs;
-  const bool extended = o.extended || plan.fixed_id > 0x7FF;
-  const uint32_t id_mask = extended ? 0x1FFFFFFF : 0x7FF;
-  uint32_t seed = 12345;
-  auto next = [&] { return seed = seed * 1103515245u + 12345u; };
-  for (int i = 0; o.count <= 0 || i < o.count; ++i) {
-    CANFD_MSG f{};
-    using Mode = GenPlan::Mode;
-    f.Id = plan.id == Mode::kFixed       ? plan.fixed_id
-           : plan.id == Mode::kIncrement ? uint32_t(i) & id_mask
-                                         : (next() >> 8) & id_mask;
-    if (extended) f.Id |= 0x80000000u;
-    if (o.remote) f.Id |= 0x40000000u;
-    const size_t lengths = fd ? std::size(kFdLengths) : 9;
-    f.DataLen = uint8_t(plan.len == Mode::kFixed       ? plan.fixed_len
-                        : plan.len == Mode::kIncrement ? kFdLengths[size_t(i) % lengths]
-                                                       : kFdLengths[(next() >> 16) % lengths]);
-    if (fd) f.Flags = o.brs ? 0x05 : 0x04;
-    if (plan.data == Mode::kFixed) {
-      for (int b = 0; b < f.DataLen; ++b)
-        f.Data[b] = plan.fixed_data[size_t(b) % plan.fixed_data.size()];
-    } else {
-      for (int b = 0; b < f.DataLen; ++b)
-        f.Data[b] = plan.data == Mode::kIncrement ? uint8_t(i) : uint8_t(next() >> 16);
-    }
-    std::vector<CANFD_MSG> one{f};
-    if (!send_frames(t, one)) break;
-    std::printf("%s\n", varnel::can_text::candump_line(t.interface, f).c_str());
-    if (o.gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(o.gap_ms));
-  }
-  close_adapter(t.handle);
+// The frames' kinds, drawn per frame with -m: cangen's mix.
+struct FrameKind {
+  bool extended = false, fd = false, brs = false, esi = false, remote = false;
+};
+
+FrameKind frame_kind(const GenOptions& o, bool fd_channel, uint32_t random) {
+  const bool mix = o.mix;
+  FrameKind kind;
+  kind.extended = o.extended || (mix && (random & 1));
+  kind.fd = o.any_fd() || (mix && fd_channel && (random & 2));
+  kind.brs = kind.fd && (o.brs || (mix && (random & 4)));
+  kind.esi = kind.fd && (o.esi || (mix && (random & 8)));
+  // a remote frame in every fourth classic frame of a mix, as cangen thins them out
+  kind.remote = !kind.fd && (o.remote || (mix && (random & 0x30) == 0x30));
+  return kind;
 }
+
+// Frame `i` of the generator. cangen's habits: a random length is never 0 (at least one data
+// byte unless -L asks for none); with -D i the data is a counter of the frames sent before it,
+// little-endian in the first eight bytes, and a frame carries at least one byte of it.
+CANFD_MSG generated_frame(const GenPlan& plan, const FrameKind& kind, uint64_t i,
+                          const std::function<uint32_t()>& random) {
+  using Mode = GenPlan::Mode;
+  const bool extended = kind.extended || plan.fixed_id > 0x7FF;
+  const uint32_t id_mask = extended ? 0x1FFFFFFF : 0x7FF;
+  CANFD_MSG f{};
+  f.Id = plan.id == Mode::kFixed       ? plan.fixed_id
+         : plan.id == Mode::kIncrement ? uint32_t(i) & id_mask
+                                       : (random() >> 8) & id_mask;
+  if (extended) f.Id |= 0x80000000u;
+  if (kind.remote) f.Id |= 0x40000000u;
+  const size_t lengths = kind.fd ? std::size(kFdLengths) : 9;
+  int len = plan.len == Mode::kFixed       ? std::min(plan.fixed_len, kind.fd ? 64 : 8)
+            : plan.len == Mode::kIncrement ? kFdLengths[i % lengths]
+                                           : kFdLengths[1 + (random() >> 16) % (lengths - 1)];
+  if (plan.data == Mode::kIncrement && len == 0) len = 1;
+  f.DataLen = uint8_t(len);
+  if (kind.fd) f.Flags = uint8_t(0x04 | (kind.brs ? 0x01 : 0) | (kind.esi ? 0x02 : 0));
+  for (int b = 0; b < len; ++b) {
+    if (plan.data == Mode::kFixed)
+      f.Data[b] = plan.fixed_data[size_t(b) % plan.fixed_data.size()];
+    else if (plan.data == Mode::kIncrement)
+      f.Data[b] = b < 8 ? uint8_t(i >> (8 * b)) : 0;
+    else
+      f.Data[b] = uint8_t(random() >> 16);
+  }
+  return f;
+}
+
+// cangen -v: "  can0  123#11.22.33"; -vv the candump line; -vvv with the bytes as text.
+void print_generated(const std::string& interface, const CANFD_MSG& f, int verbose) {
+  if (verbose <= 0) return;
+  const std::string text = verbose == 1 ? varnel::can_text::cansend_text(f, true)
+                                        : varnel::can_text::candump_frame_text(f, verbose > 2);
+  std::printf("  %s  %s\n", interface.c_str(), text.c_str());
+  std::fflush(stdout);
+}
+
+void run_gen(const std::string& target, const CanRates& rates, const GenOptions& o) {
+  const GenPlan plan = checked_gen_plan(o);
+  run_can_session({}, target, rates, [&](const OpenCanChannel& c) -> CallResult {
+    const bool fd_channel = is_fd_adapter(c.handle);
+    uint32_t seed = 12345;
+    const std::function<uint32_t()> random = [&] { return seed = seed * 1103515245u + 12345u; };
+    for (uint64_t i = 0; o.count <= 0 || i < uint64_t(o.count); ++i) {
+      const FrameKind kind = frame_kind(o, fd_channel, o.mix ? random() >> 16 : 0);
+      std::vector<CANFD_MSG> one{generated_frame(plan, kind, i, random)};
+      if (const CallResult sent = send_frames(c, one); sent.code < 0) return sent;
+      print_generated(c.interface, one.front(), o.verbose);
+      if (o.gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(o.gap_ms));
+    }
+    return 0;
+  });
+}
+
+void add_rates(CLI::App* command, CanRates& rates, bool short_bitrate = true) {
+  command->add_option(short_bitrate ? "-b,--bitrate" : "--bitrate", rates.bitrate,
+                      "nominal bit rate (default 500000)");
+  command->add_option("--data-bitrate", rates.data_bitrate,
+                      "CAN FD data bit rate (default 2000000)");
+}
+
+struct CanArguments {
+  std::string target;
+  std::vector<std::string> targets;  // dump
+  CanRates rates;
+};
 
 void add_can_commands(CLI::App& app) {
   CLI::App* can = app.add_subcommand("can", "CAN and CAN FD: send, dump and generate frames");
   can->require_subcommand(1);
-  auto add_target = [](CLI::App* command, std::shared_ptr<CanTarget> t, bool short_bitrate = true) {
-    command->add_option("TARGET", t->text, "CAN channel: canN (see scan order) or HANDLE:CH")
-        ->required()
-        ->check(target_validator());
-    command->add_option(short_bitrate ? "-b,--bitrate" : "--bitrate", t->bitrate,
-                        "nominal bit rate (default 500000)");
-    command->add_option("--data-bitrate", t->data_bitrate,
-                        "CAN FD data bit rate (default 2000000)");
-  };
 
-  auto send_target = std::make_shared<CanTarget>();
+  auto send_args = std::make_shared<CanArguments>();
   auto frames = std::make_shared<std::vector<std::string>>();
   CLI::App* send = can->add_subcommand("send", "send frames: 123#DEADBEEF, 1ABCDEF0#R, 123##1...");
-  add_target(send, send_target);
+  add_channel_argument(send, send_args->target);
+  add_rates(send, send_args->rates);
   send->add_option("FRAME", *frames, "frames in can-utils syntax")->required();
-  send->callback([send_target, frames] { run_send(*send_target, *frames); });
+  send->callback([send_args, frames] { run_send(send_args->target, send_args->rates, *frames); });
 
-  auto dump_target = std::make_shared<CanTarget>();
+  auto dump_args = std::make_shared<CanArguments>();
   auto d = std::make_shared<DumpOptions>();
   CLI::App* dump = can->add_subcommand("dump", "print received frames as candump does");
-  add_target(dump, dump_target);
+  dump->add_option("CHANNEL", dump_args->targets,
+                   "canN, HANDLE:CH or any (every channel found), each with candump's filters "
+                   "(can0,123:7FF)")
+      ->required()
+      ->check(dump_target_validator());
+  add_rates(dump, dump_args->rates);
   dump->add_flag("-L,--log", d->log_format, "candump log format: (time) can0 123#DEADBEEF");
   dump->add_flag("-l,--log-file", d->log_file, "log into candump-DATE_TIME.log instead");
   dump->add_option("-t,--timestamp", d->time_kind,
                    "a absolute, d delta, z from the first frame, A absolute with the date")
       ->check(CLI::IsMember({"a", "d", "z", "A"}));
   dump->add_option("-n,--count", d->count, "stop after N frames");
-  dump->add_option("-T,--timeout", d->time_limit_ms, "stop after MS milliseconds");
+  dump->add_option("-T,--idle-timeout", d->idle_ms, "stop after MS milliseconds without a frame")
+      ->check(CLI::NonNegativeNumber);
+  dump->add_option("--duration", d->duration_ms, "stop after MS milliseconds in all")
+      ->check(CLI::NonNegativeNumber);
+  dump->add_flag("-x,--extra", d->extra, "direction (RX/TX) and CAN FD flags (B switch, E error)");
+  dump->add_flag("-a,--ascii", d->ascii, "the bytes as text behind frames of up to 8 bytes");
   dump->add_option("--dbc", d->dbc, "decode frames with this DBC database");
   dump->add_flag("-e,--errors", d->errors, "show device events as candump shows error frames");
   dump->add_option(
       "-w,--write", d->capture,
       "write the frames to a pcapng capture (Wireshark, tshark) instead; - for stdout");
-  dump->callback([=] { run_dump(*dump_target, *d); });
+  dump->callback([dump_args, d] { run_dump(dump_args->targets, dump_args->rates, *d); });
 
-  auto gen_target = std::make_shared<CanTarget>();
   add_can_service_commands(can);
-  add_can_stat_command(can);
 
+  auto gen_args = std::make_shared<CanArguments>();
   auto gen = can->add_subcommand("gen", "generate frames as cangen does");
   auto o = std::make_shared<GenOptions>();
+  add_channel_argument(gen, gen_args->target);
   // cangen's letters: -b is its bit-rate switch, so the bit rate is --bitrate only here
-  add_target(gen, gen_target, false);
+  add_rates(gen, gen_args->rates, false);
   gen->add_option("-n,--count", o->count, "frames to send (0: until interrupted)");
   gen->add_option("-g,--gap", o->gap_ms, "milliseconds between frames (default 200)");
   gen->add_option("-I,--id", o->id, "identifier: r random, i increment, or hex");
-  gen->add_option("-L,--len", o->len, "data length: r random, i increment, or bytes");
-  gen->add_option("-D,--data", o->data, "data: r random, i increment, or hex bytes");
+  gen->add_option("-L,--len", o->len, "data length: r random (1 or more), i increment, or bytes");
+  gen->add_option("-D,--data", o->data,
+                  "data: r random, i a frame counter (little-endian), or hex bytes");
   gen->add_flag("-f,--fd", o->fd, "CAN FD frames");
   gen->add_flag("-b,--brs", o->brs, "CAN FD frames with the bit-rate switch");
+  gen->add_flag("-E,--esi", o->esi, "CAN FD frames with the error state indicator");
   gen->add_flag("-e,--extended", o->extended, "29-bit identifiers");
   gen->add_flag("-R,--remote", o->remote, "remote frames");
-  gen->callback([=] { run_gen(*gen_target, *o); });
+  gen->add_flag("-m,--mix", o->mix,
+                "mix classic, CAN FD (where the adapter has it), extended and remote frames");
+  gen->add_flag("-v,--verbose", o->verbose,
+                "print each frame sent (-v cansend syntax, -vv candump lines, -vvv with text)");
+  gen->callback([gen_args, o] { run_gen(gen_args->target, gen_args->rates, *o); });
 }
 
 }  // namespace

@@ -25,12 +25,15 @@ constexpr size_t kMaxFilters = 14;
 constexpr uint32_t kMaxPeriodMs = 65535;  // a table's period is 2 bytes
 constexpr size_t kMaxTables = 255;
 
+// The adapter's status byte: anything but 0 is a refusal.
+const SessionReport kNonZeroFails{"", {}, 1, true};
+
 struct ServiceOptions {
   std::string target;
   std::vector<std::string> items;
   bool clear = false, stop = false;
   unsigned periods = 0;
-  uint32_t bitrate = 500000, data_bitrate = 2000000;
+  CanRates rates;
 };
 
 std::optional<uint32_t> parse_id(const std::string& text, bool* extended) {
@@ -58,13 +61,6 @@ std::optional<CAN_FILTER_CONFIG> parse_filter(const std::string& text, uint8_t i
   return f;
 }
 
-bool report(const char* call, int rc) {
-  if (rc == 0) return true;
-  std::fprintf(stderr, "%s: %s\n", call, describe_result(rc).c_str());
-  exit_code() = 1;
-  return false;
-}
-
 void run_filter(const ServiceOptions& o) {
   std::vector<CAN_FILTER_CONFIG> filters;
   for (const auto& item : o.items) {
@@ -76,15 +72,16 @@ void run_filter(const ServiceOptions& o) {
     }
     filters.push_back(*f);
   }
-  const auto ch = open_can_channel(*parse_can_channel_name(o.target), o.bitrate, o.data_bitrate);
-  if (!ch) return;
-  if (report("CAN_FilterList_Init", CAN_FilterList_Init(ch->handle, ch->channel, nullptr, 0)))
+  run_can_session(kNonZeroFails, o.target, o.rates, [&](const OpenCanChannel& ch) -> CallResult {
+    if (const int rc = CAN_FilterList_Init(ch.handle, ch.channel, nullptr, 0); rc != 0)
+      return {rc, {"CAN_FilterList_Init", {}}};
     for (auto& f : filters)
-      if (!report("CAN_Filter_Init", CAN_Filter_Init(ch->handle, ch->channel, &f))) break;
-  if (exit_code() == 0)
-    std::printf("%s: %zu filter%s\n", ch->interface.c_str(), filters.size(),
+      if (const int rc = CAN_Filter_Init(ch.handle, ch.channel, &f); rc != 0)
+        return {rc, {"CAN_Filter_Init", {}}};
+    std::printf("%s: %zu filter%s\n", ch.interface.c_str(), filters.size(),
                 filters.size() == 1 ? "" : "s");
-  close_adapter(ch->handle);
+    return 0;
+  });
 }
 
 void run_schedule(const ServiceOptions& o) {
@@ -112,26 +109,27 @@ void run_schedule(const ServiceOptions& o) {
     periods.push_back(uint8_t(period));  // as the 2 bytes lie in memory: little-endian
     periods.push_back(uint8_t(period >> 8));
   }
-  const auto ch = open_can_channel(*parse_can_channel_name(o.target), o.bitrate, o.data_bitrate);
-  if (!ch) return;
-  if (o.stop) {
-    report("CAN_StopSchedule", CAN_StopSchedule(ch->handle, ch->channel));
-  } else if (report("CAN_SetSchedule",
-                    CAN_SetSchedule(ch->handle, ch->channel, msgs.data(), counts.data(),
-                                    periods.data(), uint8_t(msgs.size()))) &&
-             report("CAN_StartSchedule",
-                    CAN_StartSchedule(ch->handle, ch->channel, 0xFF, uint8_t(o.periods), 0))) {
-    for (size_t i = 0; i < o.items.size(); ++i) std::printf("%s\n", o.items[i].c_str());
-  }
-  close_adapter(ch->handle);
+  run_can_session(kNonZeroFails, o.target, o.rates, [&](const OpenCanChannel& ch) -> CallResult {
+    if (o.stop) return {CAN_StopSchedule(ch.handle, ch.channel), {"CAN_StopSchedule", {}}};
+    if (const int rc = CAN_SetSchedule(ch.handle, ch.channel, msgs.data(), counts.data(),
+                                       periods.data(), uint8_t(msgs.size()));
+        rc != 0)
+      return {rc, {"CAN_SetSchedule", {}}};
+    if (const int rc = CAN_StartSchedule(ch.handle, ch.channel, 0xFF, uint8_t(o.periods), 0);
+        rc != 0)
+      return {rc, {"CAN_StartSchedule", {}}};
+    for (const auto& item : o.items) std::printf("%s\n", item.c_str());
+    return 0;
+  });
 }
 
 CLI::App* add_common(CLI::App* can, const char* name, const char* what,
                      std::shared_ptr<ServiceOptions> o) {
   CLI::App* command = can->add_subcommand(name, what);
   add_channel_argument(command, o->target);
-  command->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");
-  command->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
+  command->add_option("-b,--bitrate", o->rates.bitrate, "nominal bit rate (default 500000)");
+  command->add_option("--data-bitrate", o->rates.data_bitrate,
+                      "CAN FD data bit rate (default 2000000)");
   return command;
 }
 

@@ -18,6 +18,9 @@ CLI::Validator u32_validator(const std::string& name);
 struct ChannelTarget {
   uint32_t handle = 0;
   uint8_t channel = 0;
+  // A scan just made listed the adapter (a channel found by its name, can_names.h): it is opened
+  // without scanning again.
+  bool found_by_scan = false;
 };
 // "HANDLE:CH" with CH below `channels`; "HANDLE" alone means channel 0 where `channel_optional`.
 bool parse_channel_target(const std::string& text, uint32_t channels, bool channel_optional,

@@ -54,6 +54,12 @@ bool call_failed(const std::string& call, int rc, std::span<const ResultMeaning>
 bool run_channel_session(const SessionReport& report, const ChannelTarget& target,
                          const SessionStep& setup, const SessionStep& work);
 
+// The same over several channels at once (a dump of several): each adapter is opened once however
+// many of its channels are named, `setup` runs for each channel, then `work` once for all, and
+// every adapter opened is closed, also when a step failed.
+bool run_channels_session(const SessionReport& report, std::span<const ChannelTarget> targets,
+                          const SessionStep& setup, const std::function<CallResult()>& work);
+
 // The same for a command with nothing to set up first (GPIO, ADC, device information).
 bool run_adapter_session(const SessionReport& report, uint32_t handle, const SessionStep& work);
 

@@ -128,10 +128,10 @@ CLI::Validator timing_validator() {
 CLI::Validator traffic_validator() {
   return CLI::Validator(
       [](std::string& text) {
-        std::string bad;
-        return sim::scene_text::parse_traffic(text, &bad)
+        std::string bad, why;
+        return sim::scene_text::parse_traffic(text, &bad, &why)
                    ? std::string()
-                   : "not a frame with a period: '" + bad + "' (use 123#DEADBEEF@100)";
+                   : "'" + bad + "': " + why + " (frames with their period: 123#DEADBEEF@100)";
       },
       "ID#DATA@MS,...");
 }

@@ -43,7 +43,7 @@ struct UdsOptions {
   bool fd = false, brs = false;
   bool iso_timing = true;
   int timeout_ms = 1000;
-  uint32_t bitrate = 500000, data_bitrate = 2000000;
+  CanRates rates;
 };
 
 enum class Outcome { kAnswered, kRefused, kNotSent };
@@ -65,18 +65,11 @@ Outcome exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8
   return answered ? Outcome::kAnswered : Outcome::kRefused;
 }
 
-void run_uds(const UdsOptions& o) {
-  const auto name = parse_can_channel_name(o.target);
-  uint32_t tx = 0, rx = 0;
-  const auto requests = parse_requests(o.requests);
-  if (!requests) {
-    exit_code() = 2;
-    return;
-  }
-  tx = uint32_t(std::stoul(o.tx_text, nullptr, 16));
-  rx = uint32_t(std::stoul(o.rx_text, nullptr, 16));
-  const auto ch = open_can_channel(*name, o.bitrate, o.data_bitrate);
-  if (!ch) return;
+// Every request in turn on an open channel; failures are told as they come.
+CallResult run_requests(const OpenCanChannel& ch, const UdsOptions& o,
+                        const std::vector<std::vector<uint8_t>>& requests) {
+  const uint32_t tx = uint32_t(std::stoul(o.tx_text, nullptr, 16));
+  const uint32_t rx = uint32_t(std::stoul(o.rx_text, nullptr, 16));
   // identifiers of eight digits are 29-bit, as cansend reads them
   const bool extended = o.tx_text.size() == 8 || tx > 0x7FF || rx > 0x7FF;
   const bool ext = !o.ext_addr.empty();
@@ -86,16 +79,26 @@ void run_uds(const UdsOptions& o) {
                     uint8_t(ext ? 1 : 0),
                     uint8_t(ext ? std::stoul(o.ext_addr, nullptr, 16) : 0),
                     uint8_t(o.fd || o.brs ? 64 : 8)};
-  VARNEL_CAN_UDS_SetIsoTiming(ch->handle, ch->channel, o.iso_timing ? 1 : 0);
+  VARNEL_CAN_UDS_SetIsoTiming(ch.handle, ch.channel, o.iso_timing ? 1 : 0);
   // No receive poller: without it the library fetches from the adapter whenever it waits for a
   // frame (every millisecond), where the poller would hold each flow control and answer back for
   // up to its 10 ms period, longer than many ECUs' P2 over a multi-frame exchange.
-  for (const auto& request : *requests) {
-    const Outcome outcome = exchange(*ch, addr, request, o.timeout_ms);
+  for (const auto& request : requests) {
+    const Outcome outcome = exchange(ch, addr, request, o.timeout_ms);
     if (outcome != Outcome::kAnswered) exit_code() = 1;
     if (outcome == Outcome::kNotSent) break;
   }
-  close_adapter(ch->handle);
+  return 0;
+}
+
+void run_uds(const UdsOptions& o) {
+  const auto requests = parse_requests(o.requests);
+  if (!requests) {
+    exit_code() = 2;
+    return;
+  }
+  run_can_session({}, o.target, o.rates,
+                  [&](const OpenCanChannel& ch) { return run_requests(ch, o, *requests); });
 }
 
 void add_uds_commands(CLI::App& app) {
@@ -126,8 +129,9 @@ void add_uds_commands(CLI::App& app) {
                 "restarts the wait (default on)");
   uds->add_option("-t,--timeout", o->timeout_ms, "ms to wait for a response (default 1000)")
       ->check(CLI::Range(1, 600000));
-  uds->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");
-  uds->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
+  uds->add_option("-b,--bitrate", o->rates.bitrate, "nominal bit rate (default 500000)");
+  uds->add_option("--data-bitrate", o->rates.data_bitrate,
+                  "CAN FD data bit rate (default 2000000)");
   uds->callback([=] {
     if (!uds->get_subcommands().empty()) return;
     for (const CLI::Option* required : {target, txid, rxid, request})
