@@ -429,7 +429,7 @@ TEST_F(Uds, TheEcuDropsAnAbandonedTransferAndServesTheNext) {
     start(kClassic);
     auto tester = sim::CanPeer::create(bus_, {500000, 0});
     auto send = [&](const Bytes& bytes) {
-      sim::CanFrame frame{0x7E0, false, false, false, false, 8};
+      sim::CanFrame frame{0x7E0, false, false, false, false, false, 8};
       std::copy(bytes.begin(), bytes.end(), frame.data.begin());
       tester->send(frame);
     };

@@ -90,6 +90,24 @@ bool run_can_session(const SessionReport& report, const std::string& name, const
   return run_can_session(report, {*channel}, rates, [&] { return work(*channel); });
 }
 
+std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
+                                               uint32_t data_bitrate) {
+  const auto scan = CanScan::make();
+  const auto channel = scan ? scan->find(name) : std::nullopt;
+  if (!channel) return std::nullopt;
+  const ChannelTarget t = channel->target();
+  if (!(t.found_by_scan ? open_found_adapter(t.handle) : open_adapter(t.handle))) {
+    exit_code() = 1;  // it said why
+    return std::nullopt;
+  }
+  if (init_can_channel(t, {bitrate, data_bitrate}).was_reported()) {
+    close_adapter(t.handle);
+    exit_code() = 1;
+    return std::nullopt;
+  }
+  return channel;
+}
+
 CLI::Option* add_channel_argument(CLI::App* command, std::string& target) {
   return command->add_option("TARGET", target, "CAN channel: canN or HANDLE:CH")
       ->required()

@@ -59,6 +59,12 @@ bool run_can_session(const SessionReport& report, const std::vector<OpenCanChann
 bool run_can_session(const SessionReport& report, const std::string& name, const CanRates& rates,
                      const std::function<CallResult(const OpenCanChannel&)>& work);
 
+// For a tool that keeps a channel open beyond one command's work (the monitor's live source, the
+// extcap capture, a UDS link): the channel a name stands for, opened and initialised as a session
+// would; the caller closes its adapter. Nullopt (exit code 1, having said why) when it cannot be.
+std::optional<OpenCanChannel> open_can_channel(const CanChannelName& name, uint32_t bitrate,
+                                               uint32_t data_bitrate);
+
 // The TARGET argument of a command on one channel (canN or HANDLE:CH), checked as it parses.
 CLI::Option* add_channel_argument(CLI::App* command, std::string& target);
 
