@@ -1,28 +1,7 @@
 // varnel: the command-line tool over libvarnel. Each command group lives in its own file and
 // registers itself (command_group.h); this file only builds the app and runs it.
-#include <vector>
-
 #include "core/command_group.h"
 #include "varnel_version.h"
-
-namespace varnel_cli {
-
-static std::vector<CommandGroupAdder>& command_groups() {
-  static std::vector<CommandGroupAdder> groups;
-  return groups;
-}
-
-bool register_command_group(CommandGroupAdder adder) {
-  command_groups().push_back(adder);
-  return true;
-}
-
-int& exit_code() {
-  static int code = 0;
-  return code;
-}
-
-}  // namespace varnel_cli
 
 int main(int argc, char** argv) {
   CLI::App app{"varnel - multi-interface bus adapter tool"};

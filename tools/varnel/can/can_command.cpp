@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "can/can_channel.h"
+#include "capture/candump_log.h"
 #include "capture/capture_file.h"
 #include "core/adapter.h"
 #include "core/can_names.h"
@@ -324,16 +325,6 @@ std::string stamp(const std::string& kind, uint64_t now_us, uint64_t& first_us, 
   return text;
 }
 
-// candump's log file name, in local time.
-std::string log_file_name() {
-  const time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
-  char name[64];
-  std::strftime(name, sizeof name, "candump-%Y-%m-%d_%H%M%S.log", &local);
-  return name;
-}
-
 // Where every frame the dump shows goes, one frame at a time: the screen or log line and the
 // decoded signals, or with -w the capture alone.
 struct DumpOutput {
@@ -449,7 +440,7 @@ CallResult receive(std::vector<DumpChannel>& channels, const DumpOptions& o, Dum
 CallResult dump_channels(std::vector<DumpChannel>& channels, const DumpOptions& o,
                          DumpOutput& output) {
   if (o.log_file) {
-    const std::string name = log_file_name();
+    const std::string name = candump_log::log_file_name();
     if (!(output.out = std::fopen(name.c_str(), "w"))) {
       std::fprintf(stderr, "can dump: cannot write %s\n", name.c_str());
       return CallResult::reported();

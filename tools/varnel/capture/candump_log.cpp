@@ -1,5 +1,6 @@
 #include "capture/candump_log.h"
 
+#include <ctime>
 #include <optional>
 
 #include "src/can/can_text.h"
@@ -96,6 +97,15 @@ ParsedLine bad(std::string why) {
 }
 
 }  // namespace
+
+std::string log_file_name() {
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char name[64];
+  std::strftime(name, sizeof name, "candump-%Y-%m-%d_%H%M%S.log", &local);
+  return name;
+}
 
 ParsedLine parse_line(std::string_view line) {
   std::string_view rest = line;

@@ -36,6 +36,9 @@ struct ParsedLine {
 };
 ParsedLine parse_line(std::string_view line);
 
+// candump's name for a log it writes (-l), in local time: candump-2026-11-26_051500.log.
+std::string log_file_name();
+
 // Reads records from a stream, counting lines so that a bad one can be named.
 class LogReader {
  public:

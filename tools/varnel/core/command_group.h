@@ -6,6 +6,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <vector>
 
 namespace varnel_cli {
 
@@ -13,6 +14,8 @@ using CommandGroupAdder = void (*)(CLI::App&);
 
 // Returns true so that it can initialise a static; groups are added in registration order.
 bool register_command_group(CommandGroupAdder adder);
+// The groups registered, for the program that builds its app from them.
+std::vector<CommandGroupAdder>& command_groups();
 
 // Exit code a command sets when it fails after parsing (usage errors exit 2 through CLI11).
 int& exit_code();

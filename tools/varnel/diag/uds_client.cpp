@@ -57,6 +57,10 @@ bool answers(const std::vector<uint8_t>& r, uint8_t service) {
 
 }  // namespace
 
+std::span<const ResultMeaning> uds_results() {
+  return kUdsResults;
+}
+
 CLI::Validator can_id_validator() {
   return CLI::Validator(
       [](std::string& text) {

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ struct UdsLinkOptions {
 };
 void add_uds_link_options(CLI::App* command, UdsLinkOptions& o);
 CLI::Validator can_id_validator();
+
+// What the UDS-on-CAN calls' own codes mean, for describe_result.
+std::span<const ResultMeaning> uds_results();
 
 // A final answer: `transport` < 0 when none came (a library result code), else the response;
 // a negative one has `nrc` set.

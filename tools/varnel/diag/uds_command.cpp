@@ -25,16 +25,6 @@
 namespace varnel_cli {
 namespace {
 
-constexpr ResultMeaning kUdsResults[] = {
-    {CAN_UDS_ERR_SEND_COUNT, "the adapter sent another number of frames than asked"},
-    {CAN_UDS_ERR_TIMEOUT, "no flow control or no whole response in time"},
-    {CAN_UDS_ERR_SEQUENCE, "a consecutive frame came out of sequence"},
-    {CAN_UDS_ERR_FRAME, "a frame that is not ISO-TP, or a single frame longer than itself"},
-    {CAN_UDS_ERR_OVERFLOW, "the ECU answered flow control with overflow"},
-    {CAN_UDS_ERR_DEVICE, "the adapter has no device index"},
-    {VARNEL_CAN_UDS_ERR_SIZE, "the response is longer than 1 MiB"},
-};
-
 struct UdsOptions {
   std::string target;
   std::string tx_text, rx_text;
@@ -54,14 +44,14 @@ Outcome exchange(const OpenCanChannel& ch, CAN_UDS_ADDR& addr, std::vector<uint8
   const int sent =
       CAN_UDS_Request(ch.handle, ch.channel, &addr, request.data(), int32_t(request.size()));
   if (sent != 0) {
-    std::fprintf(stderr, "CAN_UDS_Request: %s\n", describe_result(sent, kUdsResults).c_str());
+    std::fprintf(stderr, "CAN_UDS_Request: %s\n", describe_result(sent, uds_results()).c_str());
     return Outcome::kNotSent;
   }
   const bool answered = print_final_response(
       [&](uint8_t* out, uint32_t size, int wait_ms) {
         return VARNEL_CAN_UDS_ResponseN(ch.handle, ch.channel, &addr, out, size, wait_ms);
       },
-      timeout_ms, kUdsResults);
+      timeout_ms, uds_results());
   return answered ? Outcome::kAnswered : Outcome::kRefused;
 }
 

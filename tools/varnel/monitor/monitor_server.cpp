@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 
+#include "capture/candump_log.h"
 #include "core/result_text.h"
 #include "core/sim_mode.h"
 #include "monitor/frame_source.h"
@@ -61,15 +62,6 @@ std::string random_token() {
 
 bool is_loopback(const std::string& address) {
   return address == "127.0.0.1" || address == "localhost" || address == "::1";
-}
-
-std::string candump_file_name() {
-  const time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
-  char name[64];
-  std::strftime(name, sizeof name, "candump-%Y-%m-%d_%H%M%S.log", &local);
-  return name;
 }
 
 class Monitor {
@@ -305,7 +297,7 @@ class Monitor {
       if (!admitted(req, res) || !same_origin(req, res)) return;
       if (req.get_param_value("on") == "1") {
         std::lock_guard lock(mutex_);
-        start_recording(options_.record.empty() ? candump_file_name() : options_.record);
+        start_recording(options_.record.empty() ? candump_log::log_file_name() : options_.record);
       } else {
         std::lock_guard lock(mutex_);
         stop_recording();

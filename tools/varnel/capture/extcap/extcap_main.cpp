@@ -26,25 +26,6 @@
 #include "varnel.h"
 #include "varnel_version.h"
 
-namespace varnel_cli {
-
-static std::vector<CommandGroupAdder>& command_groups() {
-  static std::vector<CommandGroupAdder> groups;
-  return groups;
-}
-
-bool register_command_group(CommandGroupAdder adder) {
-  command_groups().push_back(adder);
-  return true;
-}
-
-int& exit_code() {
-  static int code = 0;
-  return code;
-}
-
-}  // namespace varnel_cli
-
 namespace {
 
 using namespace varnel_cli;
