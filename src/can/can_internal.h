@@ -2,6 +2,7 @@
 // pollers.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 #include "can/can_state.h"
@@ -78,6 +79,11 @@ constexpr size_t kClassicFetchBytes = 100000;
 constexpr size_t kClassicFetchLimit = 5000;  // a larger fetch is garbage and dropped whole
 constexpr size_t kFdFetchBytes = 380000;
 constexpr size_t kFdFetchLimit = 5000;
-constexpr size_t kFdClassicRead = 2000;  // classic reads on CAN FD adapters take at most this
+constexpr size_t kFdClassicRead = 2000;
+// Between two fetches of a wait for a frame: short against the frames' time on the bus (a
+// classic frame at 500 kbit/s lasts about 0.2 ms), long enough to leave the adapter's pipe to
+// others.
+constexpr auto kFetchGap =
+    std::chrono::microseconds(200);  // classic reads on CAN FD adapters take at most this
 
 }  // namespace varnel::can

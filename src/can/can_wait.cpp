@@ -12,10 +12,6 @@ using namespace varnel::can;
 
 namespace {
 
-// Between two fetches of one wait: short against the frames' time on the bus (a classic frame
-// at 500 kbit/s lasts about 0.2 ms), long enough to leave the adapter's pipe to others.
-constexpr auto kFetchGap = std::chrono::microseconds(200);
-
 // Records waiting in the channel's application queue.
 size_t queued(uint32_t handle, uint8_t channel, CanAdapterState& adapter, bool fd) {
   DataLock lock(handle, channel);

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <thread>
 #include <vector>
 
 #include "can/can_internal.h"
@@ -282,7 +283,7 @@ int wait_for_flow(Link& link, Flow* flow) {
   while (elapsed_ms_since(start) < double(wait_ms)) {
     std::optional<Frame> frame = link.take_response(3);
     if (!frame) {
-      sleep_for_ms(1);
+      std::this_thread::sleep_for(kFetchGap);
       continue;
     }
     const uint8_t pci = frame->data[at];
@@ -379,7 +380,7 @@ int respond(uint32_t handle, uint8_t channel, CAN_UDS_ADDR* addr, uint8_t* out, 
     std::optional<Frame> frame = link.take_response(2);
     if (!frame) {
       if (elapsed_ms_since(start) >= double(timeout_ms)) return kTimeout;
-      sleep_for_ms(1);
+      std::this_thread::sleep_for(kFetchGap);
       continue;
     }
     bool flow_control_due = false;
