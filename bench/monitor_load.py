@@ -11,9 +11,9 @@ bus carries (it reckons a frame without data at 64 us, one of eight bytes at 135
 millisecond's worth a millisecond and its frames fall behind the clock). can0 and can1 both hear
 all of it. After the first sixth of the
 run (the warm-up: queues, page and charts filled) it measures until the end:
-- counts: per channel the frames the page counts against the frames the traffic's schedule sent
-  (the identifiers all run at the same period, so their counts must agree within one), and the
-  host queues' losses (must be 0);
+- counts: per channel every identifier's count (all run at the same period from the same start,
+  so they must agree within one, and the channel's frame total must be their sum) and the host
+  queues' losses (must be 0);
 - server CPU: utime + stime of the monitor process from /proc/PID/stat, as % of one core, and
   per 10,000 frames/s of the two channels together. On the virtual adapter the process also runs
   the virtual bus and adapter (inside the library's fetches), so this is the monitor's upper bound;
