@@ -20,14 +20,14 @@ SOURCE = os.path.dirname(HERE)
 CLASSIC, FD = 0x12345678, 0x53000001
 
 
-def reexec_on_the_virtual_adapter(build):
+def reexec_on_the_virtual_adapter(build, ecu="7E0/7E8"):
     """The usbsim must be in the loader's path when the process starts."""
     # PYTHONPATH, when set, names the package to measure (another checkout's, for a comparison)
     python = os.environ.get("PYTHONPATH") or os.path.join(SOURCE, "python")
     env = dict(os.environ, VARNEL_LATENCY_BENCH="1", PYTHONPATH=python,
                VARNEL_LIBRARY=os.path.join(build, "libvarnel.so"),
                LD_LIBRARY_PATH=os.path.join(build, "usbsim"),
-               VARNEL_USBSIM_ADAPTERS=f"0x{CLASSIC:08X},0x{FD:08X}", VARNEL_SIM_CAN_ECU="7E0/7E8",
+               VARNEL_USBSIM_ADAPTERS=f"0x{CLASSIC:08X},0x{FD:08X}", VARNEL_SIM_CAN_ECU=ecu,
                VARNEL_SIM_CAN_PEER="500000/2000000")
     os.execve("/usr/bin/python3", ["/usr/bin/python3"] + sys.argv, env)
 

@@ -21,81 +21,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 from can_recv_latency import CLASSIC, percentile, reexec_on_the_virtual_adapter  # noqa: E402
 
-REQUEST_ID, RESPONSE_ID = 0x7E0, 0x7E8
-P2_S, N_BS_S, N_CR_S = 0.050, 1.0, 1.0
-PAD = 0xCC
-
-
-class Timeout(Exception):
-    pass
-
-
-class IsoTpClient:
-    """ISO 15765-2 on classic CAN, normal addressing, 8-byte frames padded with 0xCC."""
-
-    def __init__(self, bus):
-        self.bus = bus
-
-    def frame(self, payload):
-        import can
-        data = bytes(payload) + bytes([PAD]) * (8 - len(payload))
-        self.bus.send(can.Message(arbitration_id=REQUEST_ID, is_extended_id=False, data=data))
-
-    def receive_frame(self, seconds):
-        deadline = time.perf_counter() + seconds
-        while True:
-            left = deadline - time.perf_counter()
-            if left <= 0:
-                raise Timeout()
-            msg = self.bus.recv(left)
-            if msg is not None and msg.arbitration_id == RESPONSE_ID:
-                return bytes(msg.data)
-
-    def send(self, payload):
-        if len(payload) <= 7:
-            self.frame([len(payload)] + list(payload))
-            return
-        self.frame([0x10 | (len(payload) >> 8), len(payload) & 0xFF] + list(payload[:6]))
-        at, sequence = 6, 1
-        while at < len(payload):
-            control = self.receive_frame(N_BS_S)
-            while control[0] == 0x31:  # wait: N_Bs starts again
-                control = self.receive_frame(N_BS_S)
-            if control[0] != 0x30:
-                raise RuntimeError("flow control expected, got %s" % control.hex())
-            block, stmin = control[1], control[2]
-            sent = 0
-            while at < len(payload) and (block == 0 or sent < block):
-                self.frame([0x20 | sequence] + list(payload[at:at + 7]))
-                at, sequence, sent = at + 7, (sequence + 1) & 0x0F, sent + 1
-                if stmin and at < len(payload):
-                    time.sleep(stmin / 1000.0 if stmin <= 0x7F else 0.0001 * (stmin - 0xF0))
-
-    def receive(self, first_wait):
-        first = self.receive_frame(first_wait)
-        kind = first[0] >> 4
-        if kind == 0:
-            return first[1:1 + (first[0] & 0x0F)]
-        if kind != 1:
-            raise RuntimeError("unexpected frame %s" % first.hex())
-        length = ((first[0] & 0x0F) << 8) | first[1]
-        data = bytearray(first[2:8])
-        self.frame([0x30, 0x00, 0x00])  # all the rest, no gap
-        sequence = 1
-        while len(data) < length:
-            frame = self.receive_frame(N_CR_S)
-            if frame[0] != (0x20 | sequence):
-                raise RuntimeError("consecutive frame %d expected, got %s" % (sequence, frame.hex()))
-            data += frame[1:8]
-            sequence = (sequence + 1) & 0x0F
-        return bytes(data[:length])
-
-    def request(self, payload):
-        self.send(payload)
-        answer = self.receive(P2_S)
-        while len(answer) == 3 and answer[0] == 0x7F and answer[2] == 0x78:
-            answer = self.receive(5.0)  # P2*
-        return answer
+sys.path.insert(0, os.path.join(os.path.dirname(HERE), "tests", "interop", "python"))
+from isotp_tester import IsoTpClient, P2_S, Timeout  # noqa: E402
 
 
 def measure(rounds, size):

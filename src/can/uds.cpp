@@ -179,10 +179,12 @@ class Link {
   }
 
   // The next frame from the response identifier with at least `min_len` bytes after the address
-  // byte; other frames are dropped. Without a running poller the channel is fetched first, as
-  // CAN_GetMsg does, so the calls also work on a channel nobody polls.
+  // byte; other frames are dropped. The channel is fetched first, polled or not: a channel nobody
+  // polls works so, and on a polled one the poller's 10 ms would otherwise be added to every flow
+  // control and every answer a transfer waits for (a fetch on demand queues what it brings for
+  // the application too, as the poller's would).
   std::optional<Frame> take_response(size_t min_len) {
-    if (!polled()) fetch_once();
+    fetch_once();
     DataLock lock(handle_, channel_);
     while (true) {
       std::optional<Frame> frame = fd_adapter_ ? take_fd() : take_classic();

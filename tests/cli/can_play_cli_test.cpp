@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <fstream>
+#include <optional>
 #include <regex>
 
 #include "cli_support.h"
@@ -80,28 +82,35 @@ void replay(const std::string& play_args, size_t expected, std::vector<std::stri
   stop(dump, out);
 }
 
+// A `varnel sim` daemon serving adapter 0x55000140, whose node sends 321#CAFE every 20 ms; the
+// tool's network calls reach it.
+struct Daemon {
+  FILE* out = nullptr;
+  pid_t pid = start({"--sim-traffic", "321#CAFE@20", "sim", "--adapter", "0x55000140",
+                     "--discovery-port", "0", "--tcp-port", "0", "--first-address", "127.0.0.44"},
+                    &out);
+  Daemon() {
+    unsigned discovery = 0, tcp = 0;
+    EXPECT_EQ(fscanf(out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp),
+              2);
+    setenv("VARNEL_NET_DISCOVERY_PORT", std::to_string(discovery).c_str(), 1);
+    setenv("VARNEL_NET_TCP_PORT", std::to_string(tcp).c_str(), 1);
+  }
+  ~Daemon() { stop(pid, out); }
+};
+
 }  // namespace
 
 // The log's gaps hold on the bus: no frame leaves well before its time (a late first frame may
 // shorten the next gap, hence the margin); a second pass starts over; -g replaces the timing.
 TEST(CanPlayCli, SendsTheAssignedChannelsFramesInOrderAtTheLogsTimes) {
-  FILE* daemon_out = nullptr;
-  const pid_t daemon =
-      start({"--sim-traffic", "321#CAFE@20", "sim", "--adapter", "0x55000140", "--discovery-port",
-             "0", "--tcp-port", "0", "--first-address", "127.0.0.44"},
-            &daemon_out);
-  unsigned discovery = 0, tcp = 0;
-  EXPECT_EQ(
-      fscanf(daemon_out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp),
-      2);
-  setenv("VARNEL_NET_DISCOVERY_PORT", std::to_string(discovery).c_str(), 1);
-  setenv("VARNEL_NET_TCP_PORT", std::to_string(tcp).c_str(), 1);
+  std::optional<Daemon> daemon(std::in_place);
   const std::string log = write_log("replay", kLog);
   std::vector<std::string> frames, gapped;
   std::vector<long long> us, gapped_us;
   replay(log + " can0=vcan0 -l 2", 6, frames, us);
   replay("-I " + log + " can0=vcan0 -g 100", 3, gapped, gapped_us);
-  stop(daemon, daemon_out);
+  daemon.reset();
   std::vector<std::string> twice = kPass;
   twice.insert(twice.end(), kPass.begin(), kPass.end());
   ASSERT_EQ(frames, twice);
@@ -148,4 +157,25 @@ TEST(CanPlayCli, PrintsWhatItSendsAndNamesTheLineThatFails) {
     EXPECT_EQ(run.err, "can play: " + c.err + "\n") << c.args;
     EXPECT_EQ(run.out, "") << c.args;
   }
+}
+
+// A capture `can dump -w` wrote replays as a log does: its interface's name (can2, the FD
+// adapter in --sim) is the log channel, and what reaches the bus has the identifiers, data,
+// remote and CAN FD flags the traffic was sent with (BRS and ESI: ##3).
+TEST(CanPlayCli, ReplaysACanDumpCaptureOntoTheBus) {
+  const std::string capture = testing::TempDir() + "played" + std::to_string(getpid()) + ".pcapng";
+  std::vector<std::string> sent = {"123#DEADBEEF", "1ABCDEF0#R", "456##3112233445566778899AABBCC"};
+  ToolRun dump = varnel("--sim-traffic " + sent[0] + "@10," + sent[1] + "@10," + sent[2] +
+                        "@10 can dump can2 -n 3 -w " + capture);
+  ASSERT_EQ(dump.exit_code, 0) << dump.err;
+  std::vector<std::string> frames;
+  std::vector<long long> us;
+  {
+    Daemon daemon;
+    replay(capture + " 0x55000140:0=can2 -t", 3, frames, us);
+  }
+  std::sort(sent.begin(), sent.end());
+  std::sort(frames.begin(), frames.end());
+  EXPECT_EQ(frames, sent);
+  std::remove(capture.c_str());
 }

@@ -120,3 +120,20 @@ TEST(CaptureCli, TsharkCapturesFromTheExtcapInterfaceAndStops) {
   std::remove((folder + "/varnel-extcap").c_str());
   rmdir(folder.c_str());
 }
+
+// `monitor --record FILE.pcapng` writes the capture `can dump -w` does: tshark reads each
+// watched channel as its own interface with the frames the bus carried. The monitor runs until
+// its Ctrl-C (timeout's SIGINT), as a user stops it.
+TEST(CaptureCli, TsharkReadsAMonitorRecording) {
+  if (varnel("monitor --help").exit_code != 0) GTEST_SKIP() << "built without the monitor";
+  const std::string file = temp_path("monitor.pcapng");
+  ToolRun run = varnel("--sim-traffic 1ABCDEF0##1AABB@20 monitor can2 --port 0 --record " + file,
+                       "timeout --preserve-status -s INT 2");
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const std::string out = tshark_fields(
+      file,
+      "-e frame.interface_name -e frame.interface_description -e can.id -e can.flags.xtd "
+      "-e canfd.flags.brs -e data.data -c 1");
+  EXPECT_EQ(out, "can2,VARNEL 0x53000001:0 CAN FD 500000/2000000 bit/s,448585456,1,1,aabb\n");
+  std::remove(file.c_str());
+}

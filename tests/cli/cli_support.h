@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -61,5 +62,50 @@ inline std::string data_file(const std::string& name) {
 inline std::string without_host_times(const std::string& text) {
   return std::regex_replace(text, std::regex("\\(\\d+\\.\\d{6}\\)"), "(<time>)");
 }
+
+// `varnel GLOBAL_ARGS sim` in the background on ports of its own choosing, serving one network
+// adapter at `address`; `environment()` reaches it from `varnel --net 127.0.0.1`. Stopped when
+// the object goes.
+class SimDaemon {
+ public:
+  SimDaemon(const std::string& global_args, const std::string& adapter,
+            const std::string& address) {
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(fds[1], 1);
+      close(fds[0]);
+      close(fds[1]);
+      const std::string command = "exec " VARNEL_BINARY_DIR "/bin/varnel " + global_args +
+                                  " sim --adapter " + adapter +
+                                  " --discovery-port 0 --tcp-port 0 --first-address " + address;
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+      _exit(127);
+    }
+    close(fds[1]);
+    out_ = fdopen(fds[0], "r");
+    char line[256];
+    unsigned discovery = 0, tcp = 0;
+    if (out_ && fgets(line, sizeof line, out_) &&
+        sscanf(line, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp) == 2)
+      environment_ = "VARNEL_NET_DISCOVERY_PORT=" + std::to_string(discovery) +
+                     " VARNEL_NET_TCP_PORT=" + std::to_string(tcp);
+  }
+  ~SimDaemon() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (out_) fclose(out_);
+  }
+  // Empty when the daemon did not come up.
+  const std::string& environment() const { return environment_; }
+
+ private:
+  pid_t pid_ = -1;
+  FILE* out_ = nullptr;
+  std::string environment_;
+};
 
 }  // namespace cli_test

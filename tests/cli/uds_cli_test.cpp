@@ -1,6 +1,10 @@
 // `varnel uds` against the virtual bus's diagnostic ECU: one hex line per response, negative
 // responses by name (the list goes on; exit 1 at the end), usage errors with exit 2 before any
 // adapter is touched.
+#include <poll.h>
+
+#include <chrono>
+
 #include "cli_support.h"
 
 using namespace cli_test;
@@ -70,6 +74,62 @@ TEST(UdsCli, FlashFaultsGiveTheirErrorAndExitCode) {
       EXPECT_EQ(run.out.find("VERIFIED"), std::string::npos) << c.ecu;
     }
   }
+}
+
+// Reads `fd` into `seen` until it holds `text` (true) or the file ends or `deadline` passes.
+static bool read_until(int fd, const std::string& text,
+                       std::chrono::steady_clock::time_point deadline, std::string& seen) {
+  using namespace std::chrono;
+  while (seen.find(text) == std::string::npos) {
+    const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
+    pollfd p{fd, POLLIN, 0};
+    if (left <= 0 || poll(&p, 1, int(left)) <= 0) return false;
+    char buffer[512];
+    const ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n <= 0) return false;
+    seen.append(buffer, size_t(n));
+  }
+  return true;
+}
+
+// Ctrl-C in the middle of a flash: the ECU (served by a daemon, so that it outlives the tool) is
+// erasing, with "response pending" for 100 ms per segment, and then takes 8 bytes a block; the
+// tool finishes the request under way, puts the ECU back in its default session and exits 130.
+// Asked afterwards, the ECU says it is in session 01.
+TEST(UdsCli, CtrlCMidFlashLeavesTheEcuInItsDefaultSession) {
+  const std::string image = two_segment_image();
+  SimDaemon daemon("--sim-ecu 7E0/7E8,pending=100,block=10", "0x55000160", "127.0.0.60");
+  ASSERT_FALSE(daemon.environment().empty());
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t flash = fork();
+  if (flash == 0) {
+    dup2(fds[1], 2);
+    close(fds[0]);
+    close(fds[1]);
+    const std::string command =
+        "exec env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS " + daemon.environment() +
+        " " VARNEL_BINARY_DIR "/bin/varnel --net 127.0.0.1 uds flash 0x55000160:0 7E0 7E8 " +
+        image + " >/dev/null";
+    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    _exit(127);
+  }
+  close(fds[1]);
+  const auto now = std::chrono::steady_clock::now;
+  std::string err;
+  const bool erasing = read_until(fds[0], "erasing", now() + std::chrono::seconds(10), err);
+  kill(flash, SIGINT);
+  read_until(fds[0], "\n\n never printed", now() + std::chrono::seconds(15), err);  // to the end
+  close(fds[0]);
+  int status = 0;
+  waitpid(flash, &status, 0);
+  ASSERT_TRUE(erasing) << err;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status << "\n" << err;
+  EXPECT_NE(err.find("interrupted: the ECU is back in its default session"), std::string::npos)
+      << err;
+  ToolRun session =
+      varnel("--net 127.0.0.1 uds read 0x55000160:0 7E0 7E8 F186", daemon.environment());
+  EXPECT_EQ(session.out, "F186: 01\n") << session.err;
 }
 
 TEST(UdsCli, InfoDtcAndReadDecodeWhatTheEcuSends) {

@@ -86,10 +86,14 @@ TEST(BusStatistics, LoadCountsTheWindowOnly) {
   EXPECT_EQ(f.frames, 400u);
   EXPECT_EQ(f.frames_forgotten, 100u);
   EXPECT_NEAR(f.load_percent, 400 * 111 * 100.0 / 500000, 1e-9);
-  f = load.figures(1500000);  // the window is 500001..1500000 us
+  f = load.figures(1501999);  // the window is 502000..1501999 us: 502000 is in it
   EXPECT_EQ(f.frames, 249u);
   EXPECT_EQ(f.bits, 249u * 111);
   EXPECT_EQ(f.payload_bits, 249u * 64);
+  BusLoad one(500000);
+  one.add(classic(0x123, false, eight), 0);
+  EXPECT_EQ(one.figures(999999).frames, 1u);
+  EXPECT_EQ(one.figures(1000000).frames, 0u) << "a window of 1 s ends before 0 at 1000000 us";
 }
 
 // Intervals of 8 and 12 ms: a period of 10 ms with 2 ms of jitter (their standard deviation);

@@ -1,19 +1,20 @@
-// varnel can play [LOGFILE | -I LOGFILE] [CHANNEL=LOGCHANNEL...]   replays a candump log as
-// canplayer does: each frame at the time its log stamp gives (from the first frame), on the
-// channel of the name the log gives, or the one assigned to that log channel. Options as
-// canplayer's: -l N passes (-l i forever), -t ignores the stamps, -g MS a fixed gap between
-// frames instead, -n N stops after N frames, -s S shortens gaps over S seconds, -v prints each
-// frame sent. `stdout=LOGCHANNEL` prints that log channel's lines instead of sending them.
+// varnel can play [LOGFILE | -I LOGFILE] [CHANNEL=LOGCHANNEL...]   replays a candump log (or a
+// pcapng capture, whose interface names stand for the log's channels) as canplayer does: each frame
+// at the time its log stamp gives (from the first frame), on the channel of the name the log gives,
+// or the one assigned to that log channel. Options as canplayer's: -l N passes (-l i forever), -t
+// ignores the stamps, -g MS a fixed gap between frames instead, -n N stops after N frames, -s S
+// shortens gaps over S seconds, -v prints each frame sent. `stdout=LOGCHANNEL` prints that log
+// channel's lines instead of sending them.
 //
-// The whole log is read before any adapter is opened: a bad line fails the command with its line
-// number and nothing is sent; the channels to open and whether they need CAN FD are known first.
+// The whole log is read before any adapter is opened: a bad line (or block) fails the command
+// with its line number (offset) and nothing is sent; the channels to open and whether they need CAN
+// FD are known first.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -24,7 +25,7 @@
 #include <vector>
 
 #include "can/can_channel.h"
-#include "capture/candump_log.h"
+#include "capture/frame_file.h"
 #include "core/adapter.h"
 #include "core/can_names.h"
 #include "core/channel_session.h"
@@ -37,8 +38,8 @@ namespace varnel_cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using candump_log::LogReader;
-using candump_log::LogRecord;
+using capture::FrameFile;
+using capture::TimedFrame;
 
 constexpr int kDefaultGapMs = 1;  // canplayer's, between frames when the stamps are ignored
 constexpr const char* kStdout = "stdout";
@@ -95,54 +96,48 @@ bool add_assignment(const std::string& text, Plan& plan) {
   return true;
 }
 
-// The log as a stream that can be read again for every pass: the file, or standard input kept
-// in memory (canplayer's default input).
-std::unique_ptr<std::istream> open_log(const std::string& name) {
+// The log read whole, from the file or standard input (canplayer's default input).
+std::optional<FrameFile> read_log(const std::string& name, const std::string& shown) {
+  std::string error;
+  std::optional<FrameFile> file;
   if (name.empty() || name == "-") {
-    auto kept = std::make_unique<std::stringstream>();
-    *kept << std::cin.rdbuf();
-    return kept;
+    std::stringstream kept;
+    kept << std::cin.rdbuf();
+    file = capture::read_frame_file(kept, shown, error);
+  } else {
+    file = capture::read_frame_file(name, error);
   }
-  auto file = std::make_unique<std::ifstream>(name);
-  if (!*file) return nullptr;
+  if (!file) {
+    std::fprintf(stderr, "can play: %s\n", error.c_str());
+    exit_code() = 1;
+  }
   return file;
 }
 
-void rewind(std::istream& log) {
-  log.clear();
-  log.seekg(0);
-}
-
-// Reads the whole log once: every line good, a route for each log channel (its own name unless
-// assignments were given), and which routes carry CAN FD frames.
-bool check_log(std::istream& log, Plan& plan) {
-  LogReader reader(log);
-  LogRecord record;
-  while (reader.next(record)) {
-    if (record.error_frame) continue;
-    auto route = plan.routes.find(record.channel);
+// A route for each log channel (its own name unless assignments were given), and which routes
+// carry CAN FD frames.
+bool plan_routes(const FrameFile& log, Plan& plan) {
+  std::vector<Route*> by_channel(log.channels.size(), nullptr);
+  for (size_t i = 0; i < log.channels.size(); ++i) {
+    const auto& channel = log.channels[i];
+    auto route = plan.routes.find(channel.name);
     if (route == plan.routes.end()) {
       if (plan.assigned) continue;
-      if (!parse_can_channel_name(record.channel)) {
+      if (!parse_can_channel_name(channel.name)) {
         std::fprintf(stderr,
-                     "can play: %s:%zu: log channel %s is no channel name here (canN or "
+                     "can play: %s: log channel %s is no channel name here (canN or "
                      "HANDLE:CH): assign it a channel, CHANNEL=%s\n",
-                     plan.log_name.c_str(), reader.line_number(), record.channel.c_str(),
-                     record.channel.c_str());
+                     channel.where.c_str(), channel.name.c_str(), channel.name.c_str());
         exit_code() = 1;
         return false;
       }
-      route = plan.routes.emplace(record.channel, Route{record.channel, {}, "", false}).first;
+      route = plan.routes.emplace(channel.name, Route{channel.name, {}, "", false}).first;
     }
-    route->second.needs_fd = route->second.needs_fd || (record.frame.Flags & 0x04);
+    by_channel[i] = &route->second;
   }
-  if (!reader.error().empty()) {
-    std::fprintf(stderr, "can play: %s:%zu: %s\n", plan.log_name.c_str(), reader.line_number(),
-                 reader.error().c_str());
-    exit_code() = 1;
-    return false;
-  }
-  rewind(log);
+  for (const TimedFrame& f : log.frames)
+    if (Route* route = by_channel[f.channel])
+      route->needs_fd = route->needs_fd || (f.frame.Flags & 0x04);
   return true;
 }
 
@@ -259,29 +254,32 @@ class Pacer {
   uint64_t origin_us_ = 0, last_us_ = 0;
 };
 
-CallResult play(std::istream& log, const Plan& plan, const PlayOptions& o) {
+CallResult play(const FrameFile& log, const Plan& plan, const PlayOptions& o) {
+  std::vector<const Route*> by_channel;
+  for (const auto& channel : log.channels) {
+    const auto route = plan.routes.find(channel.name);
+    by_channel.push_back(route == plan.routes.end() ? nullptr : &route->second);
+  }
   Pacer pacer(o);
   uint64_t sent = 0;
   for (uint64_t pass = 0; (plan.passes == 0 || pass < plan.passes) && !interrupted; ++pass) {
-    rewind(log);
-    LogReader reader(log);
     pacer.start_pass();
-    LogRecord record;
-    while (!interrupted && reader.next(record)) {
-      if (record.error_frame) continue;  // the controller's report, not a frame to send
-      const auto route = plan.routes.find(record.channel);
-      if (route == plan.routes.end()) continue;
+    for (const TimedFrame& record : log.frames) {
+      if (interrupted) break;
+      const Route* route = by_channel[record.channel];
+      if (!route) continue;
+      const std::string& channel = log.channels[record.channel].name;
       wait_until(pacer.due(record.time_us));
       if (interrupted) break;
-      if (route->second.target == kStdout) {
+      if (route->target == kStdout) {
         std::printf("(%llu.%06llu) %s %s\n", (unsigned long long)(record.time_us / 1000000),
-                    (unsigned long long)(record.time_us % 1000000), record.channel.c_str(),
+                    (unsigned long long)(record.time_us % 1000000), channel.c_str(),
                     frame_text(record.frame).c_str());
       } else {
-        const CallResult result = send_frame(route->second, record.frame);
+        const CallResult result = send_frame(*route, record.frame);
         if (result.code < 0) return result;
         if (o.verbose)
-          std::printf("%s (%s) %s\n", route->second.interface.c_str(), record.channel.c_str(),
+          std::printf("%s (%s) %s\n", route->interface.c_str(), channel.c_str(),
                       frame_text(record.frame).c_str());
       }
       std::fflush(stdout);
@@ -294,7 +292,7 @@ CallResult play(std::istream& log, const Plan& plan, const PlayOptions& o) {
 
 // Each adapter the routes name is opened in a session of its own, one inside the other, with its
 // channels set up; the replay runs inside the last, whose session reports how it failed.
-CallResult open_and_play(const std::vector<uint32_t>& handles, size_t next, std::istream& log,
+CallResult open_and_play(const std::vector<uint32_t>& handles, size_t next, const FrameFile& log,
                          const Plan& plan, const PlayOptions& o) {
   const auto setup = [&](const ChannelTarget& adapter) -> CallResult {
     std::vector<uint8_t> channels;
@@ -353,13 +351,8 @@ void run_play(const PlayOptions& o) {
     exit_code() = 1;
     return;
   }
-  const auto log = open_log(log_file);
-  if (!log) {
-    std::fprintf(stderr, "can play: cannot read %s\n", log_file.c_str());
-    exit_code() = 1;
-    return;
-  }
-  if (!check_log(*log, plan)) return;
+  const auto log = read_log(log_file, plan.log_name);
+  if (!log || !plan_routes(*log, plan)) return;
   if ((!from_stdin && !prepare_adapters()) || !resolve_routes(plan)) {
     exit_code() = 1;
     return;
@@ -383,8 +376,9 @@ void run_play(const PlayOptions& o) {
 
 void add_can_play_command(CLI::App* can) {
   auto o = std::make_shared<PlayOptions>();
-  CLI::App* play = can->add_subcommand(
-      "play", "replay a candump log as canplayer does: timing from the log, CHANNEL=LOGCHANNEL");
+  CLI::App* play = can->add_subcommand("play",
+                                       "replay a candump log or pcapng capture as canplayer does: "
+                                       "timing from the log, CHANNEL=LOGCHANNEL");
   play->add_option("ARGS", o->arguments,
                    "LOGFILE (default: -I, else standard input) and CHANNEL=LOGCHANNEL "
                    "assignments (can1=can0 sends the log's can0 frames on can1; none: each log "

@@ -38,6 +38,10 @@ uint32_t CaptureFile::add_can_channel(const std::string& name, uint32_t handle, 
                             (fd ? " CAN FD " : " CAN ") + std::to_string(bitrate);
   if (fd) description += "/" + std::to_string(data_bitrate);
   description += " bit/s";
+  return add_can_interface(name, description);
+}
+
+uint32_t CaptureFile::add_can_interface(const std::string& name, const std::string& description) {
   return writer_.add_interface(kLinkTypeSocketCan, name, description, uint32_t(kFdPacketSize));
 }
 

@@ -26,6 +26,8 @@ class CaptureFile {
   // (can0, lin0); the description says the adapter, channel and rates.
   uint32_t add_can_channel(const std::string& name, uint32_t handle, uint8_t channel,
                            uint32_t bitrate, uint32_t data_bitrate);
+  // A CAN channel that is no adapter's (a replayed file's), described in words.
+  uint32_t add_can_interface(const std::string& name, const std::string& description);
   uint32_t add_lin_channel(const std::string& name, uint32_t handle, uint8_t channel,
                            uint32_t baud);
 

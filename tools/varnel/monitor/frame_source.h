@@ -1,4 +1,4 @@
-// Where the monitor's frames come from: live CAN channels, or a candump log played back. The
+// Where the monitor's frames come from: live CAN channels, or a recorded file played back. The
 // monitor only fetches, asks the time and (where allowed) sends, so another source plugs in
 // without touching the server.
 #pragma once
@@ -33,10 +33,11 @@ class FrameSource {
 std::unique_ptr<FrameSource> open_live_can(const std::vector<std::string>& names, uint32_t bitrate,
                                            uint32_t data_bitrate);
 
-// A candump log ("(time) can0 123#DEADBEEF" lines) played at its own timing, or as fast as the
-// monitor takes it with `fast`. Its interfaces become the channels in order of first appearance.
-// Prints why not and returns nullptr when the file cannot be read.
-std::unique_ptr<FrameSource> open_candump_replay(const std::string& path, bool fast,
-                                                 uint32_t bitrate, uint32_t data_bitrate);
+// A candump log or pcapng capture (capture/frame_file.h) played at its own timing, or as fast as
+// the monitor takes it with `fast`. Its channels (log interfaces, capture interface names) become
+// the source's channels in order of first appearance. Prints why not and returns nullptr when the
+// file cannot be read, is bad, or holds no CAN frame.
+std::unique_ptr<FrameSource> open_file_replay(const std::string& path, bool fast, uint32_t bitrate,
+                                              uint32_t data_bitrate);
 
 }  // namespace varnel_cli::monitor

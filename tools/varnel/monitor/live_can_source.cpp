@@ -152,7 +152,7 @@ std::unique_ptr<FrameSource> open_live_can(const std::vector<std::string>& names
     // without a start time (an old adapter), frames count from their arrival
     if (c.start_ms <= 0) c.start_ms = int64_t(host_now_us() / 1000);
     c.reconnects_at_start = VARNEL_GetReconnectCount(c.open.handle);
-    info.push_back({open->interface, bitrate, data_bitrate});
+    info.push_back({open->interface, bitrate, data_bitrate, open->handle, open->channel});
     live.push_back(c);
   }
   return std::make_unique<LiveCanSource>(std::move(live), std::move(info));

@@ -1,5 +1,5 @@
 // varnel monitor CHANNEL... [--dbc FILE] [--record FILE] [--allow-send] [--listen ADDR] [--port N]
-// varnel monitor --replay LOG [--fast] [--dbc FILE]
+// varnel monitor --replay FILE [--fast]   (a candump log or pcapng capture) [--dbc FILE]
 // The bus live in a browser: the per-identifier table with decoded signals, the trace, plots and
 // each channel's health, served on the loopback (docs/monitor.md).
 #include <memory>
@@ -16,10 +16,12 @@ void add_monitor_command(CLI::App& app) {
       "monitor", "see buses live in a browser: table, trace, decoded signals, plots, bus load");
   command->add_option("CHANNEL", o->channels, "CAN channels: canN (see scan order) or HANDLE:CH");
   command->add_option("--dbc", o->dbc, "decode frames with this DBC database");
-  auto* replay = command->add_option("--replay", o->replay, "play a candump log into the page");
+  auto* replay = command->add_option("--replay", o->replay,
+                                     "play a candump log or pcapng capture into the page");
   command->add_flag("--fast", o->fast, "with --replay: as fast as the monitor takes it")
       ->needs(replay);
-  command->add_option("--record", o->record, "record the frames into this candump log");
+  command->add_option("--record", o->record,
+                      "record the frames into this candump log (pcapng if it ends in .pcapng)");
   command->add_flag("--allow-send", o->allow_send, "let the page send frames");
   command->add_option("--listen", o->listen,
                       "address to serve on (default 127.0.0.1; elsewhere the URL needs its token)");
@@ -29,7 +31,7 @@ void add_monitor_command(CLI::App& app) {
   command->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
   command->callback([o, command] {
     if (o->replay.empty() == o->channels.empty())
-      throw CLI::ValidationError("CHANNEL", "name the channels to watch, or --replay a log");
+      throw CLI::ValidationError("CHANNEL", "name the channels to watch, or --replay a file");
     exit_code() = monitor::run_monitor(*o);
   });
 }

@@ -21,6 +21,8 @@ struct ChannelInfo {
   std::string name;  // canN or HANDLE:CH, as `varnel can dump` names it
   uint32_t bitrate = 500000;
   uint32_t data_bitrate = 2000000;
+  uint32_t handle = 0;  // the adapter and channel of a live channel; 0 for a replayed file
+  uint8_t channel = 0;
 };
 
 // The receive path's state of a live channel (VARNEL_CAN_GetReceiveStats): losses in the host

@@ -18,6 +18,7 @@
 #include "monitor/frame_source.h"
 #include "monitor/json_text.h"
 #include "monitor/monitor_model.h"
+#include "monitor/recording.h"
 #include "monitor/update_hub.h"
 #include "src/can/can_text.h"
 
@@ -171,21 +172,13 @@ class Monitor {
 
   // Called with the lock held.
   void record(const std::vector<MonitorFrame>& frames) {
-    if (!recording_) return;
-    for (const MonitorFrame& f : frames) {
-      if (is_device_event(f.msg)) continue;
-      const std::string line =
-          varnel::can_text::candump_log_line(source_->channels()[f.channel].name, f.msg, f.at_us);
-      std::fprintf(recording_, "%s\n", line.c_str());
-    }
-    std::fflush(recording_);
+    if (recording_) recording_->write(frames);
   }
 
   bool start_recording(const std::string& path) {
     std::lock_guard lock(record_mutex_);
     if (recording_) return true;
-    if (!(recording_ = std::fopen(path.c_str(), "w"))) {
-      std::fprintf(stderr, "monitor: cannot write %s\n", path.c_str());
+    if (!(recording_ = Recording::open(path, source_->channels()))) {
       model_.note("cannot write " + path);
       return false;
     }
@@ -196,8 +189,7 @@ class Monitor {
 
   void stop_recording() {
     std::lock_guard lock(record_mutex_);
-    if (recording_) std::fclose(recording_);
-    recording_ = nullptr;
+    recording_.reset();
   }
 
   // Requests from elsewhere carry the token (in the URL, then in a cookie the page gets); on the
@@ -418,7 +410,7 @@ class Monitor {
   httplib::Server server_;
   std::string token_;
   std::recursive_mutex record_mutex_;
-  FILE* recording_ = nullptr;
+  std::unique_ptr<Recording> recording_;
   std::string record_path_;
 };
 
@@ -427,10 +419,10 @@ class Monitor {
 int run_monitor(const MonitorOptions& options) {
   // The source first: on the virtual adapter opening it runs the tool again, and what this
   // process said before would be said twice.
-  auto source = options.replay.empty()
-                    ? open_live_can(options.channels, options.bitrate, options.data_bitrate)
-                    : open_candump_replay(options.replay, options.fast, options.bitrate,
-                                          options.data_bitrate);
+  auto source =
+      options.replay.empty()
+          ? open_live_can(options.channels, options.bitrate, options.data_bitrate)
+          : open_file_replay(options.replay, options.fast, options.bitrate, options.data_bitrate);
   if (!source) return 1;
   // A DBC that does not load leaves the monitor running without decoding: said on stderr and
   // on the page.

@@ -14,9 +14,9 @@ constexpr uint16_t kDefaultPort = 28262;
 struct MonitorOptions {
   std::vector<std::string> channels;  // canN or HANDLE:CH
   std::string dbc;
-  std::string replay;  // a candump log instead of channels
+  std::string replay;  // a candump log or pcapng capture instead of channels
   bool fast = false;
-  std::string record;  // a candump log to write from the start
+  std::string record;  // a candump log (pcapng: FILE.pcapng) to write from the start
   bool allow_send = false;
   std::string listen = "127.0.0.1";
   int port = kDefaultPort;  // 0: any free one
