@@ -6,7 +6,9 @@ matches the frame's length counted here bit by bit), plots a signal by clicking 
 screenshot, and checks that a page that stops reading loses its oldest updates (counted, then
 the whole state again) while the capture goes on.
 
-usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR   (exit 77: skipped, no chromium)"""
+With `loss` as fourth argument: the host queue loss and bad DBC case instead.
+
+usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR [loss]   (exit 77: skipped, no chromium)"""
 import json
 import os
 import shutil
@@ -122,11 +124,126 @@ def stalled_events(base, stall_s):
     return updates
 
 
+class PipeReader:
+    """Reads the monitor's recording from a named pipe, and can stop reading: the monitor then
+    blocks writing it, and the frames pile up in the library's host queue meanwhile. Counts the
+    recorded lines and keeps the first and last time stamps (in microseconds)."""
+
+    def __init__(self, path):
+        import threading
+        self.fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK)  # before the writer opens it
+        self.reading = threading.Event()
+        self.reading.set()
+        self.lock = threading.Lock()
+        self.lines, self.first_us, self.last_us, self.rest = 0, None, None, b""
+        self.done = False
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        import select
+        while not self.done:
+            if not self.reading.wait(0.1) or not select.select([self.fd], [], [], 0.1)[0]:
+                continue
+            try:
+                data = os.read(self.fd, 1 << 16)
+            except BlockingIOError:
+                continue
+            *complete, self.rest = (self.rest + data).split(b"\n")
+            with self.lock:
+                for line in complete:
+                    seconds, fraction = line[1:line.index(b")")].split(b".")
+                    at = int(seconds) * 1000000 + int(fraction)
+                    self.first_us = at if self.first_us is None else self.first_us
+                    self.last_us = at
+                    self.lines += 1
+
+    def snapshot(self):
+        with self.lock:
+            return self.lines, self.first_us, self.last_us
+
+
+def host_queue_loss_and_bad_dbc(varnel, artefacts):
+    """Ten identifiers every millisecond at 1 Mbit/s; the monitor records into a pipe that the
+    test stops reading for 8 s. The page shows no loss while only the library's diagnostic queue
+    (which the monitor does not read) overflows, then the frames the application queue dropped in
+    red, as many as the recording misses against the traffic's schedule. The DBC is not one: the
+    page and stderr say so and the frames are shown undecoded."""
+    ids = [0x100 + i for i in range(10)]
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as work:
+        bad_dbc, pipe = os.path.join(work, "broken.dbc"), os.path.join(work, "stall.log")
+        with open(bad_dbc, "w") as f:
+            f.write("this is not a database\n\x01\x02\n")
+        os.mkfifo(pipe)
+        reader = PipeReader(pipe)
+        monitor = subprocess.Popen(
+            [varnel, "--sim-can-peer", "1000000", "--sim-traffic", ",".join(f"{i:03X}#@1" for i in ids),
+             "monitor", "can0", "-b", "1000000", "--dbc", bad_dbc, "--record", pipe, "--port", "0"],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        chromium = None
+        try:
+            first = monitor.stdout.readline().strip()
+            assert first.startswith("monitor: http://127.0.0.1:"), first
+            with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+                chromium, ws_url = start_chromium(first.split(" ", 1)[1], profile)
+                page = DevTools(ws_url)
+                notes = "document.querySelector('#notes')"
+                note = page.wait_for(f"{notes} && {notes}.innerText.includes('broken.dbc') && {notes}.innerText")
+                page.wait_for('!!document.querySelector(\'#rows tr[data-id="109"]\')')
+                channel = "window.monitorState.channels[0]"
+                losses = "document.querySelector('#health .losses')"
+                red = "rgb(204, 0, 0)"
+                # past the diagnostic queue's 50000 frames: nothing is missing from the page
+                page.wait_for(f"{channel}.diag_dropped > 1000", seconds=30)
+                assert page.js(f"{losses}.textContent") == "host queues lost 0"
+                assert page.js(f"getComputedStyle({losses}).color") != red
+
+                reader.reading.clear()
+                time.sleep(8)  # 80000 frames against a queue of 50000
+                reader.reading.set()
+                page.wait_for(f"{channel}.app_dropped > 0")
+                time.sleep(1)  # the queue is drained again; no more losses
+                state = page.js(channel)
+                shown = page.wait_for(f"{losses}.textContent == 'host queues lost "
+                                      f"{state['app_dropped'] + state['fetch_dropped']}'"
+                                      f" && {losses}.textContent")
+                assert page.js(f"getComputedStyle({losses}).color") == red, shown
+                lines, first_us, last_us = reader.snapshot()
+                # every identifier once a millisecond from the first recorded frame to the last
+                scheduled = len(ids) * ((last_us - first_us) // 1000 + 1)
+                missing = scheduled - lines
+                lost = state["app_dropped"] + state["fetch_dropped"]
+                assert 20000 <= lost and abs(missing - lost) <= len(ids), (missing, state)
+                rows = page.js("document.querySelector('#rows tr[data-id=\"100\"]').innerText")
+                assert "100" in rows, rows
+                png = page.call("Page.captureScreenshot", format="png")["data"]
+                import base64
+                with open(os.path.join(artefacts, "monitor-loss.png"), "wb") as f:
+                    f.write(base64.b64decode(png))
+                chromium.terminate()
+                chromium.wait(10)
+        finally:
+            if chromium and chromium.poll() is None:
+                chromium.kill()
+            reader.reading.set()
+            monitor.send_signal(signal.SIGINT)
+            code = monitor.wait(15)
+            reader.done = True
+        stderr = monitor.stderr.read()
+    assert code == 0, f"the monitor ended with {code} on Ctrl-C"
+    assert stderr.count(f"monitor: {note.strip()}\n") == 1, (note, stderr)
+    print("ok: a bad DBC is a note, host queue loss", lost, "shown in red, recording misses", missing)
+    return 0
+
+
 def main():
     varnel, dbc, artefacts = sys.argv[1:4]
     if not shutil.which("chromium"):
         print("skipped: chromium is not installed (scripts/setup.sh test)")
         return 77
+    if len(sys.argv) > 4 and sys.argv[4] == "loss":
+        os.makedirs(artefacts, exist_ok=True)
+        return host_queue_loss_and_bad_dbc(varnel, artefacts)
     os.makedirs(artefacts, exist_ok=True)
     monitor = subprocess.Popen(
         [varnel, "--sim-traffic", f"{FRAME_ID:03X}#{FRAME_DATA.hex().upper()}@{PERIOD_MS}",

@@ -409,6 +409,13 @@ class Monitor {
 }  // namespace
 
 int run_monitor(const MonitorOptions& options) {
+  // The source first: on the virtual adapter opening it runs the tool again, and what this
+  // process said before would be said twice.
+  auto source =
+      options.replay.empty()
+          ? open_live_can(options.channels, options.bitrate, options.data_bitrate)
+          : open_file_replay(options.replay, options.fast, options.bitrate, options.data_bitrate);
+  if (!source) return 1;
   // A DBC that does not load leaves the monitor running without decoding: said on stderr and
   // on the page.
   DBC_HANDLE db = 0;
@@ -421,11 +428,6 @@ int run_monitor(const MonitorOptions& options) {
       dbc_problem = "the DBC " + options.dbc + " defines no messages";
     if (!dbc_problem.empty()) std::fprintf(stderr, "monitor: %s\n", dbc_problem.c_str());
   }
-  auto source =
-      options.replay.empty()
-          ? open_live_can(options.channels, options.bitrate, options.data_bitrate)
-          : open_file_replay(options.replay, options.fast, options.bitrate, options.data_bitrate);
-  if (!source) return 1;
   stop_requested = false;
   auto on_signal = [](int) { stop_requested = true; };
   auto previous_int = std::signal(SIGINT, on_signal);
