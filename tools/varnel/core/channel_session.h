@@ -29,8 +29,8 @@ struct CallResult {
 };
 
 // How a session reports: error lines read "<command>: <code> (<meaning>)" (the failing call's
-// name when `command` is empty); the family's table of
-// meanings is looked up first; a failure sets the tool's exit code to `failure_exit`.
+// name when `command` is empty); the family's table of meanings is looked up first; a failure
+// sets the tool's exit code to `failure_exit`.
 struct SessionReport {
   std::string command;
   std::span<const ResultMeaning> family = {};
