@@ -14,6 +14,7 @@
 #include "core/can_names.h"
 #include "core/channel_session.h"
 #include "core/result_text.h"
+#include "varnel.h"
 
 namespace varnel_cli {
 
@@ -72,6 +73,16 @@ CLI::Option* add_channel_argument(CLI::App* command, std::string& target);
 // they bring `varnel can play` (can_play_command.cpp) along.
 void add_can_service_commands(CLI::App* can);
 void add_can_play_command(CLI::App* can);
+
+// Sends the frames on an open channel, in order (a classic adapter gets classic records; a CAN FD
+// frame on it is refused). 0, or the failed call with its code; a short send is reported.
+CallResult send_frames(const OpenCanChannel& c, std::vector<CANFD_MSG>& frames);
+
+// -b/--bitrate (--bitrate alone without `short_bitrate`) and --data-bitrate of a CAN command.
+void add_can_rates(CLI::App* command, CanRates& rates, bool short_bitrate = true);
+
+// `varnel can gen` (can_gen_command.cpp), under `varnel can`.
+void add_can_gen_command(CLI::App* can);
 
 // `varnel can stat` (stat_command.cpp): canbusload's view of the channels.
 void add_can_stat_command(CLI::App* can);
