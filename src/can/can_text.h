@@ -9,6 +9,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "varnel.h"
@@ -20,6 +21,18 @@ inline int hex_digit(char c) {
   c = char(std::tolower(static_cast<unsigned char>(c)));
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return -1;
+}
+
+// A number in hex digits only (no 0x), at most `max_digits` of them; nullopt for anything else.
+inline std::optional<uint32_t> parse_hex_number(std::string_view text, size_t max_digits = 8) {
+  if (text.empty() || text.size() > max_digits) return std::nullopt;
+  uint32_t value = 0;
+  for (char c : text) {
+    const int digit = hex_digit(c);
+    if (digit < 0) return std::nullopt;
+    value = value << 4 | uint32_t(digit);
+  }
+  return value;
 }
 
 // The lengths a CAN FD length code names, in code order.

@@ -51,21 +51,11 @@ struct DumpTarget {
   std::vector<Filter> filters;
 };
 
-std::optional<uint32_t> parse_hex_word(const std::string& text) {
-  if (text.empty() || text.size() > 8) return std::nullopt;
-  uint32_t value = 0;
-  for (char c : text) {
-    const int digit = varnel::can_text::hex_digit(c);
-    if (digit < 0) return std::nullopt;
-    value = value << 4 | uint32_t(digit);
-  }
-  return value;
-}
-
 bool parse_filter(const std::string& text, Filter& filter) {
   const size_t at = text.find_first_of(":~");
   if (at == std::string::npos) return false;
-  const auto id = parse_hex_word(text.substr(0, at)), mask = parse_hex_word(text.substr(at + 1));
+  const auto id = varnel::can_text::parse_hex_number(text.substr(0, at)),
+             mask = varnel::can_text::parse_hex_number(text.substr(at + 1));
   if (!id || !mask) return false;
   filter = {*id & 0x1FFFFFFF, *mask & 0x1FFFFFFF, text[at] == '~'};
   return true;

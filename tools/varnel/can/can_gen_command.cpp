@@ -60,11 +60,9 @@ GenPlan checked_gen_plan(const GenOptions& o) {
   plan.len = mode_of(o.len);
   plan.data = mode_of(o.data);
   if (plan.id == GenPlan::Mode::kFixed) {
-    for (char c : o.id) {
-      const int digit = varnel::can_text::hex_digit(c);
-      if (digit < 0 || o.id.size() > 8) throw CLI::ValidationError("-I", "not r, i or a hex id");
-      plan.fixed_id = plan.fixed_id << 4 | uint32_t(digit);
-    }
+    const auto id = varnel::can_text::parse_hex_number(o.id);
+    if (!id) throw CLI::ValidationError("-I", "not r, i or a hex id");
+    plan.fixed_id = *id;
     if (plan.fixed_id > 0x1FFFFFFF) throw CLI::ValidationError("-I", "identifier beyond 29 bits");
   }
   if (plan.len == GenPlan::Mode::kFixed) {

@@ -57,19 +57,14 @@ std::optional<uint64_t> time_of(std::string_view text) {
 bool error_frame_of(std::string_view text, LogRecord& record) {
   const size_t hash = text.find('#');
   if (hash != 8) return false;
-  uint32_t id = 0;
-  for (char c : text.substr(0, hash)) {
-    const int digit = varnel::can_text::hex_digit(c);
-    if (digit < 0) return false;
-    id = id << 4 | uint32_t(digit);
-  }
-  if ((id & 0xE0000000u) != kErrorFlag) return false;
+  const auto id = varnel::can_text::parse_hex_number(text.substr(0, hash));
+  if (!id || (*id & 0xE0000000u) != kErrorFlag) return false;
   const std::string_view data = text.substr(hash + 1);
   if (!data.empty() && (data[0] == '#' || data[0] == 'R' || data[0] == 'r')) return false;
   const auto frame = varnel::can_text::parse_frame("0#" + std::string(data));
   if (!frame) return false;
   record.frame = *frame;
-  record.frame.Id = id & ~kErrorFlag;
+  record.frame.Id = *id & ~kErrorFlag;
   record.error_frame = true;
   return true;
 }

@@ -11,17 +11,7 @@ bool is_space(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-// Hex digits only, at most `max_digits` of them.
-std::optional<uint32_t> parse_hex(std::string_view text, size_t max_digits) {
-  if (text.empty() || text.size() > max_digits) return std::nullopt;
-  uint32_t value = 0;
-  for (char c : text) {
-    const int digit = varnel::can_text::hex_digit(c);
-    if (digit < 0) return std::nullopt;
-    value = value << 4 | uint32_t(digit);
-  }
-  return value;
-}
+using varnel::can_text::parse_hex_number;
 
 std::vector<std::string_view> split_words(std::string_view text) {
   std::vector<std::string_view> words;
@@ -60,9 +50,9 @@ Command unsupported(std::string message) {
 
 Command parse_send(const std::vector<std::string_view>& words) {
   if (words.size() < 3) return malformed("send needs ID LEN and the data bytes");
-  const auto id = parse_hex(words[1], 8);
+  const auto id = parse_hex_number(words[1], 8);
   if (!id || *id > 0x1FFFFFFFu) return malformed("send: bad identifier " + printable(words[1]));
-  const auto len = parse_hex(words[2], 2);
+  const auto len = parse_hex_number(words[2], 2);
   if (!len || (*len > 8 && !valid_fd_length(*len)))
     return malformed("send: bad length " + printable(words[2]));
   if (words.size() - 3 != *len)
@@ -76,7 +66,7 @@ Command parse_send(const std::vector<std::string_view>& words) {
   frame.fd = *len > 8;
   frame.len = uint8_t(*len);
   for (size_t i = 0; i < *len; ++i) {
-    const auto byte = parse_hex(words[3 + i], 2);
+    const auto byte = parse_hex_number(words[3 + i], 2);
     if (!byte) return malformed("send: bad data byte " + printable(words[3 + i]));
     frame.data[i] = uint8_t(*byte);
   }
