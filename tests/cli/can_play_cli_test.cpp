@@ -84,19 +84,11 @@ void replay(const std::string& play_args, size_t expected, std::vector<std::stri
 
 // A `varnel sim` daemon serving adapter 0x55000140, whose node sends 321#CAFE every 20 ms; the
 // tool's network calls reach it.
-struct Daemon {
-  FILE* out = nullptr;
-  pid_t pid = start({"--sim-traffic", "321#CAFE@20", "sim", "--adapter", "0x55000140",
-                     "--discovery-port", "0", "--tcp-port", "0", "--first-address", "127.0.0.44"},
-                    &out);
-  Daemon() {
-    unsigned discovery = 0, tcp = 0;
-    EXPECT_EQ(fscanf(out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp),
-              2);
-    setenv("VARNEL_NET_DISCOVERY_PORT", std::to_string(discovery).c_str(), 1);
-    setenv("VARNEL_NET_TCP_PORT", std::to_string(tcp).c_str(), 1);
+struct Daemon : SimDaemon {
+  Daemon() : SimDaemon("--sim-traffic 321#CAFE@20", "0x55000140", "127.0.0.44") {
+    EXPECT_FALSE(environment().empty());
+    export_ports();
   }
-  ~Daemon() { stop(pid, out); }
 };
 
 }  // namespace

@@ -101,6 +101,14 @@ class SimDaemon {
   }
   // Empty when the daemon did not come up.
   const std::string& environment() const { return environment_; }
+  // The ports into this process's environment, for tools started without a shell.
+  void export_ports() const {
+    std::istringstream words(environment_);
+    for (std::string word; words >> word;) {
+      const size_t equals = word.find('=');
+      setenv(word.substr(0, equals).c_str(), word.substr(equals + 1).c_str(), 1);
+    }
+  }
 
  private:
   pid_t pid_ = -1;
