@@ -81,6 +81,9 @@ CallResult send_frames(const OpenCanChannel& c, std::vector<CANFD_MSG>& frames);
 // -b/--bitrate (--bitrate alone without `short_bitrate`) and --data-bitrate of a CAN command.
 void add_can_rates(CLI::App* command, CanRates& rates, bool short_bitrate = true);
 
+// `varnel can dump` (can_dump_command.cpp), under `varnel can`.
+void add_can_dump_command(CLI::App* can);
+
 // `varnel can gen` (can_gen_command.cpp), under `varnel can`.
 void add_can_gen_command(CLI::App* can);
 
