@@ -15,7 +15,8 @@ from . import dbc
 from . import records
 from .errors import I2cError, I2cStatusError, RESULT_TEXT, VarnelError, result_text
 from .gpio import Gpio
-from .i2c import I2cBus, SMBus, i2c_msg
+from .i2c import I2cBus, i2c_msg
+from .smbus import SMBus
 from .library import lib
 from .records import GPIO_PULL_DOWN, GPIO_PULL_NONE, GPIO_PULL_UP
 from .uart import Uart

@@ -1,5 +1,6 @@
 """An I2C channel of an adapter, used as smbus2's SMBus is used: `adapter.i2c(channel)`, or
-`varnel.SMBus("HANDLE:CHANNEL")`, which opens the adapter itself and closes it with the bus.
+`varnel.SMBus("HANDLE:CHANNEL")` (varnel.smbus), which opens the adapter itself and closes it
+with the bus.
 
     with varnel.SMBus("0x12345678:0") as bus:
         bus.write_i2c_block_data(0x50, 0x00, [1, 2, 3])
@@ -24,7 +25,6 @@ scans as it does with smbus2.
 """
 import ctypes
 
-from .adapter import Adapter
 from .errors import I2cError, VarnelError
 from .library import lib
 from .records import IIC_CONFIG, IIC_MAX_ADDRESSES, SMBUS_BLOCK_MAX
@@ -225,33 +225,3 @@ class I2cBus:
         out = (ctypes.c_uint8 * max(_fits(length, 31), 1))()
         self._call("IIC_WriteReadBytes", addr, buffer, write_length, out, length, _TIMEOUT_MS)
         return list(out[:length])
-
-
-def _parse_bus(bus):
-    text = str(bus)
-    try:
-        handle_text, channel_text = text.split(":")
-        handle, channel = int(handle_text, 0), int(channel_text, 10)
-    except ValueError:
-        raise ValueError(f"bus {bus!r}: expected \"HANDLE:CHANNEL\", e.g. \"0x12345678:0\"")
-    return handle, channel
-
-
-class SMBus(I2cBus):
-    """smbus2's `SMBus(bus)` for channel CHANNEL of the adapter HANDLE: `bus` is
-    "HANDLE:CHANNEL" ("0x12345678:0"). Opens the adapter, initialises the channel as a 7-bit
-    master, and closes the adapter again with close() or at the end of a `with`."""
-
-    def __init__(self, bus, force=False, clock_hz=100000):
-        handle, channel = _parse_bus(bus)
-        self.force = force
-        adapter = Adapter(handle).open()
-        try:
-            super().__init__(adapter, channel, clock_hz=clock_hz)
-        except BaseException:
-            adapter.close()
-            raise
-
-    def close(self):
-        super().close()
-        self.adapter.close()
