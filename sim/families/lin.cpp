@@ -3,9 +3,11 @@
 #include "sim/families/lin.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "sim/bus/serial_scene_text.h"
 #include "sim/virtual_adapter.h"
 
 namespace sim {
@@ -45,10 +47,10 @@ bool answers(const LinRecord& entry) {
 }
 
 // The bytes a slave table entry sends: its data and the check byte the host put in it.
-void answer_from_tables(LinModel& model, int sender, LinFrame& frame) {
+void answer_from_tables(LinModel& model, int sender, int bus, LinFrame& frame) {
   for (int ch = 0; ch < LinModel::kChannels; ++ch) {
     const auto& c = model.channels[size_t(ch)];
-    if (ch == sender || !c.initialised || c.bus != model.channels[size_t(sender)].bus) continue;
+    if (ch == sender || !c.initialised || c.bus != bus) continue;
     auto it = c.slave_table.find(frame.pid);
     if (it == c.slave_table.end() || !answers(it->second)) continue;
     const LinRecord& e = it->second;
@@ -107,11 +109,11 @@ LinRecord report(const LinFrame& frame) {
   return r;
 }
 
-// Plays one record of channel `ch` starting at `start_us`; every channel on the bus sees it.
-// Returns the report and the device time at the frame's end.
-LinRecord play(LinModel& model, int ch, const LinRecord& request, uint64_t start_us,
-               uint64_t* end_us = nullptr) {
-  LinModel::Channel& sender = model.channels[size_t(ch)];
+// Plays one record of channel `sender` (-1: a master outside the adapter) on `bus` at `baud`,
+// starting at `start_us`; every channel on the bus sees it. Returns the report and the device
+// time at the frame's end.
+LinRecord play_on_bus(LinModel& model, int sender, int bus, uint32_t baud, const LinRecord& request,
+                      uint64_t start_us, uint64_t* end_us) {
   LinFrame frame;
   frame.pid = request.pid;
   frame.break_bits = request.break_bits ? request.break_bits : uint8_t(kDefaultBreakBits);
@@ -121,22 +123,78 @@ LinRecord play(LinModel& model, int ch, const LinRecord& request, uint64_t start
     frame.data.assign(request.data.begin(),
                       request.data.begin() + std::min<int>(request.length, 8));
     frame.check = request.check;
-    hear_request(model, sender.bus, frame);
+    hear_request(model, bus, frame);
   } else if (request.type == kRead) {
-    answer_from_tables(model, ch, frame);
-    answer_from_nodes(model, sender.bus, frame);
-    answer_from_ecus(model, sender.bus, frame);
+    answer_from_tables(model, sender, bus, frame);
+    answer_from_nodes(model, bus, frame);
+    answer_from_ecus(model, bus, frame);
   }
-  frame.end_us = start_us + frame_us(frame, sender.baud);
+  frame.end_us = start_us + frame_us(frame, baud);
   if (end_us) *end_us = frame.end_us;
   const LinRecord seen = report(frame);
   for (auto& c : model.channels)
-    if (c.initialised && c.bus == sender.bus) c.received.push_back(seen);
+    if (c.initialised && c.bus == bus) c.received.push_back(seen);
   return seen;
+}
+
+LinRecord play(LinModel& model, int ch, const LinRecord& request, uint64_t start_us,
+               uint64_t* end_us = nullptr) {
+  const LinModel::Channel& sender = model.channels[size_t(ch)];
+  return play_on_bus(model, ch, sender.bus, sender.baud, request, start_us, end_us);
+}
+
+// The outside master's frames due by now, in the order they fall due, on each bus a channel
+// listens to (at that channel's baud rate). A frame due while the master's previous one still
+// holds the bus follows it; a bus nobody listens to carries them unheard.
+void play_scene(LinModel& model, uint64_t now_us) {
+  for (auto& f : model.scene)
+    if (f.next_us == 0) f.next_us = now_us;
+  for (;;) {
+    auto due = std::min_element(model.scene.begin(), model.scene.end(),
+                                [](auto& a, auto& b) { return a.next_us < b.next_us; });
+    if (due == model.scene.end() || due->next_us > now_us) return;
+    const uint64_t start = std::max(due->next_us, model.scene_free_us);
+    std::array<bool, LinModel::kChannels> played{};
+    for (const auto& c : model.channels) {
+      if (!c.initialised || played[size_t(c.bus)]) continue;
+      played[size_t(c.bus)] = true;
+      uint64_t end_us = start;
+      play_on_bus(model, -1, c.bus, c.baud, due->record, start, &end_us);
+      model.scene_free_us = std::max(model.scene_free_us, end_us);
+    }
+    due->next_us += uint64_t(due->period_ms) * 1000;
+  }
+}
+
+std::vector<LinModel::SceneFrame> scene_from_environment() {
+  const char* text = std::getenv("VARNEL_SIM_LIN_TRAFFIC");
+  if (!text || !*text) return {};
+  std::string bad;
+  const auto frames = scene_text::parse_lin_traffic(text, &bad);
+  if (!frames) {
+    std::fprintf(stderr, "varnel-sim: VARNEL_SIM_LIN_TRAFFIC: '%s' is not ID@MS or ID#DATA[!]@MS\n",
+                 bad.c_str());
+    return {};
+  }
+  std::vector<LinModel::SceneFrame> scene;
+  for (const auto& f : *frames) {
+    LinModel::SceneFrame s;
+    s.record.type = f.write ? kWrite : kRead;
+    s.record.pid = lin_protected_id(f.id);
+    s.record.length = uint8_t(f.data.size());
+    std::copy(f.data.begin(), f.data.end(), s.record.data.begin());
+    const bool classic = f.id == 0x3C || f.id == 0x3D;
+    s.record.check = lin_checksum(s.record.pid, f.data, !classic);
+    if (f.bad_checksum) s.record.check = uint8_t(~s.record.check);
+    s.period_ms = f.period_ms;
+    scene.push_back(s);
+  }
+  return scene;
 }
 
 // Plays what every running schedule has due by now, each frame at its own time.
 void catch_up(LinModel& model, uint64_t now_us) {
+  play_scene(model, now_us);
   for (int ch = 0; ch < LinModel::kChannels; ++ch) {
     auto& c = model.channels[size_t(ch)];
     while (c.running && !c.schedule.empty() && c.next_us <= now_us) {
@@ -410,6 +468,7 @@ LinModel::LinModel() {
     channels[size_t(ch)].bus = ch;
     nodes[size_t(ch)].push_back({0x21, {0x11, 0x22, 0x33, 0x44}, true});
   }
+  scene = scene_from_environment();
   ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x10));
   ecus[0].push_back(std::make_shared<LinDiagnosticEcu>(0x20, LinDiagnosticEcu::Kind::kBootLoader));
   // the boot loader's key routine, for benches whose targets use another

@@ -60,6 +60,16 @@ struct LinModel {
   uint16_t battery_mv = 12000;
   // Device time at which the frames a master command put on each bus end.
   std::array<uint64_t, kChannels> bus_busy_until_us{};
+  // A master outside the adapter playing these frames on every bus that a channel listens to
+  // (VARNEL_SIM_LIN_TRAFFIC, sim/bus/serial_scene_text.h), each at its own period, one after
+  // the other.
+  struct SceneFrame {
+    LinRecord record;  // a read header or a write with its check byte
+    uint32_t period_ms = 0;
+    uint64_t next_us = 0;  // 0: from the next command on
+  };
+  std::vector<SceneFrame> scene;
+  uint64_t scene_free_us = 0;  // the end of the outside master's last frame
 
   LinModel();
   // Puts channel b on channel a's bus.

@@ -4,8 +4,11 @@
 #include "sim/families/uart.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "sim/bus/serial_scene_text.h"
 #include "sim/virtual_adapter.h"
 
 namespace sim {
@@ -57,6 +60,34 @@ uint64_t UartModel::Channel::byte_time_us() const {
 
 UartModel::UartModel() {
   for (auto& c : channels_) c.model_ = this;
+  const char* text = std::getenv("VARNEL_SIM_UART_TRAFFIC");
+  if (!text || !*text) return;
+  std::string bad;
+  const auto traffic = scene_text::parse_uart_traffic(text, &bad);
+  if (!traffic) {
+    std::fprintf(stderr, "varnel-sim: VARNEL_SIM_UART_TRAFFIC: '%s' is not CH#HEX@MS\n",
+                 bad.c_str());
+    return;
+  }
+  for (const auto& t : *traffic)
+    talkers_.push_back({t.channel, t.bytes, uint64_t(t.period_ms) * 1000, 0});
+}
+
+void UartModel::play_talkers() {
+  const uint64_t now = now_us();
+  for (Talker& t : talkers_) {
+    Channel& c = channel(t.channel);
+    if (!c.initialised) {
+      t.next_us = 0;  // starts again with the channel
+      continue;
+    }
+    if (t.next_us == 0) t.next_us = now;
+    for (; t.next_us <= now; t.next_us += t.period_us) {
+      const uint64_t byte_us = std::max<uint64_t>(c.byte_time_us(), 1);
+      for (size_t i = 0; i < t.bytes.size(); ++i)
+        c.deliver(t.bytes[i], t.next_us + (i + 1) * byte_us);
+    }
+  }
 }
 
 uint64_t UartModel::now_us() const {
@@ -209,6 +240,7 @@ std::optional<Packet> write_read(VirtualAdapter& adapter, UartModel& model, int 
 std::optional<Packet> handle_uart(VirtualAdapter& adapter, const Packet& request) {
   UartModel& model = uart_model(adapter);
   std::lock_guard guard(model.mutex());
+  model.play_talkers();
   const Bytes& p = request.payload;
   const uint32_t command = request.command;
   const bool carries_data = command == kRead || command == kWriteReadBreak;

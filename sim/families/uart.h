@@ -80,12 +80,24 @@ class UartModel {
   uint64_t transmit(int channel, const std::vector<uint8_t>& bytes, uint8_t break_bits,
                     uint64_t gap_us);
 
+  // A device on a channel's wire sending the same bytes every period while the channel is
+  // initialised (VARNEL_SIM_UART_TRAFFIC, sim/bus/serial_scene_text.h); played up to now
+  // whenever a UART command comes.
+  struct Talker {
+    int channel = 0;
+    std::vector<uint8_t> bytes;
+    uint64_t period_us = 0;
+    uint64_t next_us = 0;  // 0: from the next command on
+  };
+  void play_talkers();
+
  private:
   void hear(int channel, uint8_t byte, uint64_t end_us);
 
   mutable std::recursive_mutex mutex_;
   DeviceClock* clock_ = nullptr;
   std::array<Channel, kChannels> channels_;
+  std::vector<Talker> talkers_;
 };
 
 UartModel& uart_model(VirtualAdapter& adapter);

@@ -6,9 +6,10 @@ matches the frame's length counted here bit by bit), plots a signal by clicking 
 screenshot, and checks that a page that stops reading loses its oldest updates (counted, then
 the whole state again) while the capture goes on.
 
-With `loss` as fourth argument: the host queue loss and bad DBC case instead.
+With `loss` as fourth argument: the host queue loss and bad DBC case instead; with `families`:
+LIN, UART and K-line channels.
 
-usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR [loss]   (exit 77: skipped, no chromium)"""
+usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR [loss|families]   (exit 77: skipped, no chromium)"""
 import json
 import os
 import shutil
@@ -236,6 +237,120 @@ def host_queue_loss_and_bad_dbc(varnel, artefacts):
     return 0
 
 
+def lin_pid(frame_id):
+    bit = lambda n: (frame_id >> n) & 1
+    p0 = bit(0) ^ bit(1) ^ bit(2) ^ bit(4)
+    p1 = 1 - (bit(1) ^ bit(3) ^ bit(4) ^ bit(5))
+    return frame_id | p0 << 6 | p1 << 7
+
+
+def lin_checksum(data, pid=None):
+    """Inverted sum with carry wrap-around: classic over the data, enhanced with the PID first."""
+    total = 0
+    for b in ([pid] if pid is not None else []) + list(data):
+        total += b
+        if total > 255:
+            total -= 255
+    return 255 - total
+
+
+def lin_verdict(frame_id, data, check):
+    if not data:
+        return "none"
+    if check == lin_checksum(data, lin_pid(frame_id)):
+        return "enhanced"
+    return "classic" if check == lin_checksum(data) else "bad"
+
+
+def pcapng_packets(path):
+    """(link type, packet bytes) of every enhanced packet block in a little-endian capture."""
+    import struct
+    blob, at, links, packets = open(path, "rb").read(), 0, [], []
+    while at + 12 <= len(blob):
+        kind, length = struct.unpack_from("<II", blob, at)
+        if kind == 1:
+            links.append(struct.unpack_from("<H", blob, at + 8)[0])
+        elif kind == 6:
+            interface, _, _, captured = struct.unpack_from("<IIII", blob, at + 8)
+            packets.append((links[interface], blob[at + 28:at + 28 + captured]))
+        at += length
+    return links, packets
+
+
+def other_families(varnel, artefacts):
+    """A master on the virtual LIN bus (a header a node answers, a write, a write with its
+    checksum inverted), a device sending text on UART channel 1 and a KWP2000 frame on channel
+    2's K-line: the page lists each as a person reads it, with the checksum verdicts computed here
+    by the LIN definition, and the pcapng recording holds the LIN frames as LINKTYPE_LIN."""
+    kline = bytes([0x81, 0x10, 0xF1, 0x3E])
+    kline += bytes([sum(kline) & 0xFF])
+    lin = "21@20,22#0102@20,23#A1A2!@50"
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as work:
+        record = os.path.join(work, "families.pcapng")
+        monitor = subprocess.Popen(
+            [varnel, "--sim-lin-traffic", lin, "--sim-uart-traffic",
+             f"1#48690D0A@100,2#{kline.hex().upper()}@200", "monitor", "lin0", "uart1", "kline2",
+             "--record", record, "--port", "0"],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        chromium = None
+        try:
+            first = monitor.stdout.readline().strip()
+            assert first.startswith("monitor: http://127.0.0.1:"), first
+            with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+                chromium, ws_url = start_chromium(first.split(" ", 1)[1], profile)
+                page = DevTools(ws_url)
+                panel = "document.querySelector('.family-channel[data-channel=\"%s\"]')"
+                rows = ("[...%s.querySelectorAll('tbody tr')].map(tr => [...tr.cells].map(td => "
+                        "[td.textContent, getComputedStyle(td).color]))")
+                lin_rows = page.wait_for(f"{panel % 'lin0'} && new Set({rows % (panel % 'lin0')}"
+                                         ".map(r => r[1][0])).size == 3 && " + rows % (panel % 'lin0'))
+                seen = {}
+                for _, frame_id, pid, data, check, (verdict, colour) in lin_rows:
+                    frame_id, data = int(frame_id[0], 16), bytes.fromhex(data[0])
+                    assert int(pid[0], 16) == lin_pid(frame_id), (frame_id, pid)
+                    expected = lin_verdict(frame_id, data, int(check[0], 16))
+                    assert verdict == expected, (frame_id, data.hex(), check, verdict)
+                    assert (colour == "rgb(204, 0, 0)") == (verdict == "bad"), (verdict, colour)
+                    seen[frame_id] = (data, int(check[0], 16), verdict)
+                pid23 = lin_pid(0x23)
+                assert seen[0x21][0] == bytes.fromhex("11223344") and seen[0x21][2] == "enhanced"
+                assert seen[0x22] == (b"\x01\x02", lin_checksum(b"\x01\x02", lin_pid(0x22)), "enhanced")
+                assert seen[0x23] == (b"\xA1\xA2", 255 - lin_checksum(b"\xA1\xA2", pid23), "bad")
+
+                uart = page.wait_for(f"{panel % 'uart1'} && {panel % 'uart1'}.innerText.includes('|Hi..Hi..|')"
+                                     f" && {panel % 'uart1'}.innerText")
+                assert "48 69 0D 0A 48 69 0D 0A" in uart, uart
+                text = page.js(f"{panel % 'uart1'}.querySelector('.uart-text').textContent")
+                assert text.startswith("Hi\nHi\n"), text
+
+                kline_rows = page.wait_for(f"{panel % 'kline2'} && {rows % (panel % 'kline2')}.length"
+                                           f" && {rows % (panel % 'kline2')}")
+                cells = [c[0] for c in kline_rows[0]]
+                assert cells[1:9] == ["81", "10", "F1", "3E", "", f"{kline[-1]:02X}", "ok",
+                                      " ".join(f"{b:02X}" for b in kline)], cells
+
+                png = page.call("Page.captureScreenshot", format="png")["data"]
+                import base64
+                with open(os.path.join(artefacts, "monitor-families.png"), "wb") as f:
+                    f.write(base64.b64decode(png))
+                chromium.terminate()
+                chromium.wait(10)
+        finally:
+            if chromium and chromium.poll() is None:
+                chromium.kill()
+            monitor.send_signal(signal.SIGINT)
+            code = monitor.wait(15)
+        stderr = monitor.stderr.read()
+        assert code == 0, (code, stderr)
+        assert "UART bytes and K-line frames are not recorded" in stderr, stderr
+        links, packets = pcapng_packets(record)
+        assert links == [212], links  # one interface, the LIN channel's (LINKTYPE_LIN)
+        lin_packets = [p for link, p in packets if link == 212]
+        assert any(p[5] == lin_pid(0x22) and p[8:10] == b"\x01\x02" for p in lin_packets), lin_packets[:3]
+    print("ok: LIN", sorted(seen), "UART text and hex, K-line frame", kline.hex())
+    return 0
+
+
 def main():
     varnel, dbc, artefacts = sys.argv[1:4]
     if not shutil.which("chromium"):
@@ -244,6 +359,9 @@ def main():
     if len(sys.argv) > 4 and sys.argv[4] == "loss":
         os.makedirs(artefacts, exist_ok=True)
         return host_queue_loss_and_bad_dbc(varnel, artefacts)
+    if len(sys.argv) > 4 and sys.argv[4] == "families":
+        os.makedirs(artefacts, exist_ok=True)
+        return other_families(varnel, artefacts)
     os.makedirs(artefacts, exist_ok=True)
     monitor = subprocess.Popen(
         [varnel, "--sim-traffic", f"{FRAME_ID:03X}#{FRAME_DATA.hex().upper()}@{PERIOD_MS}",

@@ -17,6 +17,7 @@
 #include "core/adapter.h"
 #include "core/command_group.h"
 #include "sim/bus/can_scene_text.h"
+#include "sim/bus/serial_scene_text.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -47,6 +48,16 @@ constexpr const char* kDefaultEcu = "7E0/7E8";
 
 SimCanScene& sim_can_scene() {
   static SimCanScene scene;
+  return scene;
+}
+
+// What the virtual LIN buses and UART wires carry unasked (sim/bus/serial_scene_text.h).
+struct SimSerialScene {
+  std::string lin, uart;
+};
+
+SimSerialScene& sim_serial_scene() {
+  static SimSerialScene scene;
   return scene;
 }
 
@@ -102,6 +113,10 @@ bool reexecute_on_sim() {
   setenv("LD_LIBRARY_PATH", path.c_str(), 1);
   setenv("VARNEL_USBSIM_ADAPTERS", kDefaultSimAdapters, 0);  // the caller's choice wins
   export_can_scene(sim_can_scene());
+  if (!sim_serial_scene().lin.empty())
+    setenv("VARNEL_SIM_LIN_TRAFFIC", sim_serial_scene().lin.c_str(), 1);
+  if (!sim_serial_scene().uart.empty())
+    setenv("VARNEL_SIM_UART_TRAFFIC", sim_serial_scene().uart.c_str(), 1);
   setenv(kSimActiveVariable, "1", 1);
 
   std::vector<std::string> args = own_arguments();
@@ -145,6 +160,28 @@ void add_sim_flag(CLI::App& app) {
   app.add_option("--sim-traffic", sim_can_scene().traffic,
                  "frames that node sends, each with its period in ms: 123#DEADBEEF@100,...")
       ->check(traffic_validator());
+  app.add_option("--sim-lin-traffic", sim_serial_scene().lin,
+                 "frames a master plays on the virtual LIN buses, with their periods in ms: "
+                 "21@10 (a header), 22#0102@20 (a write), 23#0304!@50 (a bad checksum)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            std::string bad;
+            return sim::scene_text::parse_lin_traffic(text, &bad)
+                       ? std::string()
+                       : "'" + bad + "': expected ID@MS or ID#DATA[!]@MS";
+          },
+          "ID[#DATA[!]]@MS,..."));
+  app.add_option("--sim-uart-traffic", sim_serial_scene().uart,
+                 "bytes a device sends on a virtual UART channel's wire every period: "
+                 "0#48690D0A@100 (channel 0, hex, ms)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            std::string bad;
+            return sim::scene_text::parse_uart_traffic(text, &bad)
+                       ? std::string()
+                       : "'" + bad + "': expected CH#HEX@MS";
+          },
+          "CH#HEX@MS,..."));
   auto* ecu = app.add_option("--sim-ecu", sim_can_scene().ecu,
                              "request/response identifiers of the diagnostic ECU on the virtual "
                              "CAN bus (default 7E0/7E8; none: no ECU)");
@@ -153,7 +190,9 @@ void add_sim_flag(CLI::App& app) {
       throw CLI::ValidationError("--sim-traffic",
                                  "needs a node on the bus, not --sim-can-peer none");
     // naming the virtual bus's traffic only makes sense on the virtual adapter
-    if (!sim_can_scene().traffic.empty() || peer->count() || ecu->count()) sim_requested() = true;
+    if (!sim_can_scene().traffic.empty() || peer->count() || ecu->count() ||
+        !sim_serial_scene().lin.empty() || !sim_serial_scene().uart.empty())
+      sim_requested() = true;
   });
 }
 

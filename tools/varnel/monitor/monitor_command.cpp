@@ -1,7 +1,8 @@
 // varnel monitor CHANNEL... [--dbc FILE] [--record FILE] [--allow-send] [--listen ADDR] [--port N]
 // varnel monitor --replay FILE [--fast]   (a candump log or pcapng capture) [--dbc FILE]
 // The bus live in a browser: the per-identifier table with decoded signals, the trace, plots and
-// each channel's health, served on the loopback (docs/monitor.md).
+// each channel's health, with LIN frames, UART bytes and K-line frames of such channels (lin0,
+// uart1, kline2), served on the loopback (docs/monitor.md).
 #include <memory>
 
 #include "core/command_group.h"
@@ -14,7 +15,9 @@ void add_monitor_command(CLI::App& app) {
   auto o = std::make_shared<monitor::MonitorOptions>();
   CLI::App* command = app.add_subcommand(
       "monitor", "see buses live in a browser: table, trace, decoded signals, plots, bus load");
-  command->add_option("CHANNEL", o->channels, "CAN channels: canN (see scan order) or HANDLE:CH");
+  command->add_option("CHANNEL", o->channels,
+                      "channels: CAN canN or HANDLE:CH; LIN linN or lin:HANDLE:CH, the same "
+                      "for uart and kline, each with @BAUD or not");
   command->add_option("--dbc", o->dbc, "decode frames with this DBC database");
   auto* replay = command->add_option("--replay", o->replay,
                                      "play a candump log or pcapng capture into the page");

@@ -16,6 +16,8 @@
 #include "capture/candump_log.h"
 #include "core/result_text.h"
 #include "core/sim_mode.h"
+#include "monitor/family_source.h"
+#include "monitor/family_view.h"
 #include "monitor/frame_source.h"
 #include "monitor/json_text.h"
 #include "monitor/monitor_model.h"
@@ -67,12 +69,14 @@ bool is_loopback(const std::string& address) {
 class Monitor {
  public:
   Monitor(const MonitorOptions& options, std::unique_ptr<FrameSource> source, DBC_HANDLE db,
-          std::string dbc_problem)
+          std::string dbc_problem, std::unique_ptr<FamilySource> families)
       : options_(options),
         source_(std::move(source)),
         db_(db),
         model_(source_->channels(), db),
-        hub_(options.max_pages, options.max_queued_updates) {
+        hub_(options.max_pages, options.max_queued_updates),
+        families_(std::move(families)),
+        family_view_(families_->channels()) {
     if (!dbc_problem.empty()) model_.note(dbc_problem, true);
     if (!options_.record.empty()) start_recording(options_.record);
     if (!is_loopback(options_.listen)) token_ = random_token();
@@ -106,6 +110,7 @@ class Monitor {
     http.join();
     capture.join();
     publish.join();
+    families_->close();
     source_->close();
     stop_recording();
     return 0;
@@ -125,6 +130,12 @@ class Monitor {
         std::lock_guard lock(mutex_);
         model_.note(message, true);
       }
+      FamilyBatch family_batch;
+      if (!families_->fetch(family_batch, message)) {
+        std::fprintf(stderr, "monitor: %s\n", message.c_str());
+        std::lock_guard lock(mutex_);
+        model_.note(message, true);
+      }
       const bool health_due = std::chrono::steady_clock::now() >= next_health;
       std::vector<ChannelHealth> health;
       if (health_due) {
@@ -138,8 +149,11 @@ class Monitor {
         for (size_t i = 0; i < health.size(); ++i)
           if (health[i].known) model_.set_health(i, health[i]);
         record(frames);
+        family_view_.add(family_batch);
+        if (recording_) recording_->write(family_batch);
       }
-      if (frames.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      if (frames.empty() && family_batch.empty())
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
 
@@ -153,13 +167,24 @@ class Monitor {
       {
         std::lock_guard lock(mutex_);
         const uint64_t now = source_->now_us();
-        delta = std::make_shared<const std::string>(model_.update_json(now, false));
+        delta = std::make_shared<const std::string>(
+            with_families(model_.update_json(now, false), false));
         if (hub_.any_wants_full())
-          full = std::make_shared<const std::string>(model_.update_json(now, true));
+          full = std::make_shared<const std::string>(
+              with_families(model_.update_json(now, true), true));
         model_.end_interval();
+        family_view_.end_interval();
       }
       hub_.publish(delta, full);
     }
+  }
+
+  // The other families' part of an update, inside its object. Called with the lock held.
+  std::string with_families(std::string update, bool full) const {
+    const std::string families = family_view_.json(full);
+    if (families.empty() || update.empty() || update.back() != '}') return update;
+    update.pop_back();
+    return update + "," + families + "}";
   }
 
   // Called with the lock held.
@@ -175,6 +200,7 @@ class Monitor {
       return false;
     }
     record_path_ = path;
+    if (!families_->channels().empty()) recording_->add_family_channels(families_->channels());
     std::fprintf(stderr, "monitor: recording to %s\n", path.c_str());
     return true;
   }
@@ -291,6 +317,7 @@ class Monitor {
       if (!admitted(req, res) || !same_origin(req, res)) return;
       std::lock_guard lock(mutex_);
       model_.clear();
+      family_view_.clear();
       res.set_content("{}", "application/json");
     });
     server_.Post("/record", [this](const httplib::Request& req, httplib::Response& res) {
@@ -404,16 +431,37 @@ class Monitor {
   std::recursive_mutex record_mutex_;
   std::unique_ptr<Recording> recording_;
   std::string record_path_;
+  std::unique_ptr<FamilySource> families_;
+  FamilyView family_view_;  // under mutex_
 };
 
 }  // namespace
 
 int run_monitor(const MonitorOptions& options) {
+  // LIN, UART and K-line channels (lin0, uart:HANDLE:CH@9600...) apart from the CAN ones
+  std::vector<std::string> can_names, family_texts;
+  std::vector<FamilyChannelName> family_names;
+  for (const std::string& text : options.channels) {
+    if (!looks_like_family_channel(text)) {
+      can_names.push_back(text);
+      continue;
+    }
+    std::string why;
+    const auto name = parse_family_channel_name(text, &why);
+    if (!name) {
+      std::fprintf(stderr, "monitor: %s: %s\n", text.c_str(), why.c_str());
+      return 2;
+    }
+    family_names.push_back(*name);
+    family_texts.push_back(text);
+  }
   // The source first: on the virtual adapter opening it runs the tool again, and what this
   // process said before would be said twice.
+  auto families = FamilySource::open(family_names, family_texts);
+  if (!families) return 1;
   auto source =
       options.replay.empty()
-          ? open_live_can(options.channels, options.bitrate, options.data_bitrate)
+          ? open_live_can(can_names, options.bitrate, options.data_bitrate)
           : open_file_replay(options.replay, options.fast, options.bitrate, options.data_bitrate);
   if (!source) return 1;
   // A DBC that does not load leaves the monitor running without decoding: said on stderr and
@@ -433,7 +481,7 @@ int run_monitor(const MonitorOptions& options) {
   auto previous_int = std::signal(SIGINT, on_signal);
   auto previous_term = std::signal(SIGTERM, on_signal);
   std::signal(SIGPIPE, SIG_IGN);  // a page that goes away mid-write
-  const int code = Monitor(options, std::move(source), db, dbc_problem).run();
+  const int code = Monitor(options, std::move(source), db, dbc_problem, std::move(families)).run();
   std::signal(SIGINT, previous_int);
   std::signal(SIGTERM, previous_term);
   return code;

@@ -54,3 +54,30 @@ void Recording::write(const std::vector<MonitorFrame>& frames) {
 }
 
 }  // namespace varnel_cli::monitor
+
+namespace varnel_cli::monitor {
+
+void Recording::add_family_channels(const std::vector<FamilyChannelInfo>& channels) {
+  bool left_out = false;
+  for (const FamilyChannelInfo& c : channels) {
+    const bool recorded = capture_ && c.family == Family::kLin;
+    lin_interface_.push_back(
+        recorded ? int(capture_->add_lin_channel(c.name, c.handle, c.channel, c.baud)) : -1);
+    left_out |= !recorded;
+  }
+  if (capture_) capture_->flush();
+  if (left_out)
+    std::fprintf(stderr, "monitor: the recording holds %s: %s not recorded\n",
+                 capture_ ? "CAN and LIN frames" : "CAN frames only",
+                 capture_ ? "UART bytes and K-line frames are" : "LIN, UART and K-line are");
+}
+
+void Recording::write(const FamilyBatch& batch) {
+  if (!capture_ || batch.lin.empty()) return;
+  for (const auto& f : batch.lin)
+    if (f.channel < lin_interface_.size() && lin_interface_[f.channel] >= 0)
+      capture_->write_lin(uint32_t(lin_interface_[f.channel]), f.msg, f.at_us);
+  capture_->flush();
+}
+
+}  // namespace varnel_cli::monitor

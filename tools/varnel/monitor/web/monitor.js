@@ -59,6 +59,7 @@ function onUpdate(message) {
   if (update.full) { state.rows.clear(); $('rows').textContent = ''; }
   for (const r of update.rows) { state.rows.set(rowKey(r), r); state.dirty.add(rowKey(r)); }
   addPoints(update.points);
+  if (update.families) addFamilies(update.families);
   for (const note of update.notes) showNote(note);
   if (!state.paused) {
     for (const f of update.trace) state.trace.push(f);
@@ -87,6 +88,7 @@ function scheduleDraw() {
 function draw() {
   drawHealth();
   if (state.paused) return;
+  if (state.families.channels.length) drawFamilies();
   if (state.view === 'table') drawTable(); else drawTrace();
 }
 
@@ -317,6 +319,107 @@ function showInfo(info) {
 
 function sendResult(r) { $('send-result').textContent = r.error || 'sent'; }
 
+// ----- LIN, UART and K-line channels ------------------------------------------------------------
+// The server sends each update's new LIN and K-line frames and UART bytes (the newest of them at
+// most); the page keeps the newest rows and bytes of each and lists them per channel.
+const kFamilyRows = 500, kFamilyRowsShown = 100, kUartBytes = 4096, kUartBytesShown = 512;
+state.families = { channels: [], lin: [], kline: [], uart: new Map() };
+
+function addFamilies(f) {
+  const fam = state.families;
+  fam.channels = f.channels;
+  if (f.full) { fam.lin = []; fam.kline = []; fam.uart.clear(); }
+  fam.lin.push(...f.lin);
+  fam.kline.push(...f.kline);
+  if (fam.lin.length > kFamilyRows) fam.lin.splice(0, fam.lin.length - kFamilyRows);
+  if (fam.kline.length > kFamilyRows) fam.kline.splice(0, fam.kline.length - kFamilyRows);
+  for (const u of f.uart) {
+    const bytes = (fam.uart.get(u.ch) || []).concat(u.hex.match(/../g).map((h) => parseInt(h, 16)));
+    fam.uart.set(u.ch, bytes.slice(-kUartBytes));
+  }
+}
+
+const spaced = (hex) => (hex || '').replace(/(..)(?=.)/g, '$1 ');
+const hex2 = (b) => b.toString(16).toUpperCase().padStart(2, '0');
+const printable = (b) => (b >= 0x20 && b < 0x7F ? String.fromCharCode(b) : '.');
+
+function familyTable(headings, rows) {
+  const box = document.createElement('div');
+  box.className = 'family-rows';
+  const table = box.appendChild(document.createElement('table'));
+  const head = table.createTHead().insertRow();
+  for (const h of headings) head.appendChild(document.createElement('th')).textContent = h;
+  const body = table.createTBody();
+  for (const cells of rows) {
+    const tr = body.insertRow();
+    for (const [text, cls] of cells) {
+      const td = tr.insertCell();
+      td.textContent = text;
+      if (cls) td.className = cls;
+    }
+  }
+  return box;
+}
+
+const verdictClass = (v) => (v === 'bad' || v === 'incomplete' ? 'verdict loss' : 'verdict');
+
+function linRows(ch) {
+  return state.families.lin.filter((r) => r.ch === ch).slice(-kFamilyRowsShown).reverse()
+    .map((r) => [[(r.t / 1e6).toFixed(3)], [r.id, 'id'], [r.pid], [spaced(r.data), 'data'],
+      [r.check, 'check'], [r.verdict, verdictClass(r.verdict)]]);
+}
+
+function klineRows(ch) {
+  return state.families.kline.filter((r) => r.ch === ch).slice(-kFamilyRowsShown).reverse()
+    .map((r) => [[(r.t / 1e6).toFixed(3)], [r.bytes.substr(0, 2)], [r.tgt || ''], [r.src || ''],
+      [r.sid || '', 'sid'], [spaced(r.data), 'data'], [r.check || ''],
+      [r.verdict, verdictClass(r.verdict)], [spaced(r.bytes), 'bytes']]);
+}
+
+// The newest bytes as a hex dump, 16 a line with their printable characters, and as text.
+function uartViews(ch) {
+  const bytes = (state.families.uart.get(ch) || []).slice(-kUartBytesShown);
+  const hex = document.createElement('pre');
+  hex.className = 'uart-hex';
+  const lines = [];
+  for (let i = 0; i < bytes.length; i += 16) {
+    const line = bytes.slice(i, i + 16);
+    lines.push(`${line.map(hex2).join(' ').padEnd(47)}  |${line.map(printable).join('')}|`);
+  }
+  hex.textContent = lines.join('\n');
+  const text = document.createElement('pre');
+  text.className = 'uart-text';
+  text.textContent = bytes.filter((b) => b !== 0x0D)
+    .map((b) => (b === 0x0A ? '\n' : printable(b))).join('');
+  return [hex, text];
+}
+
+function drawFamilies() {
+  const box = $('families');
+  box.hidden = false;
+  box.textContent = '';
+  state.families.channels.forEach((c, ch) => {
+    const div = box.appendChild(document.createElement('div'));
+    div.className = `family-channel ${c.family}`;
+    div.dataset.channel = c.name;
+    const head = div.appendChild(document.createElement('div'));
+    head.className = 'family-head';
+    const unit = c.family === 'uart' ? 'bytes' : 'frames';
+    const errors = c.family === 'uart' ? '' : `, ${c.errors} with a bad checksum`;
+    head.textContent = `${c.name} (${c.family === 'kline' ? 'K-line' : c.family.toUpperCase()}` +
+      ` @ ${c.baud} baud): ${c.count} ${unit}${errors}` +
+      (c.skipped ? `, ${c.skipped} ${unit} not listed (the newest of each update are)` : '');
+    if (c.errors || c.skipped) head.classList.add('loss');
+    if (c.family === 'lin')
+      div.appendChild(familyTable(['Time s', 'ID', 'PID', 'Data', 'Checksum', 'Verdict'], linRows(ch)));
+    else if (c.family === 'kline')
+      div.appendChild(familyTable(['Time s', 'Fmt', 'Tgt', 'Src', 'SID', 'Data', 'Checksum',
+        'Verdict', 'Bytes'], klineRows(ch)));
+    else
+      for (const view of uartViews(ch)) div.appendChild(view).scrollTop = view.scrollHeight;  // newest
+  });
+}
+
 function setup() {
   $('view-table').onclick = () => setView('table');
   $('view-trace').onclick = () => setView('trace');
@@ -329,6 +432,7 @@ function setup() {
   $('clear').onclick = () => {
     post('clear', {});
     state.rows.clear(); state.trace = []; state.history.clear(); state.traceSkipped = 0;
+    state.families.lin = []; state.families.kline = []; state.families.uart.clear();
     $('rows').textContent = ''; drawChart(); scheduleDraw();
   };
   $('record').onclick = () => post('record', { on: state.info && state.info.recording ? '0' : '1' }).then(showInfo);
