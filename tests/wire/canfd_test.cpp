@@ -109,9 +109,7 @@ TEST_F(CanFdWire, UnacknowledgedSendGivesUpAndRaisesEvent) {
 }
 
 TEST_F(CanFdWire, ClassicCallsRideOnCanFd) {
-  auto adapter = open(kFd40);
-  ASSERT_EQ(CAN_Init2(kFd40, 0, 500000), 0);
-  ASSERT_EQ(CAN_Init2(kFd40, 1, 500000), 0);
+  auto adapter = open_at(kFd40, 500000, 2);
   EXPECT_TRUE(packets(*adapter, 0x0C00).empty());
   auto init = packets(*adapter, 0x4000);
   ASSERT_EQ(init.size(), 2u);
@@ -134,9 +132,8 @@ TEST_F(CanFdWire, ClassicCallsRideOnCanFd) {
   EXPECT_EQ(in[1].Extended, 1);
 
   // time stamps: the classic value is the CAN FD one divided by 10
-  auto peer = sim::CanPeer::create(bus_, {500000, 0});
-  sim::CanFrame frame;
-  frame.id = 0x42;
+  auto peer = this->peer();
+  const sim::CanFrame frame = testing_support::counted_frame(0x42, 0);
   peer->send(frame);
   std::vector<CANFD_MSG> raw(10);
   ASSERT_EQ(CANFD_GetMsg(kFd40, 1, raw.data(), 10), 1);
