@@ -193,31 +193,19 @@ TEST_F(Uds, LongAnswersAreReassembled) {
 
 TEST_F(Uds, FailuresGiveTheirCodes) {
   using Faults = sim::CanDiagnosticEcu::Faults;
+  const Bytes two_ids = {0x22, 0xF1, 0x90, 0xF1, 0x87};  // 33 bytes: a first and four consecutive
   struct Case {
     const char* name;
     Faults faults;
     Bytes message;
     int request_result, response_result;
   } cases[] = {
-      {"overflow", {0, true}, write_request(20), CAN_UDS_ERR_OVERFLOW, 0},
-      {"no flow control",
-       {0, false, false, false, true},
-       write_request(20),
-       CAN_UDS_ERR_TIMEOUT,
-       0},
-      {"two waits, then continue", {2}, write_request(20), 0, 3},
-      // two identifiers: 33 bytes, a first frame and four consecutive frames
-      {"lost consecutive frame",
-       {0, false, true},
-       {0x22, 0xF1, 0x90, 0xF1, 0x87},
-       0,
-       CAN_UDS_ERR_SEQUENCE},
-      {"wrong sequence number",
-       {0, false, false, true},
-       {0x22, 0xF1, 0x90, 0xF1, 0x87},
-       0,
-       CAN_UDS_ERR_SEQUENCE},
-      {"silent", {0, false, false, false, true}, {0x3E, 0x00}, 0, CAN_UDS_ERR_TIMEOUT},
+      {"overflow", {.flow_overflow = true}, write_request(20), CAN_UDS_ERR_OVERFLOW, 0},
+      {"no flow control", {.silent = true}, write_request(20), CAN_UDS_ERR_TIMEOUT, 0},
+      {"two waits, then continue", {.flow_waits = 2}, write_request(20), 0, 3},
+      {"lost consecutive frame", {.lose_frame = true}, two_ids, 0, CAN_UDS_ERR_SEQUENCE},
+      {"wrong sequence number", {.wrong_sequence = true}, two_ids, 0, CAN_UDS_ERR_SEQUENCE},
+      {"silent", {.silent = true}, {0x3E, 0x00}, 0, CAN_UDS_ERR_TIMEOUT},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -274,9 +262,7 @@ TEST_F(Uds, MalformedAnswersAndBadArguments) {
 
 // Extended addressing: the address byte leads every frame both ways, so a single frame holds 6.
 TEST_F(Uds, ExtendedAddressingPutsTheAddressFirst) {
-  sim::CanDiagnosticEcu::Config ecu;
-  ecu.address = 0x10;
-  start(kClassic, ecu);
+  start(kClassic, {.address = 0x10});
   addr_.ExtAddr = 1;
   addr_.AddrByte = 0x10;
   ASSERT_EQ(request({0x22, 0xF1, 0x90}), 0);
@@ -325,11 +311,8 @@ TEST_F(Uds, BlockSizeAndEveryStminCode) {
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << std::hex << int(c.stmin) << " iso " << c.iso << " bs "
                                     << int(c.block_size) << " config " << int(c.config_stmin));
-    sim::CanDiagnosticEcu::Config ecu;
-    ecu.block_size = c.block_size;
-    ecu.stmin = c.stmin;
     iso_timing_ = c.iso;
-    start(kClassic, ecu, {c.config_stmin, 0, 0, 0, 0});
+    start(kClassic, {.block_size = c.block_size, .stmin = c.stmin}, {c.config_stmin, 0, 0, 0, 0});
     ASSERT_EQ(request(write_request(40)), 0);  // first frame + 5 consecutive frames
     const auto timed = packets(*adapter_, 0x0C0C);
     EXPECT_EQ(packets(*adapter_, 0x0C02).size() + timed.size(), c.block_size ? 4u : 2u);
@@ -352,10 +335,7 @@ TEST_F(Uds, IsoTimingRestartsTheWaitOnEveryWaitFrame) {
   for (int iso : {0, 1}) {
     iso_timing_ = iso;
     start(kClassic, {}, {0, 0, 0, 0, 300});
-    sim::CanDiagnosticEcu::Faults faults;
-    faults.flow_waits = 4;
-    faults.wait_spacing_us = 100000;
-    ecu_->set_faults(faults);
+    ecu_->set_faults({.flow_waits = 4, .wait_spacing_us = 100000});
     EXPECT_EQ(request(write_request(20)), iso ? 0 : CAN_UDS_ERR_TIMEOUT) << iso;
     restart();
   }
@@ -366,9 +346,7 @@ TEST_F(Uds, IsoTimingRestartsTheWaitOnEveryWaitFrame) {
 // adapter; the next request drops it, so its response is its own.
 TEST_F(Uds, ALateAnswerIsNotTakenForTheNextOne) {
   for (uint32_t handle : {kClassic, kFd}) {
-    sim::CanDiagnosticEcu::Config ecu;
-    ecu.answer_delay_us = 300000;
-    start(handle, ecu);
+    start(handle, {.answer_delay_us = 300000});
     int r = 0;
     ASSERT_EQ(request({0x10, 0x03}), 0);
     response(&r, 20);
