@@ -1,6 +1,5 @@
 // Discovery of network adapters: probe destination, reply parsing, time-out clamp, table cap.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,19 +9,13 @@
 #include <thread>
 
 #include "core/bytes.h"
-#include "core/net.h"
-#include "varnel.h"
+#include "net/net_fixture.h"
 
 namespace {
 
 constexpr uint32_t kMagic = 0x12345678;
 
-// Scans loopback (probe to 127.0.0.255) and returns the handles found.
-std::vector<uint32_t> scan() {
-  uint32_t handles[VARNEL_MAX_DEVICES] = {};
-  const int n = NET_ScanDevice("127.0.0.1", handles, 200);
-  return std::vector<uint32_t>(handles, handles + std::max(n, 0));
-}
+using testing_support::net_scan;
 
 int udp_socket_on(const std::string& address, uint16_t port) {
   int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
@@ -90,14 +83,7 @@ class Responder {
   std::thread thread_;
 };
 
-class NetScan : public ::testing::Test {
- protected:
-  void SetUp() override { varnel::net_forget_all(); }
-  void TearDown() override {
-    varnel::net_forget_all();
-    VARNEL_SetNetPorts(0, 0);
-  }
-};
+class NetScan : public testing_support::NetTest {};
 
 }  // namespace
 
@@ -171,7 +157,7 @@ TEST_F(NetScan, ListsNetworkHandlesFromValidRepliesOnly) {
   for (uint32_t foreign : {0x12345678u, 0u, 0xFFFFFFFFu, 0x55000011u, 0xFF000003u, 0x56000020u})
     replies.push_back({"127.0.1.1", reply(foreign)});
   Responder responder(replies);
-  EXPECT_EQ(scan(), (std::vector<uint32_t>{0x55000010, 0x55000020, 0x56000020}));
+  EXPECT_EQ(net_scan(), (std::vector<uint32_t>{0x55000010, 0x55000020, 0x56000020}));
   responder.stop();
   std::vector<uint8_t> probe(4);
   std::memcpy(probe.data(), &kMagic, 4);
@@ -197,11 +183,11 @@ TEST_F(NetScan, SixtyOneAdaptersGiveSixtyHandles) {
 TEST_F(NetScan, RepeatedScanKeepsOrderAndRefreshesAddresses) {
   {
     Responder first({{"127.0.0.7", reply(0x55000070)}, {"127.0.0.8", reply(0x55000080)}});
-    EXPECT_EQ(scan().size(), 2u);
+    EXPECT_EQ(net_scan().size(), 2u);
   }
   Responder second({{"127.0.0.9", reply(0x55000080)}});
   // the silent adapter stays listed, in its place
-  EXPECT_EQ(scan(), (std::vector<uint32_t>{0x55000070, 0x55000080}));
+  EXPECT_EQ(net_scan(), (std::vector<uint32_t>{0x55000070, 0x55000080}));
   // the moved one is reached at its new address: nothing listens there, so connect fails quickly
   // instead of reaching 127.0.0.8
   EXPECT_FALSE(NET_ConnectDevice(0x55000080));

@@ -1,7 +1,6 @@
 // The TCP packet stream against the virtual adapter daemon on loopback (on-demand connection,
 // reply limits, draining, reconnection, reference counting), and the varnel-sim program serving it.
 #include <dirent.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,14 +13,13 @@
 #include <thread>
 #include <vector>
 
-#include "core/net.h"
 #include "core/transaction.h"
 #include "core/transport.h"
+#include "net/net_fixture.h"
 #include "sim/families/can.h"
 #include "sim/families/device.h"
 #include "sim/families/gpio.h"
 #include "sim/net_server.h"
-#include "varnel.h"
 
 using sim::ReplyFault;
 using namespace std::chrono_literals;
@@ -46,12 +44,7 @@ bool descriptors_back_to(int expected) {
   return false;
 }
 
-// Scans loopback (probe to 127.0.0.255) and returns the handles found.
-std::vector<uint32_t> scan() {
-  uint32_t handles[VARNEL_MAX_DEVICES] = {};
-  const int n = NET_ScanDevice("127.0.0.1", handles, 200);
-  return std::vector<uint32_t>(handles, handles + std::max(n, 0));
-}
+using testing_support::net_scan;
 
 // A daemon serving `handles` on free ports, with the library pointed at them.
 struct Daemon {
@@ -65,20 +58,43 @@ struct Daemon {
   bool ok = false;
 };
 
-class NetTransport : public ::testing::Test {
+class NetTransport : public testing_support::NetTest {
  protected:
-  void SetUp() override { varnel::net_forget_all(); }
-  void TearDown() override {
-    varnel::net_forget_all();
-    VARNEL_SetNetPorts(0, 0);
-  }
   // Starts a daemon and scans it into the table.
   std::unique_ptr<Daemon> start(std::vector<uint32_t> handles = {kHandle}) {
     auto daemon = std::make_unique<Daemon>(handles);
     EXPECT_TRUE(daemon->ok) << daemon->server->error();
-    EXPECT_EQ(scan(), handles);
+    EXPECT_EQ(net_scan(), handles);
     return daemon;
   }
+};
+
+// Starts varnel-sim with `args` (and ports of its own choice) with its output on a pipe.
+struct SimProgram {
+  explicit SimProgram(std::vector<const char*> args) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    args.insert(args.begin(), "varnel-sim");
+    for (const char* more : {"--discovery-port", "0", "--tcp-port", "0"}) args.push_back(more);
+    args.push_back(nullptr);
+    if ((pid = fork()) == 0) {
+      dup2(fds[1], 1);
+      execv(VARNEL_BINARY_DIR "/bin/varnel-sim", const_cast<char* const*>(args.data()));
+      _exit(127);
+    }
+    close(fds[1]);
+    out = fdopen(fds[0], "r");
+  }
+  // Kills it and waits: its exit status.
+  int stop(int signal_number = SIGTERM) {
+    kill(pid, signal_number);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    fclose(out);
+    return status;
+  }
+  pid_t pid;
+  FILE* out;
 };
 
 }  // namespace
@@ -255,7 +271,7 @@ TEST_F(NetTransport, ScanWhileCallingFromTwoThreadsDisturbsNothing) {
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
   std::thread scanner([&] {
-    while (!done) scan();
+    while (!done) net_scan();
   });
   auto calls = [&] {
     for (int i = 0; i < 100; ++i) failures += DEV_GetTimestampMs(kHandle) < 0;
@@ -331,29 +347,18 @@ TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
   EXPECT_EQ(exit_code("--discovery-port " + port + " --tcp-port 0 --first-address 127.0.0.30"), 1);
   taken.server->stop();
   for (int signal_number : {SIGTERM, SIGINT}) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      dup2(fds[1], 1);
-      execl(sim.c_str(), "varnel-sim", "--adapter", "0x55000110", "--adapter", "0x56000120",
-            "--discovery-port", "0", "--tcp-port", "0", "--first-address", "127.0.0.20", nullptr);
-      _exit(127);
-    }
-    close(fds[1]);
-    FILE* out = fdopen(fds[0], "r");
-    unsigned discovery = 0, tcp = 0;  // no assertion ends the test before the kill below
-    EXPECT_EQ(fscanf(out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp),
+    SimProgram program(
+        {"--adapter", "0x55000110", "--adapter", "0x56000120", "--first-address", "127.0.0.20"});
+    unsigned discovery = 0, tcp = 0;  // no assertion ends the test before the stop below
+    EXPECT_EQ(fscanf(program.out, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u",
+                     &discovery, &tcp),
               2);
     VARNEL_SetNetPorts(uint16_t(discovery), uint16_t(tcp));
-    EXPECT_EQ(scan(), (std::vector<uint32_t>{0x55000110, 0x56000120}));
+    EXPECT_EQ(net_scan(), (std::vector<uint32_t>{0x55000110, 0x56000120}));
     EXPECT_GE(DEV_GetTimestampMs(0x55000110), 0);
     EXPECT_GE(DEV_GetTimestampMs(0x56000120), 0);
-    kill(pid, signal_number);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    const int status = program.stop(signal_number);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << signal_number;
-    fclose(out);
     varnel::net_forget_all();
   }
 }
@@ -362,31 +367,17 @@ TEST_F(NetTransport, SimProgramServesItsAdaptersAndStopsCleanly) {
 // did not start. Each handle is its own adapter: --count is the number in all.
 TEST_F(NetTransport, SimProgramServesEachHandleOnce) {
   auto served = [](std::vector<const char*> args) {
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    args.insert(args.begin(), "varnel-sim");
-    for (const char* more :
-         {"--discovery-port", "0", "--tcp-port", "0", "--first-address", "127.0.0.60"})
-      args.push_back(more);
-    args.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      dup2(fds[1], 1);
-      execv(VARNEL_BINARY_DIR "/bin/varnel-sim", const_cast<char* const*>(args.data()));
-      _exit(127);
-    }
-    close(fds[1]);
-    FILE* out = fdopen(fds[0], "r");
+    args.insert(args.end(), {"--first-address", "127.0.0.60"});
+    SimProgram program(args);
     std::vector<uint32_t> handles;
     char line[128];
     unsigned handle = 0;
     // the list comes in one write with the first line, so it is all there once that one is
-    const bool started = fgets(line, sizeof line, out) != nullptr;
-    kill(pid, SIGTERM);
-    while (started && fgets(line, sizeof line, out))
+    const bool started = fgets(line, sizeof line, program.out) != nullptr;
+    kill(program.pid, SIGTERM);
+    while (started && fgets(line, sizeof line, program.out))
       if (sscanf(line, "  adapter 0x%X", &handle) == 1) handles.push_back(handle);
-    waitpid(pid, nullptr, 0);
-    fclose(out);
+    program.stop();
     return handles;
   };
   using H = std::vector<uint32_t>;

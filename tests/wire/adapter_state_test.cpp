@@ -35,9 +35,8 @@ int transfers_to(uint32_t handle, usbsim::Transfer::Kind kind, uint8_t endpoint)
 // shows whether it still finds its own.
 struct LinChannel {
   static void set(DevHandle h, bool stays) {
-    if (stays) {
-      ASSERT_EQ(LIN_EX_Init(h, 0, 19200, 1), 0);
-    }
+    if (!stays) return;
+    ASSERT_EQ(LIN_EX_Init(h, 0, 19200, 1), 0);
   }
   static void expect_own(Adapter&) {
     uint8_t data[8];
@@ -48,18 +47,16 @@ struct SpiFlash {
   static void set(DevHandle h, bool stays) {
     SPI_FLASH_CONFIG flash{};
     VARNEL_SPI_NorFlashConfig(&flash, 1 << 20);
-    if (stays) {
-      ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
-    }
+    if (!stays) return;
+    ASSERT_EQ(SPI_FlashInit(h, 0, 1000000, &flash), 0);
   }
   static void expect_own(Adapter&) { EXPECT_EQ(SPI_FlashEraseChip(kStays, 0, 1000), 0); }
 };
 struct I2cWidth {
   static void set(DevHandle h, bool stays) {
     IIC_CONFIG config{100000, 0, 1, 7, 0, 0, {}};
-    if (stays) {
-      ASSERT_EQ(IIC_Init(h, 0, &config), 0);
-    }
+    if (!stays) return;
+    ASSERT_EQ(IIC_Init(h, 0, &config), 0);
   }
   static void expect_own(Adapter&) {
     uint16_t found[1024];
@@ -96,9 +93,8 @@ struct CanStartTime {
 };
 struct AdcStream {
   static void set(DevHandle h, bool stays) {
-    if (stays) {
-      ASSERT_EQ(ADC_StartContinueRead(h, 0x01, 10000, 64, nullptr), 0);
-    }
+    if (!stays) return;
+    ASSERT_EQ(ADC_StartContinueRead(h, 0x01, 10000, 64, nullptr), 0);
   }
   static void expect_own(Adapter&) {
     ASSERT_EQ(VARNEL_ADC_StreamState(kStays), 1);

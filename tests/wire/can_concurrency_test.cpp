@@ -17,9 +17,7 @@ class CanConcurrency : public CanTest {};
 }  // namespace
 
 TEST_F(CanConcurrency, SendingWhileThePollerRunsKeepsTransactionsWhole) {
-  auto adapter = open(kHandle);
-  ASSERT_EQ(CAN_Init2(kHandle, 0, 1000000), 0);
-  ASSERT_EQ(CAN_Init2(kHandle, 1, 1000000), 0);
+  auto adapter = open_at(kHandle, 1000000, 2);
   ASSERT_EQ(CAN_StartGetMsg(kHandle, 1), 0);
   std::vector<CAN_MSG> msgs(50);
   for (size_t i = 0; i < msgs.size(); ++i) msgs[i].Id = uint32_t(i);
@@ -45,9 +43,7 @@ class CanThreads : public CanTest, public ::testing::WithParamInterface<uint32_t
 
 TEST_P(CanThreads, StartStopReadAndSendFromSeveralThreadsKeepEveryCallWhole) {
   const uint32_t handle = GetParam();
-  auto adapter = open(handle);
-  ASSERT_EQ(CAN_Init2(handle, 0, 1000000), 0);
-  ASSERT_EQ(CAN_Init2(handle, 1, 1000000), 0);
+  auto adapter = open_at(handle, 1000000, 2);
   std::atomic<bool> sending{true};
   std::atomic<int> bad_sends{0}, bad_calls{0};
   std::thread sender([&] {
@@ -79,7 +75,4 @@ TEST_P(CanThreads, StartStopReadAndSendFromSeveralThreadsKeepEveryCallWhole) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Adapters, CanThreads, ::testing::Values(kHandle, 0x53000010u),
-                         [](const auto& info) {
-                           return info.param == kHandle ? std::string("Classic")
-                                                        : std::string("Fd");
-                         });
+                         [](const auto& info) { return info.param == kHandle ? "Classic" : "Fd"; });

@@ -35,6 +35,16 @@ class CanTest : public SimTest {
     opened_.push_back(handle);
     return plug_and_open(handle);
   }
+  // Opens the adapter and starts channels 0 .. channels - 1 at `bps`.
+  std::shared_ptr<sim::VirtualAdapter> open_at(uint32_t handle, uint32_t bps,
+                                               uint8_t channels = 1) {
+    auto adapter = open(handle);
+    for (uint8_t ch = 0; ch < channels; ++ch) EXPECT_EQ(CAN_Init2(handle, ch, bps), 0) << int(ch);
+    return adapter;
+  }
+  std::shared_ptr<sim::CanPeer> peer(uint32_t bps = 500000, uint32_t data_bps = 0) {
+    return sim::CanPeer::create(bus_, {bps, data_bps});
+  }
 
   static void reset_host_tables() { testing_support::reset_can_states(); }
 
@@ -56,6 +66,18 @@ inline CAN_MSG can_msg(uint32_t id, std::vector<uint8_t> data, uint8_t extended 
   msg.DataLen = uint8_t(data.size());
   for (size_t i = 0; i < data.size() && i < 8; ++i) msg.Data[i] = data[i];
   return msg;
+}
+
+// A 4-byte frame numbered by its data bytes (least significant first), and the number read back.
+inline sim::CanFrame counted_frame(uint32_t id, uint32_t counter) {
+  sim::CanFrame frame;
+  frame.id = id;
+  frame.len = 4;
+  for (size_t i = 0; i < 4; ++i) frame.data[i] = uint8_t(counter >> (8 * i));
+  return frame;
+}
+inline uint32_t counter_of(const CAN_MSG& msg) {
+  return uint32_t(msg.Data[0] | msg.Data[1] << 8 | msg.Data[2] << 16 | msg.Data[3] << 24);
 }
 
 }  // namespace testing_support

@@ -9,6 +9,7 @@
 #include "wire/can_fixture.h"
 
 using testing_support::CanTest;
+using testing_support::counter_of;
 
 namespace {
 
@@ -17,27 +18,16 @@ constexpr uint32_t kFrames = 200000;
 
 class CanLoad : public CanTest {};
 
-uint32_t counter_of(const CAN_MSG& msg) {
-  return uint32_t(msg.Data[0]) | uint32_t(msg.Data[1]) << 8 | uint32_t(msg.Data[2]) << 16 |
-         uint32_t(msg.Data[3]) << 24;
-}
-
 }  // namespace
 
 TEST_F(CanLoad, PollerAndReaderKeepOrderWithoutDuplicatesAndCountEveryLoss) {
-  auto adapter = open(kHandle);
-  ASSERT_EQ(CAN_Init2(kHandle, 0, 1000000), 0);
-  auto controller = sim::can_controller(*adapter, 0);
-  auto peer = sim::CanPeer::create(bus_, {1000000, 0});
+  auto controller = sim::can_controller(*open_at(kHandle, 1000000), 0);
+  auto peer = this->peer(1000000);
   ASSERT_EQ(CAN_StartGetMsg(kHandle, 0), 0);
 
   std::thread producer([&] {
-    sim::CanFrame frame;
-    frame.id = 0x100;
-    frame.len = 8;
     for (uint32_t i = 0; i < kFrames; ++i) {
-      for (int b = 0; b < 4; ++b) frame.data[size_t(b)] = uint8_t(i >> (8 * b));
-      peer->send(frame);
+      peer->send(testing_support::counted_frame(0x100, i));
       if (i % 1000 == 999) varnel::sleep_for_ms(2);  // about 500,000 frames/s at most
     }
   });
@@ -80,9 +70,7 @@ TEST_F(CanLoad, PollerAndReaderKeepOrderWithoutDuplicatesAndCountEveryLoss) {
 }
 
 TEST_F(CanLoad, PollerStartStopCyclesLeaveNoThreadBehind) {
-  open(kHandle);
-  ASSERT_EQ(CAN_Init2(kHandle, 0, 500000), 0);
-  ASSERT_EQ(CAN_Init2(kHandle, 1, 500000), 0);
+  open_at(kHandle, 500000, 2);
   for (int i = 0; i < 30; ++i) {
     ASSERT_EQ(CAN_StartGetMsg(kHandle, uint8_t(i & 1)), 0);
     ASSERT_EQ(CAN_StartGetMsg(kHandle, uint8_t((i + 1) & 1)), 0);

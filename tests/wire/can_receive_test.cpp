@@ -19,13 +19,7 @@ struct Fd {
 template <typename Kind>
 class CanReceive : public CanTest {
  protected:
-  std::shared_ptr<sim::CanPeer> peer() { return sim::CanPeer::create(bus_, {500000, 0}); }
-  static sim::CanFrame frame(uint32_t id) {
-    sim::CanFrame f;
-    f.id = id;
-    return f;
-  }
-  // Waits (bounded) until CAN_GetMsg of `handle` yields a frame; its identifier, or 0.
+  static sim::CanFrame frame(uint32_t id) { return testing_support::counted_frame(id, 0); }
   // The identifiers read from the handle's channel 0 until `last` came (or 3 s passed).
   static std::vector<uint32_t> ids_until(uint32_t handle, uint32_t last) {
     std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
@@ -48,7 +42,6 @@ TYPED_TEST_SUITE(CanReceive, Kinds);
 
 TYPED_TEST(CanReceive, PollerFollowsItsHandleThroughUnplugRescanAndReplug) {
   constexpr uint32_t A = TypeParam::kA, B = TypeParam::kB;
-  this->opened_.push_back(A);
   this->open(A);
   auto b = this->plug_and_open(B, {1, {2}});
   this->opened_.push_back(B);
@@ -77,8 +70,7 @@ TYPED_TEST(CanReceive, PollerFollowsItsHandleThroughUnplugRescanAndReplug) {
 
 TYPED_TEST(CanReceive, PollerStopsWhenItsHandleIsGone) {
   constexpr uint32_t A = TypeParam::kA;
-  this->open(A);
-  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  this->open_at(A, 500000);
   ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
   usbsim::unplug(A);
   USB_ScanDevice(nullptr);
@@ -87,8 +79,7 @@ TYPED_TEST(CanReceive, PollerStopsWhenItsHandleIsGone) {
 
 TYPED_TEST(CanReceive, FullQueuesDropTheOldestAndStatsCountEveryOne) {
   constexpr uint32_t A = TypeParam::kA;
-  auto adapter = this->open(A);
-  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  auto adapter = this->open_at(A, 500000);
   auto peer = this->peer();
   for (uint32_t i = 0; i < VARNEL_CAN_QUEUE_SIZE + 3; ++i) peer->send(this->frame(i & 0x7FF));
   CAN_MSG none[1];
@@ -106,8 +97,7 @@ TYPED_TEST(CanReceive, FullQueuesDropTheOldestAndStatsCountEveryOne) {
 
 TYPED_TEST(CanReceive, StatsReportTheFetchFailureThatStoppedThePoller) {
   constexpr uint32_t A = TypeParam::kA;
-  auto adapter = this->open(A);
-  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  auto adapter = this->open_at(A, 500000);
   // the poller's next fetch (and only a fetch) gets the reply of another command
   adapter->faults().next_reply({sim::ReplyFault::Kind::kOtherCommand, 0x0015, TypeParam::kFetch});
   ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
@@ -133,8 +123,7 @@ TYPED_TEST(CanReceive, StatsRefuseBadArguments) {
 // A wait fetches from the adapter itself, poller or not, and leaves what came in the queue.
 TYPED_TEST(CanReceive, WaitFetchesOnDemandAndLeavesTheFrameQueued) {
   constexpr uint32_t A = TypeParam::kA;
-  auto adapter = this->open(A);
-  ASSERT_EQ(CAN_Init2(A, 0, 500000), 0);
+  auto adapter = this->open_at(A, 500000);
   auto peer = this->peer();
   adapter->clear_received();
   EXPECT_EQ(VARNEL_CAN_WaitMsg(A, 0, 0), 0);

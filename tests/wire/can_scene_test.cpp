@@ -4,19 +4,18 @@
 #include <gtest/gtest.h>
 
 TEST(CanScene, MalformedTextStartsNothingAndSaysWhy) {
+  const std::string timing = "' (use 500000 or 500000/2000000)",
+                    traffic = "' (use ID#DATA@MS, e.g. 123#DEADBEEF@100)";
   struct Case {
-    const char* timing;
-    const char* traffic;
-    const char* error;
+    const char *timing, *traffic;
+    std::string error;
   } cases[] = {
-      {"fast", "", "bad bit timing 'fast' (use 500000 or 500000/2000000)"},
-      {"500000/", "", "bad bit timing '500000/' (use 500000 or 500000/2000000)"},
-      {"0", "", "bad bit timing '0' (use 500000 or 500000/2000000)"},
-      {"", "123#11", "bad traffic item '123#11' (use ID#DATA@MS, e.g. 123#DEADBEEF@100)"},
-      {"", "123#11@10,800#11@10",
-       "bad traffic item '800#11@10' (use ID#DATA@MS, e.g. 123#DEADBEEF@100)"},
-      {"", "123#11@3600001",
-       "bad traffic item '123#11@3600001' (use ID#DATA@MS, e.g. 123#DEADBEEF@100)"},
+      {"fast", "", "bad bit timing 'fast" + timing},
+      {"500000/", "", "bad bit timing '500000/" + timing},
+      {"0", "", "bad bit timing '0" + timing},
+      {"", "123#11", "bad traffic item '123#11" + traffic},
+      {"", "123#11@10,800#11@10", "bad traffic item '800#11@10" + traffic},
+      {"", "123#11@3600001", "bad traffic item '123#11@3600001" + traffic},
   };
   auto bus = std::make_shared<sim::CanBus>();
   for (const auto& c : cases) {

@@ -99,19 +99,16 @@ TEST_F(CanServices, FilterPayloadsFollowTheBankRegisterLayout) {
 
 TEST_F(CanServices, FilterListsEnableListModeFiltersOrDisableAllFourteen) {
   auto adapter = start(kClassic);
-  auto peer = sim::CanPeer::create(bus_, {500000, 0});
+  auto peer = this->peer();
   uint32_t ids[] = {0x123, 0x80000000u | 0x1ABCDEF0};
   ASSERT_EQ(CAN_FilterList_Init(kClassic, 1, ids, 2), 0);
-  for (uint32_t id : {0x123u, 0x124u, 0x1ABCDEF0u, 0x1ABCDEF1u}) {
-    sim::CanFrame frame;
-    frame.id = id & 0x1FFFFFFF;
-    frame.extended = id > 0x7FF;
-    peer->send(frame);
-  }
-  sim::CanFrame same_number;  // 0x123 as a 29-bit identifier: another identifier
-  same_number.id = 0x123;
-  same_number.extended = true;
-  peer->send(same_number);
+  // the last: 0x123 as a 29-bit identifier, another identifier
+  for (auto [id, extended] : {std::pair{0x123u, false},
+                              {0x124u, false},
+                              {0x1ABCDEF0u, true},
+                              {0x1ABCDEF1u, true},
+                              {0x123u, true}})
+    peer->send(sim::CanFrame{id, extended});
   EXPECT_EQ(received_ids(kClassic), (std::vector<uint32_t>{0x123, 0x80000000u | 0x1ABCDEF0}));
   auto sent = packets(*adapter, 0x0C01);
   ASSERT_EQ(sent.size(), 2u);
@@ -125,9 +122,7 @@ TEST_F(CanServices, FilterListsEnableListModeFiltersOrDisableAllFourteen) {
     EXPECT_EQ(sent[2 + size_t(i)].payload[1], 14 + i);
     EXPECT_EQ(sent[2 + size_t(i)].payload[13], 0);
   }
-  sim::CanFrame any;
-  any.id = 0x555;
-  peer->send(any);
+  peer->send(sim::CanFrame{0x555});
   EXPECT_EQ(received_ids(kClassic), (std::vector<uint32_t>{0x555}));
   std::vector<uint32_t> many(20, 0x100);
   ASSERT_EQ(CAN_FilterList_Init(kClassic, 0, many.data(), 20), 0);
@@ -224,8 +219,7 @@ TEST_F(CanServices, RelayForwardsBetweenBusesAndMustBeEchoed) {
   for (uint8_t ch = 0; ch < 2; ++ch) ASSERT_EQ(CAN_Init2(kClassic, ch, 500000), 0);
   auto here = sim::CanPeer::create(bus_, {500000, 0});
   auto there = sim::CanPeer::create(other_bus, {500000, 0});
-  sim::CanFrame frame;
-  frame.id = 0x321;
+  const sim::CanFrame frame{0x321};
   for (uint8_t state : {0, 1}) {
     ASSERT_EQ(CAN_SetRelay(kClassic, state), 0);
     here->send(frame);

@@ -106,6 +106,7 @@ TEST_F(Uds, RequestsBecomeTheFramesOfTheirLength) {
        1 + (5000 - 2 + 6) / 7},  // 2 + 714 x 7
       {kFd, 7, {0x00, 0x07}, 1},
       {kFd, 8, {0x00, 0x08}, 1},
+      {kFd, 4095, {0x1F, 0xFF}, 1 + (4095 - 62 + 62) / 63},
       {kFd,
        5000,
        {0x10, 0x00, 0x00, 0x00, 0x13, 0x88},
@@ -138,44 +139,36 @@ TEST_F(Uds, RequestsBecomeTheFramesOfTheirLength) {
   }
 }
 
-// CAN FD: frames of the configured length carry 62 (first) and 63 (consecutive) bytes; a single
-// frame over 8 bytes has the 00 escape; "smallest frame" picks the first length that holds it.
-TEST_F(Uds, CanFdFramesFollowTheFrameLength) {
+// CAN FD: a single frame over 8 bytes has the 00 escape; "smallest frame" (flag 0x80) picks the
+// first length that holds it; without flag bit 1 the frame is a classic one of 8 bytes.
+TEST_F(Uds, CanFdSingleFramesTakeTheSmallestLength) {
   start(kFd);
-  addr_.Flags = 0x02;
-  addr_.FrameLen = 64;
+  addr_ = {0x7E0, 0x7E8, 0x02, 0, 0, 64};
   ASSERT_EQ(request(write_request(4095)), 0);
-  auto frames = heard_frames();
-  ASSERT_EQ(frames.size(), 1 + (4095 - 62 + 62) / 63u);
-  EXPECT_EQ(frames[0][0], 0x1F);
-  EXPECT_EQ(frames[0][1], 0xFF);
-  EXPECT_EQ(frames[1][0], 0x21);
-  EXPECT_EQ(frames[1].size(), 64u);
   int r = 0;
   EXPECT_EQ(response(&r), (Bytes{0x6E, 0x01, 0x00}));
-  // reading it back: 62 01 00 and the 4092 bytes, 4095 in all
-  addr_.Flags = 0x82;  // smallest frame
+  addr_.Flags = 0x82;  // reading it back: 62 01 00 and the 4092 bytes, 4095 in all
   ASSERT_EQ(request({0x22, 0x01, 0x00}), 0);
   EXPECT_EQ(heard_frames().back(), (Bytes{0x03, 0x22, 0x01, 0x00, 0, 0, 0, 0}));
   EXPECT_EQ(response(&r).size(), 4095u);
-  ASSERT_EQ(request(Bytes(10, 0x3E)), 0);  // 00 0A and 10 bytes: 12
-  Bytes escaped{0x00, 0x0A};
-  escaped.resize(12, 0x3E);
-  EXPECT_EQ(heard_frames().back(), escaped);
-  ASSERT_EQ(request(Bytes(7, 0x3E)), 0);  // 07 and 7 bytes: the longest 8-byte single frame
-  Bytes seven{0x07};
-  seven.resize(8, 0x3E);
-  EXPECT_EQ(heard_frames().back(), seven);
-  addr_.ExtAddr = 1, addr_.AddrByte = 0x10;  // 7 bytes and the address: 10 00 07 ..., 12 bytes
-  ASSERT_EQ(request(Bytes(7, 0x3E)), 0);
-  Bytes addressed{0x10, 0x00, 0x07};
-  addressed.resize(10, 0x3E);
-  addressed.resize(12, 0x00);  // the fill byte
-  EXPECT_EQ(heard_frames().back(), addressed);
-  addr_ = {0x7E0, 0x7E8, 0, 0, 0, 8};
-  ASSERT_EQ(request({0x3E, 0x00}), 0);  // without flag bit 1: a classic frame, 8 bytes
-  EXPECT_FALSE(ecu_->heard().back().frame.fd);
-  EXPECT_EQ(heard_frames().back().size(), 8u);
+  struct Case {
+    uint8_t flags, address;  // address: extended addressing with this byte
+    size_t length;
+    Bytes head;  // then the message, then the fill byte up to `on_bus`
+    size_t on_bus;
+  } cases[] = {{0x82, 0, 10, {0x00, 0x0A}, 12},
+               {0x82, 0, 7, {0x07}, 8},  // the longest 8-byte single frame
+               {0x82, 0x10, 7, {0x10, 0x00, 0x07}, 12},
+               {0x00, 0, 2, {0x02}, 8}};
+  for (const auto& c : cases) {
+    addr_ = {0x7E0, 0x7E8, c.flags, uint8_t(c.address != 0), c.address, uint8_t(c.flags ? 64 : 8)};
+    ASSERT_EQ(request(Bytes(c.length, 0x3E)), 0);
+    Bytes want = c.head;
+    want.resize(c.head.size() + c.length, 0x3E);
+    want.resize(c.on_bus, 0x00);
+    EXPECT_EQ(heard_frames().back(), want) << c.length << " " << int(c.flags);
+    EXPECT_EQ(ecu_->heard().back().frame.fd, c.flags != 0);
+  }
 }
 
 // Answers longer than a frame come back whole, over 12-bit and 32-bit lengths, with or without
@@ -198,58 +191,21 @@ TEST_F(Uds, LongAnswersAreReassembled) {
   }
 }
 
-// The ECU's block size 2 makes the tester wait for flow control after every two frames; STmin
-// spaces the frames in bus time unless the configuration overrides it; a code above 127 is 0.
-TEST_F(Uds, BlockSizeAndSeparationTime) {
-  struct Case {
-    uint8_t ecu_stmin, config_stmin;
-    uint64_t gap_us;  // at least, between consecutive frames
-    bool timed;       // the timed send carries the gaps
-  } cases[] = {{5, 0, 5000, true}, {5, 2, 2000, true}, {0x80, 0, 0, false}};
-  for (const auto& c : cases) {
-    sim::CanDiagnosticEcu::Config ecu;
-    ecu.block_size = 2;
-    ecu.stmin = c.ecu_stmin;
-    start(kClassic, ecu, {c.config_stmin, 0, 0, 0, 0});
-    ASSERT_EQ(request(write_request(40)), 0);  // first frame + 5 consecutive frames
-    auto heard = ecu_->heard();
-    ASSERT_EQ(heard.size(), 6u);
-    for (size_t i : {2u, 4u})  // within a block
-      EXPECT_GE(heard[i].end_us - heard[i - 1].end_us, c.gap_us) << int(c.ecu_stmin);
-    // first frame, two blocks of two, the last frame: four sends
-    EXPECT_EQ(packets(*adapter_, 0x0C02).size() + packets(*adapter_, 0x0C0C).size(), 4u);
-    EXPECT_EQ(packets(*adapter_, 0x0C0C).empty(), !c.timed);
-    restart();
-  }
-}
-
 TEST_F(Uds, FailuresGiveTheirCodes) {
   using Faults = sim::CanDiagnosticEcu::Faults;
+  const Bytes two_ids = {0x22, 0xF1, 0x90, 0xF1, 0x87};  // 33 bytes: a first and four consecutive
   struct Case {
     const char* name;
     Faults faults;
     Bytes message;
     int request_result, response_result;
   } cases[] = {
-      {"overflow", {0, true}, write_request(20), CAN_UDS_ERR_OVERFLOW, 0},
-      {"no flow control",
-       {0, false, false, false, true},
-       write_request(20),
-       CAN_UDS_ERR_TIMEOUT,
-       0},
-      {"two waits, then continue", {2}, write_request(20), 0, 3},
-      // two identifiers: 33 bytes, a first frame and four consecutive frames
-      {"lost consecutive frame",
-       {0, false, true},
-       {0x22, 0xF1, 0x90, 0xF1, 0x87},
-       0,
-       CAN_UDS_ERR_SEQUENCE},
-      {"wrong sequence number",
-       {0, false, false, true},
-       {0x22, 0xF1, 0x90, 0xF1, 0x87},
-       0,
-       CAN_UDS_ERR_SEQUENCE},
-      {"silent", {0, false, false, false, true}, {0x3E, 0x00}, 0, CAN_UDS_ERR_TIMEOUT},
+      {"overflow", {.flow_overflow = true}, write_request(20), CAN_UDS_ERR_OVERFLOW, 0},
+      {"no flow control", {.silent = true}, write_request(20), CAN_UDS_ERR_TIMEOUT, 0},
+      {"two waits, then continue", {.flow_waits = 2}, write_request(20), 0, 3},
+      {"lost consecutive frame", {.lose_frame = true}, two_ids, 0, CAN_UDS_ERR_SEQUENCE},
+      {"wrong sequence number", {.wrong_sequence = true}, two_ids, 0, CAN_UDS_ERR_SEQUENCE},
+      {"silent", {.silent = true}, {0x3E, 0x00}, 0, CAN_UDS_ERR_TIMEOUT},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -306,9 +262,7 @@ TEST_F(Uds, MalformedAnswersAndBadArguments) {
 
 // Extended addressing: the address byte leads every frame both ways, so a single frame holds 6.
 TEST_F(Uds, ExtendedAddressingPutsTheAddressFirst) {
-  sim::CanDiagnosticEcu::Config ecu;
-  ecu.address = 0x10;
-  start(kClassic, ecu);
+  start(kClassic, {.address = 0x10});
   addr_.ExtAddr = 1;
   addr_.AddrByte = 0x10;
   ASSERT_EQ(request({0x22, 0xF1, 0x90}), 0);
@@ -341,33 +295,34 @@ TEST_F(Uds, RoundsFrameLenUpToTheNextFdLength) {
   }
 }
 
-// The receiver's STmin, by default (above 127: no gap) and read as ISO 15765-2 reads it (F1-F9
-// hundreds of microseconds, reserved codes 127 ms): the gap each timed record asks the adapter
-// for, and the gaps the frames kept on the bus.
-TEST_F(Uds, IsoTimingReadsEveryStminCode) {
+// The receiver's block size and STmin: by default (above 127: no gap), overridden by the
+// configuration, or read as ISO 15765-2 reads it (F1-F9 hundreds of microseconds, reserved codes
+// 127 ms). Block size 2 makes the tester wait for flow control after every two frames: one send
+// per block. Checked: the gap each timed record asks the adapter for, and the gaps on the bus.
+TEST_F(Uds, BlockSizeAndEveryStminCode) {
   struct Case {
-    uint8_t stmin;
+    uint8_t block_size, stmin, config_stmin;
     int iso;
     uint32_t gap_us;
-  } cases[] = {{0xF5, 0, 0},      {0xF5, 1, 500},    {0xF1, 1, 100},
-               {0xF9, 1, 900},    {0x80, 0, 0},      {0x80, 1, 127000},
-               {0xF0, 1, 127000}, {0xFA, 1, 127000}, {0x7F, 1, 127000}};
+  } cases[] = {{2, 5, 0, 0, 5000},      {2, 5, 2, 0, 2000},      {2, 0x80, 0, 0, 0},
+               {0, 0xF5, 0, 0, 0},      {0, 0xF5, 0, 1, 500},    {0, 0xF1, 0, 1, 100},
+               {0, 0xF9, 0, 1, 900},    {0, 0x80, 0, 0, 0},      {0, 0x80, 0, 1, 127000},
+               {0, 0xF0, 0, 1, 127000}, {0, 0xFA, 0, 1, 127000}, {0, 0x7F, 0, 1, 127000}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << std::hex << int(c.stmin) << " iso " << c.iso);
-    sim::CanDiagnosticEcu::Config ecu;
-    ecu.stmin = c.stmin;
+    SCOPED_TRACE(testing::Message() << std::hex << int(c.stmin) << " iso " << c.iso << " bs "
+                                    << int(c.block_size) << " config " << int(c.config_stmin));
     iso_timing_ = c.iso;
-    start(kClassic, ecu);
+    start(kClassic, {.block_size = c.block_size, .stmin = c.stmin}, {c.config_stmin, 0, 0, 0, 0});
     ASSERT_EQ(request(write_request(40)), 0);  // first frame + 5 consecutive frames
     const auto timed = packets(*adapter_, 0x0C0C);
-    ASSERT_EQ(timed.size(), c.gap_us ? 1u : 0u);
-    for (size_t i = 0; c.gap_us && i < 5; ++i) {  // the channel, records with the gap at 4
-      const uint8_t* p = timed[0].payload.data() + 1 + 20 * i + 4;
-      EXPECT_EQ(uint32_t(p[0] | p[1] << 8 | p[2] << 16 | p[3] << 24), c.gap_us);
-    }
+    EXPECT_EQ(packets(*adapter_, 0x0C02).size() + timed.size(), c.block_size ? 4u : 2u);
+    EXPECT_EQ(timed.empty(), c.gap_us == 0);
+    for (const auto& t : timed)  // the channel, then records with the gap at 4
+      for (const uint8_t* p = t.payload.data() + 5; p + 16 <= &t.payload.back() + 1; p += 20)
+        EXPECT_EQ(uint32_t(p[0] | p[1] << 8 | p[2] << 16 | p[3] << 24), c.gap_us);
     const auto heard = ecu_->heard();
     ASSERT_EQ(heard.size(), 6u);
-    for (size_t i = 2; i < heard.size(); ++i)
+    for (size_t i = 2; i < heard.size(); i += c.block_size ? 2 : 1)  // within a block
       EXPECT_GE(heard[i].end_us - heard[i - 1].end_us, c.gap_us) << i;
     restart();
   }
@@ -380,10 +335,7 @@ TEST_F(Uds, IsoTimingRestartsTheWaitOnEveryWaitFrame) {
   for (int iso : {0, 1}) {
     iso_timing_ = iso;
     start(kClassic, {}, {0, 0, 0, 0, 300});
-    sim::CanDiagnosticEcu::Faults faults;
-    faults.flow_waits = 4;
-    faults.wait_spacing_us = 100000;
-    ecu_->set_faults(faults);
+    ecu_->set_faults({.flow_waits = 4, .wait_spacing_us = 100000});
     EXPECT_EQ(request(write_request(20)), iso ? 0 : CAN_UDS_ERR_TIMEOUT) << iso;
     restart();
   }
@@ -394,9 +346,7 @@ TEST_F(Uds, IsoTimingRestartsTheWaitOnEveryWaitFrame) {
 // adapter; the next request drops it, so its response is its own.
 TEST_F(Uds, ALateAnswerIsNotTakenForTheNextOne) {
   for (uint32_t handle : {kClassic, kFd}) {
-    sim::CanDiagnosticEcu::Config ecu;
-    ecu.answer_delay_us = 300000;
-    start(handle, ecu);
+    start(handle, {.answer_delay_us = 300000});
     int r = 0;
     ASSERT_EQ(request({0x10, 0x03}), 0);
     response(&r, 20);
