@@ -403,7 +403,6 @@ template <class Layer>
 class KlineFiveBaudCases : public KlineCases<Layer> {};
 TYPED_TEST_SUITE_P(KlineFiveBaudCases);
 
-// The 5-baud cases: the pattern as the pin saw it, then the key bytes.
 TYPED_TEST_P(KlineFiveBaudCases, FiveBaudInitSendsTheAddressAndTradesKeyBytes) {
   Adapter adapter = this->open();
   KWP_MSG m{};

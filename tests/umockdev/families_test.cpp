@@ -1,10 +1,7 @@
-// Families through the real libusb: device information, and CAN between two channels with the
-// poller threads running and fetch replies of more than one chunk.
-#include <cstring>
-
+// CAN through the real libusb: frames between two channels with the poller threads running, and
+// fetch replies of more than one chunk.
 #include "can/can_state.h"
 #include "sim/bus/can_bus.h"
-#include "sim/families/device.h"
 #include "support/can_state_reset.h"
 #include "support/usbfs_layer.h"
 #include "support/wire_fixture.h"
@@ -59,20 +56,6 @@ class UsbfsFamilies : public UsbfsTest {
   std::shared_ptr<sim::CanBus> bus_;
   std::shared_ptr<sim::VirtualAdapter> adapter_;
 };
-
-TEST_F(UsbfsFamilies, DeviceInfoAndFunctionString) {
-  DEVICE_INFO info{};
-  char functions[VARNEL_DEV_FUNCTION_STRING_SIZE];
-  std::memset(functions, 'x', sizeof functions);
-  ASSERT_TRUE(DEV_GetDeviceInfo(kHandle, &info, functions));
-  EXPECT_STREQ(info.FirmwareName, "VARNEL virtual adapter");
-  EXPECT_EQ(info.FirmwareVersion, adapter_->state<sim::DeviceModel>().firmware_version);
-  EXPECT_STREQ(functions, adapter_->state<sim::DeviceModel>().functions.c_str());
-  auto packets = adapter_->received();
-  ASSERT_EQ(packets.size(), 2u);
-  EXPECT_EQ(packets[0].command, 0x0100u);
-  EXPECT_EQ(packets[1].command, 0x0106u);
-}
 
 // Both pollers and the sending thread make transactions on one adapter at the same time.
 TEST_F(UsbfsFamilies, CanFramesCrossBetweenChannelsWithPollersRunning) {

@@ -1,18 +1,11 @@
-// The shared wire cases through the real libusb, and what only usbdevfs shows: how libusb cuts
-// a 64 KiB chunk into URBs when the host controller has no scatter-gather, and what a stalled
-// URB leaves behind.
+// What only usbdevfs shows of the transport: how libusb cuts a 64 KiB chunk into URBs when the
+// host controller has no scatter-gather, and what a stalled URB leaves behind.
 #include <errno.h>
 
-#include "support/gpio_cases.h"
-#include "support/stream_cases.h"
 #include "support/transport_cases.h"
 #include "support/usbfs_layer.h"
 
 namespace testing_support {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(TransportOnUmockdev, TransportCases, UsbfsLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(StreamOnUmockdev, StreamCases, UsbfsLayer);
-INSTANTIATE_TYPED_TEST_SUITE_P(GpioOnUmockdev, GpioCases, UsbfsLayer);
 
 class UsbfsUrbs : public WireTest<UsbfsLayer> {
  protected:
