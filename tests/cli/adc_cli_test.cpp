@@ -11,7 +11,7 @@ TEST(AdcCli, ReadPrintsARowPerInstantAndStreamSummarisesWhatCame) {
   EXPECT_EQ(read.exit_code, 0) << read.err;
   EXPECT_EQ(read.out, "sample,in0,in1\n0,0,2048\n1,1,2681\n2,2,3251\n");
 
-  const std::string csv = testing::TempDir() + "varnel_adc_" + std::to_string(getpid()) + ".csv";
+  const std::string csv = temp_path("adc.csv");
   ToolRun stream = varnel("--sim adc 0x12345678 stream -r 100000 --seconds 0.2 --csv " + csv);
   EXPECT_EQ(stream.exit_code, 0) << stream.err;
   EXPECT_NE(stream.out.find("packets lost: 0\n"), std::string::npos) << stream.out;

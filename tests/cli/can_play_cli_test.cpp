@@ -1,12 +1,7 @@
 // `varnel can play` replays a candump log as canplayer does. What it sends is seen by another
 // channel on the same virtual bus: a dump beside it on a `varnel sim` daemon, whose log lines
 // carry the bus time the adapter stamped each frame with.
-#include <fcntl.h>
-#include <signal.h>
-
 #include <algorithm>
-#include <fstream>
-#include <optional>
 #include <regex>
 
 #include "cli_support.h"
@@ -26,48 +21,16 @@ constexpr const char* kLog =
 const std::vector<std::string> kPass = {"123#DEADBEEF", "1ABCDEF0#R",
                                         "456##1112233445566778899AABBCC"};
 
-std::string write_log(const std::string& name, const std::string& text) {
-  const std::string path = testing::TempDir() + name + std::to_string(getpid()) + ".log";
-  std::ofstream(path) << text;
-  return path;
-}
-
-// The tool in the background with its standard output readable (stderr dropped).
-pid_t start(std::vector<const char*> args, FILE** out) {
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  args.insert(args.begin(), "varnel");
-  args.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1);
-    dup2(open("/dev/null", O_WRONLY), 2);
-    for (const char* name : {"LD_LIBRARY_PATH", "VARNEL_USBSIM_ADAPTERS", "VARNEL_SIM_ACTIVE"})
-      unsetenv(name);
-    execv(VARNEL_BINARY_DIR "/bin/varnel", const_cast<char* const*>(args.data()));
-    _exit(127);
-  }
-  close(fds[1]);
-  *out = fdopen(fds[0], "r");
-  return pid;
-}
-
-void stop(pid_t pid, FILE* out) {
-  kill(pid, SIGINT);
-  waitpid(pid, nullptr, 0);
-  fclose(out);
-}
-
 // Frames the dump of channel 1 saw from the replay (not the daemon's own 321), with bus times
 // in µs. The replay starts once the dump shows its first frame: its channel is set up then.
-void replay(const std::string& play_args, size_t expected, std::vector<std::string>& frames,
-            std::vector<long long>& us) {
-  FILE* out = nullptr;
-  const pid_t dump = start({"--net", "127.0.0.1", "can", "dump", "0x55000140:1", "-L"}, &out);
+void replay(const SimDaemon& daemon, const std::string& play_args, size_t expected,
+            std::vector<std::string>& frames, std::vector<long long>& us) {
+  Started dump =
+      start("--net 127.0.0.1 can dump 0x55000140:1 -L 2>/dev/null", daemon.environment());
   char line[256];
   std::cmatch m;
   bool played = false;
-  while (frames.size() < expected && fgets(line, sizeof line, out) &&
+  while (frames.size() < expected && fgets(line, sizeof line, dump.out) &&
          std::regex_match(line, m, std::regex(R"(\((\d+)\.(\d{6})\) can1 (\S+)\n)"))) {
     if (m[3] != "321#CAFE") {
       frames.push_back(m[3]);
@@ -75,19 +38,17 @@ void replay(const std::string& play_args, size_t expected, std::vector<std::stri
     }
     if (played) continue;
     played = true;
-    ToolRun run = varnel("--net 127.0.0.1 can play " + play_args);
+    ToolRun run = varnel("--net 127.0.0.1 can play " + play_args, daemon.environment());
     EXPECT_EQ(run.exit_code, 0) << run.err;
     if (run.exit_code != 0) break;
   }
-  stop(dump, out);
+  dump.stop();
 }
 
-// A `varnel sim` daemon serving adapter 0x55000140, whose node sends 321#CAFE every 20 ms; the
-// tool's network calls reach it.
+// A `varnel sim` daemon serving adapter 0x55000140, whose node sends 321#CAFE every 20 ms.
 struct Daemon : SimDaemon {
   Daemon() : SimDaemon("--sim-traffic 321#CAFE@20", "0x55000140", "127.0.0.44") {
     EXPECT_FALSE(environment().empty());
-    export_ports();
   }
 };
 
@@ -96,13 +57,14 @@ struct Daemon : SimDaemon {
 // The log's gaps hold on the bus: no frame leaves well before its time (a late first frame may
 // shorten the next gap, hence the margin); a second pass starts over; -g replaces the timing.
 TEST(CanPlayCli, SendsTheAssignedChannelsFramesInOrderAtTheLogsTimes) {
-  std::optional<Daemon> daemon(std::in_place);
-  const std::string log = write_log("replay", kLog);
+  const std::string log = temp_file("replay.log", kLog);
   std::vector<std::string> frames, gapped;
   std::vector<long long> us, gapped_us;
-  replay(log + " can0=vcan0 -l 2", 6, frames, us);
-  replay("-I " + log + " can0=vcan0 -g 100", 3, gapped, gapped_us);
-  daemon.reset();
+  {
+    Daemon daemon;
+    replay(daemon, log + " can0=vcan0 -l 2", 6, frames, us);
+    replay(daemon, "-I " + log + " can0=vcan0 -g 100", 3, gapped, gapped_us);
+  }
   std::vector<std::string> twice = kPass;
   twice.insert(twice.end(), kPass.begin(), kPass.end());
   ASSERT_EQ(frames, twice);
@@ -119,14 +81,14 @@ TEST(CanPlayCli, SendsTheAssignedChannelsFramesInOrderAtTheLogsTimes) {
 // (counted with comments and blank lines) or a log channel with no channel of its name fails
 // before anything is sent.
 TEST(CanPlayCli, PrintsWhatItSendsAndNamesTheLineThatFails) {
-  const std::string log = write_log("lines", kLog);
+  const std::string log = temp_file("lines.log", kLog);
   ToolRun verbose = varnel("--sim can play " + log + " can2=vcan0 stdout=vcan9 -t -v");
   EXPECT_EQ(verbose.exit_code, 0) << verbose.err;
   EXPECT_EQ(verbose.out,
             "can2 (vcan0) 123#DEADBEEF\ncan2 (vcan0) 1ABCDEF0#R\n"
             "(1700000000.200000) vcan9 7FF#00\ncan2 (vcan0) 456##1112233445566778899AABBCC\n");
   const std::string bad =
-      write_log("bad", "# candump -L\n(1.000000) can0 123#11\r\n\n(1.1) can0 123#1\n");
+      temp_file("bad.log", "# candump -L\n(1.000000) can0 123#11\r\n\n(1.1) can0 123#1\n");
   const struct {
     std::string args;
     int exit_code;
@@ -155,7 +117,7 @@ TEST(CanPlayCli, PrintsWhatItSendsAndNamesTheLineThatFails) {
 // adapter in --sim) is the log channel, and what reaches the bus has the identifiers, data,
 // remote and CAN FD flags the traffic was sent with (BRS and ESI: ##3).
 TEST(CanPlayCli, ReplaysACanDumpCaptureOntoTheBus) {
-  const std::string capture = testing::TempDir() + "played" + std::to_string(getpid()) + ".pcapng";
+  const std::string capture = temp_path("played.pcapng");
   std::vector<std::string> sent = {"123#DEADBEEF", "1ABCDEF0#R", "456##3112233445566778899AABBCC"};
   ToolRun dump = varnel("--sim-traffic " + sent[0] + "@10," + sent[1] + "@10," + sent[2] +
                         "@10 can dump can2 -n 3 -w " + capture);
@@ -164,7 +126,7 @@ TEST(CanPlayCli, ReplaysACanDumpCaptureOntoTheBus) {
   std::vector<long long> us;
   {
     Daemon daemon;
-    replay(capture + " 0x55000140:0=can2 -t", 3, frames, us);
+    replay(daemon, capture + " 0x55000140:0=can2 -t", 3, frames, us);
   }
   std::sort(sent.begin(), sent.end());
   std::sort(frames.begin(), frames.end());

@@ -27,27 +27,81 @@ inline std::string read_file(const std::string& path) {
   return text.str();
 }
 
-// Runs the tool with `args` (a shell command tail: redirections work) in a clean environment: no
+// The standard output of `command` run by the shell; its wait status in `status`.
+inline std::string shell(const std::string& command, int* status = nullptr) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return out;
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+  const int ended = pclose(pipe);
+  if (status) *status = ended;
+  return out;
+}
+
+// The tool with `args` (a shell command tail: redirections work) in a clean environment: no
 // usbsim preloaded, no adapters or virtual bus traffic chosen; `environment` ("NAME=value ...")
 // adds variables.
+inline std::string tool_command(const std::string& args, const std::string& environment) {
+  return "env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS -u VARNEL_SIM_ACTIVE "
+         "-u VARNEL_SIM_CAN_PEER -u VARNEL_SIM_CAN_TRAFFIC " +
+         environment + " " VARNEL_BINARY_DIR "/bin/varnel " + args;
+}
+
 inline ToolRun varnel(const std::string& args, const std::string& environment = "") {
   const std::string err_path =
       testing::TempDir() + "varnel_cli_err_" + std::to_string(getpid()) + ".txt";
-  const std::string command =
-      "env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS -u VARNEL_SIM_ACTIVE "
-      "-u VARNEL_SIM_CAN_PEER -u VARNEL_SIM_CAN_TRAFFIC " +
-      environment + " " VARNEL_BINARY_DIR "/bin/varnel " + args + " 2>" + err_path;
   ToolRun run;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, n);
-  int status = pclose(pipe);
+  int status = -1;
+  run.out = shell(tool_command(args, environment) + " 2>" + err_path, &status);
   run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   run.err = read_file(err_path);
   std::remove(err_path.c_str());
   return run;
+}
+
+// The tool started as varnel() runs it, in the background: its standard output readable from
+// `out` (redirect stderr in `args` to read that instead), `pid` the tool's own.
+struct Started {
+  pid_t pid = -1;
+  FILE* out = nullptr;
+  // Stops it, by default as Ctrl-C does; its wait status.
+  int stop(int signal = SIGINT) {
+    int status = -1;
+    if (pid > 0 && kill(pid, signal) == 0) waitpid(pid, &status, 0);
+    if (out) fclose(out);
+    pid = -1, out = nullptr;
+    return status;
+  }
+};
+
+inline Started start(const std::string& args, const std::string& environment = "") {
+  Started started;
+  int fds[2];
+  if (pipe(fds) != 0) return started;
+  started.pid = fork();
+  if (started.pid == 0) {
+    dup2(fds[1], 1);
+    close(fds[0]);
+    close(fds[1]);
+    execl("/bin/sh", "sh", "-c", ("exec " + tool_command(args, environment)).c_str(), nullptr);
+    _exit(127);
+  }
+  close(fds[1]);
+  started.out = fdopen(fds[0], "r");
+  return started;
+}
+
+// A path under the test's temporary folder, unique to this process.
+inline std::string temp_path(const std::string& name) {
+  return testing::TempDir() + "varnel_" + std::to_string(getpid()) + "_" + name;
+}
+
+// A file there holding `content`; its path.
+inline std::string temp_file(const std::string& name, const std::string& content) {
+  const std::string path = temp_path(name);
+  std::ofstream(path, std::ios::binary) << content;
+  return path;
 }
 
 inline std::string golden(const std::string& name) {
@@ -68,51 +122,27 @@ inline std::string without_host_times(const std::string& text) {
 // the object goes.
 class SimDaemon {
  public:
-  SimDaemon(const std::string& global_args, const std::string& adapter,
-            const std::string& address) {
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(fds[1], 1);
-      close(fds[0]);
-      close(fds[1]);
-      const std::string command = "exec " VARNEL_BINARY_DIR "/bin/varnel " + global_args +
-                                  " sim --adapter " + adapter +
-                                  " --discovery-port 0 --tcp-port 0 --first-address " + address;
-      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-      _exit(127);
-    }
-    close(fds[1]);
-    out_ = fdopen(fds[0], "r");
+  SimDaemon(const std::string& global_args, const std::string& adapter, const std::string& address)
+      : daemon_(start(global_args + " sim --adapter " + adapter +
+                      " --discovery-port 0 --tcp-port 0 --first-address " + address)) {
     char line[256];
     unsigned discovery = 0, tcp = 0;
-    if (out_ && fgets(line, sizeof line, out_) &&
+    if (daemon_.out && fgets(line, sizeof line, daemon_.out) &&
         sscanf(line, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp) == 2)
       environment_ = "VARNEL_NET_DISCOVERY_PORT=" + std::to_string(discovery) +
                      " VARNEL_NET_TCP_PORT=" + std::to_string(tcp);
   }
-  ~SimDaemon() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (out_) fclose(out_);
-  }
+  ~SimDaemon() { stop(); }
   // Empty when the daemon did not come up.
   const std::string& environment() const { return environment_; }
-  // The ports into this process's environment, for tools started without a shell.
-  void export_ports() const {
-    std::istringstream words(environment_);
-    for (std::string word; words >> word;) {
-      const size_t equals = word.find('=');
-      setenv(word.substr(0, equals).c_str(), word.substr(equals + 1).c_str(), 1);
-    }
+  // True when it ends with exit code 0 on SIGTERM.
+  bool stop() {
+    const int status = daemon_.stop(SIGTERM);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
   }
 
  private:
-  pid_t pid_ = -1;
-  FILE* out_ = nullptr;
+  Started daemon_;
   std::string environment_;
 };
 

@@ -8,7 +8,7 @@ TEST(HexCli, ConvertWritesTheImageObjcopyWrites) {
     const char* options;
     const char* objcopy_options;  // the same image from binutils
   } cases[] = {
-      {"", nullptr},  // only the first contiguous run: bytes 0x100-0x10F
+      {"", ""},  // only the first contiguous run: bytes 0x100-0x10F
       {"--fill 0xFF", "--gap-fill 0xFF"},
       {"--fill 0", "--gap-fill 0"},
   };
@@ -18,17 +18,12 @@ TEST(HexCli, ConvertWritesTheImageObjcopyWrites) {
   for (const auto& c : cases) {
     ToolRun run = varnel(std::string("hex convert ") + c.options + " " + hex + " " + out);
     ASSERT_EQ(run.exit_code, 0) << c.options << run.err;
-    std::string want;
-    if (c.objcopy_options) {
-      ASSERT_EQ(std::system(("objcopy -I ihex -O binary " + std::string(c.objcopy_options) + " " +
-                             hex + " " + expected)
-                                .c_str()),
-                0);
-      want = read_file(expected);
-    } else {
-      ASSERT_EQ(std::system(("objcopy -I ihex -O binary " + hex + " " + expected).c_str()), 0);
-      want = read_file(expected).substr(0, 16);  // objcopy fills the gap with zeros
-    }
+    ASSERT_EQ(std::system(("objcopy -I ihex -O binary " + std::string(c.objcopy_options) + " " +
+                           hex + " " + expected)
+                              .c_str()),
+              0);
+    std::string want = read_file(expected);
+    if (!*c.objcopy_options) want.resize(16);  // objcopy fills the gap with zeros
     EXPECT_EQ(read_file(out), want) << c.options;
   }
   std::remove(out.c_str());

@@ -1,6 +1,5 @@
 // `varnel lin` against the virtual adapter, whose buses carry a node answering 21 with 11 22 33 44
 // (enhanced checksum: 61 + AA = 10B -> 0C -> F3).
-#include <fstream>
 #include <regex>
 
 #include "cli_support.h"
@@ -46,8 +45,7 @@ TEST(LinCli, FramesPrintAsParsableLinesAndBadArgumentsExitTwo) {
 // BEEF. An S2 record at 0x20000 (05 02 00 00 12, checksum FF - 19 = E6) lies beyond it.
 TEST(LinCli, FlashProgramsAndVerifiesAnImageWithAnExitCodePerOutcome) {
   const std::string image = VARNEL_SOURCE_DIR "/tests/cli/data/gapped.hex";
-  const std::string beyond = testing::TempDir() + "varnel_lin_" + std::to_string(getpid()) + ".s19";
-  std::ofstream(beyond) << "S20502000012E6\n";
+  const std::string beyond = temp_file("lin_beyond.s19", "S20502000012E6\n");
   struct Case {
     std::string args;
     int exit_code;

@@ -1,7 +1,4 @@
 // Network adapters from the tool: `varnel sim` serves them, `--net LOCAL_IP` reaches them.
-#include <signal.h>
-
-#include <cstdio>
 #include <regex>
 
 #include "cli_support.h"
@@ -10,48 +7,17 @@ using namespace cli_test;
 
 namespace {
 
-// `varnel sim` in the background on ports of its own choosing, with one CAN FD network adapter
-// and traffic on its virtual CAN bus.
+// `varnel sim` with one CAN FD network adapter and traffic on its virtual CAN bus; it ends with
+// exit code 0 on SIGTERM.
 class NetCli : public ::testing::Test {
  protected:
-  void SetUp() override {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    daemon_ = fork();
-    if (daemon_ == 0) {
-      dup2(fds[1], 1);
-      close(fds[0]);
-      close(fds[1]);
-      execl(VARNEL_BINARY_DIR "/bin/varnel", "varnel", "--sim-traffic", "321#CAFE@20", "sim",
-            "--adapter", "0x55000140", "--discovery-port", "0", "--tcp-port", "0",
-            "--first-address", "127.0.0.40", nullptr);
-      _exit(127);
-    }
-    close(fds[1]);
-    out_ = fdopen(fds[0], "r");
-    char line[256];
-    unsigned discovery = 0, tcp = 0;
-    ASSERT_TRUE(out_ && fgets(line, sizeof line, out_));
-    ASSERT_EQ(
-        sscanf(line, "varnel-sim: discovery on 127.0.0.255:%u, TCP port %u", &discovery, &tcp), 2)
-        << line;
-    ports_ = "VARNEL_NET_DISCOVERY_PORT=" + std::to_string(discovery) +
-             " VARNEL_NET_TCP_PORT=" + std::to_string(tcp);
+  void SetUp() override { ASSERT_FALSE(daemon_.environment().empty()); }
+  void TearDown() override { EXPECT_TRUE(daemon_.stop()); }
+  ToolRun on_network(const std::string& args) {
+    return varnel("--net 127.0.0.1 " + args, daemon_.environment());
   }
-  void TearDown() override {
-    if (daemon_ > 0) {
-      kill(daemon_, SIGTERM);
-      int status = 0;
-      waitpid(daemon_, &status, 0);
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    if (out_) fclose(out_);
-  }
-  ToolRun on_network(const std::string& args) { return varnel("--net 127.0.0.1 " + args, ports_); }
 
-  pid_t daemon_ = -1;
-  FILE* out_ = nullptr;
-  std::string ports_;
+  SimDaemon daemon_{"--sim-traffic 321#CAFE@20", "0x55000140", "127.0.0.40"};
 };
 
 }  // namespace
@@ -105,7 +71,7 @@ TEST_F(NetCli, NetworkHandlesNeedTheNetOptionAndAnAnswer) {
       {"--net 1.2.3 scan", "scan --net 1.2.3: -1 (not a usable local IPv4 address)\n"},
   };
   for (const auto& c : cases) {
-    ToolRun run = varnel(c.args, ports_);
+    ToolRun run = varnel(c.args, daemon_.environment());
     EXPECT_EQ(run.exit_code, 1) << c.args;
     EXPECT_EQ(run.err, c.err) << c.args;
   }

@@ -12,14 +12,6 @@ using cli_test::varnel;
 
 namespace {
 
-std::string input_file(const std::string& bytes) {
-  const std::string path = testing::TempDir() + "varnel_uart_in_" + std::to_string(getpid());
-  FILE* f = std::fopen(path.c_str(), "wb");
-  std::fwrite(bytes.data(), 1, bytes.size(), f);
-  std::fclose(f);
-  return path;
-}
-
 // The terminal as people look at it: in tmux, keys sent, the pane read back. The virtual
 // channel's loopback plug brings every byte sent back. The lines of the Ctrl-A keys are
 // picocom 3.1's, as it prints them in the same pane.
@@ -49,12 +41,7 @@ class TermInTmux {
 
  private:
   std::string tmux(const std::string& command) const {
-    FILE* pipe = popen(("tmux -L " + socket_ + " " + command + " 2>/dev/null").c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-    if (pipe) pclose(pipe);
-    return out;
+    return cli_test::shell("tmux -L " + socket_ + " " + command + " 2>/dev/null");
   }
   std::string screen() const {
     std::string text = std::regex_replace(tmux("capture-pane -p"), std::regex(" +\n"), "\n");
@@ -87,7 +74,7 @@ TEST(VarnelUartCli, TermSendsItsInputAndShowsWhatComesBack) {
       {"\x01\x03x", "\r\n*** local echo: yes ***\r\nxx"},  // the echo, then the loopback's
   };
   for (const auto& c : cases) {
-    const std::string path = input_file(c.input);
+    const std::string path = cli_test::temp_file("uart_in", c.input);
     ToolRun run = varnel("--sim uart 0x12345678:1 --baud 9600 term < " + path);
     std::remove(path.c_str());
     EXPECT_EQ(run.exit_code, 0) << run.err;

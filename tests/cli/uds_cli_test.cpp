@@ -100,29 +100,16 @@ TEST(UdsCli, CtrlCMidFlashLeavesTheEcuInItsDefaultSession) {
   const std::string image = two_segment_image();
   SimDaemon daemon("--sim-ecu 7E0/7E8,pending=100,block=10", "0x55000160", "127.0.0.60");
   ASSERT_FALSE(daemon.environment().empty());
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  const pid_t flash = fork();
-  if (flash == 0) {
-    dup2(fds[1], 2);
-    close(fds[0]);
-    close(fds[1]);
-    const std::string command =
-        "exec env -u LD_LIBRARY_PATH -u VARNEL_USBSIM_ADAPTERS " + daemon.environment() +
-        " " VARNEL_BINARY_DIR "/bin/varnel --net 127.0.0.1 uds flash 0x55000160:0 7E0 7E8 " +
-        image + " >/dev/null";
-    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-    _exit(127);
-  }
-  close(fds[1]);
+  Started flash = start("--net 127.0.0.1 uds flash 0x55000160:0 7E0 7E8 " + image +
+                            " 2>&1 >/dev/null",  // its stderr read
+                        daemon.environment());
   const auto now = std::chrono::steady_clock::now;
   std::string err;
-  const bool erasing = read_until(fds[0], "erasing", now() + std::chrono::seconds(10), err);
-  kill(flash, SIGINT);
-  read_until(fds[0], "\n\n never printed", now() + std::chrono::seconds(15), err);  // to the end
-  close(fds[0]);
-  int status = 0;
-  waitpid(flash, &status, 0);
+  const int out = fileno(flash.out);
+  const bool erasing = read_until(out, "erasing", now() + std::chrono::seconds(10), err);
+  kill(flash.pid, SIGINT);
+  read_until(out, "\n\n never printed", now() + std::chrono::seconds(15), err);  // to the end
+  const int status = flash.stop();
   ASSERT_TRUE(erasing) << err;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status << "\n" << err;
   EXPECT_NE(err.find("interrupted: the ECU is back in its default session"), std::string::npos)

@@ -6,6 +6,7 @@ compared; a burst must arrive whole; the server exits 0 on SIGTERM; --beacon bro
 listens; the virtual diagnostic ECU answers at the bridge's bit rate. Exact replies to malformed input are checked by the C++ server test.
 """
 import argparse
+import contextlib
 import logging
 import os
 import re
@@ -41,10 +42,19 @@ def start_server(varnel, *options):
     fail("the server did not say which port it listens on: " + proc.stderr.read())
 
 
-def stop_server(proc):
-    proc.send_signal(signal.SIGTERM)
-    if proc.wait(timeout=15) != 0:
-        fail(f"exit code {proc.returncode} after SIGTERM: {proc.stderr.read()}")
+@contextlib.contextmanager
+def server(varnel, *options):
+    """The port of a server that must exit 0 on SIGTERM at the end of the block."""
+    proc, port = start_server(varnel, *options)
+    try:
+        yield port
+        proc.send_signal(signal.SIGTERM)
+        if proc.wait(timeout=15) != 0:
+            fail(f"exit code {proc.returncode} after SIGTERM: {proc.stderr.read()}")
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
 
 
 def check_frames(bus_from, bus_to, messages, where):
@@ -77,8 +87,7 @@ def beacon(varnel):
     receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     receiver.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     receiver.bind(("", 42000))
-    proc, port = start_server(varnel, "--beacon")
-    try:
+    with server(varnel, "--beacon") as port:
         url = f"<URL>can://127.0.0.1:{port}</URL>".encode()
         text = b""
         while url not in text:  # other hosts' beacons may come first
@@ -87,19 +96,14 @@ def beacon(varnel):
             text = receiver.recv(4096)
         if not re.search(re.escape(url) + rb'\n(<Bus name="can[0-3]"/>\n){4}</CANBeacon>$', text):
             fail(f"beacon: {text!r}")
-        stop_server(proc)
-    finally:
-        if proc.poll() is None:
-            proc.kill()
-        receiver.close()
+    receiver.close()
 
 
 def diagnostic_ecu_answers(varnel):
     """`varnel --sim socketcand` has the virtual diagnostic ECU its help promises (7E0/7E8), at
     the default bit rate and at the one -b sets: tester present gets its positive answer."""
     for options in ([], ["-b", "250000"]):
-        proc, port = start_server(varnel, *options)
-        try:
+        with server(varnel, *options) as port:
             bus = can.Bus(interface="socketcand", host="127.0.0.1", port=port, channel="can0")
             bus.send(can.Message(arbitration_id=0x7E0, is_extended_id=False,
                                  data=[0x02, 0x3E, 0x00, 0, 0, 0, 0, 0]))
@@ -107,11 +111,6 @@ def diagnostic_ecu_answers(varnel):
             bus.shutdown()
             if got is None or got.arbitration_id != 0x7E8 or bytes(got.data[:3]) != b"\x02\x7E\x00":
                 fail(f"socketcand {' '.join(options)}: no answer from the diagnostic ECU ({got})")
-            stop_server(proc)
-        finally:
-            if proc.poll() is None:
-                proc.kill()
-                proc.wait()
 
 
 def on_alarm(signum, frame):
@@ -129,8 +128,7 @@ def main():
     signal.alarm(90)
     socket.setdefaulttimeout(WAIT)  # python-can's client reads its handshake without one
 
-    proc, port = start_server(args.varnel)
-    try:
+    with server(args.varnel) as port:
         def bus(channel):
             return can.Bus(interface="socketcand", host="127.0.0.1", port=port, channel=channel)
 
@@ -159,11 +157,6 @@ def main():
         ], "can2 -> can3")
         bus2.shutdown()
         bus3.shutdown()
-        stop_server(proc)
-    finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
     beacon(args.varnel)
     diagnostic_ecu_answers(args.varnel)
     print("socketcand interop: python-can agrees with the bridge")

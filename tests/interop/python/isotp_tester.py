@@ -1,7 +1,8 @@
 """A tester's ISO-TP written from ISO 15765-2 alone, over any python-can bus, for the tests and
 benches that hold the virtual diagnostic ECU to the written rules: normal addressing, 8-byte
-classic frames padded with 0xCC; single frames (0L), first frames (1L LL), consecutive frames
-(2N), flow control (30 BS ST; 31 wait). It shares no code with the library or the ECU."""
+classic frames padded with 0xCC; single frames (0L), first frames (1L LL, or 10 00 and a 32-bit
+length), consecutive frames (2N), flow control (30 BS ST; 31 wait). It shares no code with the
+library or the ECU; with the identifiers swapped it is the peer of a client."""
 import time
 
 P2_S, N_BS_S, N_CR_S = 0.050, 1.0, 1.0
@@ -60,8 +61,10 @@ class IsoTpClient:
         if len(payload) <= 7:
             self.frame([len(payload)] + list(payload))
             return
-        self.frame([0x10 | (len(payload) >> 8), len(payload) & 0xFF] + list(payload[:6]))
-        at, sequence = 6, 1
+        n = len(payload)
+        head = [0x10 | n >> 8, n & 0xFF] if n <= 0xFFF else [0x10, 0] + list(n.to_bytes(4, "big"))
+        at, sequence = 8 - len(head), 1
+        self.frame(head + list(payload[:at]))
         while at < len(payload):
             control = self.receive_frame(N_BS_S)
             while control[0] == 0x31:  # wait: N_Bs starts again
@@ -85,6 +88,8 @@ class IsoTpClient:
             raise RuntimeError("unexpected frame %s" % first.hex())
         length = ((first[0] & 0x0F) << 8) | first[1]
         data = bytearray(first[2:8])
+        if length == 0:
+            length, data = int.from_bytes(first[2:6], "big"), bytearray(first[6:8])
         flow = [0x30, self.block_size, self.stmin]
         self.frame(flow)
         sequence, in_block = 1, 0

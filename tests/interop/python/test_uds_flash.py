@@ -15,7 +15,7 @@ import can  # noqa: E402
 import varnel  # noqa: E402
 from varnel.uds import Client, NegativeResponse  # noqa: E402
 from buses import CLASSIC  # noqa: E402
-from test_uds import IsoTpPeer  # noqa: E402
+from test_uds import peer  # noqa: E402
 
 
 class FlashIntoTheVirtualEcu(unittest.TestCase):
@@ -61,9 +61,9 @@ class WireBytesToAnIndependentServer(unittest.TestCase):
         self.heard = []
 
     def serve(self, count):
-        peer = IsoTpPeer(self.bus)
+        tester = peer(self.bus)
         for _ in range(count):
-            request = peer.receive()
+            request = tester.receive(5.0)
             self.heard.append(request)
             sid = request[0]
             if sid == 0x27 and request[1] == 1:
@@ -76,7 +76,7 @@ class WireBytesToAnIndependentServer(unittest.TestCase):
                 answer = bytes([sid + 0x40]) + request[1:2 if sid in (0x10, 0x11, 0x27, 0x36) else 1]
                 if sid == 0x31:
                     answer = b"\x71" + request[1:4]
-            peer.send(answer)
+            tester.send(answer)
 
     def test_request_download_and_the_counter_wrap(self):
         import zlib
