@@ -421,33 +421,25 @@ TEST(HexfileLoad, RefusesFilesAboveTheBoundWithoutTouchingTheBuffer) {
   std::filesystem::remove(path);
 }
 
+// Problems as "count line:kind ..." over the whole array: 1 bad checksum, 2 malformed, 3 overlong,
+// 4 bad field; 0:0 where nothing was stored.
 TEST(HexfileCheck, ReportsEveryBadLineWithItsNumber) {
   const std::string good = srec(1, 0, {1});
-  const std::string text = good + corrupt_last_digit(srec(1, 1, {2})) + "\r\n" + "S1030\n" + good +
-                           "\r" + std::string(1100, 'S') + "\n" + good;
-  VARNEL_HEXFILE_PROBLEM problems[2];
-  EXPECT_EQ(VARNEL_hexfile_check(text.data(), static_cast<int32_t>(text.size()), VARNEL_HEXFILE_S19,
-                                 problems, 2),
-            3);
-  EXPECT_EQ(problems[0].Line, 2u);
-  EXPECT_EQ(problems[0].Kind, VARNEL_HEXFILE_BAD_CHECKSUM);
-  EXPECT_EQ(problems[1].Line, 4u);
-  EXPECT_EQ(problems[1].Kind, VARNEL_HEXFILE_MALFORMED);
-  VARNEL_HEXFILE_PROBLEM all[4];
-  EXPECT_EQ(VARNEL_hexfile_check(text.data(), static_cast<int32_t>(text.size()), VARNEL_HEXFILE_S19,
-                                 all, 4),
-            3);
-  EXPECT_EQ(all[2].Line, 7u);
-  EXPECT_EQ(all[2].Kind, VARNEL_HEXFILE_OVERLONG);
-  EXPECT_EQ(VARNEL_hexfile_check(text.data(), static_cast<int32_t>(text.size()), VARNEL_HEXFILE_S19,
-                                 nullptr, 4),
-            3);  // only counted
-
+  const std::string s19 = good + corrupt_last_digit(srec(1, 1, {2})) + "\r\n" + "S1030\n" + good +
+                          "\r" + std::string(1100, 'S') + "\n" + good;
   const std::string txt = "0 1\nzz 1\n";
-  EXPECT_EQ(VARNEL_hexfile_check(txt.data(), 8, VARNEL_HEXFILE_TXT, all, 4), 1);
-  EXPECT_EQ(all[0].Line, 2u);
-  EXPECT_EQ(all[0].Kind, VARNEL_HEXFILE_BAD_FIELD);
-  EXPECT_EQ(VARNEL_hexfile_check(txt.data(), 8, 9, all, 4), -1);
+  auto check = [](const std::string& text, int format, uint32_t room, bool store = true) {
+    VARNEL_HEXFILE_PROBLEM all[4] = {};
+    std::string out = std::to_string(VARNEL_hexfile_check(text.data(), int32_t(text.size()), format,
+                                                          store ? all : nullptr, room));
+    for (const auto& p : all) out += " " + std::to_string(p.Line) + ":" + std::to_string(p.Kind);
+    return out;
+  };
+  EXPECT_EQ(check(s19, VARNEL_HEXFILE_S19, 2), "3 2:1 4:2 0:0 0:0");
+  EXPECT_EQ(check(s19, VARNEL_HEXFILE_S19, 4), "3 2:1 4:2 7:3 0:0");
+  EXPECT_EQ(check(s19, VARNEL_HEXFILE_S19, 4, false), "3 0:0 0:0 0:0 0:0");  // only counted
+  EXPECT_EQ(check(txt, VARNEL_HEXFILE_TXT, 4), "1 2:4 0:0 0:0 0:0");
+  EXPECT_EQ(check(txt, 9, 4), "-1 0:0 0:0 0:0 0:0");
 }
 
 }  // namespace
