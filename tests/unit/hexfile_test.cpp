@@ -113,17 +113,14 @@ std::string corrupt_last_digit(std::string record) {
   return record;
 }
 
+// Joined records, S2/S3 and 04 addresses, units 2 and 4 and the 64 KiB boundaries on whole images:
+// hexfile_oracle_test.cpp.
 TEST(HexfileS19, ConvertsRecordsIntoSegments) {
-  const Bytes a = counting(16), b = counting(16, 16);
-  const std::string two_joined = srec(1, 0x0000, a) + srec(1, 0x0010, b);
   std::string lower = srec(1, 0x0000, {0xAB, 0xCD});
   for (char& ch : lower) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
   lower[0] = 'S';
   // clang-format off
   check_cases(hexfile_convert_s19, {
-      {"adjacent S1 records join", two_joined, 1, 8, 1, {{0, counting(32)}}},
-      {"S2 and S3 addresses", srec(2, 0x123456, {1, 2}) + srec(3, 0x89ABCDEF, {3}),
-       1, 8, 2, {{0x123456, {1, 2}}, {0x89ABCDEF, {3}}}},
       {"header, count, start and garbage lines are skipped",
        srec(0, 0, {'h', 'd', 'r'}) + "garbage\n" + srec(1, 0x100, {9}) + srec(5, 1, {}) +
            "S9030000FC\nS4zzzz\n",
@@ -132,10 +129,6 @@ TEST(HexfileS19, ConvertsRecordsIntoSegments) {
        1, 8, 2, {{0, {1}}, {2, {2}}}},
       {"going backwards opens a segment too", srec(1, 0x10, {1}) + srec(1, 0, {2}),
        1, 8, 2, {{0x10, {1}}, {0, {2}}}},
-      {"unit 2: four bytes cover two addresses", srec(1, 0, {1, 2, 3, 4}) + srec(1, 2, {5, 6}),
-       2, 8, 1, {{0, {1, 2, 3, 4, 5, 6}}}},
-      {"unit 4: address 1 follows four bytes", srec(1, 0, {1, 2, 3, 4}) + srec(1, 1, {5, 6, 7, 8}),
-       4, 8, 1, {{0, {1, 2, 3, 4, 5, 6, 7, 8}}}},
       {"lower-case digits, CR LF, lone CR, trailing blanks",
        lower.substr(0, lower.size() - 1) + "\r\n\r\n" + srec(1, 2, {0xEF}).substr(0, 12) + " \t\r" +
            srec(1, 3, {1}),
@@ -185,8 +178,6 @@ TEST(HexfileS19, FailedConversionKeepsDataForFreeing) {
 TEST(HexfileIhx, ConvertsRecordsIntoSegments) {
   // clang-format off
   check_cases(hexfile_convert_ihx, {
-      {"linear base 0x0800", ihex(4, 0, {0x08, 0x00}) + ihex(0, 0, {1, 2}),
-       1, 8, 1, {{0x08000000, {1, 2}}}},
       {"segment base 0x1000", ihex(2, 0, {0x10, 0x00}) + ihex(0, 0x0010, {1}),
        1, 8, 1, {{0x10010, {1}}}},
       {"linear record keeps the segment base: both add up",
@@ -195,9 +186,6 @@ TEST(HexfileIhx, ConvertsRecordsIntoSegments) {
       {"segment record clears the linear base",
        ihex(4, 0, {0x00, 0x01}) + ihex(2, 0, {0x00, 0x01}) + ihex(0, 0, {1}),
        1, 8, 1, {{0x10, {1}}}},
-      {"records across a 64 KiB boundary stay one segment",
-       ihex(0, 0xFFFF, {1}) + ihex(4, 0, {0x00, 0x01}) + ihex(0, 0, {2}),
-       1, 8, 1, {{0xFFFF, {1, 2}}}},
       {"reading goes on after end of file", ihex(0, 0, {1}) + ":00000001FF\n" + ihex(0, 1, {2}),
        1, 8, 1, {{0, {1, 2}}}},
       {"types 1, 3, 5 and 8 are skipped unchecked",
