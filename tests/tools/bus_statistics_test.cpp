@@ -52,7 +52,6 @@ TEST(BusStatistics, FrameLengthsMatchHandCounts) {
   EXPECT_DOUBLE_EQ(frame_seconds({32, 32}, 500000, 2000000), 80e-6);
 }
 
-// Whatever the frame, its real stuff bits lie between none and the worst case.
 TEST(BusStatistics, ExactStuffingLiesBetweenNoneAndTheWorstCase) {
   std::mt19937 random(7);
   static constexpr uint8_t kLengths[] = {0, 1, 5, 8, 12, 16, 20, 32, 64};
@@ -62,13 +61,8 @@ TEST(BusStatistics, ExactStuffingLiesBetweenNoneAndTheWorstCase) {
     const bool fd = i % 2;
     const uint8_t length = fd ? kLengths[random() % 9] : uint8_t(random() % 9);
     const bool extended = random() % 2;
-    BusFrame f{uint32_t(random()) & (extended ? 0x1FFFFFFFu : 0x7FFu),
-               extended,
-               false,
-               fd,
-               false,
-               length,
-               std::span(data).first(length)};
+    const uint32_t id = uint32_t(random()) & (extended ? 0x1FFFFFFFu : 0x7FFu);
+    const BusFrame f{id, extended, false, fd, false, length, std::span(data).first(length)};
     const uint32_t none = frame_bits(f, Stuffing::kNone).total();
     const uint32_t exact = frame_bits(f, Stuffing::kExact).total();
     ASSERT_LE(none, exact) << i;

@@ -6,22 +6,14 @@
 
 #include <vector>
 
+#include "frame_fields.h"
+
 namespace {
 
 using namespace varnel_cli::candump_log;
 
-// "TIME_US CHANNEL ID FLAGS DATA [error]", the record's fields in hex where they are bits.
 std::string fields(const LogRecord& r) {
-  char head[96];
-  std::snprintf(head, sizeof head, "%llu %s %08X %02X ", (unsigned long long)r.time_us,
-                r.channel.c_str(), r.frame.Id, r.frame.Flags);
-  std::string text = head;
-  for (int i = 0; i < r.frame.DataLen; ++i) {
-    char byte[4];
-    std::snprintf(byte, sizeof byte, "%02X", r.frame.Data[i]);
-    text += byte;
-  }
-  return text + (r.error_frame ? " error" : "");
+  return frame_fields(r.time_us, r.channel, r.frame) + (r.error_frame ? " error" : "");
 }
 
 // Id bit 31 extended, bit 30 remote; Flags 0x04 CAN FD, 0x01 the bit-rate switch.

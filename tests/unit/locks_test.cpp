@@ -14,16 +14,19 @@ bool acquirable_from_other_thread(F locker) {
   auto done = std::async(std::launch::async, locker);
   return done.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
 }
+
+template <uint32_t handle>
+void lock_and_unlock() {
+  lock(handle);
+  unlock(handle);
+}
 }  // namespace
 
 TEST(Locks, UnlockOfUnknownHandleDoesNothing) {
   unlock(0xDEAD0000);
   can_unlock(0xDEAD0000, 1);
   // the key was not created by the unlock: a lock/unlock pair from another thread still works
-  EXPECT_TRUE(acquirable_from_other_thread([] {
-    lock(0xDEAD0000);
-    unlock(0xDEAD0000);
-  }));
+  EXPECT_TRUE(acquirable_from_other_thread(lock_and_unlock<0xDEAD0000>));
 }
 
 TEST(Locks, RecursiveLockIsFreeAfterAsManyUnlocks) {
@@ -31,10 +34,7 @@ TEST(Locks, RecursiveLockIsFreeAfterAsManyUnlocks) {
   lock(0xA0000000);
   unlock(0xA0000000);
   unlock(0xA0000000);
-  EXPECT_TRUE(acquirable_from_other_thread([] {
-    lock(0xA0000000);
-    unlock(0xA0000000);
-  }));
+  EXPECT_TRUE(acquirable_from_other_thread(lock_and_unlock<0xA0000000>));
 }
 
 TEST(Locks, ChannelsAndRegistriesAreIndependent) {
@@ -72,12 +72,8 @@ TEST(Locks, HeldLockBlocksOtherThreads) {
 }
 
 TEST(Locks, CleanupGivesAFreshMutex) {
-  constexpr uint32_t h = 0xD0000000;
-  lock(h);
-  lock_cleanup(h);  // this thread still holds the old mutex through its own reference
-  EXPECT_TRUE(acquirable_from_other_thread([] {
-    lock(h);
-    unlock(h);
-  }));
+  lock(0xD0000000);
+  lock_cleanup(0xD0000000);  // this thread still holds the old mutex through its own reference
+  EXPECT_TRUE(acquirable_from_other_thread(lock_and_unlock<0xD0000000>));
   // The old mutex stays held by this thread; unlock(h) would now address the fresh one.
 }

@@ -33,39 +33,29 @@ double elapsed_ms(std::chrono::steady_clock::time_point start) {
 
 }  // namespace
 
-TEST(DebugLog, StartReportsWhetherTheFileOpened) {
-  const std::string existing = temp_path("log_existing.txt");
-  std::ofstream(existing) << "earlier lines\n";
-  struct Case {
-    const char* name;
-    const char* path;
-    int result;
-  } cases[] = {
-      {"missing directory", "/nonexistent-varnel-dir/sub/log.txt", -1},
-      {"null path", nullptr, -1},
-      {"a directory", "/", -1},
-      {"existing file", existing.c_str(), 0},
-  };
-  for (auto& c : cases) {
-    EXPECT_EQ(DEBUG_StartLogToFile(c.path), c.result) << c.name;
-    EXPECT_EQ(DEBUG_StopLog(), 0) << c.name;
-  }
-  // Opened for appending: what the file held stays.
-  EXPECT_EQ(contents(existing), "earlier lines\n");
-  std::remove(existing.c_str());
-}
-
-TEST(DebugLog, CreatesTheFileAndStopsWithOrWithoutALog) {
+TEST(DebugLog, StartReportsWhetherTheFileOpenedAndAppends) {
   DEBUG_SetHandle();
   EXPECT_EQ(DEBUG_StopLog(), 0);  // nothing open
-  const std::string path = temp_path("log_new.txt");
-  std::remove(path.c_str());
-  ASSERT_EQ(DEBUG_StartLogToFile(path.c_str()), 0);
-  EXPECT_EQ(access(path.c_str(), F_OK), 0);
-  ASSERT_EQ(DEBUG_StartLogToFile(path.c_str()), 0);  // a second start replaces the first
+  const std::string existing = temp_path("log_existing.txt"), fresh = temp_path("log_new.txt");
+  std::ofstream(existing) << "earlier lines\n";
+  std::remove(fresh.c_str());
+  const std::pair<const char*, int> cases[] = {{"/nonexistent-varnel-dir/sub/log.txt", -1},
+                                               {nullptr, -1},
+                                               {"/", -1},
+                                               {existing.c_str(), 0},
+                                               {fresh.c_str(), 0}};
+  for (auto [path, result] : cases) {
+    EXPECT_EQ(DEBUG_StartLogToFile(path), result) << (path ? path : "null");
+    EXPECT_EQ(DEBUG_StopLog(), 0);
+  }
+  EXPECT_EQ(contents(existing), "earlier lines\n");  // opened for appending
+  EXPECT_EQ(access(fresh.c_str(), F_OK), 0);
+  ASSERT_EQ(DEBUG_StartLogToFile(fresh.c_str()), 0);
+  ASSERT_EQ(DEBUG_StartLogToFile(fresh.c_str()), 0);  // a second start replaces the first
   EXPECT_EQ(DEBUG_StopLog(), 0);
   EXPECT_EQ(DEBUG_StopLog(), 0);
-  std::remove(path.c_str());
+  std::remove(existing.c_str());
+  std::remove(fresh.c_str());
 }
 
 TEST(Delay, MillisecondsBecomeMicrosecondsIn32Bits) {
@@ -93,15 +83,13 @@ TEST(Delay, ZeroOrNegativeWaitsForOneCounterTick) {
 }
 
 TEST(Delay, WaitsAtLeastTheAskedTime) {
-  auto start = std::chrono::steady_clock::now();
-  delay_us(3000);
-  EXPECT_GE(elapsed_ms(start), 3.0);
-  start = std::chrono::steady_clock::now();
-  delay_ms(2);
-  EXPECT_GE(elapsed_ms(start), 2.0);
-  start = std::chrono::steady_clock::now();
-  sleep_ms(2);
-  EXPECT_GE(elapsed_ms(start), 2.0);
+  const std::pair<void (*)(), double> waits[] = {
+      {[] { delay_us(3000); }, 3.0}, {[] { delay_ms(2); }, 2.0}, {[] { sleep_ms(2); }, 2.0}};
+  for (auto [wait, ms] : waits) {
+    const auto start = std::chrono::steady_clock::now();
+    wait();
+    EXPECT_GE(elapsed_ms(start), ms);
+  }
 }
 
 // The wait inside calls never ends before its deadline, whether it spins whole (50 us) or sleeps
