@@ -6,11 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace cli_test {
 
@@ -60,15 +62,32 @@ inline ToolRun varnel(const std::string& args, const std::string& environment = 
   return run;
 }
 
+// Waits up to `limit` for the child `pid` to end: true with its wait status, false (the child left
+// running) when it did not.
+inline bool wait_for_exit(pid_t pid, int* status,
+                          std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (waitpid(pid, status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
 // The tool started as varnel() runs it, in the background: its standard output readable from
 // `out` (redirect stderr in `args` to read that instead), `pid` the tool's own.
 struct Started {
   pid_t pid = -1;
   FILE* out = nullptr;
-  // Stops it, by default as Ctrl-C does; its wait status.
+  // Stops it, by default as Ctrl-C does; its wait status (-1 when it ignored the signal for 10 s
+  // and was killed).
   int stop(int signal = SIGINT) {
     int status = -1;
-    if (pid > 0 && kill(pid, signal) == 0) waitpid(pid, &status, 0);
+    if (pid > 0 && kill(pid, signal) == 0 && !wait_for_exit(pid, &status)) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+      status = -1;
+    }
     if (out) fclose(out);
     pid = -1, out = nullptr;
     return status;

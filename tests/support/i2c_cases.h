@@ -317,7 +317,9 @@ TYPED_TEST_P(I2cCases, FailedRepliesGiveMinus4) {
   };
   for (auto& c : cases) {
     Adapter adapter = this->fresh_adapter(h);
-    if (c.fault.command == 0x700) ASSERT_EQ(IIC_Init(h, 0, &seven), 0);
+    if (c.fault.command == 0x700) {
+      ASSERT_EQ(IIC_Init(h, 0, &seven), 0);
+    }
     adapter->faults().next_reply(c.fault);
     EXPECT_EQ(c.call(), -4) << std::hex << c.fault.command;
   }

@@ -300,7 +300,7 @@ TYPED_TEST_P(LinCases, NegativeReplyLengthsBringNoRecords) {
 // reads of 3C still enhanced); before it, the old commands with their 11-byte records.
 TYPED_TEST_P(LinCases, OlderCallsOnBothFirmwareGenerations) {
   LIN_CONFIG config{19200, 7, 1, 9};
-  LIN_MSG write{0x3C, 2, {1, 2}, 0}, read[2] = {{0x3C}, {0x21}};
+  LIN_MSG write{0x3C, 2, {1, 2}, 0}, read[2] = {{0x3C, 0, {}, 0}, {0x21, 0, {}, 0}};
   for (uint32_t firmware : {0x0105001Eu, 0x0105001Du}) {
     Adapter adapter = this->fresh_adapter(kLinHandle);
     adapter->state<sim::DeviceModel>().firmware_version = firmware;

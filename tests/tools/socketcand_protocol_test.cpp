@@ -196,7 +196,7 @@ TEST(SocketcandServer, ListedBusesAreTargetsOfTheSameName) {
   int buses = 0;
   for (auto it = server.banner.cbegin(); std::regex_search(it, server.banner.cend(), m, listed);
        it = m.suffix().first, ++buses) {
-    for (const std::string target : {m[1].str(), m[2].str()})
+    for (const std::string& target : {m[1].str(), m[2].str()})
       EXPECT_EQ(cli_test::varnel("--sim can send " + target + " 123#01").out,
                 "  " + m[1].str() + "  123   [1]  01\n")
           << target;
@@ -238,11 +238,9 @@ TEST(SocketcandServer, SurvivesHostileBytesAndStopsOnSigterm) {
   }
 
   ASSERT_EQ(kill(server.pid, SIGTERM), 0);
-  pid_t ended = 0;
   int status = 0;
-  for (int i = 0; i < kWaitMs / 10 && !(ended = waitpid(server.pid, &status, WNOHANG)); ++i)
-    usleep(10000);
-  ASSERT_EQ(ended, server.pid) << "still running after SIGTERM";
+  ASSERT_TRUE(cli_test::wait_for_exit(server.pid, &status, std::chrono::milliseconds(kWaitMs)))
+      << "still running after SIGTERM";
   server.pid = -1;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   close(a);

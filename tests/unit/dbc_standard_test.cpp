@@ -77,8 +77,12 @@ TEST(DbcStandardReading, ExtendedMultiplexingFollowsTheSwitchChain) {
     ASSERT_EQ(d.result, 5);
     EXPECT_EQ(std::vector<uint8_t>(d.selected.begin(), d.selected.begin() + 5), c.selected)
         << int(c.byte0);
-    if (c.selected[2]) EXPECT_EQ(d.values[2], 0x5544);
-    if (!c.selected[3]) EXPECT_TRUE(std::isnan(d.values[3]));
+    if (c.selected[2]) {
+      EXPECT_EQ(d.values[2], 0x5544);
+    }
+    if (!c.selected[3]) {
+      EXPECT_TRUE(std::isnan(d.values[3]));
+    }
   }
 }
 

@@ -130,7 +130,9 @@ TYPED_TEST(CanReceive, WaitFetchesOnDemandAndLeavesTheFrameQueued) {
   EXPECT_EQ(this->packets(*adapter, TypeParam::kFetch).size(), 1u);  // one look, then time-out
   std::vector<CAN_MSG> in(VARNEL_CAN_QUEUE_SIZE);
   for (bool polled : {false, true}) {
-    if (polled) ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
+    if (polled) {
+      ASSERT_EQ(CAN_StartGetMsg(A, 0), 0);
+    }
     peer->send(this->frame(0x120 + polled));
     EXPECT_EQ(VARNEL_CAN_WaitMsg(A, 0, 2000), 1) << polled;
     ASSERT_EQ(CAN_GetMsgWithSize(A, 0, in.data(), int32_t(in.size())), 1) << polled;

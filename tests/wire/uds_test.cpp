@@ -176,7 +176,9 @@ TEST_F(Uds, CanFdSingleFramesTakeTheSmallestLength) {
 TEST_F(Uds, LongAnswersAreReassembled) {
   for (bool poller : {false, true}) {
     start(kClassic);
-    if (poller) ASSERT_EQ(CAN_StartGetMsg(kClassic, 0), 0);
+    if (poller) {
+      ASSERT_EQ(CAN_StartGetMsg(kClassic, 0), 0);
+    }
     for (size_t n : {4095u, 5000u}) {
       Bytes write = write_request(n);
       ASSERT_EQ(request(write), 0);
@@ -249,7 +251,9 @@ TEST_F(Uds, MalformedAnswersAndBadArguments) {
     node->send(frame);
     Bytes out(8, 0xEE);
     EXPECT_EQ(VARNEL_CAN_UDS_ResponseN(kClassic, 0, &addr_, out.data(), 8, 100), c.result);
-    if (c.result == VARNEL_CAN_UDS_ERR_SIZE) EXPECT_EQ(out, Bytes(8, 0xEE));
+    if (c.result == VARNEL_CAN_UDS_ERR_SIZE) {
+      EXPECT_EQ(out, Bytes(8, 0xEE));
+    }
   }
   uint8_t byte = 0x3E;
   CAN_UDS_CONFIG config{};
