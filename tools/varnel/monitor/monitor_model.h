@@ -41,18 +41,28 @@ struct MonitorLimits {
   Stuffing stuffing = Stuffing::kExact;
 };
 
+// A replay's position as the page's slider reads it (times in µs of the log).
+std::string replay_json(const ReplayState& replay);
+
 class MonitorModel {
  public:
   // `db` may be 0 (no decoding).
   MonitorModel(std::vector<ChannelInfo> channels, DBC_HANDLE db, MonitorLimits limits = {});
 
-  void add(const MonitorFrame& frame);
+  // `plot` false: the frame counts in the table and the load but gives no plot point (a
+  // replay's seek feeds the frames it jumps over this way).
+  void add(const MonitorFrame& frame, bool plot = true);
   void set_health(size_t channel, const ChannelHealth& health);
   // A text for the page's message line: a sticky one (a DBC that would not load) goes into every
   // full update, the others (a failed send) into the next update only.
   void note(std::string text, bool sticky = false);
   // Forgets the table, counts and statistics (the page's Clear).
   void clear();
+  // After a replay's seek fed the frames up to the new time: the trace lists the frames just
+  // before it rather than counting the jumped-over ones as not listed.
+  void settle_after_seek();
+  // A replay's position, for the page's slider: in every update from now on.
+  void set_replay(const ReplayState& replay) { replay_ = replay; }
 
   // The update of the interval that ends at `now_us`: with `full`, every table row (for a page
   // that just connected or lost updates), else the rows that changed. Call end_interval() after
@@ -102,6 +112,7 @@ class MonitorModel {
   std::vector<std::string> notes_, sticky_notes_;
   std::vector<double> values_;
   std::vector<uint8_t> selected_;
+  std::optional<ReplayState> replay_;
 };
 
 }  // namespace varnel_cli::monitor
