@@ -275,6 +275,9 @@ def replay_slider(varnel):
                     time.sleep(0.5)  # paused: nothing more comes
                     assert page.js(shown) == expected, (t, page.js(shown), expected)
                     assert page.js("document.querySelector('#replay-time').textContent").startswith(f"{t:.3f} s of 59.9")
+                    if t == 7.5:  # 0x100 alone in the second before: 100 frames
+                        load = page.js("window.monitorState.channels[0].load")
+                        assert abs(load - 100 * classic_frame_bits(0x100, b"\1\2") / 5000) < 0.01, load
                 chromium.terminate()
                 chromium.wait(10)
         finally:

@@ -88,7 +88,7 @@ const MonitorModel::MessageMeta& MonitorModel::message_of(uint32_t msg_id) {
   return meta;
 }
 
-void MonitorModel::add(const MonitorFrame& frame, bool plot) {
+void MonitorModel::add_frame(const MonitorFrame& frame, bool plot, bool load) {
   if (frame.channel >= state_.size()) return;
   ChannelState& channel = state_[frame.channel];
   if (is_device_event(frame.msg)) {
@@ -100,7 +100,7 @@ void MonitorModel::add(const MonitorFrame& frame, bool plot) {
     return;
   }
   const BusFrame bus = bus_frame_of(frame.msg);
-  channel.load.add(bus, frame.at_us);
+  if (load) channel.load.add(bus, frame.at_us);
   channel.ids.add(bus, frame.at_us);
   ++channel.frames;
   changed_rows_.insert({frame.channel, IdStatistics::key_of(bus)});

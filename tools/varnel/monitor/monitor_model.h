@@ -49,9 +49,13 @@ class MonitorModel {
   // `db` may be 0 (no decoding).
   MonitorModel(std::vector<ChannelInfo> channels, DBC_HANDLE db, MonitorLimits limits = {});
 
-  // `plot` false: the frame counts in the table and the load but gives no plot point (a
-  // replay's seek feeds the frames it jumps over this way).
-  void add(const MonitorFrame& frame, bool plot = true);
+  void add(const MonitorFrame& frame) { add_frame(frame, true, true); }
+  // A frame a replay's seek goes over on its way to `to_us`: counted in the table, in the load
+  // only when within its window before `to_us` (the bit counting is most of a frame's cost),
+  // and without a plot point (the page does not plot the span a seek jumps).
+  void add_jumped(const MonitorFrame& frame, uint64_t to_us) {
+    add_frame(frame, false, frame.at_us + limits_.load_window_us >= to_us);
+  }
   void set_health(size_t channel, const ChannelHealth& health);
   // A text for the page's message line: a sticky one (a DBC that would not load) goes into every
   // full update, the others (a failed send) into the next update only.
@@ -90,6 +94,7 @@ class MonitorModel {
   };
   using RowKey = std::pair<size_t, IdStatistics::Key>;
 
+  void add_frame(const MonitorFrame& frame, bool plot, bool load);
   const MessageMeta& message_of(uint32_t msg_id);
   void decode_into_plots(const MonitorFrame& frame, const MessageMeta& meta);
   void append_channels(std::string& out, uint64_t now_us);

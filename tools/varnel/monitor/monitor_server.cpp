@@ -361,12 +361,13 @@ class Monitor {
     const std::optional<bool> from_start = source_->seek(at_us);
     if (!from_start) return;
     if (*from_start) model_.clear();
+    const uint64_t to_us = source_->replay_state()->seek_us;  // held within the log's span
     std::vector<MonitorFrame> frames;
     std::string message;
     while (source_->seeking()) {
       frames.clear();
       source_->fetch(frames, message);
-      for (const MonitorFrame& f : frames) model_.add(f, false);
+      for (const MonitorFrame& f : frames) model_.add_jumped(f, to_us);
     }
     model_.settle_after_seek();
     seeked_ = true;
