@@ -7,9 +7,9 @@ screenshot, and checks that a page that stops reading loses its oldest updates (
 the whole state again) while the capture goes on.
 
 With `loss` as fourth argument: the host queue loss and bad DBC case instead; with `families`:
-LIN, UART and K-line channels.
+LIN, UART and K-line channels; with `replay`, the replay's time slider.
 
-usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR [loss|families]   (exit 77: skipped, no chromium)"""
+usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR [loss|families|replay]   (exit 77: skipped, no chromium)"""
 import json
 import os
 import shutil
@@ -351,6 +351,59 @@ def other_families(varnel, artefacts):
     return 0
 
 
+def replay_slider(varnel):
+    """A log with known times played at its own pace: paused, moved by the slider forwards, back
+    before an identifier's first frame, and on by a key, the table counts the frames up to the
+    slider's time (a frame exactly at it included)."""
+    base = 1700000000
+    times = {"100": [i / 100 + (0.003 if i % 2 else 0) for i in range(6000)],  # 10 ms, jittered
+             "18DAF110": [8 + i * 0.037 for i in range(1400)]}
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as work:
+        log = os.path.join(work, "replay.log")
+        lines = [(t, f"({base + t:.6f}) can0 {i}#{'0102' if len(i) == 3 else '03'}")
+                 for i, ts in times.items() for t in ts]
+        with open(log, "w") as f:
+            f.writelines(line + "\n" for _, line in sorted(lines))
+        monitor = subprocess.Popen([varnel, "monitor", "--replay", log, "--port", "0"],
+                                   stdout=subprocess.PIPE, text=True)
+        chromium = None
+        try:
+            url = monitor.stdout.readline().strip().split(" ", 1)[1]
+            with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+                chromium, ws_url = start_chromium(url, profile)
+                page = DevTools(ws_url)
+                page.wait_for("window.monitorState && !!window.monitorState.replay")
+                page.js("document.querySelector('#replay-play').click()")
+                page.wait_for("window.monitorState.replay.paused")
+                for how, t in [("slider", 41.23), ("slider", 7.5), ("ArrowRight", 8.5)]:
+                    if how == "slider":
+                        page.js(f"(s => {{ s.value = '{t}'; s.dispatchEvent(new Event('change')); }})"
+                                "(document.querySelector('#replay-slider'))")
+                    else:
+                        page.call("Input.dispatchKeyEvent", type="keyDown", key=how, code=how)
+                    expected = {i: sum(1 for x in ts if x <= t + 1e-9) for i, ts in times.items()}
+                    shown = ("Object.fromEntries(['100', '18DAF110'].map(i => [i, +(document.querySelector("
+                             "`#rows tr[data-id='${i}'] .count`) || {textContent: 0}).textContent]))")
+                    page.wait_for(f"window.monitorState.replay.at == {(base + t) * 1e6:.0f}"
+                                  f" && JSON.stringify({shown}) == '{json.dumps(expected, separators=(',', ':'))}'")
+                    time.sleep(0.5)  # paused: nothing more comes
+                    assert page.js(shown) == expected, (t, page.js(shown), expected)
+                    assert page.js("document.querySelector('#replay-time').textContent").startswith(f"{t:.3f} s of 59.9")
+                    if t == 7.5:  # 0x100 alone in the second before: 100 frames
+                        load = page.js("window.monitorState.channels[0].load")
+                        assert abs(load - 100 * classic_frame_bits(0x100, b"\1\2") / 5000) < 0.01, load
+                chromium.terminate()
+                chromium.wait(10)
+        finally:
+            if chromium and chromium.poll() is None:
+                chromium.kill()
+            monitor.send_signal(signal.SIGINT)
+            code = monitor.wait(15)
+    assert code == 0, f"the monitor ended with {code} on Ctrl-C"
+    print("ok: the replay slider's table counts the frames up to its time")
+    return 0
+
+
 def main():
     varnel, dbc, artefacts = sys.argv[1:4]
     if not shutil.which("chromium"):
@@ -362,6 +415,8 @@ def main():
     if len(sys.argv) > 4 and sys.argv[4] == "families":
         os.makedirs(artefacts, exist_ok=True)
         return other_families(varnel, artefacts)
+    if len(sys.argv) > 4 and sys.argv[4] == "replay":
+        return replay_slider(varnel)
     os.makedirs(artefacts, exist_ok=True)
     monitor = subprocess.Popen(
         [varnel, "--sim-traffic", f"{FRAME_ID:03X}#{FRAME_DATA.hex().upper()}@{PERIOD_MS}",

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,15 @@ class FrameSource {
   virtual int send(size_t /*channel*/, const CANFD_MSG& /*frame*/) { return -1; }
   // Releases what the source opened (the monitor calls it on Ctrl-C).
   virtual void close() {}
+
+  // A replay's slider; nullopt for live channels, which cannot be moved in time.
+  virtual std::optional<ReplayState> replay_state() const { return std::nullopt; }
+  virtual void set_paused(bool /*paused*/) {}
+  // Moves a replay to `at_us` (held within the log's span). Nullopt where the source cannot;
+  // true when it goes back to the log's start, so the model must be cleared first. Until
+  // seeking() is false again, fetch() gives the frames up to that time without waiting.
+  virtual std::optional<bool> seek(uint64_t /*at_us*/) { return std::nullopt; }
+  virtual bool seeking() const { return false; }
 };
 
 // Live channels, by name (canN or HANDLE:CH) with the same rates for all. Prints why not and

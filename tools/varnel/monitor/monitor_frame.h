@@ -37,6 +37,14 @@ struct ChannelHealth {
   int64_t reconnects = 0;
 };
 
+// Where a replayed log stands, for the page's time slider (log time, µs).
+struct ReplayState {
+  uint64_t first_us = 0, last_us = 0;  // the log's first and last time stamps
+  uint64_t at_us = 0;                  // the position: the frames up to it are in the model
+  uint64_t seeks = 0, seek_us = 0;     // how often it was moved, and where to the last time
+  bool paused = false, fast = false, ended = false;
+};
+
 inline bool is_device_event(const CANFD_MSG& msg) {
   return msg.Id == VARNEL_CANFD_EVENT_ID;
 }

@@ -88,7 +88,7 @@ const MonitorModel::MessageMeta& MonitorModel::message_of(uint32_t msg_id) {
   return meta;
 }
 
-void MonitorModel::add(const MonitorFrame& frame) {
+void MonitorModel::add_frame(const MonitorFrame& frame, bool plot, bool load) {
   if (frame.channel >= state_.size()) return;
   ChannelState& channel = state_[frame.channel];
   if (is_device_event(frame.msg)) {
@@ -100,14 +100,14 @@ void MonitorModel::add(const MonitorFrame& frame) {
     return;
   }
   const BusFrame bus = bus_frame_of(frame.msg);
-  channel.load.add(bus, frame.at_us);
+  if (load) channel.load.add(bus, frame.at_us);
   channel.ids.add(bus, frame.at_us);
   ++channel.frames;
   changed_rows_.insert({frame.channel, IdStatistics::key_of(bus)});
   trace_[trace_next_] = frame;
   trace_next_ = (trace_next_ + 1) % trace_.size();
   ++trace_seen_;
-  if (db_ && !bus.remote) decode_into_plots(frame, message_of(frame.msg.Id & 0x9FFFFFFFu));
+  if (plot && db_ && !bus.remote) decode_into_plots(frame, message_of(frame.msg.Id & 0x9FFFFFFFu));
 }
 
 void MonitorModel::decode_into_plots(const MonitorFrame& frame, const MessageMeta& meta) {
@@ -144,6 +144,18 @@ void MonitorModel::clear() {
   trace_seen_ = 0;
   plots_.clear();
   points_.clear();
+}
+
+std::string replay_json(const ReplayState& r) {
+  return "{\"first\":" + std::to_string(r.first_us) + ",\"last\":" + std::to_string(r.last_us) +
+         ",\"at\":" + std::to_string(r.at_us) + ",\"seeks\":" + std::to_string(r.seeks) +
+         ",\"seek\":" + std::to_string(r.seek_us) + ",\"paused\":" + (r.paused ? "true" : "false") +
+         ",\"fast\":" + (r.fast ? "true" : "false") + ",\"ended\":" + (r.ended ? "true" : "false") +
+         "}";
+}
+
+void MonitorModel::settle_after_seek() {
+  trace_seen_ = std::min<uint64_t>(trace_seen_, trace_.size());
 }
 
 namespace {
@@ -326,7 +338,9 @@ std::string MonitorModel::update_json(uint64_t now_us, bool full) {
     if (i) out += ",";
     append_json_string(out, notes[i]);
   }
-  out += "]}";
+  out += "]";
+  if (replay_) out += ",\"replay\":" + replay_json(*replay_);
+  out += "}";
   return out;
 }
 

@@ -41,18 +41,32 @@ struct MonitorLimits {
   Stuffing stuffing = Stuffing::kExact;
 };
 
+// A replay's position as the page's slider reads it (times in µs of the log).
+std::string replay_json(const ReplayState& replay);
+
 class MonitorModel {
  public:
   // `db` may be 0 (no decoding).
   MonitorModel(std::vector<ChannelInfo> channels, DBC_HANDLE db, MonitorLimits limits = {});
 
-  void add(const MonitorFrame& frame);
+  void add(const MonitorFrame& frame) { add_frame(frame, true, true); }
+  // A frame a replay's seek goes over on its way to `to_us`: counted in the table, in the load
+  // only when within its window before `to_us` (the bit counting is most of a frame's cost),
+  // and without a plot point (the page does not plot the span a seek jumps).
+  void add_jumped(const MonitorFrame& frame, uint64_t to_us) {
+    add_frame(frame, false, frame.at_us + limits_.load_window_us >= to_us);
+  }
   void set_health(size_t channel, const ChannelHealth& health);
   // A text for the page's message line: a sticky one (a DBC that would not load) goes into every
   // full update, the others (a failed send) into the next update only.
   void note(std::string text, bool sticky = false);
   // Forgets the table, counts and statistics (the page's Clear).
   void clear();
+  // After a replay's seek fed the frames up to the new time: the trace lists the frames just
+  // before it rather than counting the jumped-over ones as not listed.
+  void settle_after_seek();
+  // A replay's position, for the page's slider: in every update from now on.
+  void set_replay(const ReplayState& replay) { replay_ = replay; }
 
   // The update of the interval that ends at `now_us`: with `full`, every table row (for a page
   // that just connected or lost updates), else the rows that changed. Call end_interval() after
@@ -80,6 +94,7 @@ class MonitorModel {
   };
   using RowKey = std::pair<size_t, IdStatistics::Key>;
 
+  void add_frame(const MonitorFrame& frame, bool plot, bool load);
   const MessageMeta& message_of(uint32_t msg_id);
   void decode_into_plots(const MonitorFrame& frame, const MessageMeta& meta);
   void append_channels(std::string& out, uint64_t now_us);
@@ -102,6 +117,7 @@ class MonitorModel {
   std::vector<std::string> notes_, sticky_notes_;
   std::vector<double> values_;
   std::vector<uint8_t> selected_;
+  std::optional<ReplayState> replay_;
 };
 
 }  // namespace varnel_cli::monitor

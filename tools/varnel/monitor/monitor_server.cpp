@@ -123,6 +123,7 @@ class Monitor {
     bool ended = false;
     while (!stop_requested) {
       frames.clear();
+      std::unique_lock feed(feed_mutex_);  // no frame fetched before a seek is added after it
       std::string message;
       if (!ended && !source_->fetch(frames, message)) {
         ended = true;  // the page stays up with what it has
@@ -152,6 +153,7 @@ class Monitor {
         family_view_.add(family_batch);
         if (recording_) recording_->write(family_batch);
       }
+      feed.unlock();
       if (frames.empty() && family_batch.empty())
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -167,9 +169,15 @@ class Monitor {
       {
         std::lock_guard lock(mutex_);
         const uint64_t now = source_->now_us();
-        delta = std::make_shared<const std::string>(
-            with_families(model_.update_json(now, false), false));
-        if (hub_.any_wants_full())
+        if (auto replay = source_->replay_state()) model_.set_replay(*replay);
+        if (seeked_.exchange(false)) {  // every page drops the rows the seek went back before
+          delta = full = std::make_shared<const std::string>(
+              with_families(model_.update_json(now, true), true));
+        } else {
+          delta = std::make_shared<const std::string>(
+              with_families(model_.update_json(now, false), false));
+        }
+        if (!full && hub_.any_wants_full())
           full = std::make_shared<const std::string>(
               with_families(model_.update_json(now, true), true));
         model_.end_interval();
@@ -331,6 +339,9 @@ class Monitor {
       }
       res.set_content(info_json(), "application/json");
     });
+    server_.Post("/replay", [this](const httplib::Request& req, httplib::Response& res) {
+      if (admitted(req, res) && same_origin(req, res)) control_replay(req, res);
+    });
     server_.Post("/send", [this](const httplib::Request& req, httplib::Response& res) {
       if (!admitted(req, res) || !same_origin(req, res)) return;
       if (!options_.allow_send) {
@@ -345,6 +356,49 @@ class Monitor {
       res.set_content(body + "}", "application/json");
       if (!error.empty()) res.status = 400;
     });
+  }
+
+  // seek=SECONDS (from the log's start) and play=1 or 0 for a replay; answers where it stands.
+  // The frames up to the new time are fed before the answer, so the next update shows them.
+  void control_replay(const httplib::Request& req, httplib::Response& res) {
+    if (!source_->replay_state()) {
+      res.status = 404;
+      res.set_content("{\"error\":\"not a replay\"}", "application/json");
+      return;
+    }
+    if (req.has_param("play")) source_->set_paused(req.get_param_value("play") != "1");
+    if (req.has_param("seek")) {
+      char* end = nullptr;
+      const std::string text = req.get_param_value("seek");
+      const double seconds = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end || !std::isfinite(seconds)) {
+        res.status = 400;
+        res.set_content("{\"error\":\"seek takes seconds from the log's start\"}",
+                        "application/json");
+        return;
+      }
+      const uint64_t first = source_->replay_state()->first_us;
+      seek_replay(seconds <= 0 ? first : first + uint64_t(std::llround(seconds * 1e6)));
+    }
+    res.set_content(replay_json(*source_->replay_state()), "application/json");
+  }
+
+  void seek_replay(uint64_t at_us) {
+    std::lock_guard feed(feed_mutex_);
+    std::lock_guard lock(mutex_);
+    const std::optional<bool> from_start = source_->seek(at_us);
+    if (!from_start) return;
+    if (*from_start) model_.clear();
+    const uint64_t to_us = source_->replay_state()->seek_us;  // held within the log's span
+    std::vector<MonitorFrame> frames;
+    std::string message;
+    while (source_->seeking()) {
+      frames.clear();
+      source_->fetch(frames, message);
+      for (const MonitorFrame& f : frames) model_.add_jumped(f, to_us);
+    }
+    model_.settle_after_seek();
+    seeked_ = true;
   }
 
   // channel=N and either frame=123#DEADBEEF or message=NAME with a field per signal (the others
@@ -423,7 +477,9 @@ class Monitor {
   MonitorOptions options_;
   std::unique_ptr<FrameSource> source_;
   DBC_HANDLE db_;
-  std::mutex mutex_;  // the model, and the recording file while frames are written
+  std::mutex mutex_;                 // the model, and the recording file while frames are written
+  std::mutex feed_mutex_;            // held from a fetch until its frames are in the model
+  std::atomic<bool> seeked_{false};  // a replay was moved: the next update is whole
   MonitorModel model_;
   UpdateHub hub_;
   httplib::Server server_;

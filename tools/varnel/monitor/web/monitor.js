@@ -58,6 +58,10 @@ function onUpdate(message) {
   state.channels = update.channels;
   if (update.full) { state.rows.clear(); $('rows').textContent = ''; }
   for (const r of update.rows) { state.rows.set(rowKey(r), r); state.dirty.add(rowKey(r)); }
+  if (update.replay) {
+    if (update.replay.seeks !== state.seeks) afterSeek(update.replay);
+    showReplay(update.replay);
+  }
   addPoints(update.points);
   if (update.families) addFamilies(update.families);
   for (const note of update.notes) showNote(note);
@@ -277,6 +281,78 @@ function drawChart() {
   }
 }
 
+// ----- replay slider ---------------------------------------------------------------------------
+// Every update of a replay says where it stands; the slider spans the log's first to last time
+// stamp and shows seconds from the first. While the slider is held (and until the server has
+// gone where it was let go) the updates do not move it.
+function showReplay(r) {
+  state.replay = r;
+  $('replay').hidden = false;
+  const span = (r.last - r.first) / 1e6, at = (r.at - r.first) / 1e6;
+  const slider = $('replay-slider');
+  slider.max = span.toFixed(6);
+  if (!state.sliderHeld) slider.value = at;
+  const shown = state.sliderHeld ? +slider.value : at;
+  const mode = r.ended ? ' end' : r.paused ? ' paused' : r.fast ? ' fast' : '';
+  $('replay-time').textContent = `${shown.toFixed(3)} s of ${span.toFixed(3)} s${mode}`;
+  $('replay-play').textContent = r.paused || r.ended ? '▶ Play' : '❚❚ Pause';
+}
+
+// The server fed the frames up to the new time and sends the whole table with this update: the
+// trace starts again, and the plots keep only what they had drawn before that time (a span
+// jumped over forwards stays empty).
+function afterSeek(r) {
+  state.seeks = r.seeks;
+  const cut = r.seek / 1e6;
+  for (const h of state.history.values()) {
+    let keep = h.t.length;
+    while (keep > 0 && h.t[keep - 1] > cut) keep--;
+    for (const k of ['t', 'min', 'max', 'last']) h[k].length = keep;
+  }
+  state.trace = []; state.traceSkipped = 0;
+  if (state.plotted.length) drawChart();
+}
+
+function seekReplay(seconds, play) {
+  const r = state.replay;
+  const body = { seek: Math.min(Math.max(0, seconds), (r.last - r.first) / 1e6).toFixed(6) };
+  if (play !== undefined) body.play = play ? '1' : '0';
+  state.sliderHeld = true;
+  $('replay-slider').value = body.seek;
+  return post('replay', body).then((answer) => { state.sliderHeld = false; showReplay(answer); },
+    () => { state.sliderHeld = false; });
+}
+
+function togglePlay() {
+  const r = state.replay;
+  if (!r) return;
+  if (r.ended) seekReplay(0, true);  // as a video player does: play again from the start
+  else post('replay', { play: r.paused ? '1' : '0' }).then(showReplay);
+}
+
+// Space plays or pauses; ← → move 1 s (10 s with Shift), Home and End go to the ends. Not while
+// typing into a field.
+function replayKey(e) {
+  const r = state.replay;
+  if (!r || e.ctrlKey || e.altKey || e.metaKey) return;
+  if (e.target.matches('input:not([type=range]), select, textarea')) return;
+  if (e.key === ' ' && e.target.tagName === 'BUTTON') return;  // the button's own click
+  const at = (r.at - r.first) / 1e6, step = e.shiftKey ? 10 : 1;
+  const to = { ArrowLeft: at - step, ArrowRight: at + step, Home: 0, End: Infinity }[e.key];
+  if (e.key === ' ') togglePlay();
+  else if (to !== undefined) seekReplay(to);
+  else return;
+  e.preventDefault();
+}
+
+function setupReplay() {
+  const slider = $('replay-slider');
+  slider.oninput = () => { state.sliderHeld = true; if (state.replay) showReplay(state.replay); };
+  slider.onchange = () => seekReplay(+slider.value);
+  $('replay-play').onclick = togglePlay;
+  document.addEventListener('keydown', replayKey);
+}
+
 // ----- controls --------------------------------------------------------------------------------
 function post(path, body) {
   return fetch(withToken(path), {
@@ -445,6 +521,7 @@ function setup() {
     for (const input of $('send-signals').querySelectorAll('input')) body[input.name] = input.value;
     post('send', body).then(sendResult);
   };
+  setupReplay();
   if (!chartAvailable()) $('chart-missing').hidden = false;
   fetch(withToken('info')).then((r) => r.json()).then(showInfo);
   const events = new EventSource(withToken('events'));
