@@ -88,6 +88,11 @@ TEST(FamilyView, UpdateCarriesTheNewestRowsAndBytesAndCountsThoseLeftOut) {
   EXPECT_NE(quiet.find(R"("lin":[],"kline":[],"uart":[]})"), std::string::npos) << quiet;
   EXPECT_NE(full.find(R"({"ch":0,"t":30,"id":"23")"), std::string::npos) << full;
   EXPECT_NE(full.find(R"("hex":"63646566")"), std::string::npos) << full;
+  batch.uart.clear();
+  batch.lin.resize(2);  // as many rows as an update carries, after one was carried: none skipped
+  view.add(batch);
+  const std::string next = view.json(false);
+  EXPECT_NE(next.find(R"("count":5,"errors":2,"skipped":1})"), std::string::npos) << next;
 }
 
 }  // namespace
