@@ -23,16 +23,13 @@ run (the warm-up: queues, page and charts filled) it measures until the end:
 """
 import argparse
 import os
-import signal
-import subprocess
 import sys
-import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(SOURCE, "tests", "monitor"))
-from monitor_page_test import DevTools, start_chromium  # noqa: E402
+from monitor_page_test import monitor_page  # noqa: E402
 
 TICKS = os.sysconf("SC_CLK_TCK")
 
@@ -67,42 +64,29 @@ def main():
     dbc = os.path.join(SOURCE, "tests", "cli", "data", "bench.dbc")
     traffic = ",".join(["123#E803021E00000000@1"] + [f"{0x200 + i:03X}#{args.data}@1" for i in range(args.ids)])
     per_ms = 1 + args.ids
-    monitor = subprocess.Popen(
-        [varnel, "--sim-can-peer", "1000000", "--sim-traffic", traffic, "monitor", "can0", "can1",
-         "-b", "1000000", "--dbc", dbc, "--port", "0"], stdout=subprocess.PIPE, text=True)
-    chromium = None
-    try:
-        url = monitor.stdout.readline().strip().split(" ", 1)[1]
-        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
-            chromium, ws_url = start_chromium(url, profile)
-            page = DevTools(ws_url)
-            page.wait_for("window.monitorState && window.monitorState.channels.length == 2")
-            page.call("Performance.enable")
-            # a signal on the chart, as a user watching the bus would have
-            page.wait_for("!!document.querySelector('[data-signal=\"can0/Engine.Speed\"]')")
-            page.js("document.querySelector('[data-signal=\"can0/Engine.Speed\"]').click()")
-            time.sleep(args.seconds / 6)
-            t0, cpu0, rss0 = time.monotonic(), cpu_seconds(monitor.pid), rss_mib(monitor.pid)
-            task0, script0 = metrics(page)
-            updates0 = page.js("window.monitorState.updates")
-            rss_samples = [rss0]
-            end = t0 + args.seconds * 5 / 6
-            while time.monotonic() < end:
-                time.sleep(min(5, max(0, end - time.monotonic())))
-                rss_samples.append(rss_mib(monitor.pid))
-            t1, cpu1 = time.monotonic(), cpu_seconds(monitor.pid)
-            task1, script1 = metrics(page)
-            updates1 = page.js("window.monitorState.updates")
-            # both from the same update
-            channels, rows = page.js("[window.monitorState.channels, "
-                                     "[...window.monitorState.rows.values()].map(r => [r.ch, r.id, r.count])]")
-            chromium.terminate()
-            chromium.wait(10)
-    finally:
-        if chromium and chromium.poll() is None:
-            chromium.kill()
-        monitor.send_signal(signal.SIGINT)
-        monitor.wait(30)
+    command = [varnel, "--sim-can-peer", "1000000", "--sim-traffic", traffic, "monitor", "can0",
+               "can1", "-b", "1000000", "--dbc", dbc, "--port", "0"]
+    with monitor_page(command) as (monitor, page, _):
+        page.wait_for("window.monitorState && window.monitorState.channels.length == 2")
+        page.call("Performance.enable")
+        # a signal on the chart, as a user watching the bus would have
+        page.wait_for("!!document.querySelector('[data-signal=\"can0/Engine.Speed\"]')")
+        page.js("document.querySelector('[data-signal=\"can0/Engine.Speed\"]').click()")
+        time.sleep(args.seconds / 6)
+        t0, cpu0, rss0 = time.monotonic(), cpu_seconds(monitor.pid), rss_mib(monitor.pid)
+        task0, script0 = metrics(page)
+        updates0 = page.js("window.monitorState.updates")
+        rss_samples = [rss0]
+        end = t0 + args.seconds * 5 / 6
+        while time.monotonic() < end:
+            time.sleep(min(5, max(0, end - time.monotonic())))
+            rss_samples.append(rss_mib(monitor.pid))
+        t1, cpu1 = time.monotonic(), cpu_seconds(monitor.pid)
+        task1, script1 = metrics(page)
+        updates1 = page.js("window.monitorState.updates")
+        # both from the same update
+        channels, rows = page.js("[window.monitorState.channels, "
+                                 "[...window.monitorState.rows.values()].map(r => [r.ch, r.id, r.count])]")
 
     span = t1 - t0
     fps = sum(c["fps"] for c in channels)

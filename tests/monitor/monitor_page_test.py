@@ -10,6 +10,8 @@ With `loss` as fourth argument: the host queue loss and bad DBC case instead; wi
 LIN, UART and K-line channels; with `replay`, the replay's time slider.
 
 usage: monitor_page_test.py VARNEL DBC ARTEFACT_DIR [loss|families|replay]   (exit 77: skipped, no chromium)"""
+import base64
+import contextlib
 import json
 import os
 import shutil
@@ -99,6 +101,34 @@ def start_chromium(url, profile):
     raise AssertionError("chromium gave no DevTools address")
 
 
+@contextlib.contextmanager
+def monitor_page(command, **popen):
+    """`varnel monitor` started with `command`, Chromium on its page: yields (monitor, page, url).
+    On the way out Chromium ends before its profile goes and the monitor gets its Ctrl-C; its exit
+    code is then monitor.returncode."""
+    monitor = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, **popen)
+    chromium = None
+    try:
+        first = monitor.stdout.readline().strip()
+        assert first.startswith("monitor: http://127.0.0.1:"), first
+        url = first.split(" ", 1)[1]
+        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+            chromium, ws_url = start_chromium(url, profile)
+            yield monitor, DevTools(ws_url), url
+            chromium.terminate()
+            chromium.wait(10)
+    finally:
+        if chromium and chromium.poll() is None:
+            chromium.kill()
+        monitor.send_signal(signal.SIGINT)
+        monitor.wait(30)
+
+
+def save_screenshot(page, path):
+    with open(path, "wb") as f:
+        f.write(base64.b64decode(page.call("Page.captureScreenshot", format="png")["data"]))
+
+
 def stalled_events(base, stall_s):
     """An event stream read by nobody for `stall_s`, then read: the updates it got."""
     host, port = base.split("//")[1].rstrip("/").split(":")
@@ -177,17 +207,11 @@ def host_queue_loss_and_bad_dbc(varnel, artefacts):
             f.write("this is not a database\n\x01\x02\n")
         os.mkfifo(pipe)
         reader = PipeReader(pipe)
-        monitor = subprocess.Popen(
-            [varnel, "--sim-can-peer", "1000000", "--sim-traffic", ",".join(f"{i:03X}#@1" for i in ids),
-             "monitor", "can0", "-b", "1000000", "--dbc", bad_dbc, "--record", pipe, "--port", "0"],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        chromium = None
+        command = [varnel, "--sim-can-peer", "1000000", "--sim-traffic",
+                   ",".join(f"{i:03X}#@1" for i in ids), "monitor", "can0", "-b", "1000000",
+                   "--dbc", bad_dbc, "--record", pipe, "--port", "0"]
         try:
-            first = monitor.stdout.readline().strip()
-            assert first.startswith("monitor: http://127.0.0.1:"), first
-            with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
-                chromium, ws_url = start_chromium(first.split(" ", 1)[1], profile)
-                page = DevTools(ws_url)
+            with monitor_page(command, stderr=subprocess.PIPE) as (monitor, page, _):
                 notes = "document.querySelector('#notes')"
                 note = page.wait_for(f"{notes} && {notes}.innerText.includes('broken.dbc') && {notes}.innerText")
                 page.wait_for('!!document.querySelector(\'#rows tr[data-id="109"]\')')
@@ -217,21 +241,13 @@ def host_queue_loss_and_bad_dbc(varnel, artefacts):
                 assert 20000 <= lost and abs(missing - lost) <= len(ids), (missing, state)
                 rows = page.js("document.querySelector('#rows tr[data-id=\"100\"]').innerText")
                 assert "100" in rows, rows
-                png = page.call("Page.captureScreenshot", format="png")["data"]
-                import base64
-                with open(os.path.join(artefacts, "monitor-loss.png"), "wb") as f:
-                    f.write(base64.b64decode(png))
-                chromium.terminate()
-                chromium.wait(10)
+                save_screenshot(page, os.path.join(artefacts, "monitor-loss.png"))
+                reader.reading.set()  # a monitor blocked on its recording could not stop
         finally:
-            if chromium and chromium.poll() is None:
-                chromium.kill()
             reader.reading.set()
-            monitor.send_signal(signal.SIGINT)
-            code = monitor.wait(15)
             reader.done = True
         stderr = monitor.stderr.read()
-    assert code == 0, f"the monitor ended with {code} on Ctrl-C"
+    assert monitor.returncode == 0, f"the monitor ended with {monitor.returncode} on Ctrl-C"
     assert stderr.count(f"monitor: {note.strip()}\n") == 1, (note, stderr)
     print("ok: a bad DBC is a note, host queue loss", lost, "shown in red, recording misses", missing)
     return 0
@@ -287,61 +303,43 @@ def other_families(varnel, artefacts):
     lin = "21@20,22#0102@20,23#A1A2!@50"
     with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as work:
         record = os.path.join(work, "families.pcapng")
-        monitor = subprocess.Popen(
-            [varnel, "--sim-lin-traffic", lin, "--sim-uart-traffic",
-             f"1#48690D0A@100,2#{kline.hex().upper()}@200", "monitor", "lin0", "uart1", "kline2",
-             "--record", record, "--port", "0"],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        chromium = None
-        try:
-            first = monitor.stdout.readline().strip()
-            assert first.startswith("monitor: http://127.0.0.1:"), first
-            with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
-                chromium, ws_url = start_chromium(first.split(" ", 1)[1], profile)
-                page = DevTools(ws_url)
-                panel = "document.querySelector('.family-channel[data-channel=\"%s\"]')"
-                rows = ("[...%s.querySelectorAll('tbody tr')].map(tr => [...tr.cells].map(td => "
-                        "[td.textContent, getComputedStyle(td).color]))")
-                lin_rows = page.wait_for(f"{panel % 'lin0'} && new Set({rows % (panel % 'lin0')}"
-                                         ".map(r => r[1][0])).size == 3 && " + rows % (panel % 'lin0'))
-                seen = {}
-                for _, frame_id, pid, data, check, (verdict, colour) in lin_rows:
-                    frame_id, data = int(frame_id[0], 16), bytes.fromhex(data[0])
-                    assert int(pid[0], 16) == lin_pid(frame_id), (frame_id, pid)
-                    expected = lin_verdict(frame_id, data, int(check[0], 16))
-                    assert verdict == expected, (frame_id, data.hex(), check, verdict)
-                    assert (colour == "rgb(204, 0, 0)") == (verdict == "bad"), (verdict, colour)
-                    seen[frame_id] = (data, int(check[0], 16), verdict)
-                pid23 = lin_pid(0x23)
-                assert seen[0x21][0] == bytes.fromhex("11223344") and seen[0x21][2] == "enhanced"
-                assert seen[0x22] == (b"\x01\x02", lin_checksum(b"\x01\x02", lin_pid(0x22)), "enhanced")
-                assert seen[0x23] == (b"\xA1\xA2", 255 - lin_checksum(b"\xA1\xA2", pid23), "bad")
+        command = [varnel, "--sim-lin-traffic", lin, "--sim-uart-traffic",
+                   f"1#48690D0A@100,2#{kline.hex().upper()}@200", "monitor", "lin0", "uart1",
+                   "kline2", "--record", record, "--port", "0"]
+        with monitor_page(command, stderr=subprocess.PIPE) as (monitor, page, _):
+            panel = "document.querySelector('.family-channel[data-channel=\"%s\"]')"
+            rows = ("[...%s.querySelectorAll('tbody tr')].map(tr => [...tr.cells].map(td => "
+                    "[td.textContent, getComputedStyle(td).color]))")
+            lin_rows = page.wait_for(f"{panel % 'lin0'} && new Set({rows % (panel % 'lin0')}"
+                                     ".map(r => r[1][0])).size == 3 && " + rows % (panel % 'lin0'))
+            seen = {}
+            for _, frame_id, pid, data, check, (verdict, colour) in lin_rows:
+                frame_id, data = int(frame_id[0], 16), bytes.fromhex(data[0])
+                assert int(pid[0], 16) == lin_pid(frame_id), (frame_id, pid)
+                expected = lin_verdict(frame_id, data, int(check[0], 16))
+                assert verdict == expected, (frame_id, data.hex(), check, verdict)
+                assert (colour == "rgb(204, 0, 0)") == (verdict == "bad"), (verdict, colour)
+                seen[frame_id] = (data, int(check[0], 16), verdict)
+            pid23 = lin_pid(0x23)
+            assert seen[0x21][0] == bytes.fromhex("11223344") and seen[0x21][2] == "enhanced"
+            assert seen[0x22] == (b"\x01\x02", lin_checksum(b"\x01\x02", lin_pid(0x22)), "enhanced")
+            assert seen[0x23] == (b"\xA1\xA2", 255 - lin_checksum(b"\xA1\xA2", pid23), "bad")
 
-                uart = page.wait_for(f"{panel % 'uart1'} && {panel % 'uart1'}.innerText.includes('|Hi..Hi..|')"
-                                     f" && {panel % 'uart1'}.innerText")
-                assert "48 69 0D 0A 48 69 0D 0A" in uart, uart
-                text = page.js(f"{panel % 'uart1'}.querySelector('.uart-text').textContent")
-                assert text.startswith("Hi\nHi\n"), text
+            uart = page.wait_for(f"{panel % 'uart1'} && {panel % 'uart1'}.innerText.includes('|Hi..Hi..|')"
+                                 f" && {panel % 'uart1'}.innerText")
+            assert "48 69 0D 0A 48 69 0D 0A" in uart, uart
+            text = page.js(f"{panel % 'uart1'}.querySelector('.uart-text').textContent")
+            assert text.startswith("Hi\nHi\n"), text
 
-                kline_rows = page.wait_for(f"{panel % 'kline2'} && {rows % (panel % 'kline2')}.length"
-                                           f" && {rows % (panel % 'kline2')}")
-                cells = [c[0] for c in kline_rows[0]]
-                assert cells[1:9] == ["81", "10", "F1", "3E", "", f"{kline[-1]:02X}", "ok",
-                                      " ".join(f"{b:02X}" for b in kline)], cells
+            kline_rows = page.wait_for(f"{panel % 'kline2'} && {rows % (panel % 'kline2')}.length"
+                                       f" && {rows % (panel % 'kline2')}")
+            cells = [c[0] for c in kline_rows[0]]
+            assert cells[1:9] == ["81", "10", "F1", "3E", "", f"{kline[-1]:02X}", "ok",
+                                  " ".join(f"{b:02X}" for b in kline)], cells
 
-                png = page.call("Page.captureScreenshot", format="png")["data"]
-                import base64
-                with open(os.path.join(artefacts, "monitor-families.png"), "wb") as f:
-                    f.write(base64.b64decode(png))
-                chromium.terminate()
-                chromium.wait(10)
-        finally:
-            if chromium and chromium.poll() is None:
-                chromium.kill()
-            monitor.send_signal(signal.SIGINT)
-            code = monitor.wait(15)
+            save_screenshot(page, os.path.join(artefacts, "monitor-families.png"))
         stderr = monitor.stderr.read()
-        assert code == 0, (code, stderr)
+        assert monitor.returncode == 0, (monitor.returncode, stderr)
         assert "UART bytes and K-line frames are not recorded" in stderr, stderr
         links, packets = pcapng_packets(record)
         assert links == [212], links  # one interface, the LIN channel's (LINKTYPE_LIN)
@@ -364,42 +362,28 @@ def replay_slider(varnel):
                  for i, ts in times.items() for t in ts]
         with open(log, "w") as f:
             f.writelines(line + "\n" for _, line in sorted(lines))
-        monitor = subprocess.Popen([varnel, "monitor", "--replay", log, "--port", "0"],
-                                   stdout=subprocess.PIPE, text=True)
-        chromium = None
-        try:
-            url = monitor.stdout.readline().strip().split(" ", 1)[1]
-            with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
-                chromium, ws_url = start_chromium(url, profile)
-                page = DevTools(ws_url)
-                page.wait_for("window.monitorState && !!window.monitorState.replay")
-                page.js("document.querySelector('#replay-play').click()")
-                page.wait_for("window.monitorState.replay.paused")
-                for how, t in [("slider", 41.23), ("slider", 7.5), ("ArrowRight", 8.5)]:
-                    if how == "slider":
-                        page.js(f"(s => {{ s.value = '{t}'; s.dispatchEvent(new Event('change')); }})"
-                                "(document.querySelector('#replay-slider'))")
-                    else:
-                        page.call("Input.dispatchKeyEvent", type="keyDown", key=how, code=how)
-                    expected = {i: sum(1 for x in ts if x <= t + 1e-9) for i, ts in times.items()}
-                    shown = ("Object.fromEntries(['100', '18DAF110'].map(i => [i, +(document.querySelector("
-                             "`#rows tr[data-id='${i}'] .count`) || {textContent: 0}).textContent]))")
-                    page.wait_for(f"window.monitorState.replay.at == {(base + t) * 1e6:.0f}"
-                                  f" && JSON.stringify({shown}) == '{json.dumps(expected, separators=(',', ':'))}'")
-                    time.sleep(0.5)  # paused: nothing more comes
-                    assert page.js(shown) == expected, (t, page.js(shown), expected)
-                    assert page.js("document.querySelector('#replay-time').textContent").startswith(f"{t:.3f} s of 59.9")
-                    if t == 7.5:  # 0x100 alone in the second before: 100 frames
-                        load = page.js("window.monitorState.channels[0].load")
-                        assert abs(load - 100 * classic_frame_bits(0x100, b"\1\2") / 5000) < 0.01, load
-                chromium.terminate()
-                chromium.wait(10)
-        finally:
-            if chromium and chromium.poll() is None:
-                chromium.kill()
-            monitor.send_signal(signal.SIGINT)
-            code = monitor.wait(15)
-    assert code == 0, f"the monitor ended with {code} on Ctrl-C"
+        with monitor_page([varnel, "monitor", "--replay", log, "--port", "0"]) as (monitor, page, _):
+            page.wait_for("window.monitorState && !!window.monitorState.replay")
+            page.js("document.querySelector('#replay-play').click()")
+            page.wait_for("window.monitorState.replay.paused")
+            for how, t in [("slider", 41.23), ("slider", 7.5), ("ArrowRight", 8.5)]:
+                if how == "slider":
+                    page.js(f"(s => {{ s.value = '{t}'; s.dispatchEvent(new Event('change')); }})"
+                            "(document.querySelector('#replay-slider'))")
+                else:
+                    page.call("Input.dispatchKeyEvent", type="keyDown", key=how, code=how)
+                expected = {i: sum(1 for x in ts if x <= t + 1e-9) for i, ts in times.items()}
+                shown = ("Object.fromEntries(['100', '18DAF110'].map(i => [i, +(document.querySelector("
+                         "`#rows tr[data-id='${i}'] .count`) || {textContent: 0}).textContent]))")
+                page.wait_for(f"window.monitorState.replay.at == {(base + t) * 1e6:.0f}"
+                              f" && JSON.stringify({shown}) == '{json.dumps(expected, separators=(',', ':'))}'")
+                time.sleep(0.5)  # paused: nothing more comes
+                assert page.js(shown) == expected, (t, page.js(shown), expected)
+                assert page.js("document.querySelector('#replay-time').textContent").startswith(f"{t:.3f} s of 59.9")
+                if t == 7.5:  # 0x100 alone in the second before: 100 frames
+                    load = page.js("window.monitorState.channels[0].load")
+                    assert abs(load - 100 * classic_frame_bits(0x100, b"\1\2") / 5000) < 0.01, load
+    assert monitor.returncode == 0, f"the monitor ended with {monitor.returncode} on Ctrl-C"
     print("ok: the replay slider's table counts the frames up to its time")
     return 0
 
@@ -418,60 +402,42 @@ def main():
     if len(sys.argv) > 4 and sys.argv[4] == "replay":
         return replay_slider(varnel)
     os.makedirs(artefacts, exist_ok=True)
-    monitor = subprocess.Popen(
-        [varnel, "--sim-traffic", f"{FRAME_ID:03X}#{FRAME_DATA.hex().upper()}@{PERIOD_MS}",
-         "monitor", "can0", "--dbc", dbc, "--port", "0"], stdout=subprocess.PIPE, text=True)
-    chromium = None
-    try:
-        first = monitor.stdout.readline().strip()
-        assert first.startswith("monitor: http://127.0.0.1:"), first
-        base = first.split(" ", 1)[1]
-        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
-            chromium, ws_url = start_chromium(base, profile)
-            page = DevTools(ws_url)
-            row = 'document.querySelector(\'#rows tr[data-id="123"]\')'
-            text = page.wait_for(f"{row} && {row}.innerText.includes('Coolant') && {row}.innerText")
-            for shown in ["Engine", "Speed=100 km/h", 'Gear=2 "Second"', "Coolant=-10 degC"]:
-                assert shown in text, (shown, text)
-            count = int(page.js(f"{row}.querySelector('.count').textContent"))
-            assert count > 0
+    command = [varnel, "--sim-traffic", f"{FRAME_ID:03X}#{FRAME_DATA.hex().upper()}@{PERIOD_MS}",
+               "monitor", "can0", "--dbc", dbc, "--port", "0"]
+    with monitor_page(command) as (monitor, page, base):
+        row = 'document.querySelector(\'#rows tr[data-id="123"]\')'
+        text = page.wait_for(f"{row} && {row}.innerText.includes('Coolant') && {row}.innerText")
+        for shown in ["Engine", "Speed=100 km/h", 'Gear=2 "Second"', "Coolant=-10 degC"]:
+            assert shown in text, (shown, text)
+        count = int(page.js(f"{row}.querySelector('.count').textContent"))
+        assert count > 0
 
-            # the load over the last second against this frame's bits at the rate shown
-            page.wait_for("window.monitorState.channels.length && window.monitorState.channels[0].fps >= 95")
-            channel = page.js("window.monitorState.channels[0]")
-            expected = channel["fps"] * classic_frame_bits(FRAME_ID, FRAME_DATA) / BITRATE * 100
-            assert abs(channel["load"] - expected) <= 0.01 * expected, (channel, expected)
-            assert 95 <= channel["fps"] <= 101, channel  # the window ends at the poller's last fetch
-            load_text = page.js("document.querySelector('#health .load').textContent")
-            assert load_text.endswith("%") and abs(float(load_text[:-1]) - channel["load"]) < 0.1
+        # the load over the last second against this frame's bits at the rate shown
+        page.wait_for("window.monitorState.channels.length && window.monitorState.channels[0].fps >= 95")
+        channel = page.js("window.monitorState.channels[0]")
+        expected = channel["fps"] * classic_frame_bits(FRAME_ID, FRAME_DATA) / BITRATE * 100
+        assert abs(channel["load"] - expected) <= 0.01 * expected, (channel, expected)
+        assert 95 <= channel["fps"] <= 101, channel  # the window ends at the poller's last fetch
+        load_text = page.js("document.querySelector('#health .load').textContent")
+        assert load_text.endswith("%") and abs(float(load_text[:-1]) - channel["load"]) < 0.1
 
-            page.js("document.querySelector('[data-signal=\"can0/Engine.Speed\"]').click()")
-            page.wait_for("window.monitorState.chart && window.monitorState.chart.data.datasets.length == 1"
-                          " && window.monitorState.chart.data.datasets[0].data.length > 3"
-                          " && window.monitorState.chart.data.datasets[0].data.every(p => p.y == 100)")
+        page.js("document.querySelector('[data-signal=\"can0/Engine.Speed\"]').click()")
+        page.wait_for("window.monitorState.chart && window.monitorState.chart.data.datasets.length == 1"
+                      " && window.monitorState.chart.data.datasets[0].data.length > 3"
+                      " && window.monitorState.chart.data.datasets[0].data.every(p => p.y == 100)")
 
-            before = int(page.js(f"{row}.querySelector('.count').textContent"))
-            updates = stalled_events(base, stall_s=12)
-            after = int(page.wait_for(f"{row}.querySelector('.count').textContent"))
-            # the capture did not wait for the stalled page: about 100 frames a second went on
-            assert after - before >= 1000, (before, after)
-            dropped = [u["dropped"] for u in updates]
-            assert dropped and max(dropped) > 0, dropped[:5]
-            first_loss = next(i for i, u in enumerate(updates) if u["dropped"] > 0)
-            assert any(u["update"]["full"] for u in updates[first_loss:]), "no whole state after the loss"
+        before = int(page.js(f"{row}.querySelector('.count').textContent"))
+        updates = stalled_events(base, stall_s=12)
+        after = int(page.wait_for(f"{row}.querySelector('.count').textContent"))
+        # the capture did not wait for the stalled page: about 100 frames a second went on
+        assert after - before >= 1000, (before, after)
+        dropped = [u["dropped"] for u in updates]
+        assert dropped and max(dropped) > 0, dropped[:5]
+        first_loss = next(i for i, u in enumerate(updates) if u["dropped"] > 0)
+        assert any(u["update"]["full"] for u in updates[first_loss:]), "no whole state after the loss"
 
-            png = page.call("Page.captureScreenshot", format="png")["data"]
-            import base64
-            with open(os.path.join(artefacts, "monitor.png"), "wb") as f:
-                f.write(base64.b64decode(png))
-            chromium.terminate()  # before its profile goes
-            chromium.wait(10)
-    finally:
-        if chromium and chromium.poll() is None:
-            chromium.kill()
-        monitor.send_signal(signal.SIGINT)
-        code = monitor.wait(15)
-    assert code == 0, f"the monitor ended with {code} on Ctrl-C"
+        save_screenshot(page, os.path.join(artefacts, "monitor.png"))
+    assert monitor.returncode == 0, f"the monitor ended with {monitor.returncode} on Ctrl-C"
     print("ok: page shows 0x123 decoded, load", channel["load"], "screenshot in", artefacts)
     return 0
 
