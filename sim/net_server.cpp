@@ -66,6 +66,22 @@ void send_all(int fd, const uint8_t* data, size_t size) {
   }
 }
 
+// How many bytes at the front of `bytes` are whole request packets (an 8-byte header, command and
+// length big-endian, then the payload). A header whose length is garbage ends the count with
+// everything: the adapter drops it and resynchronises, as it does on USB.
+size_t whole_packets(const std::vector<uint8_t>& bytes) {
+  size_t at = 0;
+  while (bytes.size() - at >= 8) {
+    const uint8_t* h = bytes.data() + at + 4;
+    const int32_t length =
+        int32_t((uint32_t{h[0]} << 24) | (uint32_t{h[1]} << 16) | (uint32_t{h[2]} << 8) | h[3]);
+    if (length < 0 || length > VirtualAdapter::kMaxRequestPayload) return bytes.size();
+    if (bytes.size() - at - 8 < size_t(length)) break;
+    at += 8 + size_t(length);
+  }
+  return at;
+}
+
 void close_fd(int& fd) {
   if (fd >= 0) ::close(fd);
   fd = -1;
@@ -85,6 +101,9 @@ struct NetServer::Slot {
   int listen_fd = -1;
   int reply_fd = -1;  // discovery answers leave from the adapter's own address
 
+  // One request at a time, whole, from its arrival to its immediate reply: with several hosts
+  // connected, a reply goes back down the connection its request came on.
+  std::mutex request_mutex;
   std::mutex mutex;  // guards the fields below; held while replies are taken and sent
   std::shared_ptr<Connection> current;  // the connection the last request came on
   std::vector<std::weak_ptr<Connection>> connections;
@@ -234,6 +253,7 @@ void NetServer::accept_loop(Slot& slot) {
     auto connection = std::make_shared<Connection>(fd);
     ++accepted_;
     {
+      std::lock_guard request(slot.request_mutex);  // not between a request and its reply
       std::lock_guard guard(slot.mutex);
       // What was queued for the last connection (a reply still trickling out, a late one) is
       // not sent down the new one: a peer that connects again starts a clean stream.
@@ -250,18 +270,25 @@ void NetServer::accept_loop(Slot& slot) {
 }
 
 void NetServer::reader_loop(Slot& slot, std::shared_ptr<Connection> connection) {
-  std::vector<uint8_t> buffer(kStreamChunk);
+  std::vector<uint8_t> buffer(kStreamChunk), pending;
   // A plain blocking receive: stop() and drop_connections() shut the socket down to end it.
   while (running_) {
     ssize_t n = ::recv(connection->fd, buffer.data(), buffer.size(), 0);
     if (n <= 0) break;
+    pending.insert(pending.end(), buffer.data(), buffer.data() + n);
+    const size_t whole = whole_packets(pending);
+    if (whole == 0) continue;  // the rest of the request is still on its way
     {
-      std::lock_guard guard(slot.mutex);
-      slot.current = connection;
+      std::lock_guard request(slot.request_mutex);
+      {
+        std::lock_guard guard(slot.mutex);
+        slot.current = connection;
+      }
+      slot.adapter->receive(pending.data(), whole);
+      // Replies a handler produced at once go out from this thread: no hand-over to the writer.
+      flush_replies(slot, std::chrono::milliseconds(0));
     }
-    slot.adapter->receive(buffer.data(), size_t(n));
-    // Replies a handler produced at once go out from this thread: no hand-over to the writer.
-    flush_replies(slot, std::chrono::milliseconds(0));
+    pending.erase(pending.begin(), pending.begin() + ptrdiff_t(whole));
   }
   std::lock_guard guard(slot.mutex);
   if (slot.current == connection) slot.current.reset();

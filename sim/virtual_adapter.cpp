@@ -6,9 +6,6 @@
 namespace sim {
 namespace {
 
-// The firmware's receive buffer; a header announcing more is garbage and is dropped.
-constexpr int32_t kMaxRequestPayload = 16 * 1024 * 1024;
-
 std::vector<uint8_t> header_bytes(uint32_t command, uint32_t length) {
   std::vector<uint8_t> header;
   append_be32(header, command);

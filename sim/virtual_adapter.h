@@ -80,6 +80,9 @@ using Handler = std::function<std::optional<Packet>(VirtualAdapter&, const Packe
 
 class VirtualAdapter {
  public:
+  // The firmware's receive buffer; a request header announcing more is garbage and is dropped.
+  static constexpr int32_t kMaxRequestPayload = 16 * 1024 * 1024;
+
   explicit VirtualAdapter(uint32_t handle);
   ~VirtualAdapter();
 

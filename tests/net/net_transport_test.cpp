@@ -1,7 +1,11 @@
 // The TCP packet stream against the virtual adapter daemon on loopback (on-demand connection,
 // reply limits, draining, reconnection, reference counting), and the varnel-sim program serving it.
+#include <arpa/inet.h>
 #include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -263,6 +267,66 @@ TEST_F(NetTransport, EachCallReadsItsOwnReply) {
   char ip[VARNEL_DEV_IP_ADDR_SIZE] = {};
   EXPECT_TRUE(DEV_GetIPAddr(kHandle, ip));
   EXPECT_STREQ(ip, "1.2.3.4");
+}
+
+// A host on a connection of its own: each request (header and payload in two writes, as a
+// stream may cut them) gets its reply within a second, or nullopt.
+struct RawHost {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  RawHost(const std::string& address, uint16_t port) {
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(port);
+    inet_pton(AF_INET, address.c_str(), &at.sin_addr);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+  }
+  ~RawHost() { close(fd); }
+  std::optional<std::vector<uint8_t>> ask(uint32_t command, const std::vector<uint8_t>& payload) {
+    std::vector<uint8_t> header;
+    sim::append_be32(header, command);
+    sim::append_be32(header, uint32_t(payload.size()));
+    send(fd, header.data(), header.size(), MSG_NOSIGNAL);
+    std::this_thread::sleep_for(50us);
+    send(fd, payload.data(), payload.size(), MSG_NOSIGNAL);
+    std::vector<uint8_t> reply;
+    const auto deadline = std::chrono::steady_clock::now() + 1s;
+    uint8_t chunk[256];
+    while (reply.size() < 8 || reply.size() < 8 + sim::be32(reply, 4)) {
+      pollfd p{fd, POLLIN, 0};
+      const auto left = deadline - std::chrono::steady_clock::now();
+      if (left <= 0s || poll(&p, 1, int(left / 1ms) + 1) != 1) return std::nullopt;
+      const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+      if (n <= 0) return std::nullopt;
+      reply.insert(reply.end(), chunk, chunk + n);
+    }
+    return reply;
+  }
+};
+
+// Two hosts on the same adapter at once (a dump beside a replay): each reply goes back down the
+// connection its request came on, and requests cut in two do not mix.
+TEST_F(NetTransport, TwoConnectionsEachGetTheirOwnReplies) {
+  auto daemon = start();
+  daemon->adapters[0]->on(0x0777, 0x0777, [](sim::VirtualAdapter&, const sim::Packet& request) {
+    return std::optional(sim::reply_with(request.command, request.payload));  // an echo
+  });
+  std::atomic<int> wrong{0};
+  auto host = [&](uint8_t who) {
+    RawHost raw(daemon->server->address_of(0), daemon->server->tcp_port());
+    for (uint8_t i = 0; i < 100; ++i) {
+      const std::vector<uint8_t> payload{who, i, 0x5A};
+      auto reply = raw.ask(0x0777, payload);
+      std::vector<uint8_t> expected;
+      sim::append_be32(expected, 0x0777);
+      sim::append_be32(expected, 3);
+      expected.insert(expected.end(), payload.begin(), payload.end());
+      if (reply != expected) ++wrong;
+    }
+  };
+  std::thread first(host, 1), second(host, 2);
+  first.join();
+  second.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 // Scans refresh the socket table while two threads call the same adapter.
