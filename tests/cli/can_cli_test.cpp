@@ -315,6 +315,7 @@ TEST(CanCli, GeneratorTakesCangensModesAndPrintsAsCangen) {
       {"0x53000001:0 -n 1 -f -I 1ABCDEF0 -L 12 -D 0102 -vv", 1,
        "  can2  1ABCDEF0  [12]  01 02 01 02 01 02 01 02 01 02 01 02\n"},
       {"0x12345678:0 -n 1 -R -I 7FF -L 4 -vv", 1, "  can0  7FF   [4]  remote request\n"},
+      {"can0 -n 1 -e -I 1FFFFFFF -L 1 -D 5A -v", 1, "  can0  1FFFFFFF#5A\n"},  // the highest
       {"can0 -n 258 -I 123 -L 2 -D i -v", 258,
        "  can0  123#FF.00\n  can0  123#00.01\n  can0  123#01.01\n"},
       {"can0 -n 2 -I 7FF -L 4 -R -v", 2, "  can0  7FF#R4\n  can0  7FF#R4\n"},
