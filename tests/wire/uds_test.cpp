@@ -346,6 +346,15 @@ TEST_F(Uds, IsoTimingRestartsTheWaitOnEveryWaitFrame) {
   iso_timing_ = 0;
 }
 
+// 0x7FF is still an 11-bit identifier: an answer on it, in a standard frame, is taken.
+TEST_F(Uds, AnswerOnTheHighestStandardIdentifierIsTaken) {
+  start(kClassic, {.request_id = 0x7F0, .response_id = 0x7FF});
+  addr_ = {0x7F0, 0x7FF, 0, 0, 0, 8};
+  ASSERT_EQ(request({0x3E, 0x00}), 0);
+  int r = 0;
+  EXPECT_EQ(response(&r, 500), (Bytes{0x7E, 0x00}));
+}
+
 // Without the receive poller, an answer that came after its request gave up waits in the
 // adapter; the next request drops it, so its response is its own.
 TEST_F(Uds, ALateAnswerIsNotTakenForTheNextOne) {
