@@ -51,13 +51,13 @@ inline std::optional<Timing> parse_timing(const std::string& text) {
   return timing;
 }
 
-// Parses the traffic list; on failure `bad_item` (when given) holds the item that did not parse
-// and `why` (when given) what is wrong with it.
-inline std::optional<std::vector<PeriodicFrame>> parse_traffic(const std::string& text,
-                                                               std::string* bad_item = nullptr,
-                                                               std::string* why = nullptr) {
+// Items "HEAD@MS" separated by commas (empty ones skipped), each head handed to
+// `parse_head(head, item, &why)`; false at the first item that does not parse, with the item in
+// `bad_item` and what is wrong with it in `why` (each when given).
+template <typename Item, typename ParseHead>
+bool parse_periodic_items(const std::string& text, std::vector<Item>& out, std::string* bad_item,
+                          std::string* why, ParseHead parse_head) {
   constexpr uint32_t kMaxPeriodMs = 3600000;
-  std::vector<PeriodicFrame> traffic;
   for (size_t start = 0; start <= text.size();) {
     size_t end = text.find(',', start);
     if (end == std::string::npos) end = text.size();
@@ -66,21 +66,38 @@ inline std::optional<std::vector<PeriodicFrame>> parse_traffic(const std::string
     if (item.empty()) continue;
     const size_t at = item.rfind('@');
     std::string reason = "no period: add @MS";
-    std::optional<CANFD_MSG> frame;
+    Item parsed;
+    bool head_parsed = false;
     std::optional<uint32_t> period;
     if (at != std::string::npos) {
-      frame = varnel::can_text::parse_frame(item.substr(0, at), &reason);
+      head_parsed = parse_head(item.substr(0, at), parsed, &reason);
       period = parse_positive(item.substr(at + 1), kMaxPeriodMs);
-      if (frame && !period)
+      if (head_parsed && !period)
         reason = "the period is a whole number of ms, 1-" + std::to_string(kMaxPeriodMs);
     }
-    if (!frame || !period) {
+    if (!head_parsed || !period) {
       if (bad_item) *bad_item = item;
       if (why) *why = reason;
-      return std::nullopt;
+      return false;
     }
-    traffic.push_back({*frame, *period});
+    parsed.period_ms = *period;
+    out.push_back(std::move(parsed));
   }
+  return true;
+}
+
+// Parses the traffic list; on failure `bad_item` (when given) holds the item that did not parse
+// and `why` (when given) what is wrong with it.
+inline std::optional<std::vector<PeriodicFrame>> parse_traffic(const std::string& text,
+                                                               std::string* bad_item = nullptr,
+                                                               std::string* why = nullptr) {
+  std::vector<PeriodicFrame> traffic;
+  const auto parse_head = [](const std::string& head, PeriodicFrame& f, std::string* reason) {
+    const auto frame = varnel::can_text::parse_frame(head, reason);
+    if (frame) f.frame = *frame;
+    return frame.has_value();
+  };
+  if (!parse_periodic_items(text, traffic, bad_item, why, parse_head)) return std::nullopt;
   return traffic;
 }
 

@@ -44,36 +44,10 @@ inline std::optional<std::vector<uint8_t>> parse_hex_bytes(const std::string& te
   return bytes;
 }
 
-// Items "HEAD@MS" separated by commas, each handed to `parse_head`; false (with the item in
-// `bad_item`) at the first one that does not parse.
-template <typename Item, typename ParseHead>
-bool parse_periodic_items(const std::string& text, std::vector<Item>& out, std::string* bad_item,
-                          ParseHead parse_head) {
-  constexpr uint32_t kMaxPeriodMs = 3600000;
-  for (size_t start = 0; start <= text.size();) {
-    size_t end = text.find(',', start);
-    if (end == std::string::npos) end = text.size();
-    const std::string item = text.substr(start, end - start);
-    start = end + 1;
-    if (item.empty()) continue;
-    const size_t at = item.rfind('@');
-    Item parsed;
-    std::optional<uint32_t> period;
-    if (at != std::string::npos) period = parse_positive(item.substr(at + 1), kMaxPeriodMs);
-    if (!period || !parse_head(item.substr(0, at), parsed)) {
-      if (bad_item) *bad_item = item;
-      return false;
-    }
-    parsed.period_ms = *period;
-    out.push_back(std::move(parsed));
-  }
-  return true;
-}
-
 inline std::optional<std::vector<PeriodicLinFrame>> parse_lin_traffic(
     const std::string& text, std::string* bad_item = nullptr) {
   std::vector<PeriodicLinFrame> out;
-  const bool ok = parse_periodic_items(text, out, bad_item, [](std::string head, auto& f) {
+  const auto parse_head = [](std::string head, auto& f, std::string*) {
     const size_t hash = head.find('#');
     const auto id = parse_hex_bytes(head.substr(0, hash), 1);
     if (!id || id->size() != 1 || (*id)[0] > 0x3F) return false;
@@ -87,15 +61,15 @@ inline std::optional<std::vector<PeriodicLinFrame>> parse_lin_traffic(
     if (!bytes || bytes->empty()) return false;
     f.data = *bytes;
     return true;
-  });
-  if (!ok) return std::nullopt;
+  };
+  if (!parse_periodic_items(text, out, bad_item, nullptr, parse_head)) return std::nullopt;
   return out;
 }
 
 inline std::optional<std::vector<PeriodicBytes>> parse_uart_traffic(
     const std::string& text, std::string* bad_item = nullptr) {
   std::vector<PeriodicBytes> out;
-  const bool ok = parse_periodic_items(text, out, bad_item, [](const std::string& head, auto& b) {
+  const auto parse_head = [](const std::string& head, auto& b, std::string*) {
     const size_t hash = head.find('#');
     if (hash != 1 || head[0] < '0' || head[0] > '7') return false;
     b.channel = uint8_t(head[0] - '0');
@@ -103,8 +77,8 @@ inline std::optional<std::vector<PeriodicBytes>> parse_uart_traffic(
     if (!bytes || bytes->empty()) return false;
     b.bytes = *bytes;
     return true;
-  });
-  if (!ok) return std::nullopt;
+  };
+  if (!parse_periodic_items(text, out, bad_item, nullptr, parse_head)) return std::nullopt;
   return out;
 }
 

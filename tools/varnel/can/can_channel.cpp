@@ -56,9 +56,6 @@ std::vector<OpenCanChannel> CanScan::every() const {
   return out;
 }
 
-namespace {
-
-// The set-up step of a CAN session: the channel started at the rates.
 CallResult init_can_channel(const ChannelTarget& t, const CanRates& rates) {
   const bool fd = is_fd_adapter(t.handle);
   const int rc = fd ? CANFD_Init2(t.handle, t.channel, rates.bitrate, rates.data_bitrate, 1, 1)
@@ -70,8 +67,6 @@ CallResult init_can_channel(const ChannelTarget& t, const CanRates& rates) {
                describe_result(rc, context).c_str());
   return CallResult::reported();
 }
-
-}  // namespace
 
 bool run_can_session(const SessionReport& report, const std::vector<OpenCanChannel>& channels,
                      const CanRates& rates, const std::function<CallResult()>& work) {

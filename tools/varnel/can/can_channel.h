@@ -35,6 +35,10 @@ struct CanRates {
 // for them (the call's -4 then), else the call itself.
 CallContext can_init_context(uint32_t handle, bool fd, uint32_t bitrate, uint32_t data_bitrate);
 
+// The set-up step of a CAN session: the channel started at the rates (CAN_Init2, or CANFD_Init2
+// on a CAN FD adapter); a failure is reported, named after the call and explained by the rates.
+CallResult init_can_channel(const ChannelTarget& t, const CanRates& rates);
+
 // One scan of the CAN channels, the adapters made reachable first (--sim), in which names are
 // resolved: the channels found are then opened without scanning again.
 class CanScan {

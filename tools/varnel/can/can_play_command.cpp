@@ -53,7 +53,7 @@ struct PlayOptions {
   bool verbose = false;                // -v
   unsigned count = 0;                  // -n; 0: every frame
   unsigned skip_s = 0;                 // -s; 0: keep every gap
-  uint32_t bitrate = 500000, data_bitrate = 2000000;
+  CanRates rates;                      // -b, --data-bitrate
 };
 
 // Where the frames of one log channel go.
@@ -300,13 +300,9 @@ CallResult open_and_play(const std::vector<uint32_t>& handles, size_t next, cons
       if (route.target != kStdout && route.id.handle == adapter.handle &&
           std::find(channels.begin(), channels.end(), route.id.channel) == channels.end())
         channels.push_back(route.id.channel);
-    const bool fd = is_fd_adapter(adapter.handle);
-    for (uint8_t channel : channels) {
-      const int rc = fd ? CANFD_Init2(adapter.handle, channel, o.bitrate, o.data_bitrate, 1, 1)
-                        : CAN_Init2(adapter.handle, channel, o.bitrate);
-      if (rc != 0)
-        return CallResult(rc, can_init_context(adapter.handle, fd, o.bitrate, o.data_bitrate));
-    }
+    for (uint8_t channel : channels)
+      if (const CallResult r = init_can_channel({adapter.handle, channel}, o.rates); r.code != 0)
+        return r;
     return 0;
   };
   const auto inner = [&](const ChannelTarget&) -> CallResult {
@@ -392,8 +388,7 @@ void add_can_play_command(CLI::App* can) {
   play->add_option("-n,--count", o->count, "stop after N frames");
   play->add_option("-s,--skip", o->skip_s, "shorten gaps longer than S seconds to nothing");
   play->add_flag("-v,--verbose", o->verbose, "print each frame sent: can1 (can0) 123#DEADBEEF");
-  play->add_option("-b,--bitrate", o->bitrate, "nominal bit rate (default 500000)");
-  play->add_option("--data-bitrate", o->data_bitrate, "CAN FD data bit rate (default 2000000)");
+  add_can_rates(play, o->rates);
   play->callback([o] { run_play(*o); });
 }
 
