@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "monitor/json_text.h"
+#include "src/lin/kline_frames.h"
 
 namespace varnel_cli::monitor {
 namespace {
@@ -40,12 +41,12 @@ std::string kline_row(size_t channel, const KlineFrame& f) {
   append_field(out, "bytes", hex_of(b.data(), b.size()));
   append_field(out, "verdict", !f.complete ? "incomplete" : f.checksum_ok ? "ok" : "bad");
   if (f.complete && !b.empty()) {
-    const bool addressed = (b[0] >> 6) >= 2;
+    const bool addressed = varnel::kline::has_addresses(b[0]);
     size_t at = 1;
     append_field(out, "tgt", addressed ? hex_of(&b[1], 1) : "");
     append_field(out, "src", addressed ? hex_of(&b[2], 1) : "");
     at += addressed ? 2 : 0;
-    if ((b[0] & 0x3F) == 0) ++at;  // the length byte
+    if (varnel::kline::length_bits(b[0]) == 0) ++at;  // the length byte
     if (at + 1 < b.size()) {
       append_field(out, "sid", hex_of(&b[at], 1));
       append_field(out, "data", hex_of(&b[at + 1], b.size() - at - 2));

@@ -2,14 +2,15 @@
 
 #include <utility>
 
+#include "src/lin/kline_frames.h"
+
 namespace varnel_cli::monitor {
 
 size_t KlineFramer::expected_size() const {
   if (pending_.empty()) return 0;
   const uint8_t fmt = pending_[0];
-  const size_t addresses = (fmt >> 6) >= 2 ? 2 : 0;
-  size_t header = 1 + addresses;
-  size_t length = fmt & 0x3F;
+  size_t header = varnel::kline::has_addresses(fmt) ? 3 : 1;
+  size_t length = varnel::kline::length_bits(fmt);
   if (length == 0) {  // a length byte after the addresses
     if (pending_.size() <= header) return 0;
     length = pending_[header];

@@ -53,10 +53,6 @@ void Recording::write(const std::vector<MonitorFrame>& frames) {
   capture_ ? (void)capture_->flush() : (void)std::fflush(log_);
 }
 
-}  // namespace varnel_cli::monitor
-
-namespace varnel_cli::monitor {
-
 void Recording::add_family_channels(const std::vector<FamilyChannelInfo>& channels) {
   bool left_out = false;
   for (const FamilyChannelInfo& c : channels) {
